@@ -1,0 +1,45 @@
+# The two commands of the README: `make demo` and `make test`. Each installs what is
+# missing, configures, builds and runs. SANITIZE=address,undefined or SANITIZE=thread
+# builds the same suite with a sanitizer, in a build folder of its own.
+
+SANITIZE ?=
+BUILD_TYPE ?= RelWithDebInfo
+JOBS ?= $(shell nproc)
+
+ifeq ($(SANITIZE),)
+BUILD_DIR ?= build
+else
+BUILD_DIR ?= build-$(subst $(comma),-,$(SANITIZE))
+endif
+comma := ,
+
+.PHONY: all bootstrap configure build test demo bench clean format
+
+all: build
+
+bootstrap:
+	@scripts/bootstrap
+
+$(BUILD_DIR)/build.ninja: | bootstrap
+	cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) \
+	    -DPLAYFILE_SANITIZE="$(SANITIZE)"
+
+configure: bootstrap $(BUILD_DIR)/build.ninja
+
+build: configure
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+
+test: build
+	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 600
+
+demo: build
+	$(BUILD_DIR)/tools/playfile demo
+
+bench: build
+	@for b in $(BUILD_DIR)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done
+
+format:
+	find host ole playfile backends tools tests bench -name '*.h' -o -name '*.cpp' | xargs clang-format -i
+
+clean:
+	rm -rf build build-*

@@ -1,0 +1,34 @@
+// The library's replacement of the eight global allocation operators. Every allocation
+// made by the library's code, and by the standard containers it instantiates, comes
+// from the host allocator. The allocator is looked up through OS() on every call and
+// never cached, so the operators work during static initialisation and after other
+// singletons are gone.
+#include "host/os/OS.h"
+
+#include <new>
+
+void* operator new(std::size_t size) { return OS()->allocator()->allocate(size); }
+
+void operator delete(void* p) noexcept(false) {
+    if (p) OS()->allocator()->release(p);
+}
+
+void* operator new[](std::size_t size) { return ::operator new(size); }
+
+void operator delete[](void* p) noexcept(false) { ::operator delete(p); }
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    try {
+        return ::operator new(size);
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
+    return ::operator new(size, tag);
+}
+
+void operator delete(void* p, const std::nothrow_t&) noexcept { ::operator delete(p); }
+
+void operator delete[](void* p, const std::nothrow_t&) noexcept { ::operator delete(p); }
