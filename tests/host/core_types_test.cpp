@@ -1,0 +1,104 @@
+// Cookies, the host vector, option sets and identity stamps.
+#include "host/core/Cookie.h"
+#include "host/core/IdStamp.h"
+#include "host/core/Strings.h"
+#include "host/core/configb.h"
+#include "support/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <thread>
+#include <vector>
+
+TEST(Cookie, TextFormRoundTripsAndIsSafeInFileNames) {
+    for (Cookie c : {Cookie('V', 0x1e240, 7, 0), Cookie('S', 0xffffffff, 0, 3),
+                     Cookie('E', 0, Cookie::kFillerWord, Cookie::kNoIndex)}) {
+        String text = c.asString();
+        EXPECT_EQ(Cookie(text, false), c) << text.c_str();
+        EXPECT_EQ(Cookie(c.asWString(), false), c);
+        for (char ch : text) EXPECT_TRUE(isalnum((unsigned char)ch) || ch == '_') << text.c_str();
+        // A material file name made from it parses back after the path helpers strip it.
+        WString file = joinPaths(WString(L"/media/drive 1"), c.asWString() + L".mov");
+        EXPECT_EQ(Cookie(stripPathAndExt(file), false), c);
+    }
+    EXPECT_EQ(Cookie('V', 0x1e240, 7, 0).asString(), "V0001e240_00000007_00");
+}
+
+TEST(Cookie, MalformedTextGivesAnInvalidCookieAndOptionallyALogLine) {
+    testing_support::LogCapture log;
+    for (const char* bad : {"", "V", "V0001e240_00000007", "V0001e240-00000007_00", "1000000000_00000000_00",
+                            "V0001e24g_00000007_00", "V0001e240_00000007_000"}) {
+        EXPECT_FALSE(Cookie(String(bad), false).valid()) << bad;
+    }
+    EXPECT_TRUE(log.lines().empty());
+    EXPECT_FALSE(Cookie(String("junk"), true).valid());
+    EXPECT_EQ(log.count("Cookie: cannot parse \"junk\"\n"), 1u);
+}
+
+TEST(Cookie, ConvertKeepsTheItemAndFillerIsRecognised) {
+    Cookie clip('E', 12, 34);
+    Cookie audio = convertCookie(clip, 'S', 2);
+    EXPECT_EQ(audio.type(), 'S');
+    EXPECT_EQ(audio.index(), 2);
+    EXPECT_TRUE(audio.sameItem(clip));
+    EXPECT_NE(audio, clip);
+    EXPECT_TRUE(Cookie('V', 1, 647).isFiller());
+    EXPECT_FALSE(Cookie('V', 647, 1).isFiller());
+    EXPECT_EQ(Cookie('V', 1, 2).compare(Cookie('V', 1, 3)), -1);
+    EXPECT_EQ(Cookie('V', 2, 0).compare(Cookie('V', 1, 3)), 1);
+}
+
+TEST(Vector, SearchAndEditOperations) {
+    Vector<int> v;
+    EXPECT_EQ(v.add(5), 0u);
+    EXPECT_EQ(v.add(7), 1u);
+    v.insert(6, 1);
+    v.insert(9, 100); // past the end appends
+    EXPECT_EQ(v, (Vector<int>{5, 6, 7, 9}));
+    EXPECT_EQ(v.locate(7), 2);
+    EXPECT_EQ(v.locate(8), -1);
+    EXPECT_EQ(v.intern(7), 2u);
+    EXPECT_EQ(v.intern(8), 4u);
+    EXPECT_TRUE(v.remove(6));
+    EXPECT_FALSE(v.remove(6));
+    v.removeIdx(0);
+    v.removeIdx(99); // out of range is ignored
+    EXPECT_EQ(v, (Vector<int>{7, 9, 8}));
+
+    Vector<int> other{1, 2};
+    v.consume(other);
+    EXPECT_TRUE(other.empty());
+    EXPECT_EQ(v, (Vector<int>{7, 9, 8, 1, 2}));
+    v.purge();
+    EXPECT_TRUE(v.empty());
+}
+
+TEST(configb, KeysInOrderTypedValuesAndTextRoundTrip) {
+    configb c;
+    c.set("zeta", int64_t(-3));
+    c.set("alpha", String("x=y"));
+    c.set("mid", 0.25);
+    EXPECT_TRUE(c.in("alpha"));
+    EXPECT_FALSE(c.in("beta"));
+    EXPECT_EQ(c.keys(), (std::vector<String>{"alpha", "mid", "zeta"}));
+    EXPECT_EQ(c.getInt("zeta"), -3);
+    EXPECT_EQ(c.getInt("alpha", 42), 42); // not a number
+    EXPECT_DOUBLE_EQ(c.getDouble("mid"), 0.25);
+    EXPECT_EQ(configb::fromText(c.toText()), c);
+}
+
+TEST(IdStamp, FreshStampsAreUniqueAcrossThreads) {
+    std::vector<std::vector<uint64_t>> made(4);
+    std::vector<std::thread> threads;
+    for (auto& out : made)
+        threads.emplace_back([&out] {
+            for (int i = 0; i < 10000; ++i) out.push_back(IdStamp::make().value());
+        });
+    for (auto& t : threads) t.join();
+    std::set<uint64_t> all;
+    for (auto& out : made) all.insert(out.begin(), out.end());
+    EXPECT_EQ(all.size(), 40000u);
+    EXPECT_FALSE(all.count(0));
+    EXPECT_FALSE(IdStamp().valid());
+}

@@ -1,0 +1,117 @@
+// The library's allocation operators route every request to the host allocator.
+#include "support/Allocators.h"
+
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+#include <new>
+#include <vector>
+
+using testing_support::CountingAllocator;
+using testing_support::FailingAllocator;
+
+namespace {
+
+// The library's own definitions, looked up in the library itself: in a sanitizer build
+// the process-wide operators belong to the sanitizer runtime, but the library's calls
+// still reach these.
+template <class Fn> Fn libraryOperator(const char* mangled) {
+    static void* lib = dlopen("libplayfile.so.0", RTLD_LAZY | RTLD_NOLOAD);
+    EXPECT_NE(lib, nullptr) << dlerror();
+    void* sym = lib ? dlsym(lib, mangled) : nullptr;
+    EXPECT_NE(sym, nullptr) << mangled;
+    return reinterpret_cast<Fn>(sym);
+}
+
+using NewFn = void* (*)(size_t);
+using DeleteFn = void (*)(void*);
+using NewNothrowFn = void* (*)(size_t, const std::nothrow_t&);
+using DeleteNothrowFn = void (*)(void*, const std::nothrow_t&);
+
+struct Operators {
+    NewFn newScalar = libraryOperator<NewFn>("_Znwm");
+    NewFn newArray = libraryOperator<NewFn>("_Znam");
+    DeleteFn deleteScalar = libraryOperator<DeleteFn>("_ZdlPv");
+    DeleteFn deleteArray = libraryOperator<DeleteFn>("_ZdaPv");
+    NewNothrowFn newScalarNothrow = libraryOperator<NewNothrowFn>("_ZnwmRKSt9nothrow_t");
+    NewNothrowFn newArrayNothrow = libraryOperator<NewNothrowFn>("_ZnamRKSt9nothrow_t");
+    DeleteNothrowFn deleteScalarNothrow = libraryOperator<DeleteNothrowFn>("_ZdlPvRKSt9nothrow_t");
+    DeleteNothrowFn deleteArrayNothrow = libraryOperator<DeleteNothrowFn>("_ZdaPvRKSt9nothrow_t");
+};
+
+} // namespace
+
+TEST(Allocation, AllEightOperatorsReachTheHostAllocator) {
+    Operators ops;
+    CountingAllocator counting;
+    {
+        ScopedAllocator scope(&counting);
+        ops.deleteScalar(ops.newScalar(16));
+        ops.deleteArray(ops.newArray(32));
+        ops.deleteScalarNothrow(ops.newScalarNothrow(48, std::nothrow), std::nothrow);
+        ops.deleteArrayNothrow(ops.newArrayNothrow(64, std::nothrow), std::nothrow);
+        ops.deleteScalar(nullptr); // releasing null reaches nobody
+    }
+    EXPECT_EQ(counting.allocations.load(), 4u);
+    EXPECT_EQ(counting.releases.load(), 4u);
+    EXPECT_EQ(counting.bytesAllocated.load(), 16u + 32 + 48 + 64);
+}
+
+TEST(Allocation, NothrowFormsAnswerNullAndThrowingFormsPassTheFailureThrough) {
+    Operators ops;
+    FailingAllocator failing;
+    failing.failSize = 12345;
+    ScopedAllocator scope(&failing);
+    EXPECT_EQ(ops.newScalarNothrow(12345, std::nothrow), nullptr);
+    EXPECT_EQ(ops.newArrayNothrow(12345, std::nothrow), nullptr);
+    EXPECT_THROW(ops.newScalar(12345), std::bad_alloc);
+    EXPECT_THROW(ops.newArray(12345), std::bad_alloc);
+    EXPECT_EQ(failing.failures.load(), 4);
+    void* fine = ops.newScalar(8); // other sizes still work
+    ASSERT_NE(fine, nullptr);
+    ops.deleteScalar(fine);
+}
+
+TEST(Allocation, AnExceptionFromReleaseIsPropagated) {
+    Operators ops;
+    FailingAllocator failing;
+    ScopedAllocator scope(&failing);
+    void* p = ops.newScalar(24);
+    failing.failRelease = p;
+    EXPECT_THROW(ops.deleteScalar(p), FailingAllocator::ReleaseError);
+    failing.failRelease = nullptr;
+    ops.deleteScalar(p);
+}
+
+TEST(Allocation, TheAllocatorIsLookedUpOnEveryCall) {
+    Operators ops;
+    CountingAllocator first;
+    CountingAllocator second;
+    {
+        ScopedAllocator scope(&first);
+        void* a = ops.newScalar(10);
+        {
+            ScopedAllocator inner(&second);
+            ops.deleteScalar(ops.newScalar(20));
+        }
+        ops.deleteScalar(a);
+    }
+    EXPECT_EQ(second.allocations.load(), 1u);
+    EXPECT_EQ(first.allocations.load(), 1u);
+    EXPECT_EQ(first.releases.load(), 1u);
+}
+
+#ifndef PLAYFILE_SANITIZED
+TEST(Allocation, StandardContainersInAProcessThatLoadsTheLibraryUseTheHostAllocator) {
+    CountingAllocator counting;
+    {
+        ScopedAllocator scope(&counting);
+        std::vector<int> v;
+        for (int i = 0; i < 100; ++i) v.push_back(i);
+        auto* single = new int(5);
+        delete single;
+    }
+    EXPECT_GE(counting.allocations.load(), 2u);
+    EXPECT_EQ(counting.allocations.load(), counting.releases.load());
+}
+#endif
