@@ -1,0 +1,39 @@
+// Small helpers shared by the file manager tests: wide paths, whole-file reads and
+// writes, and a count of the process's open descriptors.
+#pragma once
+
+#include "host/core/Strings.h"
+
+#include <dirent.h>
+#include <fstream>
+#include <iterator>
+#include <ostream>
+#include <string>
+
+namespace file_test {
+
+inline WString W(const std::string& utf8) { return fromUTF8(utf8.c_str(), int(utf8.size())); }
+
+inline void writeFile(const std::string& path, const std::string& data) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc).write(data.data(), std::streamsize(data.size()));
+}
+
+inline std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+inline int openDescriptorCount() {
+    int n = 0;
+    if (DIR* d = opendir("/proc/self/fd")) {
+        while (readdir(d)) ++n;
+        closedir(d);
+    }
+    return n;
+}
+
+} // namespace file_test
+
+// Lets failed expectations show wide strings as text rather than bytes. Internal linkage
+// keeps it from clashing with a printer another test program might define.
+[[maybe_unused]] static void PrintTo(const WString& s, std::ostream* os) { *os << '"' << toUTF8(s).c_str() << '"'; }
