@@ -34,7 +34,9 @@ RC rcForErrno(int e) {
 class Descriptor {
 public:
     explicit Descriptor(int fd) noexcept : fd_(fd) {}
-    ~Descriptor() { if (fd_ >= 0) ::close(fd_); }
+    ~Descriptor() {
+        if (fd_ >= 0) ::close(fd_);
+    }
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
     int get() const noexcept { return fd_; }
@@ -91,7 +93,8 @@ public:
         int saved = errno;
         if (!wasPending_ && pending()) {
             const timespec zero{0, 0};
-            while (sigtimedwait(&set_, nullptr, &zero) < 0 && errno == EINTR) {}
+            while (sigtimedwait(&set_, nullptr, &zero) < 0 && errno == EINTR) {
+            }
         }
         pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
         errno = saved;
@@ -115,7 +118,8 @@ public:
     DataCopier(int in, int out, uint64_t total, const iFileManager::ProgressFn& progress,
                const FileCopyOptions& options) noexcept
         : in_(in), out_(out), total_(total), progress_(progress),
-          chunk_(std::max<uint64_t>(options.chunkBytes, 1)), useCopyFileRange_(options.useCopyFileRange) {}
+          chunk_(std::max<uint64_t>(options.chunkBytes, 1)),
+          useCopyFileRange_(options.useCopyFileRange) {}
 
     RC run() {
         uint64_t off = 0;
@@ -151,7 +155,8 @@ public:
         }
         // A source that shrank while it was copied would leave zeros where its tail was.
         struct stat st;
-        if (::fstat(in_, &st) != 0 || uint64_t(st.st_size) < total_) return iFileManager::eCopyFailed;
+        if (::fstat(in_, &st) != 0 || uint64_t(st.st_size) < total_)
+            return iFileManager::eCopyFailed;
         return iFileManager::eCopyOK;
     }
 
@@ -226,7 +231,9 @@ private:
 // UTF-8 character boundary) when the whole would be longer than a file name may be.
 std::string temporaryPattern(const std::string& folderPrefix, const std::string& name) {
     size_t keep = std::min(name.size(), kNameMax - kTempDecoration);
-    while (keep > 0 && keep < name.size() && (static_cast<unsigned char>(name[keep]) & 0xC0) == 0x80) --keep;
+    while (keep > 0 && keep < name.size() &&
+           (static_cast<unsigned char>(name[keep]) & 0xC0) == 0x80)
+        --keep;
     return folderPrefix + "." + name.substr(0, keep) + ".XXXXXX";
 }
 
@@ -234,7 +241,8 @@ std::string temporaryPattern(const std::string& folderPrefix, const std::string&
 // free at this moment, not only when the copy started.
 bool commit(const std::string& tmp, const std::string& dst, bool overwrite) {
     if (overwrite) return ::rename(tmp.c_str(), dst.c_str()) == 0;
-    if (::renameat2(AT_FDCWD, tmp.c_str(), AT_FDCWD, dst.c_str(), RENAME_NOREPLACE) == 0) return true;
+    if (::renameat2(AT_FDCWD, tmp.c_str(), AT_FDCWD, dst.c_str(), RENAME_NOREPLACE) == 0)
+        return true;
     if (errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP && errno != ENOTSUP) return false;
     // No RENAME_NOREPLACE here (NFS, some FUSE): a hard link also refuses an existing name.
     if (::link(tmp.c_str(), dst.c_str()) == 0) {
@@ -275,7 +283,8 @@ iFileManager::eCopyRC copyFileSafely(const String& src, const String& dst,
     size_t slash = target.rfind('/');
     std::string name = slash == std::string::npos ? target : target.substr(slash + 1);
     if (name.empty()) return iFileManager::eCopyNoDestination; // "" or a folder ("/a/b/")
-    std::string folderPrefix = slash == std::string::npos ? std::string() : target.substr(0, slash + 1);
+    std::string folderPrefix =
+        slash == std::string::npos ? std::string() : target.substr(0, slash + 1);
 
     if (src.empty()) return iFileManager::eCopyFailed;
     Descriptor in(openForReading(src.c_str()));
@@ -284,8 +293,10 @@ iFileManager::eCopyRC copyFileSafely(const String& src, const String& dst,
     if (::fstat(in.get(), &srcSt) != 0 || !S_ISREG(srcSt.st_mode)) return iFileManager::eCopyFailed;
 
     // Refused before any work is done; commit() checks again in case dst appears meanwhile.
+    // The name itself is what gets replaced, so a link there counts as taken, and is
+    // replaced rather than written through.
     struct stat dstSt;
-    if (::stat(target.c_str(), &dstSt) == 0 && (!overwrite || S_ISDIR(dstSt.st_mode)))
+    if (::lstat(target.c_str(), &dstSt) == 0 && (!overwrite || S_ISDIR(dstSt.st_mode)))
         return iFileManager::eCopyFailed;
 
     FileSizeSignalGuard signalGuard;

@@ -20,7 +20,10 @@ std::string unescape(std::string_view s) {
             int v = 0;
             for (size_t k = 1; k <= 3; ++k) {
                 char c = s[i + k];
-                if (c < '0' || c > '7') { octal = false; break; }
+                if (c < '0' || c > '7') {
+                    octal = false;
+                    break;
+                }
                 v = v * 8 + (c - '0');
             }
             if (octal && v < 256) {
@@ -38,9 +41,11 @@ std::vector<std::string_view> splitFields(std::string_view line) {
     std::vector<std::string_view> fields;
     size_t i = 0;
     while (i < line.size()) {
-        while (i < line.size() && line[i] == ' ') ++i;
+        while (i < line.size() && line[i] == ' ')
+            ++i;
         size_t start = i;
-        while (i < line.size() && line[i] != ' ') ++i;
+        while (i < line.size() && line[i] != ' ')
+            ++i;
         if (i > start) fields.push_back(line.substr(start, i - start));
     }
     return fields;
@@ -58,7 +63,8 @@ bool parseDevice(std::string_view text, dev_t& device) {
         return true;
     };
     unsigned long major = 0, minor = 0;
-    if (!number(text.substr(0, colon), major) || !number(text.substr(colon + 1), minor)) return false;
+    if (!number(text.substr(0, colon), major) || !number(text.substr(colon + 1), minor))
+        return false;
     device = makedev(major, minor);
     return true;
 }
@@ -132,8 +138,10 @@ bool isNetworkFuse(const MountEntry& mount) {
     // helpers leave the type bare and write the driver as "driver#what" in the source.
     std::string_view type = mount.fsType;
     std::string_view driver;
-    if (type.starts_with("fuse.")) driver = type.substr(5);
-    else if (type.starts_with("fuseblk.")) driver = type.substr(8);
+    if (type.starts_with("fuse."))
+        driver = type.substr(5);
+    else if (type.starts_with("fuseblk."))
+        driver = type.substr(8);
     else if (type == "fuse" || type == "fuseblk") {
         std::string_view src = mount.source;
         size_t hash = src.find('#');
@@ -143,12 +151,13 @@ bool isNetworkFuse(const MountEntry& mount) {
         return false;
     }
     static const std::string_view network[] = {
-        "sshfs",      "rclone",      "s3fs",      "gcsfuse",      "goofys",   "geesefs",
-        "mountpoint-s3", "blobfuse", "blobfuse2", "juicefs",      "curlftpfs", "davfs",
-        "httpdirfs",  "smbnetfs",    "glusterfs", "ceph-fuse",    "cephfs",   "mfs",
-        "moosefs",    "lizardfs",    "weed",      "seaweedfs",    "onedriver", "s3backer",
-        "google-drive-ocamlfuse",    "gdrivefs",  "cvmfs",        "xtreemfs", "alluxio-fuse",
-        "afpfs",      "afpfs-ng",    "ftpfs",     "webdavfs",     "gvfsd-fuse", "kio-fuse",
+        "sshfs",     "rclone",        "s3fs",      "gcsfuse",      "goofys",
+        "geesefs",   "mountpoint-s3", "blobfuse",  "blobfuse2",    "juicefs",
+        "curlftpfs", "davfs",         "httpdirfs", "smbnetfs",     "glusterfs",
+        "ceph-fuse", "cephfs",        "mfs",       "moosefs",      "lizardfs",
+        "weed",      "seaweedfs",     "onedriver", "s3backer",     "google-drive-ocamlfuse",
+        "gdrivefs",  "cvmfs",         "xtreemfs",  "alluxio-fuse", "afpfs",
+        "afpfs-ng",  "ftpfs",         "webdavfs",  "gvfsd-fuse",   "kio-fuse",
     };
     return std::find(std::begin(network), std::end(network), driver) != std::end(network);
 }

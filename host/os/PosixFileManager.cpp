@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <dirent.h>
@@ -25,10 +24,13 @@
 
 namespace {
 
-std::string bytesOf(const WString& path) { return std::string(toUTF8(path).view()); }
+std::string bytesOf(const WString& path) {
+    return std::string(toUTF8(path).view());
+}
 
 std::string withoutTrailingSlashes(std::string p) {
-    while (p.size() > 1 && p.back() == '/') p.pop_back();
+    while (p.size() > 1 && p.back() == '/')
+        p.pop_back();
     return p;
 }
 
@@ -59,9 +61,11 @@ bool nearestExisting(const std::string& path, ExistingPart& out) {
     }
     out.existing = p;
     // p is path cut at a '/', or "." standing in for the working folder of "a/b".
-    bool cut = path.starts_with(p) && (p == "/" || path.size() == p.size() || path[p.size()] == '/');
+    bool cut =
+        path.starts_with(p) && (p == "/" || path.size() == p.size() || path[p.size()] == '/');
     out.rest = cut ? path.substr(p.size()) : path;
-    while (!out.rest.empty() && out.rest.front() == '/') out.rest.erase(0, 1);
+    while (!out.rest.empty() && out.rest.front() == '/')
+        out.rest.erase(0, 1);
     return true;
 }
 
@@ -140,7 +144,9 @@ constinit NeverDestroyed g_default;
 
 } // namespace
 
-iFileManager* defaultFileManager() noexcept { return &g_default.manager; }
+iFileManager* defaultFileManager() noexcept {
+    return &g_default.manager;
+}
 
 bool PosixFileManager::fileExists(const WString& path) {
     struct stat st;
@@ -161,12 +167,16 @@ int64_t PosixFileManager::fileSize(const WString& path) {
 Zn::Ptr<iFile> PosixFileManager::openForRead(const WString& path) {
     if (path.empty()) return nullptr;
     std::string p = bytesOf(path);
+    // O_NONBLOCK so that a named pipe met in a media folder cannot hang the open; it
+    // changes nothing for the files and devices accepted.
     int fd;
-    do fd = ::open(p.c_str(), O_RDONLY | O_CLOEXEC);
+    do
+        fd = ::open(p.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     while (fd < 0 && errno == EINTR);
     if (fd < 0) return nullptr;
     struct stat st;
-    if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+    if (::fstat(fd, &st) != 0 || !(S_ISREG(st.st_mode) || S_ISBLK(st.st_mode)) ||
+        ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0) {
         ::close(fd);
         return nullptr;
     }
@@ -235,8 +245,8 @@ int64_t PosixFileManager::freeSpace(const WString& path) {
     if (!nearestExisting(bytesOf(path), part)) return -1;
     struct statvfs vfs;
     if (::statvfs(part.existing.c_str(), &vfs) != 0) return -1;
-    unsigned __int128 bytes = (unsigned __int128)vfs.f_bavail * vfs.f_frsize;
-    return bytes > uint64_t(INT64_MAX) ? INT64_MAX : int64_t(bytes);
+    if (vfs.f_frsize && vfs.f_bavail > uint64_t(INT64_MAX) / vfs.f_frsize) return INT64_MAX;
+    return int64_t(vfs.f_bavail * vfs.f_frsize);
 }
 
 WString PosixFileManager::volumeOf(const WString& path) {
@@ -244,7 +254,8 @@ WString PosixFileManager::volumeOf(const WString& path) {
     if (!nearestExisting(bytesOf(path), part)) return WString(L"/");
     std::string where = resolved(part.existing);
     MountTable mounts = MountTable::current();
-    if (const MountEntry* m = mounts.mountHolding(where)) return fromUTF8(m->mountPoint.c_str(), int(m->mountPoint.size()));
+    if (const MountEntry* m = mounts.mountHolding(where))
+        return fromUTF8(m->mountPoint.c_str(), int(m->mountPoint.size()));
     if (where.empty() || where[0] != '/') return WString(L"/");
     std::string mountPoint = mountPointByDevice(where, part.st.st_dev);
     return fromUTF8(mountPoint.c_str(), int(mountPoint.size()));
@@ -278,7 +289,8 @@ WString PosixFileManager::mapMountedName(const WString& path) {
     std::wstring_view rest = v.substr(4);
     size_t slash = rest.find(L'/');
     std::wstring_view name = rest.substr(0, slash);
-    std::wstring_view tail = slash == std::wstring_view::npos ? std::wstring_view() : rest.substr(slash);
+    std::wstring_view tail =
+        slash == std::wstring_view::npos ? std::wstring_view() : rest.substr(slash);
     if (name.empty()) return path;
     std::string key = bytesOf(WString(name));
 
@@ -287,12 +299,16 @@ WString PosixFileManager::mapMountedName(const WString& path) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         for (const auto& [n, r] : mountedNames_)
-            if (n == key) { root = r; found = true; }
+            if (n == key) {
+                root = r;
+                found = true;
+            }
     }
     if (!found) {
         for (const std::string& item : splitList(std::getenv("PLAYFILE_VOLUMES"), ':')) {
             size_t eq = item.find('=');
-            if (eq != std::string::npos && item.compare(0, eq, key) == 0 && eq == key.size() && eq + 1 < item.size()) {
+            if (eq != std::string::npos && std::string_view(item).substr(0, eq) == key &&
+                eq + 1 < item.size()) {
                 root = item.substr(eq + 1);
                 found = true;
                 break;
@@ -317,8 +333,9 @@ bool PosixFileManager::isRemoteLocation(const WString& path) {
     for (std::string& prefix : splitList(std::getenv("PLAYFILE_REMOTE_PREFIXES"), ':'))
         prefixes.push_back(withoutTrailingSlashes(std::move(prefix)));
     auto underPrefix = [&](const std::string& candidate) {
-        return std::any_of(prefixes.begin(), prefixes.end(),
-                           [&](const std::string& prefix) { return pathIsUnder(candidate, prefix); });
+        return std::any_of(prefixes.begin(), prefixes.end(), [&](const std::string& prefix) {
+            return pathIsUnder(candidate, prefix);
+        });
     };
     if (underPrefix(p)) return true;
 

@@ -21,7 +21,7 @@ public:
     bool isDirectory(const WString& path) override;
     // -1 for a folder as well: it has no size in bytes to speak of.
     int64_t fileSize(const WString& path) override;
-    // Null when the file cannot be opened or is a folder.
+    // Null when the file cannot be opened or is neither a regular file nor a block device.
     Zn::Ptr<iFile> openForRead(const WString& path) override;
 
     // See FileCopy.h. A dst ending in '/' names no file: eCopyNoDestination.
@@ -65,7 +65,7 @@ public:
 private:
     mutable std::mutex mutex_;
     std::vector<std::pair<std::string, std::string>> mountedNames_; // NAME -> root, UTF-8
-    std::vector<std::string> remotePrefixes_;                        // UTF-8, no trailing '/'
+    std::vector<std::string> remotePrefixes_;                       // UTF-8, no trailing '/'
 };
 
 // The process's PosixFileManager. It is constant-initialised and never destroyed, so it

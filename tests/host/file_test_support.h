@@ -1,5 +1,5 @@
-// Small helpers shared by the file manager tests: wide paths, whole-file reads and
-// writes, and a count of the process's open descriptors.
+// Helpers shared by the file manager tests: wide paths, whole-file reads and writes, and
+// a count of the process's open descriptors.
 #pragma once
 
 #include "host/core/Strings.h"
@@ -12,28 +12,32 @@
 
 namespace file_test {
 
-inline WString W(const std::string& utf8) { return fromUTF8(utf8.c_str(), int(utf8.size())); }
+inline WString W(const std::string& utf8) {
+    return fromUTF8(utf8.c_str(), int(utf8.size()));
+}
 
 inline void writeFile(const std::string& path, const std::string& data) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc).write(data.data(), std::streamsize(data.size()));
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << data;
 }
 
 inline std::string readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 inline int openDescriptorCount() {
     int n = 0;
-    if (DIR* d = opendir("/proc/self/fd")) {
-        while (readdir(d)) ++n;
-        closedir(d);
-    }
+    DIR* d = opendir("/proc/self/fd");
+    while (d && readdir(d))
+        ++n;
+    if (d) closedir(d);
     return n;
 }
 
 } // namespace file_test
 
-// Lets failed expectations show wide strings as text rather than bytes. Internal linkage
-// keeps it from clashing with a printer another test program might define.
-[[maybe_unused]] static void PrintTo(const WString& s, std::ostream* os) { *os << '"' << toUTF8(s).c_str() << '"'; }
+// Failed expectations show wide strings as text. Internal linkage: no clash with a
+// printer another test file might define.
+[[maybe_unused]] static void PrintTo(const WString& s, std::ostream* os) {
+    *os << '"' << toUTF8(s).c_str() << '"';
+}

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <memory>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -16,27 +17,20 @@ using namespace file_test;
 using testing_support::TempDir;
 
 namespace {
-
-// Sets an environment variable for a scope.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const char* value) : name_(name) { setenv(name, value, 1); }
-    ~ScopedEnv() { unsetenv(name_); }
-
-private:
-    const char* name_;
-};
-
+// Sets an environment variable until the answer is dropped.
+std::shared_ptr<void> scopedEnv(const char* name, const std::string& value) {
+    setenv(name, value.c_str(), 1);
+    return std::shared_ptr<void>(nullptr, [name](void*) { unsetenv(name); });
+}
 } // namespace
 
 TEST(MountTable, ParsesEscapesOptionalFieldsAndFindsTheHoldingMount) {
-    const char* text =
-        "22 1 254:0 / / rw,relatime shared:1 - ext4 /dev/vda rw\n"
-        "garbage line\n"
-        "30 22 0:40 / /media/my\\040card rw master:3 shared:9 - vfat /dev/sdb1 rw\n"
-        "31 22 0:41 / /media/my rw - tmpfs none rw\n"
-        "32 22 0:42 / /net/home rw - fuse.sshfs user@host:/home rw\n"
-        "33 22 0:43 / /net/home rw - nfs4 server:/home rw\n";
+    const char* text = "22 1 254:0 / / rw,relatime shared:1 - ext4 /dev/vda rw\n"
+                       "garbage line\n"
+                       "30 22 0:40 / /media/my\\040card rw master:3 shared:9 - vfat /dev/sdb1 rw\n"
+                       "31 22 0:41 / /media/my rw - tmpfs none rw\n"
+                       "32 22 0:42 / /net/home rw - fuse.sshfs user@host:/home rw\n"
+                       "33 22 0:43 / /net/home rw - nfs4 server:/home rw\n";
     MountTable t = MountTable::parse(text);
     ASSERT_EQ(t.entries().size(), 5u);
     EXPECT_EQ(t.entries()[1].mountPoint, "/media/my card");
@@ -52,20 +46,17 @@ TEST(MountTable, ParsesEscapesOptionalFieldsAndFindsTheHoldingMount) {
 }
 
 TEST(MountTable, ClassifiesNetworkMounts) {
-    auto fuse = [](const char* type, const char* source) { return isNetworkFuse(MountEntry{0, "/m", type, source}); };
-    EXPECT_TRUE(fuse("fuse.sshfs", "user@host:"));
-    EXPECT_TRUE(fuse("fuse.rclone", "remote:"));
-    EXPECT_TRUE(fuse("fuse.gcsfuse", "bucket"));
-    EXPECT_TRUE(fuse("fuse", "sshfs#user@host:/"));
-    EXPECT_FALSE(fuse("fuseblk", "/dev/sdb1"));
-    EXPECT_FALSE(fuse("fuse.bindfs", "/srv"));
-    EXPECT_FALSE(fuse("fuse.sshfsx", "x"));
-    EXPECT_FALSE(fuse("nfs", "server:/"));
-    EXPECT_TRUE(isNetworkFsMagic(0x6969));
-    EXPECT_TRUE(isNetworkFsMagic(0xFF534D42));
+    auto fuse = [](const char* type, const char* source) {
+        return isNetworkFuse(MountEntry{0, "/m", type, source});
+    };
+    EXPECT_TRUE(fuse("fuse.sshfs", "user@host:") && fuse("fuse.rclone", "r:") &&
+                fuse("fuse", "sshfs#u@h:/"));
+    EXPECT_FALSE(fuse("fuseblk", "/dev/sdb1") || fuse("fuse.bindfs", "/srv") ||
+                 fuse("fuse.sshfsx", "x"));
+    EXPECT_FALSE(fuse("nfs", "server:/")); // network, but not FUSE
+    EXPECT_TRUE(isNetworkFsMagic(0x6969) && isNetworkFsMagic(0xFF534D42));
     EXPECT_TRUE(isNetworkFsMagic((unsigned long)(long)(int32_t)0xFE534D42)); // sign-extended word
-    EXPECT_FALSE(isNetworkFsMagic(0xEF53)); // ext4
-    EXPECT_FALSE(isNetworkFsMagic(kFuseSuperMagic));
+    EXPECT_FALSE(isNetworkFsMagic(0xEF53) || isNetworkFsMagic(kFuseSuperMagic));
 }
 
 TEST(PosixFileManager, VolumeQuestionsAcceptPathsThatDoNotExistYet) {
@@ -94,7 +85,7 @@ TEST(PosixFileManager, MapsMountedNamesFromTheTableAndTheEnvironment) {
     EXPECT_EQ(fm.mapMountedName(L"vol:/x"), L"vol:/x");
     EXPECT_EQ(fm.mapMountedName(L"/plain/vol:CARD"), L"/plain/vol:CARD");
 
-    ScopedEnv env("PLAYFILE_VOLUMES", "CARD=/env/card:NAS=/mnt/n\xC3\xA4s");
+    auto env = scopedEnv("PLAYFILE_VOLUMES", "CARD=/env/card:NAS=/mnt/n\xC3\xA4s");
     EXPECT_EQ(fm.mapMountedName(L"vol:NAS/p"), L"/mnt/n\xE4s/p");
     EXPECT_EQ(fm.mapMountedName(L"vol:CARD/p"), L"/media/card/p"); // the table comes first
     fm.setMountedName(L"CARD", WString());
@@ -111,7 +102,6 @@ TEST(PosixFileManager, RemoteByConfiguredPrefixOrEnvironment) {
     EXPECT_TRUE(fm.isRemoteLocation(W(tmp.file("net"))));
     EXPECT_TRUE(fm.isRemoteLocation(W(tmp.file("net/show/reel 1/clip.mov")))); // not there yet
     EXPECT_FALSE(fm.isRemoteLocation(W(tmp.file("network/clip.mov"))));
-    EXPECT_FALSE(fm.isRemoteLocation(W(tmp.path())));
 
     // A link into the prefix leads there, even to a file not written yet.
     ASSERT_EQ(symlink(tmp.file("net").c_str(), tmp.file("shortcut").c_str()), 0);
@@ -119,7 +109,7 @@ TEST(PosixFileManager, RemoteByConfiguredPrefixOrEnvironment) {
 
     PosixFileManager fresh;
     EXPECT_FALSE(fresh.isRemoteLocation(W(tmp.file("network/x"))));
-    ScopedEnv env("PLAYFILE_REMOTE_PREFIXES", ("/elsewhere::" + tmp.file("network")).c_str());
+    auto env = scopedEnv("PLAYFILE_REMOTE_PREFIXES", "/elsewhere::" + tmp.file("network"));
     EXPECT_TRUE(fresh.isRemoteLocation(W(tmp.file("network/x"))));
     EXPECT_FALSE(fresh.isRemoteLocation(W(tmp.file("net/x"))));
 }
