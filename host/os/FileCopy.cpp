@@ -4,6 +4,7 @@
 #include "host/os/FileCopy.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -91,11 +92,10 @@ public:
     }
     ~FileSizeSignalGuard() {
         int saved = errno;
-        if (!wasPending_ && pending()) {
-            const timespec zero{0, 0};
-            while (sigtimedwait(&set_, nullptr, &zero) < 0 && errno == EINTR) {
-            }
-        }
+        // The signal is directed at this thread, so it is still there for sigwait to
+        // take, which then returns at once.
+        int signal = 0;
+        if (!wasPending_ && pending()) sigwait(&set_, &signal);
         pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
         errno = saved;
     }
@@ -314,8 +314,8 @@ iFileManager::eCopyRC copyFileSafely(const String& src, const String& dst,
     // shares) refuse, and the copy is still good.
     ::fchmod(tmp.fd(), srcSt.st_mode & 0777);
     if (options.keepTimes) {
-        const timespec times[2] = {srcSt.st_atim, srcSt.st_mtim};
-        ::futimens(tmp.fd(), times);
+        const std::array times{srcSt.st_atim, srcSt.st_mtim};
+        ::futimens(tmp.fd(), times.data());
     }
     if (::fsync(tmp.fd()) != 0) return rcForErrno(errno);
     if (!tmp.close()) return rcForErrno(errno);
