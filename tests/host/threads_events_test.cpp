@@ -1,0 +1,214 @@
+// Thread events: signals are never lost, auto-reset events release one waiter per set,
+// manual-reset ones release all, timeouts end on time, and waitForAny consumes only the
+// event it reports.
+#include "host/os/OS.h"
+#include "host/threads/ThreadEvent.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+#ifdef PLAYFILE_SANITIZED
+constexpr int kScale = 10; // sanitizers slow every atomic and system call
+#else
+constexpr int kScale = 1;
+#endif
+
+Zn::Ptr<iThreadEvent> autoEvent(bool set = false) { return OS()->createThreadEvent(false, set); }
+Zn::Ptr<iThreadEvent> manualEvent(bool set = false) { return OS()->createThreadEvent(true, set); }
+
+// Polls until pred holds or two seconds pass.
+template <class P> bool eventually(P pred) {
+    for (auto end = Clock::now() + std::chrono::seconds(2); Clock::now() < end; std::this_thread::yield())
+        if (pred()) return true;
+    return pred();
+}
+
+long long elapsedMs(Clock::time_point since) {
+    return std::chrono::duration_cast<milliseconds>(Clock::now() - since).count();
+}
+
+} // namespace
+
+TEST(ThreadEvent, AutoResetKeepsASetUntilOneWaitTakesIt) {
+    auto e = autoEvent();
+    EXPECT_FALSE(e->isManualReset());
+    EXPECT_FALSE(e->wait(0));
+    e->set();
+    e->set(); // coalesces with the first
+    EXPECT_TRUE(e->wait(0));
+    EXPECT_FALSE(e->wait(0));
+    EXPECT_TRUE(autoEvent(true)->wait(0));
+    e->set();
+    e->reset();
+    EXPECT_FALSE(e->wait(0));
+}
+
+TEST(ThreadEvent, AutoResetReleasesExactlyOneWaiterPerSet) {
+    auto e = autoEvent();
+    constexpr int kWaiters = 4;
+    std::atomic<int> released{0};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < kWaiters; ++i)
+        waiters.emplace_back([&] {
+            EXPECT_TRUE(e->wait(10000));
+            released++;
+        });
+    std::this_thread::sleep_for(milliseconds(20)); // let them block
+    for (int i = 1; i <= kWaiters; ++i) {
+        e->set();
+        ASSERT_TRUE(eventually([&] { return released == i; }));
+        std::this_thread::sleep_for(milliseconds(10)); // a second release would show by now
+        EXPECT_EQ(released, i);
+    }
+    for (auto& t : waiters) t.join();
+    EXPECT_FALSE(e->wait(0));
+}
+
+TEST(ThreadEvent, ManualResetReleasesEveryWaiterEvenWhenResetAtOnce) {
+    for (bool resetAtOnce : {false, true}) {
+        auto e = manualEvent();
+        std::atomic<int> blocked{0}, released{0};
+        std::vector<std::thread> waiters;
+        for (int i = 0; i < 4; ++i)
+            waiters.emplace_back([&] {
+                blocked++;
+                if (e->wait(5000)) released++;
+            });
+        ASSERT_TRUE(eventually([&] { return blocked == 4; }));
+        std::this_thread::sleep_for(milliseconds(30));
+        e->set();
+        if (resetAtOnce) e->reset();
+        for (auto& t : waiters) t.join();
+        EXPECT_EQ(released, 4);
+        EXPECT_EQ(e->wait(0), !resetAtOnce);
+        EXPECT_EQ(e->wait(0), !resetAtOnce); // waits do not consume it
+    }
+}
+
+TEST(ThreadEvent, TimedWaitsEndOnTime) {
+    auto a = autoEvent(), m = manualEvent();
+    for (auto& e : {a, m}) {
+        auto start = Clock::now();
+        EXPECT_FALSE(e->wait(50));
+        EXPECT_GE(elapsedMs(start), 50);
+        EXPECT_LT(elapsedMs(start), 250);
+    }
+    auto start = Clock::now();
+    EXPECT_EQ(iThreadEvent::waitForAny({a, m}, 50), -1);
+    EXPECT_GE(elapsedMs(start), 50);
+    EXPECT_LT(elapsedMs(start), 250);
+    start = Clock::now();
+    EXPECT_FALSE(a->wait(0));
+    EXPECT_EQ(iThreadEvent::waitForAny({a, m}, 0), -1);
+    EXPECT_LT(elapsedMs(start), 20);
+}
+
+// A set racing with the end of a timed wait is either taken by that wait or still there.
+TEST(ThreadEvent, ASetAtTheDeadlineIsNeverLost) {
+    auto e = autoEvent();
+    for (int i = 0; i < 300 / kScale; ++i) {
+        std::thread setter([&] {
+            std::this_thread::sleep_for(std::chrono::microseconds(900 + 20 * (i % 10)));
+            e->set();
+        });
+        bool taken = e->wait(1);
+        setter.join();
+        ASSERT_NE(taken, e->wait(0)) << "round " << i;
+    }
+}
+
+TEST(ThreadEvent, WaitForAnyReportsAndConsumesOnlyTheEventThatFired) {
+    auto a = autoEvent(), b = autoEvent(), c = autoEvent(), m = manualEvent();
+    b->set();
+    c->set();
+    EXPECT_EQ(iThreadEvent::waitForAny({a, b, c}, 0), 1);
+    EXPECT_FALSE(b->wait(0));
+    EXPECT_TRUE(c->wait(0));
+
+    std::thread setter([&] {
+        std::this_thread::sleep_for(milliseconds(20));
+        c->set();
+    });
+    EXPECT_EQ(iThreadEvent::waitForAny({a, nullptr, c}, 5000), 2);
+    setter.join();
+    EXPECT_FALSE(c->wait(0));
+    EXPECT_FALSE(a->wait(0));
+
+    m->set();
+    std::vector<Zn::Ptr<iThreadEvent>> list{a, m};
+    EXPECT_EQ(iThreadEvent::waitForAny(list, 0), 1);
+    EXPECT_TRUE(m->wait(0)); // manual-reset: not consumed
+
+    // More events than waitForAny keeps on its stack.
+    std::vector<Zn::Ptr<iThreadEvent>> many;
+    for (int i = 0; i < 20; ++i) many.push_back(autoEvent());
+    std::thread late([&] {
+        std::this_thread::sleep_for(milliseconds(10));
+        many[17]->set();
+    });
+    EXPECT_EQ(iThreadEvent::waitForAny(many, 5000), 17);
+    late.join();
+}
+
+// Consumers on wait() and on waitForAny compete for one event; every set must be taken
+// exactly once (the producer waits for the acknowledgement before setting again).
+TEST(ThreadEvent, MixedWaitersTakeEachSetExactlyOnce) {
+    auto work = autoEvent(), other = autoEvent(), ack = autoEvent(), stop = manualEvent();
+    std::atomic<int> taken{0};
+    auto consume = [&](bool any) {
+        for (;;) {
+            int fired = any ? iThreadEvent::waitForAny({stop, other, work}) : (work->wait(20) ? 2 : -1);
+            if (fired == 2) {
+                taken++;
+                ack->set();
+            }
+            if (fired == 0 || stop->wait(0)) return;
+        }
+    };
+    std::vector<std::thread> consumers;
+    consumers.emplace_back(consume, true);
+    consumers.emplace_back(consume, true);
+    consumers.emplace_back(consume, false);
+    const int rounds = 4000 / kScale;
+    for (int i = 0; i < rounds; ++i) {
+        work->set();
+        ASSERT_TRUE(ack->wait(5000)) << "round " << i;
+    }
+    stop->set();
+    for (auto& t : consumers) t.join();
+    EXPECT_EQ(taken, rounds);
+}
+
+TEST(ThreadEvent, PairsPingPongManyThousandTimesWithoutHanging) {
+    constexpr int kPairs = 3;
+    const int rounds = 20000 / kScale;
+    std::vector<std::thread> threads;
+    std::atomic<int> completed{0};
+    for (int p = 0; p < kPairs; ++p) {
+        auto ping = autoEvent(), pong = autoEvent();
+        threads.emplace_back([=, &completed] {
+            for (int i = 0; i < rounds; ++i) {
+                ping->set();
+                if (!pong->wait(10000)) return;
+            }
+            completed++;
+        });
+        threads.emplace_back([=] {
+            for (int i = 0; i < rounds; ++i) {
+                if (!ping->wait(10000)) return;
+                pong->set();
+            }
+        });
+    }
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(completed, kPairs);
+}
