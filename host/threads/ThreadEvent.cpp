@@ -24,9 +24,9 @@ void ThreadEvent::set() noexcept {
         else
             futex::wakeOne(word_);
     }
-    // Pairs with the increment in link(): either waitForAny sees the set bit when it
-    // scans, or this sees its link and wakes it.
-    if (linkCount_.load(std::memory_order_seq_cst) > 0) wakeLinked();
+    // link() marks the word before waitForAny looks at the event, so either that look
+    // sees the set bit or this sees the mark.
+    if (v & kLinked) wakeLinked();
 }
 
 void ThreadEvent::reset() noexcept { word_.fetch_and(~kSet, std::memory_order_seq_cst); }
@@ -112,25 +112,24 @@ bool ThreadEvent::take(const Link& l) noexcept {
 }
 
 void ThreadEvent::link(Link& l) noexcept {
-    {
-        std::lock_guard<std::mutex> lock(linksMutex_);
-        l.prev = nullptr;
-        l.next = links_;
-        if (links_) links_->prev = &l;
-        links_ = &l;
-    }
-    linkCount_.fetch_add(1, std::memory_order_seq_cst);
-    l.setsAtLink = setsOf(word_.load(std::memory_order_seq_cst));
+    std::lock_guard<std::mutex> lock(linksMutex_);
+    l.prev = nullptr;
+    l.next = links_;
+    if (links_) links_->prev = &l;
+    links_ = &l;
+    uint32_t v = linkCount_++ == 0 ? word_.fetch_or(kLinked, std::memory_order_seq_cst)
+                                   : word_.load(std::memory_order_seq_cst);
+    l.setsAtLink = setsOf(v);
 }
 
 void ThreadEvent::unlink(Link& l) noexcept {
-    linkCount_.fetch_sub(1, std::memory_order_relaxed);
     std::lock_guard<std::mutex> lock(linksMutex_);
     if (l.prev)
         l.prev->next = l.next;
     else
         links_ = l.next;
     if (l.next) l.next->prev = l.prev;
+    if (--linkCount_ == 0) word_.fetch_and(~kLinked, std::memory_order_relaxed);
 }
 
 void ThreadEvent::wakeLinked() noexcept {

@@ -49,15 +49,18 @@ private:
 };
 
 // The event is one 32-bit word that waiters sleep on with a futex: bit 0 is "set", bits
-// 1-15 count the threads inside wait(), so that set() makes a system call only when
-// somebody may sleep, and bits 16-31 count the sets of a manual-reset event, so that a
-// waiter notices a set even if a reset followed before it woke.
+// 1-14 count the threads inside wait(), so that set() makes a system call only when
+// somebody may sleep, bit 15 says that waitForAny callers are linked (below), and bits
+// 16-31 count the sets of a manual-reset event, so that a waiter notices a set even if a
+// reset followed before it woke. Everything set() needs to know comes back from the one
+// atomic step that sets the bit, so set() reads nothing of the event afterwards: the
+// thread it releases may destroy the event at once (as with a completion event).
 //
 // waitForAny cannot sleep on several words, so each caller links a Sleeper into the list
 // of every event it waits for; set() bumps and wakes the linked Sleepers.
-// linksMutex_ guards links_ (the list, and the Sleepers reached through it while they are
-// linked). It is taken only by set() and waitForAny, with no other lock held, and no
-// other lock is taken under it.
+// linksMutex_ guards links_ and linkCount_ (the list, and the Sleepers reached through it
+// while they are linked). It is taken only by set() and waitForAny, with no other lock
+// held, and no other lock is taken under it.
 class ThreadEvent final : public iThreadEvent {
 public:
     ThreadEvent(bool manualReset, bool initialState) noexcept;
@@ -73,7 +76,8 @@ private:
 
     static constexpr uint32_t kSet = 1u;
     static constexpr uint32_t kWaiter = 2u;
-    static constexpr uint32_t kWaiterMask = 0xFFFEu;
+    static constexpr uint32_t kWaiterMask = 0x7FFEu;
+    static constexpr uint32_t kLinked = 0x8000u;
     static constexpr uint32_t kSetCount = 0x10000u;
 
     struct Sleeper {
@@ -97,8 +101,8 @@ private:
     void wakeLinked() noexcept;
 
     std::atomic<uint32_t> word_;
-    std::atomic<int> linkCount_{0};
     const bool manual_;
     std::mutex linksMutex_;
     Link* links_ = nullptr;
+    int linkCount_ = 0;
 };
