@@ -13,13 +13,14 @@ ThreadEvent::ThreadEvent(bool manualReset, bool initialState) noexcept
 ThreadEvent::~ThreadEvent() { assert(links_ == nullptr && "an event was destroyed during waitForAny"); }
 
 void ThreadEvent::set() noexcept {
+    const bool manual = manual_; // read before the event may be gone
     uint32_t v = word_.load(std::memory_order_relaxed);
     do {
         if (v & kSet) return; // already set: every waiter has been or will be woken
-    } while (!word_.compare_exchange_weak(v, manual_ ? (v | kSet) + kSetCount : v | kSet,
+    } while (!word_.compare_exchange_weak(v, manual ? (v | kSet) + kSetCount : v | kSet,
                                           std::memory_order_seq_cst, std::memory_order_relaxed));
     if (v & kWaiterMask) {
-        if (manual_)
+        if (manual)
             futex::wakeAll(word_);
         else
             futex::wakeOne(word_);
