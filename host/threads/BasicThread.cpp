@@ -20,9 +20,9 @@ struct BasicThread::State : Zn::InternalRefCount {
     std::mutex mutex;
     std::condition_variable changed;
     pthread_t handle{};
-    bool started = false;            // begun and neither joined nor detached
-    bool joining = false;            // an endThread is in pthread_join
-    bool up = false;                 // the new thread has published its id
+    bool started = false;              // begun and neither joined nor detached
+    bool joining = false;              // an endThread is in pthread_join
+    bool up = false;                   // the new thread has published its id
     std::atomic<bool> finished{false}; // threadFn has returned
 };
 
@@ -42,7 +42,8 @@ void setCurrentThreadName(const char* name) {
     char buf[16];
     size_t n = std::min(std::strlen(name), sizeof(buf) - 1);
     if (n < std::strlen(name)) {
-        while (n > 0 && (static_cast<unsigned char>(name[n]) & 0xC0) == 0x80) --n;
+        while (n > 0 && (static_cast<unsigned char>(name[n]) & 0xC0) == 0x80)
+            --n;
     }
     std::memcpy(buf, name, n);
     buf[n] = '\0';
@@ -51,10 +52,14 @@ void setCurrentThreadName(const char* name) {
 
 int niceOffset(int priority) {
     switch (priority) {
-    case kPriorityIdle: return 15;
-    case kPriorityLow: return 10;
-    case kPriorityBelowNormal: return 5;
-    default: return priority < kPriorityIdle ? 19 : 0;
+    case kPriorityIdle:
+        return 15;
+    case kPriorityLow:
+        return 10;
+    case kPriorityBelowNormal:
+        return 5;
+    default:
+        return priority < kPriorityIdle ? 19 : 0;
     }
 }
 
@@ -63,7 +68,9 @@ int niceOffset(int priority) {
 BasicThread::BasicThread()
     : stopEvent_(OS()->createThreadEvent(true, false)), state_(Zn::makePtr<State>()) {}
 
-BasicThread::~BasicThread() { endThread(true); }
+BasicThread::~BasicThread() {
+    endThread(true);
+}
 
 bool BasicThread::applyPriority(pid_t tid, int priority) noexcept {
     // The process's level is its main thread's; getpriority on the process id reads
@@ -80,14 +87,18 @@ bool BasicThread::setPriority(int priority) noexcept {
     return isRunning() && tid != 0 && applyPriority(tid, priority);
 }
 
-BasicThread* BasicThread::current() noexcept { return t_current; }
+BasicThread* BasicThread::current() noexcept {
+    return t_current;
+}
 
 bool BasicThread::isRunning() const noexcept {
     std::lock_guard<std::mutex> lock(state_->mutex);
     return state_->started && !state_->finished.load(std::memory_order_relaxed);
 }
 
-bool BasicThread::isCurrentThread() const noexcept { return t_current == this; }
+bool BasicThread::isCurrentThread() const noexcept {
+    return t_current == this;
+}
 
 void* BasicThread::trampoline(void* arg) {
     Start* start = static_cast<Start*>(arg);
@@ -108,7 +119,8 @@ void* BasicThread::trampoline(void* arg) {
     try {
         self->threadFn();
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "thread %s: threadFn ended by an exception: %s\n", start->name.c_str(), e.what());
+        std::fprintf(stderr, "thread %s: threadFn ended by an exception: %s\n", start->name.c_str(),
+                     e.what());
     } catch (...) {
         std::fprintf(stderr, "thread %s: threadFn ended by an exception\n", start->name.c_str());
     }
@@ -154,7 +166,9 @@ void BasicThread::stopRunning() noexcept {
     stopEvent_->set();
 }
 
-void BasicThread::endThread() { endThread(false); }
+void BasicThread::endThread() {
+    endThread(false);
+}
 
 void BasicThread::endThread(bool destroying) {
     std::unique_lock<std::mutex> lock(state_->mutex);
@@ -174,8 +188,10 @@ void BasicThread::endThread(bool destroying) {
         return;
     }
     if (destroying && !state_->finished.load(std::memory_order_relaxed))
-        std::fprintf(stderr, "thread %s: still running when its object was destroyed; the derived class "
-                             "must call endThread() in its destructor\n", name_.c_str());
+        std::fprintf(stderr,
+                     "thread %s: still running when its object was destroyed; the derived class "
+                     "must call endThread() in its destructor\n",
+                     name_.c_str());
     state_->joining = true;
     const pthread_t handle = state_->handle;
     lock.unlock();

@@ -108,7 +108,8 @@ public:
     virtual const char* name() const noexcept = 0;
 
     // A started thread running body, or null if the thread could not be created.
-    static Zn::Ptr<iThread> create(std::function<void()> body, const char* name, int priority = kPriorityNormal);
+    static Zn::Ptr<iThread> create(std::function<void()> body, const char* name,
+                                   int priority = kPriorityNormal);
 };
 
 class FunctionThread final : public BasicThread, public iThread {
@@ -120,7 +121,9 @@ public:
     bool keepRunning() const noexcept override { return BasicThread::keepRunning(); }
     void stopRunning() noexcept override { BasicThread::stopRunning(); }
     void endThread() override { BasicThread::endThread(); }
-    const Zn::Ptr<iThreadEvent>& stopEvent() const noexcept override { return BasicThread::stopEvent(); }
+    const Zn::Ptr<iThreadEvent>& stopEvent() const noexcept override {
+        return BasicThread::stopEvent();
+    }
     pid_t threadId() const noexcept override { return BasicThread::threadId(); }
     const char* name() const noexcept override { return BasicThread::name(); }
 

@@ -17,21 +17,27 @@ namespace futex {
 // Sleeps while *word == expected, until woken, until the absolute CLOCK_MONOTONIC
 // deadline (null: no deadline) or spuriously. Returns false only when the deadline passed;
 // every other return means "look at the word again".
-inline bool waitUntil(std::atomic<uint32_t>& word, uint32_t expected, const timespec* deadline) noexcept {
+inline bool waitUntil(std::atomic<uint32_t>& word, uint32_t expected,
+                      const timespec* deadline) noexcept {
     // FUTEX_WAIT_BITSET takes an absolute deadline, measured on CLOCK_MONOTONIC unless
     // FUTEX_CLOCK_REALTIME is given, so retries after a spurious wake never stretch the wait.
-    long rc = syscall(SYS_futex, reinterpret_cast<uint32_t*>(&word), FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG,
-                      expected, deadline, nullptr, FUTEX_BITSET_MATCH_ANY);
+    long rc = syscall(SYS_futex, reinterpret_cast<uint32_t*>(&word),
+                      FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG, expected, deadline, nullptr,
+                      FUTEX_BITSET_MATCH_ANY);
     return !(rc == -1 && errno == ETIMEDOUT);
 }
 
 inline void wake(std::atomic<uint32_t>& word, int count) noexcept {
-    syscall(SYS_futex, reinterpret_cast<uint32_t*>(&word), FUTEX_WAKE | FUTEX_PRIVATE_FLAG, count, nullptr,
-            nullptr, 0);
+    syscall(SYS_futex, reinterpret_cast<uint32_t*>(&word), FUTEX_WAKE | FUTEX_PRIVATE_FLAG, count,
+            nullptr, nullptr, 0);
 }
 
-inline void wakeOne(std::atomic<uint32_t>& word) noexcept { wake(word, 1); }
-inline void wakeAll(std::atomic<uint32_t>& word) noexcept { wake(word, INT_MAX); }
+inline void wakeOne(std::atomic<uint32_t>& word) noexcept {
+    wake(word, 1);
+}
+inline void wakeAll(std::atomic<uint32_t>& word) noexcept {
+    wake(word, INT_MAX);
+}
 
 // The absolute monotonic time timeoutMs from now.
 inline timespec deadlineAfter(unsigned timeoutMs) noexcept {
@@ -49,7 +55,8 @@ inline timespec deadlineAfter(unsigned timeoutMs) noexcept {
 inline bool passed(const timespec& deadline) noexcept {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec > deadline.tv_sec || (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec);
+    return now.tv_sec > deadline.tv_sec ||
+           (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec);
 }
 
 } // namespace futex

@@ -32,7 +32,9 @@ private:
 
 } // namespace
 
-Zn::Ptr<iMutex> OSServices::createMutex(const char* name) const { return Zn::Ptr<iMutex>(new NamedMutex(name)); }
+Zn::Ptr<iMutex> OSServices::createMutex(const char* name) const {
+    return Zn::Ptr<iMutex>(new NamedMutex(name));
+}
 
 Zn::Ptr<iCriticalSection> OSServices::createCriticalSection() const {
     return Zn::Ptr<iCriticalSection>(new SharedCriticalSection);

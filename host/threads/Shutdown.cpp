@@ -18,7 +18,8 @@ Shutdown::Handle Shutdown::Sequence::addCallback(Zn::Ptr<iCallback> cb, unsigned
 bool Shutdown::Sequence::removeCallback(Handle h) {
     Zn::Ptr<iCallback> removed; // released after the lock: its destructor may register
     std::lock_guard<std::mutex> lock(mutex_);
-    auto it = std::find_if(entries_.begin(), entries_.end(), [h](const Entry& e) { return e.handle == h; });
+    auto it = std::find_if(entries_.begin(), entries_.end(),
+                           [h](const Entry& e) { return e.handle == h; });
     if (it == entries_.end()) return false;
     removed = std::move(it->cb);
     entries_.erase(it);
@@ -41,9 +42,10 @@ void Shutdown::Sequence::run(eExitType type) {
                 finished_ = true;
                 return;
             }
-            auto next = std::min_element(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
-                return a.level != b.level ? a.level < b.level : a.handle > b.handle;
-            });
+            auto next = std::min_element(
+                entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
+                    return a.level != b.level ? a.level < b.level : a.handle > b.handle;
+                });
             cb = std::move(next->cb);
             entries_.erase(next);
         }

@@ -4,13 +4,16 @@
 #include "host/os/OS.h"
 #include "host/threads/Futex.h"
 
+#include <algorithm>
 #include <cassert>
 #include <memory>
 
 ThreadEvent::ThreadEvent(bool manualReset, bool initialState) noexcept
     : word_(initialState ? kSet : 0u), manual_(manualReset) {}
 
-ThreadEvent::~ThreadEvent() { assert(links_ == nullptr && "an event was destroyed during waitForAny"); }
+ThreadEvent::~ThreadEvent() {
+    assert(links_ == nullptr && "an event was destroyed during waitForAny");
+}
 
 void ThreadEvent::set() noexcept {
     const bool manual = manual_; // read before the event may be gone
@@ -30,7 +33,9 @@ void ThreadEvent::set() noexcept {
     if (v & kLinked) wakeLinked();
 }
 
-void ThreadEvent::reset() noexcept { word_.fetch_and(~kSet, std::memory_order_seq_cst); }
+void ThreadEvent::reset() noexcept {
+    word_.fetch_and(~kSet, std::memory_order_seq_cst);
+}
 
 bool ThreadEvent::wait(unsigned timeoutMs) noexcept {
     return manual_ ? waitManual(timeoutMs) : waitAuto(timeoutMs);
@@ -42,7 +47,8 @@ bool ThreadEvent::waitAuto(unsigned timeoutMs) noexcept {
     uint32_t v = word_.load(std::memory_order_relaxed);
     for (;;) {
         if (v & kSet) {
-            if (word_.compare_exchange_weak(v, v & ~kSet, std::memory_order_acquire, std::memory_order_relaxed))
+            if (word_.compare_exchange_weak(v, v & ~kSet, std::memory_order_acquire,
+                                            std::memory_order_relaxed))
                 return true;
         } else if (timeoutMs == 0) {
             return false;
@@ -66,7 +72,8 @@ bool ThreadEvent::waitAuto(unsigned timeoutMs) noexcept {
                                             std::memory_order_relaxed))
                 return true;
         } else if (timedOut) {
-            if (word_.compare_exchange_weak(v, v - kWaiter, std::memory_order_relaxed, std::memory_order_relaxed))
+            if (word_.compare_exchange_weak(v, v - kWaiter, std::memory_order_relaxed,
+                                            std::memory_order_relaxed))
                 return false;
         } else {
             timedOut = !futex::waitUntil(word_, v, until);
@@ -80,7 +87,8 @@ bool ThreadEvent::waitManual(unsigned timeoutMs) noexcept {
     for (;;) {
         if (v & kSet) return true;
         if (timeoutMs == 0) return false;
-        if (word_.compare_exchange_weak(v, v + kWaiter, std::memory_order_relaxed, std::memory_order_relaxed))
+        if (word_.compare_exchange_weak(v, v + kWaiter, std::memory_order_relaxed,
+                                        std::memory_order_relaxed))
             break;
     }
     const uint32_t sets = setsOf(v);
@@ -106,7 +114,8 @@ bool ThreadEvent::take(const Link& l) noexcept {
     uint32_t v = word_.load(std::memory_order_seq_cst);
     if (manual_) return (v & kSet) || setsOf(v) != l.setsAtLink;
     while (v & kSet) {
-        if (word_.compare_exchange_weak(v, v & ~kSet, std::memory_order_acquire, std::memory_order_relaxed))
+        if (word_.compare_exchange_weak(v, v & ~kSet, std::memory_order_acquire,
+                                        std::memory_order_relaxed))
             return true;
     }
     return false;
@@ -141,7 +150,8 @@ void ThreadEvent::wakeLinked() noexcept {
     }
 }
 
-int iThreadEvent::waitForAny(const Zn::Ptr<iThreadEvent>* events, size_t count, unsigned timeoutMs) {
+int iThreadEvent::waitForAny(const Zn::Ptr<iThreadEvent>* events, size_t count,
+                             unsigned timeoutMs) {
     auto eventAt = [&](size_t i) { return static_cast<ThreadEvent*>(events[i].get()); };
     ThreadEvent::Link probe; // for a manual-reset event's first look: only "set now" counts
     probe.setsAtLink = 0;
@@ -151,7 +161,9 @@ int iThreadEvent::waitForAny(const Zn::Ptr<iThreadEvent>* events, size_t count, 
         probe.setsAtLink = ThreadEvent::setsOf(e->word_.load(std::memory_order_relaxed));
         if (e->take(probe)) return int(i);
     }
-    if (timeoutMs == 0 || count == 0) return -1;
+    const bool anyEvent =
+        std::any_of(events, events + count, [](const Zn::Ptr<iThreadEvent>& e) { return bool(e); });
+    if (timeoutMs == 0 || !anyEvent) return -1;
 
     ThreadEvent::Sleeper sleeper;
     constexpr size_t kInline = 8;

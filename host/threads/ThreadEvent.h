@@ -34,11 +34,14 @@ public:
     // timeoutMs passed (or there is nothing to wait for). Of the events, only the one
     // reported is consumed (if it is auto-reset); when several are set the lowest index
     // wins. Null entries are ignored. Every event must come from OS()->createThreadEvent.
-    static int waitForAny(const Zn::Ptr<iThreadEvent>* events, size_t count, unsigned timeoutMs = kInfinite);
-    static int waitForAny(std::initializer_list<Zn::Ptr<iThreadEvent>> events, unsigned timeoutMs = kInfinite) {
+    static int waitForAny(const Zn::Ptr<iThreadEvent>* events, size_t count,
+                          unsigned timeoutMs = kInfinite);
+    static int waitForAny(std::initializer_list<Zn::Ptr<iThreadEvent>> events,
+                          unsigned timeoutMs = kInfinite) {
         return waitForAny(events.begin(), events.size(), timeoutMs);
     }
-    static int waitForAny(const std::vector<Zn::Ptr<iThreadEvent>>& events, unsigned timeoutMs = kInfinite) {
+    static int waitForAny(const std::vector<Zn::Ptr<iThreadEvent>>& events,
+                          unsigned timeoutMs = kInfinite) {
         return waitForAny(events.data(), events.size(), timeoutMs);
     }
 
@@ -49,9 +52,9 @@ private:
 };
 
 // The event is one 32-bit word that waiters sleep on with a futex: bit 0 is "set", bits
-// 1-14 count the threads inside wait(), so that set() makes a system call only when
-// somebody may sleep, bit 15 says that waitForAny callers are linked (below), and bits
-// 16-31 count the sets of a manual-reset event, so that a waiter notices a set even if a
+// 1-14 count the threads inside wait() (at most 16383 at once), so that set() makes a
+// system call only when somebody may sleep, bit 15 says that waitForAny callers are linked (below),
+// and bits 16-31 count the sets of a manual-reset event, so that a waiter notices a set even if a
 // reset followed before it woke. Everything set() needs to know comes back from the one
 // atomic step that sets the bit, so set() reads nothing of the event afterwards: the
 // thread it releases may destroy the event at once (as with a completion event).

@@ -41,7 +41,8 @@ Zn::Ptr<TimedTask> TimedTaskManager::createTimedTask(const char* name) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         auto it = groups_.find(key);
-        if (it == groups_.end()) it = groups_.emplace(std::string(key), std::make_unique<Group>(key)).first;
+        if (it == groups_.end())
+            it = groups_.emplace(std::string(key), std::make_unique<Group>(key)).first;
         group = it->second.get();
     }
     return Zn::Ptr<TimedTask>(new TimedTask(group));
@@ -56,7 +57,8 @@ std::vector<TimedTaskManager::Record> TimedTaskManager::stats() const {
         for (const auto& s : group->slots) {
             uint64_t count = s->count.load(std::memory_order_relaxed);
             if (count == 0) continue;
-            out.push_back(Record{name, s->activity, count, s->totalNs.load(std::memory_order_relaxed),
+            out.push_back(Record{name, s->activity, count,
+                                 s->totalNs.load(std::memory_order_relaxed),
                                  s->maxNs.load(std::memory_order_relaxed)});
         }
         std::sort(out.begin() + ptrdiff_t(first), out.end(),
@@ -76,8 +78,8 @@ std::string TimedTaskManager::report() const {
     char line[512];
     auto addRow = [&](const char* task, const char* activity, const char* count, const char* total,
                       const char* mean, const char* max) {
-        std::snprintf(line, sizeof(line), "%-*s | %-*s | %10s | %12s | %10s | %10s\n", int(taskWidth), task,
-                      int(activityWidth), activity, count, total, mean, max);
+        std::snprintf(line, sizeof(line), "%-*s | %-*s | %10s | %12s | %10s | %10s\n",
+                      int(taskWidth), task, int(activityWidth), activity, count, total, mean, max);
         out += line;
     };
     addRow("task", "activity", "count", "total ms", "mean ms", "max ms");
@@ -106,12 +108,14 @@ void TimedTaskManager::reset() {
 }
 
 uint64_t TimedTask::nowNs() noexcept {
-    return uint64_t(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-            .count());
+    return uint64_t(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                        std::chrono::steady_clock::now().time_since_epoch())
+                        .count());
 }
 
-TimedTask::~TimedTask() { end(); }
+TimedTask::~TimedTask() {
+    end();
+}
 
 TimedTask::Slot* TimedTask::slotFor(const char* activity) {
     const char* text = activity ? activity : "";
@@ -141,7 +145,8 @@ void TimedTask::end() {
     current_ = nullptr;
 }
 
-TimedActivity::TimedActivity(Zn::Ptr<TimedTask> task, const char* activity) : task_(std::move(task)) {
+TimedActivity::TimedActivity(Zn::Ptr<TimedTask> task, const char* activity)
+    : task_(std::move(task)) {
     if (!task_) return;
     {
         std::lock_guard<std::mutex> lock(task_->mutex_);

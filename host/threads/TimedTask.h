@@ -33,7 +33,9 @@ public:
         uint64_t count = 0;
         uint64_t totalNs = 0;
         uint64_t maxNs = 0;
-        double meanMs() const noexcept { return count ? double(totalNs) / double(count) / 1e6 : 0.0; }
+        double meanMs() const noexcept {
+            return count ? double(totalNs) / double(count) / 1e6 : 0.0;
+        }
     };
 
     TimedTaskManager();

@@ -22,12 +22,17 @@ constexpr int kScale = 10; // sanitizers slow every atomic and system call
 constexpr int kScale = 1;
 #endif
 
-Zn::Ptr<iThreadEvent> autoEvent(bool set = false) { return OS()->createThreadEvent(false, set); }
-Zn::Ptr<iThreadEvent> manualEvent(bool set = false) { return OS()->createThreadEvent(true, set); }
+Zn::Ptr<iThreadEvent> autoEvent(bool set = false) {
+    return OS()->createThreadEvent(false, set);
+}
+Zn::Ptr<iThreadEvent> manualEvent(bool set = false) {
+    return OS()->createThreadEvent(true, set);
+}
 
 // Polls until pred holds or two seconds pass.
 template <class P> bool eventually(P pred) {
-    for (auto end = Clock::now() + std::chrono::seconds(2); Clock::now() < end; std::this_thread::yield())
+    for (auto end = Clock::now() + std::chrono::seconds(2); Clock::now() < end;
+         std::this_thread::yield())
         if (pred()) return true;
     return pred();
 }
@@ -69,7 +74,8 @@ TEST(ThreadEvent, AutoResetReleasesExactlyOneWaiterPerSet) {
         std::this_thread::sleep_for(milliseconds(10)); // a second release would show by now
         EXPECT_EQ(released, i);
     }
-    for (auto& t : waiters) t.join();
+    for (auto& t : waiters)
+        t.join();
     EXPECT_FALSE(e->wait(0));
 }
 
@@ -87,7 +93,8 @@ TEST(ThreadEvent, ManualResetReleasesEveryWaiterEvenWhenResetAtOnce) {
         std::this_thread::sleep_for(milliseconds(30));
         e->set();
         if (resetAtOnce) e->reset();
-        for (auto& t : waiters) t.join();
+        for (auto& t : waiters)
+            t.join();
         EXPECT_EQ(released, 4);
         EXPECT_EQ(e->wait(0), !resetAtOnce);
         EXPECT_EQ(e->wait(0), !resetAtOnce); // waits do not consume it
@@ -146,11 +153,13 @@ TEST(ThreadEvent, WaitForAnyReportsAndConsumesOnlyTheEventThatFired) {
     m->set();
     std::vector<Zn::Ptr<iThreadEvent>> list{a, m};
     EXPECT_EQ(iThreadEvent::waitForAny(list, 0), 1);
-    EXPECT_TRUE(m->wait(0)); // manual-reset: not consumed
+    EXPECT_TRUE(m->wait(0));                            // manual-reset: not consumed
+    EXPECT_EQ(iThreadEvent::waitForAny({nullptr}), -1); // nothing to wait for: no hang
 
     // More events than waitForAny keeps on its stack.
     std::vector<Zn::Ptr<iThreadEvent>> many;
-    for (int i = 0; i < 20; ++i) many.push_back(autoEvent());
+    for (int i = 0; i < 20; ++i)
+        many.push_back(autoEvent());
     std::thread late([&] {
         std::this_thread::sleep_for(milliseconds(10));
         many[17]->set();
@@ -166,7 +175,8 @@ TEST(ThreadEvent, MixedWaitersTakeEachSetExactlyOnce) {
     std::atomic<int> taken{0};
     auto consume = [&](bool any) {
         for (;;) {
-            int fired = any ? iThreadEvent::waitForAny({stop, other, work}) : (work->wait(20) ? 2 : -1);
+            int fired =
+                any ? iThreadEvent::waitForAny({stop, other, work}) : (work->wait(20) ? 2 : -1);
             if (fired == 2) {
                 taken++;
                 ack->set();
@@ -184,7 +194,8 @@ TEST(ThreadEvent, MixedWaitersTakeEachSetExactlyOnce) {
         ASSERT_TRUE(ack->wait(5000)) << "round " << i;
     }
     stop->set();
-    for (auto& t : consumers) t.join();
+    for (auto& t : consumers)
+        t.join();
     EXPECT_EQ(taken, rounds);
 }
 
@@ -209,6 +220,7 @@ TEST(ThreadEvent, PairsPingPongManyThousandTimesWithoutHanging) {
             }
         });
     }
-    for (auto& t : threads) t.join();
+    for (auto& t : threads)
+        t.join();
     EXPECT_EQ(completed, kPairs);
 }

@@ -11,51 +11,45 @@
 
 namespace {
 
-template <class F> bool onOtherThread(F f) {
-    bool r = false;
-    std::thread([&] { r = f(); }).join();
-    return r;
+// Whether another thread could take the lock right now.
+template <class Lockable> bool freeElsewhere(Lockable& l) {
+    bool got = false;
+    std::thread([&] {
+        if ((got = l.tryEnter())) l.leave();
+    }).join();
+    return got;
 }
+
+// iMutex spelt like the others, to share the checks.
+struct MutexAsSection {
+    iMutex& m;
+    bool tryEnter() { return m.tryLock(); }
+    void leave() { m.unlock(); }
+};
 
 } // namespace
 
-TEST(CriticalSection, IsReentrantAndExcludesOtherThreadsUntilTheLastLeave) {
+TEST(CriticalSection, IsReentrantAndFreeOnlyAfterTheLastLeaveOrAGuardsUnlock) {
     CriticalSection cs;
     cs.enter();
     EXPECT_TRUE(cs.tryEnter());
     {
-        CriticalSection::Lock again(cs);
-        EXPECT_FALSE(onOtherThread([&] { return cs.tryEnter(); }));
+        CriticalSection::Lock lock(cs);
+        EXPECT_FALSE(freeElsewhere(cs));
     }
     cs.leave();
-    EXPECT_FALSE(onOtherThread([&] { return cs.tryEnter(); }));
+    EXPECT_FALSE(freeElsewhere(cs));
     cs.leave();
-    EXPECT_TRUE(onOtherThread([&] {
-        bool got = cs.tryEnter();
-        if (got) cs.leave();
-        return got;
-    }));
-}
-
-TEST(CriticalSection, GuardReleasesForAWhileAndTakesItBack) {
-    CriticalSection cs;
-    auto freeElsewhere = [&] {
-        return onOtherThread([&] {
-            bool got = cs.tryEnter();
-            if (got) cs.leave();
-            return got;
-        });
-    };
+    EXPECT_TRUE(freeElsewhere(cs));
     {
         CriticalSection::Lock lock(cs);
         lock.unlock();
-        EXPECT_FALSE(lock.isLocked());
-        EXPECT_TRUE(freeElsewhere());
+        EXPECT_TRUE(freeElsewhere(cs));
         lock.relock();
-        EXPECT_FALSE(freeElsewhere());
+        EXPECT_FALSE(freeElsewhere(cs));
         lock.unlock();
-    } // the guard must not leave a second time here
-    EXPECT_TRUE(freeElsewhere());
+    } // the guard must not leave a second time
+    EXPECT_TRUE(freeElsewhere(cs));
 }
 
 TEST(CriticalSection, SerialisesIncrementsFromManyThreads) {
@@ -70,35 +64,29 @@ TEST(CriticalSection, SerialisesIncrementsFromManyThreads) {
                 counter = counter + 1;
             }
         });
-    for (auto& t : threads) t.join();
+    for (auto& t : threads)
+        t.join();
     EXPECT_EQ(counter, 80000);
 }
 
 TEST(OSLocks, MutexAndCriticalSectionObjectsAreReentrantAndExclusive) {
     Zn::Ptr<iMutex> m = OS()->createMutex("cache");
     EXPECT_STREQ(m->name(), "cache");
-    EXPECT_STREQ(OS()->createMutex(nullptr)->name(), "");
+    MutexAsSection section{*m};
     {
         iMutex::Lock lock(*m);
-        EXPECT_TRUE(m->tryLock());
-        m->unlock();
-        EXPECT_FALSE(onOtherThread([&] { return m->tryLock(); }));
+        iMutex::Lock again(*m);
+        EXPECT_FALSE(freeElsewhere(section));
         lock.unlock();
-        EXPECT_TRUE(onOtherThread([&] {
-            bool got = m->tryLock();
-            if (got) m->unlock();
-            return got;
-        }));
+        EXPECT_FALSE(freeElsewhere(section));
     }
+    EXPECT_TRUE(freeElsewhere(section));
+
     Zn::Ptr<iCriticalSection> cs = OS()->createCriticalSection();
     {
         iCriticalSection::Lock lock(*cs);
         iCriticalSection::Lock again(*cs);
-        EXPECT_FALSE(onOtherThread([&] { return cs->tryEnter(); }));
+        EXPECT_FALSE(freeElsewhere(*cs));
     }
-    EXPECT_TRUE(onOtherThread([&] {
-        bool got = cs->tryEnter();
-        if (got) cs->leave();
-        return got;
-    }));
+    EXPECT_TRUE(freeElsewhere(*cs));
 }

@@ -28,12 +28,11 @@ Zn::Ptr<Shutdown::iCallback> call(std::function<void(Shutdown::eExitType)> fn) {
 // Registered by a static initialiser in the process's sequence.
 std::atomic<int> g_staticCalls{0};
 Shutdown::eExitType g_staticType = Shutdown::eNormalExit;
-const Shutdown::Handle g_staticHandle = Shutdown::addCallback(
-    call([](Shutdown::eExitType type) {
-        g_staticType = type;
-        g_staticCalls++;
-    }),
-    Shutdown::kLevelLate);
+const Shutdown::Handle g_staticHandle = Shutdown::addCallback(call([](Shutdown::eExitType type) {
+                                                                  g_staticType = type;
+                                                                  g_staticCalls++;
+                                                              }),
+                                                              Shutdown::kLevelLate);
 
 struct Service {
     std::vector<Shutdown::eExitType> seen;
@@ -66,8 +65,10 @@ TEST(Shutdown, CallsByAscendingLevelAndLatestFirstWithinALevel) {
 TEST(Shutdown, CallbacksMayAddAndRemoveCallbacksWhileItRuns) {
     Shutdown::Sequence seq;
     std::string order;
-    Shutdown::Handle doomed = seq.addCallback(call([&](Shutdown::eExitType) { order += 'x'; }), 300);
-    seq.addCallback(call([&](Shutdown::eExitType) { throw std::runtime_error("expected in test"); }), 150);
+    Shutdown::Handle doomed =
+        seq.addCallback(call([&](Shutdown::eExitType) { order += 'x'; }), 300);
+    seq.addCallback(
+        call([&](Shutdown::eExitType) { throw std::runtime_error("expected in test"); }), 150);
     seq.addCallback(call([&](Shutdown::eExitType) {
                         order += 'a';
                         seq.removeCallback(doomed);
@@ -85,12 +86,16 @@ TEST(Shutdown, ConcurrentRegistrationAndRunsCallEachCallbackOnce) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 8; ++t)
         threads.emplace_back([&, t] {
-            for (int i = 0; i < 100; ++i) seq.addCallback(call([&](Shutdown::eExitType) { calls++; }), unsigned(t));
+            for (int i = 0; i < 100; ++i)
+                seq.addCallback(call([&](Shutdown::eExitType) { calls++; }), unsigned(t));
         });
-    for (auto& t : threads) t.join();
+    for (auto& t : threads)
+        t.join();
     threads.clear();
-    for (int t = 0; t < 4; ++t) threads.emplace_back([&] { seq.run(Shutdown::eNormalExit); });
-    for (auto& t : threads) t.join();
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] { seq.run(Shutdown::eNormalExit); });
+    for (auto& t : threads)
+        t.join();
     EXPECT_EQ(calls, 800);
 }
 
@@ -99,7 +104,8 @@ TEST(Shutdown, TheProcessSequenceTakesStaticRegistrationsAndMethods) {
     ASSERT_NE(g_staticHandle, 0u);
     Service service;
     Shutdown::addCallback(&service, &Service::onShutdown, Shutdown::kLevelEarly);
-    Shutdown::Handle removed = Shutdown::addCallback(&service, &Service::onShutdown, Shutdown::kLevelNormal);
+    Shutdown::Handle removed =
+        Shutdown::addCallback(&service, &Service::onShutdown, Shutdown::kLevelNormal);
     EXPECT_TRUE(Shutdown::removeCallback(removed));
     Shutdown::run(Shutdown::eFastExit);
     EXPECT_TRUE(Shutdown::hasRun());

@@ -48,7 +48,8 @@ TEST(BasicThread, EndThreadReturnsOnlyAfterThreadFnHasReturned) {
     std::atomic<bool> finished{false};
     Zn::Ptr<TestThread> t(new TestThread([&](TestThread& self) {
         EXPECT_EQ(BasicThread::current(), &self);
-        while (self.keepRunning()) self.stopEvent()->wait(1000);
+        while (self.keepRunning())
+            self.stopEvent()->wait(1000);
         std::this_thread::sleep_for(milliseconds(30));
         finished = true;
     }));
@@ -90,7 +91,8 @@ TEST(BasicThread, ConcurrentEndThreadCallsAllWaitForTheEnd) {
             t->endThread();
             if (!finished) sawUnfinished++;
         });
-    for (auto& e : enders) e.join();
+    for (auto& e : enders)
+        e.join();
     EXPECT_EQ(sawUnfinished, 0);
 }
 
@@ -107,7 +109,8 @@ TEST(BasicThread, EndThreadOnTheThreadItselfOnlyAsksToStop) {
     EXPECT_FALSE(t->isRunning());
 
     // A threadFn that returns by itself (here by throwing) leaves the thread reapable.
-    Zn::Ptr<TestThread> thrower(new TestThread([](TestThread&) { throw std::runtime_error("expected in test"); }));
+    Zn::Ptr<TestThread> thrower(
+        new TestThread([](TestThread&) { throw std::runtime_error("expected in test"); }));
     ASSERT_TRUE(thrower->beginThread("thrower"));
     thrower->endThread();
     EXPECT_FALSE(thrower->isRunning());
@@ -139,7 +142,8 @@ TEST(iThread, RunsAFunctionAndEndsWhenReleased) {
     Zn::Ptr<iThread> t = iThread::create(
         [&] {
             BasicThread* self = BasicThread::current();
-            while (self->keepRunning()) self->stopEvent()->wait(1000);
+            while (self->keepRunning())
+                self->stopEvent()->wait(1000);
             stopped = true;
         },
         "worker", kPriorityBelowNormal);

@@ -13,8 +13,8 @@
 
 namespace {
 
-const TimedTaskManager::Record* find(const std::vector<TimedTaskManager::Record>& records, const char* task,
-                                     const char* activity) {
+const TimedTaskManager::Record* find(const std::vector<TimedTaskManager::Record>& records,
+                                     const char* task, const char* activity) {
     for (const auto& r : records)
         if (r.task == task && r.activity == activity) return &r;
     return nullptr;
@@ -90,7 +90,8 @@ TEST(TimedTask, CountsStayExactUnderEightThreads) {
             }
             own->end();
         });
-    for (auto& t : threads) t.join();
+    for (auto& t : threads)
+        t.join();
     auto records = manager.stats();
     for (const char* activity : {"open", "read"}) {
         ASSERT_TRUE(find(records, "frame", activity));
