@@ -25,8 +25,9 @@ enum eThreadPriority : int {
 
 // Life of a BasicThread: beginThread starts threadFn on a new thread; threadFn polls
 // keepRunning() or waits on stopEvent() (together with its own events) and returns when
-// asked to stop; endThread asks it to stop and joins it. A thread whose threadFn has
-// returned may be begun again after endThread.
+// asked to stop; endThread asks it to stop and joins it. Once threadFn has returned the
+// object may be begun again. endThread waits for threadFn, so its caller must not hold a
+// lock that threadFn may take before it looks at keepRunning or the stop event.
 //
 // A derived class must call endThread() in its own destructor, before its members are
 // destroyed, because threadFn uses them. ~BasicThread ends a thread that is still running
@@ -38,8 +39,9 @@ enum eThreadPriority : int {
 // instead of joining it; nothing of the object is touched after threadFn returns.
 //
 // state_->mutex guards the started/joining state and the thread handle (see State in the
-// .cpp). It is taken by beginThread, endThread and the starting and finishing thread, with
-// no other lock held, and is never held while joining or while threadFn runs.
+// .cpp). It is taken by beginThread, endThread, isRunning and by the thread as it starts
+// and finishes; nothing else is locked under it, and it is never held while joining or
+// while threadFn runs, so any lock may be held when these are called.
 class BasicThread : public virtual iObject {
 public:
     BasicThread();
@@ -112,6 +114,7 @@ public:
                                    int priority = kPriorityNormal);
 };
 
+// iThread's implementation: a BasicThread whose threadFn calls the function.
 class FunctionThread final : public BasicThread, public iThread {
 public:
     explicit FunctionThread(std::function<void()> body) : body_(std::move(body)) {}

@@ -52,11 +52,4 @@ inline timespec deadlineAfter(unsigned timeoutMs) noexcept {
     return t;
 }
 
-inline bool passed(const timespec& deadline) noexcept {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec > deadline.tv_sec ||
-           (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec);
-}
-
 } // namespace futex

@@ -16,7 +16,7 @@ public:
     //                join their threads and release their resources.
     //   eFastExit:   the process is about to end at once (a forced quit, or exit after a
     //                fatal error). Callbacks only undo what would outlive the process
-    //                (temporary files, locks held by other processes) and must not wait for
+    //                (temporary files, lock files other processes would see) and must not wait for
     //                threads or I/O that may never finish; memory need not be freed.
     enum eExitType { eNormalExit, eFastExit };
 
