@@ -3,6 +3,8 @@
 // enter has been matched by a leave.
 #pragma once
 
+#include "host/threads/ScopedLock.h"
+
 #include <pthread.h>
 
 // A recursive pthread mutex with the calls inlined, so that an uncontended enter/leave
@@ -23,37 +25,14 @@ public:
     // Enters only if no other thread holds it (the holder itself always succeeds).
     bool tryEnter() noexcept { return pthread_mutex_trylock(&mutex_) == 0; }
 
-    // Holds the critical section for a scope. unlock() lets code release it temporarily
-    // (to call out, or to wait) and relock() takes it back; the destructor leaves only if
-    // the guard holds it at that moment.
-    class Lock {
-    public:
-        explicit Lock(CriticalSection& cs) noexcept : cs_(cs) { cs_.enter(); }
-        ~Lock() {
-            if (held_) cs_.leave();
-        }
-        Lock(const Lock&) = delete;
-        Lock& operator=(const Lock&) = delete;
-
-        void unlock() noexcept {
-            if (held_) {
-                held_ = false;
-                cs_.leave();
-            }
-        }
-        void relock() noexcept {
-            if (!held_) {
-                cs_.enter();
-                held_ = true;
-            }
-        }
-        bool isLocked() const noexcept { return held_; }
-
-    private:
-        CriticalSection& cs_;
-        bool held_ = true;
-    };
+    // Holds the critical section for a scope (see ScopedLock).
+    class Lock;
 
 private:
     pthread_mutex_t mutex_ = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+};
+
+class CriticalSection::Lock : public ScopedLock<CriticalSection, &CriticalSection::enter, &CriticalSection::leave> {
+public:
+    using ScopedLock::ScopedLock;
 };

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "host/core/RefCount.h"
+#include "host/threads/ScopedLock.h"
 
 // A re-entrant lock held through a reference (OS()->createCriticalSection()). It guards
 // whatever the code that creates it says it guards; that code also says which locks may
@@ -14,31 +15,7 @@ public:
     virtual void leave() noexcept = 0;
     virtual bool tryEnter() noexcept = 0;
 
-    class Lock {
-    public:
-        explicit Lock(iCriticalSection& cs) noexcept : cs_(cs) { cs_.enter(); }
-        ~Lock() {
-            if (held_) cs_.leave();
-        }
-        Lock(const Lock&) = delete;
-        Lock& operator=(const Lock&) = delete;
-        void unlock() noexcept {
-            if (held_) {
-                held_ = false;
-                cs_.leave();
-            }
-        }
-        void relock() noexcept {
-            if (!held_) {
-                cs_.enter();
-                held_ = true;
-            }
-        }
-
-    private:
-        iCriticalSection& cs_;
-        bool held_ = true;
-    };
+    class Lock;
 };
 
 // A re-entrant mutex with a name that diagnostics print (OS()->createMutex(name)). The
@@ -50,29 +27,15 @@ public:
     virtual bool tryLock() noexcept = 0;
     virtual const char* name() const noexcept = 0;
 
-    class Lock {
-    public:
-        explicit Lock(iMutex& m) noexcept : m_(m) { m_.lock(); }
-        ~Lock() {
-            if (held_) m_.unlock();
-        }
-        Lock(const Lock&) = delete;
-        Lock& operator=(const Lock&) = delete;
-        void unlock() noexcept {
-            if (held_) {
-                held_ = false;
-                m_.unlock();
-            }
-        }
-        void relock() noexcept {
-            if (!held_) {
-                m_.lock();
-                held_ = true;
-            }
-        }
+    class Lock;
+};
 
-    private:
-        iMutex& m_;
-        bool held_ = true;
-    };
+class iCriticalSection::Lock : public ScopedLock<iCriticalSection, &iCriticalSection::enter, &iCriticalSection::leave> {
+public:
+    using ScopedLock::ScopedLock;
+};
+
+class iMutex::Lock : public ScopedLock<iMutex, &iMutex::lock, &iMutex::unlock> {
+public:
+    using ScopedLock::ScopedLock;
 };
