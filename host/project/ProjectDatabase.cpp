@@ -167,8 +167,13 @@ bool checkExisting(const std::string& file, WString& error) {
         return refuse("has an unknown schema version " + std::to_string(version));
     sqlite::Query check(db, "PRAGMA quick_check");
     if (!check.next()) return refuse("is damaged: " + db.lastError());
-    String verdict = check.text(0);
-    if (verdict != "ok") return refuse("is damaged: " + verdict.str());
+    std::string verdict = check.text(0).str();
+    if (verdict != "ok") {
+        // The check's report is several lines under a heading; the first finding says enough.
+        if (verdict.rfind("***", 0) == 0 && verdict.find('\n') != std::string::npos)
+            verdict = verdict.substr(verdict.find('\n') + 1);
+        return refuse("is damaged: " + verdict.substr(0, verdict.find('\n')));
+    }
     return true;
 }
 
