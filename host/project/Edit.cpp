@@ -267,10 +267,7 @@ bool Edit::addEffect(int chan, double start, double finish, const WString& name)
     return addSegmentLocked({chan, start, finish, eSegEffect, Cookie(), name});
 }
 
-bool Edit::store(sqlite::Connection& db) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return storeLocked(db, false);
-}
+bool Edit::store(sqlite::Connection& db) { return storeLocked(db, false); }
 
 bool Edit::storeLocked(sqlite::Connection& db, bool withPending) {
     // Counted as stored from here on: a failed write rolls the transaction back, and the
@@ -332,6 +329,14 @@ bool Edit::storeLocked(sqlite::Connection& db, bool withPending) {
         ok = ok && q.run();
     }
     return ok;
+}
+
+bool Edit::storeNow() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (readOnly_ || !db_) return false;
+    ProjectDatabase::Write w(*db_);
+    if (!storeLocked(w.db(), false)) w.fail();
+    return w.commit();
 }
 
 bool Edit::beginModify() {

@@ -121,7 +121,10 @@ public:
     bool addEffect(int chan, double start, double finish, const WString& name);
 
     // Writes the edit within the caller's write transaction (modifications announced
-    // to an open modifier wait for its commit); used by EditManager and the importer.
+    // to an open modifier wait for its commit). It does not take the edit's lock (that
+    // would come inside the project's write lock, the reverse of the usual order), so it
+    // is only for a new edit that no other thread can reach yet (EditManager, the
+    // importer).
     bool store(sqlite::Connection& db);
 
 private:
@@ -133,6 +136,9 @@ private:
     // Ends one modifier; the last one writes the edit. False when the write failed.
     bool endModify(std::string* error);
     bool storeLocked(sqlite::Connection& db, bool withPending);
+    // Writes the edit now in a transaction of its own (edit lock first, then the
+    // project's write lock).
+    bool storeNow();
     bool canChangeLocked() const { return modifiers_ > 0 || !stored_; }
     bool addSegmentLocked(const Segment& s);
     void addReferenceLocked(unsigned selector, const Cookie& cookie);

@@ -55,13 +55,7 @@ EditPtr EditManager::createEdit(const WString& name, int logType, unsigned flags
     return EditPtr(edit);
 }
 
-bool EditManager::updateProjdbRec(Edit& edit) {
-    auto db = edit.db_;
-    if (!db || edit.isReadOnly()) return false;
-    ProjectDatabase::Write w(*db);
-    if (!edit.store(w.db())) w.fail();
-    return w.commit();
-}
+bool EditManager::updateProjdbRec(Edit& edit) { return edit.storeNow(); }
 
 int EditManager::addModificationListener(ModificationListener listener) {
     std::lock_guard<std::mutex> lock(g_mutex);

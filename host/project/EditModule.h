@@ -67,6 +67,11 @@ public:
     // The selected channels whose kind has a bit in kinds and whose flags have a bit in
     // mask, in channel order; answers how many.
     unsigned getSelectedChans(Vector<int>& out, int kinds, unsigned mask) const;
+    Vector<int> getSelectedChans(int kinds, unsigned mask) const {
+        Vector<int> out;
+        getSelectedChans(out, kinds, mask);
+        return out;
+    }
 
 private:
     EditPtr edit_;

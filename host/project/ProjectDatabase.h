@@ -100,9 +100,10 @@ private:
     WString folder_;
     std::string file_;
 
-    // writeMutex_ guards writer_ and is held for the whole of a Write. No other lock of
-    // this class is taken while waiting for it, and a thread holding it must not start a
-    // second Write (the mutex is not re-entrant).
+    // writeMutex_ guards writer_ and is held for the whole of a Write. It may be taken
+    // with an Edit's or an FsysDirectoryEntry's own lock held (they write themselves
+    // through it), so a thread holding it takes no such lock that another thread can
+    // hold; nor does it start a second Write (the mutex is not re-entrant).
     std::mutex writeMutex_;
     sqlite::Connection writer_;
 
