@@ -5,9 +5,9 @@
 // written to the project at once, each in a transaction of its own, and kept in the
 // entry too. Answers of a separate look-up made earlier do not change.
 //
-// Lock: mutex_ guards the entry's copy of the files and kind; it is held while the
-// entry writes to the project (never the reverse order: the project's write lock is
-// taken inside it), and no other lock is taken with it held.
+// Lock: mutex_ guards the entry's copy of the files and kind. It is held while the
+// entry writes to the project, so the project's write lock (and its reader pool's) are
+// taken inside it, never the reverse; no other lock is taken with it held.
 #pragma once
 
 #include "host/core/Cookie.h"

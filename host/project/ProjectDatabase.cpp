@@ -6,6 +6,7 @@
 #include "host/os/Log.h"
 #include "host/project/ProjectFiles.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
