@@ -94,16 +94,26 @@ TEST_F(ProjectStress, ProcessesKilledAtRandomMomentsLeaveWholeClipsOnly) {
     std::mt19937 rng(12345);
     size_t before = 0;
     for (int round = 0; round < 4; ++round) {
+        int imported[2];
+        ASSERT_EQ(pipe(imported), 0);
         pid_t pid = inChild([&] {
             EditManager::openProject(W(folder.string()), false);
             ImportOptions o;
             o.copy = round % 2 == 1;
             for (;;) // until killed
-                for (const auto& f : files) ProjectImporter(o).importFile(W(f));
+                for (const auto& f : files) {
+                    ProjectImporter(o).importFile(W(f));
+                    (void)!write(imported[1], "c", 1);
+                }
         });
-        std::this_thread::sleep_for(std::chrono::milliseconds(20 + rng() % 120));
+        // Kill at a random moment after the first clip is in, however loaded the machine.
+        pollfd pfd{imported[0], POLLIN, 0};
+        ASSERT_EQ(poll(&pfd, 1, 20000), 1) << "the child never imported a clip";
+        std::this_thread::sleep_for(std::chrono::milliseconds(rng() % 120));
         kill(pid, SIGKILL);
         waitFor(pid);
+        close(imported[0]);
+        close(imported[1]);
         open();
         EXPECT_EQ(inconsistencies(*EditManager::getProjdb()), "") << "round " << round;
         size_t now = clipCount();
