@@ -52,4 +52,4 @@ fuzz:
 	    -DCMAKE_CXX_COMPILER=clang++ -DPLAYFILE_SANITIZE=address,undefined -DPLAYFILE_FUZZ=ON
 	cmake --build build-fuzz -j $(JOBS)
 	@for f in build-fuzz/fuzz/fuzz_*; do mkdir -p build-fuzz/corpus/$$(basename $$f); \
-	    $$f -max_total_time=$(FUZZ_SECONDS) build-fuzz/corpus/$$(basename $$f) || exit 1; done
+	    $$f -max_total_time=$(FUZZ_SECONDS) -artifact_prefix=build-fuzz/ build-fuzz/corpus/$$(basename $$f) || exit 1; done
