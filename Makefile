@@ -13,7 +13,7 @@ BUILD_DIR ?= build-$(subst $(comma),-,$(SANITIZE))
 endif
 comma := ,
 
-.PHONY: all bootstrap configure build test demo bench clean format
+.PHONY: all bootstrap configure build test demo bench clean format fuzz
 
 all: build
 
@@ -43,3 +43,13 @@ format:
 
 clean:
 	rm -rf build build-*
+
+# Coverage-guided fuzzing of the parsers with libFuzzer (clang), FUZZ_SECONDS each.
+FUZZ_SECONDS ?= 60
+fuzz:
+	@scripts/bootstrap --fuzz
+	cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
+	    -DCMAKE_CXX_COMPILER=clang++ -DPLAYFILE_SANITIZE=address,undefined -DPLAYFILE_FUZZ=ON
+	cmake --build build-fuzz -j $(JOBS)
+	@for f in build-fuzz/fuzz/fuzz_*; do mkdir -p build-fuzz/corpus/$$(basename $$f); \
+	    $$f -max_total_time=$(FUZZ_SECONDS) build-fuzz/corpus/$$(basename $$f) || exit 1; done

@@ -7,15 +7,24 @@
 
 #include <new>
 
+// A release that fails is passed through to the caller. GCC accepts the replacement
+// delete operators without noexcept; clang insists on the standard declaration, so a
+// clang build ends the program instead (the fuzzing build is the only clang one).
+#if defined(__clang__)
+#define PLAYFILE_RELEASE_MAY_THROW noexcept
+#else
+#define PLAYFILE_RELEASE_MAY_THROW noexcept(false)
+#endif
+
 void* operator new(std::size_t size) { return OS()->allocator()->allocate(size); }
 
-void operator delete(void* p) noexcept(false) {
+void operator delete(void* p) PLAYFILE_RELEASE_MAY_THROW {
     if (p) OS()->allocator()->release(p);
 }
 
 void* operator new[](std::size_t size) { return ::operator new(size); }
 
-void operator delete[](void* p) noexcept(false) { ::operator delete(p); }
+void operator delete[](void* p) PLAYFILE_RELEASE_MAY_THROW { ::operator delete(p); }
 
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     try {

@@ -1,0 +1,191 @@
+// The play header: key lookup, the two parsers, the writer and the self-test program.
+#include "playfile/Version.h"
+#include "playfile/header/PlayHeader.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::string written(SAV_HEADER h) {
+    std::string buf(header_text_size(&h), '\0');
+    char* end = header_to_string(&h, buf.data());
+    buf.resize(size_t(end - buf.data()));
+    return buf;
+}
+
+SAV_HEADER parsedV2(std::string text) {
+    SAV_HEADER h;
+    parse_header_v2(&h, text.data());
+    return h;
+}
+
+SAV_HEADER visionRecord() {
+    return make_header("vision", "data", 25.0, 25.0, 0, 0.0, 0.0, 0.0, 0, 0, "PAL", 1920, 1080,
+                       WString(L"/media/My Clips/\xE9t\xE9.mov"), -1, 0, "both", -1);
+}
+
+} // namespace
+
+TEST(HeaderLookup, OnlyTheFirstWordOfALineIsAKey) {
+    const char* text = "x f I am x and not f\nnovalue \nthe line after no value\n"
+                       "ef ef contains the substring f\nfoo foo begins with the substring f\nf I really am f\n";
+    EXPECT_STREQ(PlayHdrString_seek_value(text, "f"), "I really am f\n");
+    EXPECT_EQ(PlayHdrString_seek_value(text, "novalue"), nullptr);
+    EXPECT_EQ(std::string(PlayHdrString_seek_value(text, "x")).substr(0, 8), "f I am x");
+    EXPECT_EQ(std::string(PlayHdrString_seek_value(text, "ef")).substr(0, 11), "ef contains");
+    EXPECT_EQ(std::string(PlayHdrString_seek_value(text, "foo")).substr(0, 10), "foo begins");
+}
+
+TEST(HeaderLookup, EmptyTextsKeysAtTheEndAndIndentation) {
+    EXPECT_EQ(PlayHdrString_seek_value("", "a"), nullptr);
+    EXPECT_EQ(PlayHdrString_seek_value("   \n\r\t", "a"), nullptr);
+    EXPECT_EQ(PlayHdrString_seek_value("a", "a"), nullptr);       // key ends at the NUL
+    EXPECT_EQ(PlayHdrString_seek_value("a  ", "a"), nullptr);     // blanks then the NUL
+    EXPECT_EQ(PlayHdrString_seek_value("a\nb 1", "a"), nullptr);  // never the next line
+    EXPECT_STREQ(PlayHdrString_seek_value("\n\r  \t a \t 7\n\r", "a"), "7\n\r");
+    EXPECT_STREQ(PlayHdrString_seek_value("a 1\na 2\n", "a"), "1\na 2\n"); // first wins
+}
+
+TEST(HeaderCopy, StopsAtFourCharactersOrTheLimitAndKeepsTabs) {
+    char buf[32];
+    hdr_string_copy(buf, "PAL\tx rest", 20);
+    EXPECT_STREQ(buf, "PAL\tx");
+    hdr_string_copy(buf, "ABCDEFGHIJ", 8);
+    EXPECT_STREQ(buf, "ABCDEFGH");
+    hdr_string_copy(buf, "word\r\n", 20);
+    EXPECT_STREQ(buf, "word");
+    hdr_string_copy(buf, "anything", 0);
+    EXPECT_STREQ(buf, "");
+}
+
+TEST(HeaderWriter, ExactTextOfAVisionRecord) {
+    std::string v = playfileDllVersionStr();
+    EXPECT_EQ(written(visionRecord()),
+              "header_version 6\n\rmedium vision\n\rinput_rate 25.00000000\n\rreplay_rate 25.00000000\n\r"
+              "format data\n\rdrop_frame 0\n\rtimecode_rate 0.00000000\n\rstart_time_code 0.00000000\n\r"
+              "end_time_code 0.00000000\n\rstart_offset 0\n\rvision_type PAL\n\rwidth 1920\n\rheight 1080\n\r"
+              "sequence -1\n\rtransfer_type -1\n\rreelid \n\r"
+              "orig_fname /media/My Clips/\xC3\xA9t\xC3\xA9.mov\n\rzn_ver " + v + "\n\rvideo_field both\n\r");
+}
+
+TEST(HeaderWriter, SoundRecordsOmitVisionKeysAndEmptyNames) {
+    SAV_HEADER h = make_header("sound", "linear_uncompressed", 48000, 48000, 0, 0, 0, 0, 3, 1, "unknown", 0, 0,
+                               WString(L""), -1, 0, "", -1);
+    std::string t = written(h);
+    EXPECT_NE(t.find("number_of_channels 1\n\rbytes_per_sample 3\n\r"), std::string::npos);
+    EXPECT_EQ(t.find("orig_fname"), std::string::npos);
+    EXPECT_EQ(t.find("width"), std::string::npos);
+    EXPECT_EQ(t.find("video_field"), std::string::npos);
+
+    // A medium that is neither word exactly gets no branch-specific keys.
+    for (const char* m : {"visionx", "Sound"}) {
+        SAV_HEADER odd = make_header(m, "", 1, 1, 0, 1, 0, 0, 2, 2, "PAL", 10, 10, WString(L""), -1, 0, "both", -1);
+        std::string o = written(odd);
+        EXPECT_EQ(o.find("number_of_channels"), std::string::npos) << m;
+        EXPECT_EQ(o.find("vision_type"), std::string::npos) << m;
+    }
+}
+
+TEST(HeaderWriter, ZnVersionIsAlwaysTheWritersOwn) {
+    SAV_HEADER h = visionRecord();
+    std::snprintf(h.zn_ver, sizeof h.zn_ver, "0.0.0.0");
+    std::string t = written(h);
+    EXPECT_NE(t.find(std::string("zn_ver ") + playfileDllVersionStr() + "\n\r"), std::string::npos);
+}
+
+TEST(HeaderParseV2, RoundTripsWhatTheWriterWrites) {
+    SAV_HEADER in = visionRecord();
+    in.start_offset = 12;
+    in.start_time_code = 3600.5;
+    std::snprintf(in.reelid, sizeof in.reelid, "REEL01");
+    SAV_HEADER out = parsedV2(written(in));
+    EXPECT_STREQ(out.medium, "vision");
+    EXPECT_STREQ(out.format, "data");
+    EXPECT_STREQ(out.vision_type, "PAL");
+    EXPECT_EQ(out.width, 1920);
+    EXPECT_EQ(out.height, 1080);
+    EXPECT_EQ(out.start_offset, 12);
+    EXPECT_DOUBLE_EQ(out.start_time_code, 3600.5);
+    EXPECT_STREQ(out.reelid, "REEL01");
+    EXPECT_EQ(out.orig_fname, in.orig_fname); // blanks and non-ASCII survive
+    EXPECT_STREQ(out.video_field, "both");
+    EXPECT_STREQ(out.zn_ver, playfileDllVersionStr());
+    EXPECT_EQ(out.transfer_type, 0); // written but never read
+}
+
+TEST(HeaderParseV2, DefaultChainsAndVersionRules) {
+    SAV_HEADER a = parsedV2("input_rate 30\n");
+    EXPECT_STREQ(a.medium, "sound");
+    EXPECT_DOUBLE_EQ(a.replay_rate, 30.0);
+    EXPECT_DOUBLE_EQ(a.timecode_rate, 30.0);
+    SAV_HEADER b = parsedV2("medium sound\n");
+    EXPECT_DOUBLE_EQ(b.input_rate, 1.0);
+    EXPECT_DOUBLE_EQ(b.replay_rate, 1.0);
+    EXPECT_DOUBLE_EQ(b.timecode_rate, 1.0);
+    EXPECT_STREQ(b.zn_ver, "unknown");
+    EXPECT_EQ(b.header_version, 6);
+
+    SAV_HEADER v3 = parsedV2("header_version 3\nmedium vision\nvision_type NTSC\n");
+    EXPECT_STREQ(v3.vision_type, "unknown");
+    EXPECT_STREQ(v3.video_field, "second");
+    SAV_HEADER v4 = parsedV2("header_version 4\nmedium vision\nvision_type NTSC\nreelid ABCDEFGHIJ\n");
+    EXPECT_STREQ(v4.vision_type, "NTSC");
+    EXPECT_STREQ(v4.reelid, "ABCDEFGH");
+    EXPECT_EQ(v4.sequence, -1);
+
+    SAV_HEADER keep;
+    keep.number_of_channels = 5;
+    std::snprintf(keep.format, sizeof keep.format, "kept");
+    parse_header_v2(&keep, std::string("medium vision\n").data());
+    EXPECT_EQ(keep.number_of_channels, 5); // not mentioned for vision
+    EXPECT_STREQ(keep.format, "kept");     // no default
+}
+
+TEST(HeaderParseV1, OldNamesAndFixedValues) {
+    SAV_HEADER s;
+    s.input_rate = s.replay_rate = 7.0;
+    parse_header_v1(&s, std::string("number_of_channels 2\nbytes_per_sample 2\n").data());
+    EXPECT_STREQ(s.medium, "sound");
+    EXPECT_DOUBLE_EQ(s.input_rate, 7.0); // untouched without sampling_frequency
+    EXPECT_DOUBLE_EQ(s.timecode_rate, 25.0);
+    parse_header_v1(&s, std::string("medium sound\nsampling_frequency 44100\nsound_format pcm\n").data());
+    EXPECT_DOUBLE_EQ(s.input_rate, 44100.0);
+    EXPECT_DOUBLE_EQ(s.replay_rate, 44100.0);
+    EXPECT_STREQ(s.format, "pcm");
+
+    SAV_HEADER v;
+    parse_header_v1(&v, std::string("header_version 1\nmedium vision\ninput_rate 30\nwidth 720\n").data());
+    EXPECT_STREQ(v.format, "PAL");
+    EXPECT_DOUBLE_EQ(v.input_rate, 25.0);
+    EXPECT_EQ(v.width, 720);
+    EXPECT_EQ(v.sequence, -1);
+    EXPECT_EQ(v.header_version, 6);
+}
+
+TEST(HeaderVersion, AbsentMeansOne) {
+    EXPECT_EQ(playhdr_get_version(std::string("medium sound\n").data()), 1);
+    EXPECT_EQ(playhdr_get_version(std::string("header_version 2\n").data()), 2);
+}
+
+TEST(HeaderSelfTest, LooksUpFromTheLastHit) {
+    auto run = [](std::vector<const char*> args, int& rc) {
+        std::vector<char*> argv;
+        for (const char* a : args) argv.push_back(const_cast<char*>(a));
+        testing::internal::CaptureStdout();
+        rc = playhdr_selftest_main(int(argv.size()), argv.data());
+        return testing::internal::GetCapturedStdout();
+    };
+    int rc = 0;
+    EXPECT_EQ(run({"selftest"}, rc), "selftest\nUsage: selftest <item>\n");
+    EXPECT_EQ(rc, 2);
+    EXPECT_EQ(run({"selftest", "f"}, rc), "selftest\nItem \"f\" = {I really am f\n}\n");
+    EXPECT_EQ(rc, 0);
+    // After "x" is found, "ef" is searched from x's value on: still found further down.
+    std::string out = run({"selftest", "x", "novalue"}, rc);
+    EXPECT_NE(out.find("Item \"novalue\" not found.\n"), std::string::npos);
+    EXPECT_EQ(rc, 1);
+}
