@@ -1,0 +1,138 @@
+// RIFF WAVE headers: files made by ffmpeg in every sample format, RF64, data that runs
+// to the end, and broken headers.
+#include "backends/wav/WavFormat.h"
+#include "support/Command.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+using namespace testing_support;
+
+namespace {
+
+std::vector<uint8_t> readAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+}
+
+bool parseBytes(const std::vector<uint8_t>& bytes, wav::Info& info, std::string& error) {
+    wav::ReadAt read = [&](uint64_t offset, void* buf, size_t n) -> int64_t {
+        if (offset >= bytes.size()) return 0;
+        size_t take = std::min(n, bytes.size() - size_t(offset));
+        std::memcpy(buf, bytes.data() + offset, take);
+        return int64_t(take);
+    };
+    return wav::parseHeader(read, bytes.size(), info, error);
+}
+
+void put32(std::vector<uint8_t>& v, size_t at, uint32_t x) {
+    for (int i = 0; i < 4; ++i) v[at + i] = uint8_t(x >> (8 * i));
+}
+
+} // namespace
+
+TEST(WavFormat, FilesMadeByFfmpegInEverySampleFormat) {
+    TempDir dir;
+    struct Case { const char* codec; int channels; int bits; bool isFloat; const char* extra; };
+    for (const Case& c : {Case{"pcm_u8", 1, 8, false, ""}, Case{"pcm_s16le", 2, 16, false, ""},
+                          Case{"pcm_s24le", 6, 24, false, ""}, Case{"pcm_s32le", 8, 32, false, ""},
+                          Case{"pcm_f32le", 2, 32, true, ""}, Case{"pcm_s16le", 2, 16, false, "-rf64 always"}}) {
+        std::string path = dir.file(std::string(c.codec) + std::to_string(c.channels) + ".wav");
+        ASSERT_TRUE(ffmpeg("-f lavfi -i sine=frequency=440:sample_rate=48000:duration=0.5 -af aformat=channel_layouts=" +
+                           std::to_string(c.channels) + "c -c:a " + c.codec + " " + c.extra + " " + shellQuote(path)))
+            << c.codec;
+        wav::Info info;
+        std::string error;
+        ASSERT_TRUE(parseBytes(readAll(path), info, error)) << c.codec << ": " << error;
+        EXPECT_EQ(info.channels, c.channels) << c.codec;
+        EXPECT_EQ(info.bitsPerSample, c.bits) << c.codec;
+        EXPECT_EQ(info.isFloat(), c.isFloat) << c.codec;
+        EXPECT_EQ(info.sampleRate, 48000u);
+        EXPECT_EQ(info.frames(), 24000u) << c.codec;
+        EXPECT_EQ(info.rf64, std::strlen(c.extra) > 0) << c.codec;
+        EXPECT_FALSE(info.dataRunsToEnd) << c.codec;
+    }
+}
+
+TEST(WavFormat, WrittenHeadersParseBackAndSwitchToRf64PastFourGigabytes) {
+    wav::Info f;
+    f.channels = 8;
+    f.sampleRate = 48000;
+    f.bitsPerSample = 24;
+    f.blockAlign = 24;
+    auto small = wav::makeHeader(f, 240);
+    auto large = wav::makeHeader(f, 5ull << 30);
+    EXPECT_EQ(small.size(), large.size()); // rewritable in place
+    EXPECT_EQ(std::memcmp(small.data(), "RIFF", 4), 0);
+    EXPECT_EQ(std::memcmp(large.data(), "RF64", 4), 0);
+
+    std::vector<uint8_t> file(small);
+    file.resize(small.size() + 240);
+    wav::Info back;
+    std::string error;
+    ASSERT_TRUE(parseBytes(file, back, error)) << error;
+    EXPECT_TRUE(back.extensible);
+    EXPECT_EQ(back.frames(), 10u);
+
+    // Only the header of the large file: its data is said to run 5 GiB, more than is
+    // there, so what is there is read.
+    ASSERT_TRUE(parseBytes(large, back, error)) << error;
+    EXPECT_TRUE(back.rf64);
+    EXPECT_EQ(back.dataBytes, 0u);
+}
+
+TEST(WavFormat, DataOfUnknownSizeOrCutShortRunsToTheEndInWholeFrames) {
+    wav::Info f;
+    f.channels = 2;
+    f.sampleRate = 44100;
+    f.bitsPerSample = 16;
+    f.blockAlign = 4;
+    auto header = wav::makeHeader(f, 400);
+    std::vector<uint8_t> file(header);
+    file.resize(header.size() + 402); // 100 frames and half of another
+    size_t sizeAt = header.size() - 4;
+    for (uint32_t said : {0u, 0xFFFFFFFFu, 4000u}) {
+        put32(file, sizeAt, said);
+        wav::Info info;
+        std::string error;
+        ASSERT_TRUE(parseBytes(file, info, error)) << error;
+        EXPECT_TRUE(info.dataRunsToEnd) << said;
+        EXPECT_EQ(info.frames(), 100u) << said;
+    }
+}
+
+TEST(WavFormat, BrokenHeadersAreRefusedWithAReason) {
+    wav::Info f;
+    f.channels = 2;
+    f.sampleRate = 48000;
+    f.bitsPerSample = 16;
+    f.blockAlign = 4;
+    const auto good = wav::makeHeader(f, 16);
+    const size_t fmtAt = 12 + 36 + 8; // RIFF header, JUNK chunk, fmt chunk header
+    auto with = [&](size_t at, uint32_t value, int bytes) {
+        std::vector<uint8_t> v(good);
+        v.resize(good.size() + 16);
+        for (int i = 0; i < bytes; ++i) v[at + i] = uint8_t(value >> (8 * i));
+        return v;
+    };
+    struct Case { std::vector<uint8_t> bytes; std::string reason; };
+    for (const Case& c : std::vector<Case>{
+             {{}, "not a RIFF WAVE file"},
+             {std::vector<uint8_t>(good.begin(), good.begin() + 20), "no format chunk"},
+             {with(fmtAt + 2, 0, 2), "absurd channel count 0"},
+             {with(fmtAt + 4, 0, 4), "absurd sample rate 0"},
+             {with(fmtAt + 14, 12, 2), "unsupported sample size of 12 bits"},
+             {with(fmtAt + 0, 85, 2), "unsupported WAVE format tag 85 (only PCM and float)"},
+             {with(fmtAt + 12, 3, 2), "block size 3 does not match 2 channels of 16 bits"},
+         }) {
+        wav::Info info;
+        std::string error;
+        EXPECT_FALSE(parseBytes(c.bytes, info, error)) << c.reason;
+        EXPECT_EQ(error, c.reason);
+    }
+}
