@@ -1,0 +1,175 @@
+#include "playfile/requests/VideoReadQueue.h"
+
+#include "host/os/OS.h"
+#include "playfile/Configuration.h"
+#include "playfile/open/FileReadInstance.h"
+
+namespace Zn {
+
+namespace {
+
+bool serves(const VideoReadRequest& candidate, const VideoReadRequest& wanted) {
+    uint32_t first, last;
+    candidate.getCoveredFrames(first, last);
+    unsigned frame = wanted.getFrame();
+    // Only the width is compared: a wider decode serves a narrower request.
+    return first <= frame && frame <= last && candidate.getResultType() == wanted.getResultType() &&
+           wanted.getWidth() <= candidate.getWidth();
+}
+
+} // namespace
+
+VideoReadQueue::VideoReadQueue()
+    : wakeEvent_(OS()->createThreadEvent(false, false)), pollDelay_(uint32_t(PlayfileConfig::readPollDelay())) {
+    beginThread("VideoReadQueue", kPriorityNormal);
+}
+
+VideoReadQueue::~VideoReadQueue() {
+    endThread();
+    // What is left is released without calling anybody.
+    inProgress_.clear();
+    pending_.clear();
+    wakeEvent_.reset();
+}
+
+bool VideoReadQueue::queueReadRequest(Zn::Ptr<VideoReadRequest>& request, bool) {
+    if (!request) return false;
+    RequestList dropped; // destroyed after the lock is left
+    CriticalSection::Lock lock(lock_);
+    Zn::Ptr<VideoReadRequest> match = findMatchingRequest(request);
+    if (match) {
+        reuseRequest(match, request);
+    } else {
+        pending_.push_back(request);
+        pendingCount_.fetch_add(1, std::memory_order_release);
+        wakeEvent_->set();
+    }
+    collectFinished(dropped);
+    match.reset();
+    lock.unlock();
+    return true;
+}
+
+// The lists are walked in place rather than copied: the lock is held throughout and
+// matching neither calls out nor changes them, so the order and the answer are those of a
+// copy, without its allocation on every request.
+Zn::Ptr<VideoReadRequest> VideoReadQueue::findMatchingRequest(Zn::Ptr<VideoReadRequest>& request) {
+    CriticalSection::Lock lock(lock_);
+    for (const auto& c : pending_)
+        if (serves(*c, *request)) return c;
+    for (const auto& c : inProgress_)
+        if (serves(*c, *request)) return c;
+    return nullptr;
+}
+
+void VideoReadQueue::reuseRequest(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<VideoReadRequest>& request) {
+    CriticalSection::Lock lock(lock_);
+    const bool same = existing.get() == request.get();
+    RequestStatus status;
+    {
+        // The joining issuers are added and the status read under the request's lock, the
+        // same lock under which completion calls issuers and then sets the status: an
+        // issuer added here is either called by that completion or sees its final status.
+        std::vector<ProxySet::ProxyPtr> joining;
+        if (!same) joining = request->getProxies().copy();
+        CriticalSection::Lock requestLock(existing->getProxies().lock());
+        for (const auto& p : joining) existing->getProxies().insertLocked(p);
+        status = existing->getStatus();
+    }
+    switch (status) {
+    case Queued:
+    case InProgress:
+        if (!same) request = existing;
+        break;
+    case Complete:
+        if (!same) request = existing;
+        existing->requestHasCompleted(Complete);
+        break;
+    case Failed:
+        // The issuer finds the failed status on the request it now holds; nobody is called.
+        request = existing;
+        break;
+    }
+}
+
+void VideoReadQueue::despatchItemFromQueue() {
+    Zn::Ptr<VideoReadRequest> request;
+    bool wanted = false;
+    {
+        CriticalSection::Lock lock(lock_);
+        if (pending_.empty()) return;
+        request = std::move(pending_.front());
+        pending_.pop_front();
+        pendingCount_.fetch_sub(1, std::memory_order_release);
+        if (request.refCount() != 1) {
+            wanted = true;
+            request->setStatus(InProgress);
+            inProgress_.push_back(request);
+            ++inProgressCount_;
+        }
+    }
+    if (wanted) request->getFile()->readVideo(request);
+}
+
+void VideoReadQueue::collectFinished(RequestList& dropped) {
+    CriticalSection::Lock lock(lock_);
+    auto keep = inProgress_.begin();
+    for (auto it = inProgress_.begin(); it != inProgress_.end(); ++it) {
+        RequestStatus s = (*it)->getStatus();
+        if (it->refCount() == 1 && s != Queued && s != InProgress) {
+            dropped.push_back(std::move(*it));
+            --inProgressCount_;
+        } else if (keep++ != it) {
+            *(keep - 1) = std::move(*it);
+        }
+    }
+    inProgress_.erase(keep, inProgress_.end());
+}
+
+void VideoReadQueue::limitUsage() {
+    RequestList dropped;
+    CriticalSection::Lock lock(lock_);
+    collectFinished(dropped);
+    lock.unlock();
+}
+
+void VideoReadQueue::purge() {
+    RequestList dropped;
+    CriticalSection::Lock lock(lock_);
+    dropped.swap(inProgress_);
+    inProgressCount_ = 0;
+    lock.unlock();
+}
+
+unsigned VideoReadQueue::pendingCount() const {
+    CriticalSection::Lock lock(lock_);
+    return unsigned(pending_.size());
+}
+
+unsigned VideoReadQueue::inProgressCount() const {
+    CriticalSection::Lock lock(lock_);
+    return inProgressCount_;
+}
+
+void VideoReadQueue::endOnOwnThread(Zn::Ptr<VideoReadQueue> self) {
+    self_ = std::move(self);
+    stopRunning();
+}
+
+void VideoReadQueue::threadFn() {
+    Zn::Ptr<iThreadEvent> waitSet[2] = {wakeEvent_, stopEvent()};
+    auto hasPending = [this] { return pendingCount_.load(std::memory_order_acquire) != 0; };
+    while (keepRunning()) {
+        iThreadEvent::waitForAny(waitSet, 2, pollDelay_);
+        while (keepRunning() && hasPending()) despatchItemFromQueue();
+    }
+    // Requests still wanted are read before the thread ends.
+    while (hasPending()) despatchItemFromQueue();
+    waitSet[0].reset();
+    waitSet[1].reset();
+    // Last of all: when the pool handed this thread the queue's last reference, the queue
+    // is destroyed here, and nothing of it is touched afterwards.
+    Zn::Ptr<VideoReadQueue> last = std::move(self_);
+}
+
+} // namespace Zn
