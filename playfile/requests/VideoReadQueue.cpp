@@ -126,6 +126,39 @@ void VideoReadQueue::collectFinished(RequestList& dropped) {
     inProgress_.erase(keep, inProgress_.end());
 }
 
+void VideoReadQueue::dropOrphanedRequests() {
+    RequestList dropped;
+    CriticalSection::Lock lock(lock_);
+    // References to each file held by requests that only this queue holds. A file whose
+    // whole count is made of those is unreachable from outside, and stays so: a new
+    // reference can only be copied from an existing one.
+    std::vector<std::pair<FileReadInstance*, int>> held;
+    auto tally = [&](const Zn::Ptr<VideoReadRequest>& r) {
+        if (r.refCount() != 1) return;
+        FileReadInstance* f = r->getFile().get();
+        for (auto& h : held)
+            if (h.first == f) return void(++h.second);
+        held.emplace_back(f, 1);
+    };
+    for (const auto& r : pending_) tally(r);
+    for (const auto& r : inProgress_) tally(r);
+    for (const auto& [file, count] : held) {
+        if (!file || file->getRefCount() != count) continue;
+        auto keep = inProgress_.begin();
+        for (auto it = inProgress_.begin(); it != inProgress_.end(); ++it) {
+            RequestStatus s = (*it)->getStatus();
+            if ((*it)->getFile().get() == file && it->refCount() == 1 && s != Queued && s != InProgress) {
+                dropped.push_back(std::move(*it));
+                --inProgressCount_;
+            } else if (keep++ != it) {
+                *(keep - 1) = std::move(*it);
+            }
+        }
+        inProgress_.erase(keep, inProgress_.end());
+    }
+    lock.unlock();
+}
+
 void VideoReadQueue::limitUsage() {
     RequestList dropped;
     CriticalSection::Lock lock(lock_);
@@ -160,7 +193,7 @@ void VideoReadQueue::threadFn() {
     Zn::Ptr<iThreadEvent> waitSet[2] = {wakeEvent_, stopEvent()};
     auto hasPending = [this] { return pendingCount_.load(std::memory_order_acquire) != 0; };
     while (keepRunning()) {
-        iThreadEvent::waitForAny(waitSet, 2, pollDelay_);
+        if (iThreadEvent::waitForAny(waitSet, 2, pollDelay_) < 0) dropOrphanedRequests();
         while (keepRunning() && hasPending()) despatchItemFromQueue();
     }
     // Requests still wanted are read before the thread ends.

@@ -68,6 +68,10 @@ private:
     // limitUsage's work, under lock_: moves the droppable requests to dropped, which the
     // caller destroys after leaving the lock.
     void collectFinished(RequestList& dropped);
+    // Drops finished requests of files that nothing outside this queue refers to any more.
+    // Such a file holds this queue and the queue holds its requests, which hold the file:
+    // nobody can queue on it again, so no later queuing would ever drop them.
+    void dropOrphanedRequests();
 
     Zn::Ptr<iThreadEvent> wakeEvent_;
     const uint32_t pollDelay_;
