@@ -126,12 +126,16 @@ public:
     int readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request) override {
         gate.pass();
         uint32_t frame = request->getFrame();
-        {
-            std::lock_guard<std::mutex> l(readsMutex_);
-            readFrames_.push_back(frame);
-        }
-        ++reads;
         eMode m = mode.load();
+        struct Count { // counted on the way out, so a test that sees the count sees the read's effects
+            FrameFileReader* r;
+            uint32_t frame;
+            ~Count() {
+                std::lock_guard<std::mutex> l(r->readsMutex_);
+                r->readFrames_.push_back(frame);
+                ++r->reads;
+            }
+        } count{this, frame};
         if (m == kFail || frame >= spec_.frames) return kReadFailed;
         if (m == kThrow) throw std::runtime_error("broken frame");
         buffer = Zn::makePtr<FrameBufferRep>(static_cast<const DecodeFormat&>(*request), request->getIndexInfo(), frame);
@@ -150,7 +154,8 @@ public:
                                                                  : Zn::Image::kFormatGray8);
         buffer->setDecompressComplete(FrameBufferRep::kCompressed);
         if (m == kPending) {
-            pendingRequests.push_back(request); // completed by the test
+            std::lock_guard<std::mutex> l(readsMutex_);
+            pending_.push_back(request); // completed by the test
             return kReadPending;
         }
         return kReadDone;
@@ -188,6 +193,10 @@ public:
         std::lock_guard<std::mutex> l(readsMutex_);
         return readFrames_;
     }
+    std::vector<Zn::Ptr<VideoReadRequest>> takePendingRequests() {
+        std::lock_guard<std::mutex> l(readsMutex_);
+        return std::move(pending_);
+    }
     std::vector<std::pair<uint64_t, uint32_t>> audioOrder() {
         std::lock_guard<std::mutex> l(readsMutex_);
         return audioOrder_;
@@ -196,7 +205,6 @@ public:
     std::atomic<int> reads{0};
     std::atomic<eMode> mode{kRaw};
     Gate gate;
-    std::vector<Zn::Ptr<VideoReadRequest>> pendingRequests; // touched on the queue thread, then by the test
     static inline std::atomic<int> alive{0};
 
 private:
@@ -204,6 +212,7 @@ private:
     int fd_ = -1;
     std::mutex readsMutex_;
     std::vector<uint32_t> readFrames_;
+    std::vector<Zn::Ptr<VideoReadRequest>> pending_;
     std::vector<std::pair<uint64_t, uint32_t>> audioOrder_;
 };
 

@@ -181,7 +181,7 @@ TEST_F(VideoQueue, BackEndThatCompletesLaterLeavesTheRequestInProgressAndAThrowF
     EXPECT_EQ(a.calls(), 0);
     r->requestHasCompleted(Complete); // the back-end's late completion
     EXPECT_EQ(a.calls(), 1);
-    f.reader->pendingRequests.clear();
+    EXPECT_EQ(f.reader->takePendingRequests().size(), 1u);
 
     testing_support::LogCapture log;
     f.reader->mode = FrameFileReader::kThrow;
