@@ -73,21 +73,28 @@ unsigned AudioReadQueue::pendingCount() const {
     return unsigned(pending_.size());
 }
 
+void AudioReadQueue::stopRunning() noexcept {
+    BasicThread::stopRunning();
+    wakeEvent_->set();
+}
+
+void AudioReadQueue::endThread() {
+    stopRunning();
+    BasicThread::endThread();
+}
+
 void AudioReadQueue::endOnOwnThread(Zn::Ptr<AudioReadQueue> self) {
     self_ = std::move(self);
     stopRunning();
 }
 
 void AudioReadQueue::threadFn() {
-    Zn::Ptr<iThreadEvent> waitSet[2] = {wakeEvent_, stopEvent()};
     auto hasPending = [this] { return pendingCount_.load(std::memory_order_acquire) != 0; };
     while (keepRunning()) {
-        iThreadEvent::waitForAny(waitSet, 2, pollDelay_);
+        wakeEvent_->wait(pollDelay_);
         while (keepRunning() && hasPending()) despatchItemFromQueue();
     }
     while (hasPending()) despatchItemFromQueue();
-    waitSet[0].reset();
-    waitSet[1].reset();
     Zn::Ptr<AudioReadQueue> last = std::move(self_);
 }
 

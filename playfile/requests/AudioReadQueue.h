@@ -39,6 +39,14 @@ public:
     // See VideoReadQueue::endOnOwnThread.
     void endOnOwnThread(Zn::Ptr<AudioReadQueue> self);
 
+    // Ending the thread also sets the wake event: the thread sleeps on that event alone
+    // (with the "ReadPollDelay" time-out), because a single event is a plain futex wait,
+    // where waiting on the stop event as well would link the thread into both events on
+    // every sleep and make each hand-off cost several more context switches. A stop made
+    // through BasicThread's own calls is seen at the next poll.
+    void stopRunning() noexcept;
+    void endThread();
+
 protected:
     void threadFn() override;
 

@@ -4,19 +4,11 @@
 #include "playfile/Configuration.h"
 #include "playfile/open/FileReadInstance.h"
 
+
 namespace Zn {
 
 namespace {
-
-bool serves(const VideoReadRequest& candidate, const VideoReadRequest& wanted) {
-    uint32_t first, last;
-    candidate.getCoveredFrames(first, last);
-    unsigned frame = wanted.getFrame();
-    // Only the width is compared: a wider decode serves a narrower request.
-    return first <= frame && frame <= last && candidate.getResultType() == wanted.getResultType() &&
-           wanted.getWidth() <= candidate.getWidth();
-}
-
+bool isFinished(RequestStatus s) { return s != Queued && s != InProgress; }
 } // namespace
 
 VideoReadQueue::VideoReadQueue()
@@ -35,18 +27,22 @@ VideoReadQueue::~VideoReadQueue() {
 bool VideoReadQueue::queueReadRequest(Zn::Ptr<VideoReadRequest>& request, bool) {
     if (!request) return false;
     RequestList dropped; // destroyed after the lock is left
+    bool appended = false;
     CriticalSection::Lock lock(lock_);
-    Zn::Ptr<VideoReadRequest> match = findMatchingRequest(request);
+    Zn::Ptr<VideoReadRequest> match = findMatchLocked(*request);
     if (match) {
-        reuseRequest(match, request);
+        reuseLocked(match, request);
     } else {
-        pending_.push_back(request);
+        pending_.emplace_back(request);
         pendingCount_.fetch_add(1, std::memory_order_release);
-        wakeEvent_->set();
+        appended = true;
     }
     collectFinished(dropped);
     match.reset();
     lock.unlock();
+    // Set once the lock is free, so the woken thread does not at once wait for it. The
+    // thread looks at the list under the lock, so nothing set here can be missed.
+    if (appended) wakeEvent_->set();
     return true;
 }
 
@@ -55,15 +51,23 @@ bool VideoReadQueue::queueReadRequest(Zn::Ptr<VideoReadRequest>& request, bool) 
 // copy, without its allocation on every request.
 Zn::Ptr<VideoReadRequest> VideoReadQueue::findMatchingRequest(Zn::Ptr<VideoReadRequest>& request) {
     CriticalSection::Lock lock(lock_);
-    for (const auto& c : pending_)
-        if (serves(*c, *request)) return c;
-    for (const auto& c : inProgress_)
-        if (serves(*c, *request)) return c;
+    return findMatchLocked(*request);
+}
+
+Zn::Ptr<VideoReadRequest> VideoReadQueue::findMatchLocked(const VideoReadRequest& request) const {
+    for (const Entry& c : pending_)
+        if (c.serves(request)) return c.request;
+    for (const Entry& c : inProgress_)
+        if (c.serves(request)) return c.request;
     return nullptr;
 }
 
 void VideoReadQueue::reuseRequest(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<VideoReadRequest>& request) {
     CriticalSection::Lock lock(lock_);
+    reuseLocked(existing, request);
+}
+
+void VideoReadQueue::reuseLocked(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<VideoReadRequest>& request) {
     const bool same = existing.get() == request.get();
     RequestStatus status;
     {
@@ -98,26 +102,30 @@ void VideoReadQueue::despatchItemFromQueue() {
     {
         CriticalSection::Lock lock(lock_);
         if (pending_.empty()) return;
-        request = std::move(pending_.front());
+        // The list's reference moves to this function: the count is as it would be after
+        // taking a reference and dropping the list's.
+        Entry taken = std::move(pending_.front());
         pending_.pop_front();
         pendingCount_.fetch_sub(1, std::memory_order_release);
-        if (request.refCount() != 1) {
+        if (taken.request.refCount() != 1) {
             wanted = true;
+            request = taken.request;
             request->setStatus(InProgress);
-            inProgress_.push_back(request);
+            inProgress_.push_back(std::move(taken));
             ++inProgressCount_;
+        } else {
+            request = std::move(taken.request); // released after the lock is left
         }
     }
     if (wanted) request->getFile()->readVideo(request);
 }
 
 void VideoReadQueue::collectFinished(RequestList& dropped) {
-    CriticalSection::Lock lock(lock_);
     auto keep = inProgress_.begin();
     for (auto it = inProgress_.begin(); it != inProgress_.end(); ++it) {
-        RequestStatus s = (*it)->getStatus();
-        if (it->refCount() == 1 && s != Queued && s != InProgress) {
-            dropped.push_back(std::move(*it));
+        // The count first: requests still held (the usual case) need no look at the status.
+        if (it->request.refCount() == 1 && isFinished(it->request->getStatus())) {
+            dropped.push_back(std::move(it->request));
             --inProgressCount_;
         } else if (keep++ != it) {
             *(keep - 1) = std::move(*it);
@@ -133,7 +141,8 @@ void VideoReadQueue::dropOrphanedRequests() {
     // whole count is made of those is unreachable from outside, and stays so: a new
     // reference can only be copied from an existing one.
     std::vector<std::pair<FileReadInstance*, int>> held;
-    auto tally = [&](const Zn::Ptr<VideoReadRequest>& r) {
+    auto tally = [&](const Entry& e) {
+        const Zn::Ptr<VideoReadRequest>& r = e.request;
         if (r.refCount() != 1) return;
         FileReadInstance* f = r->getFile().get();
         for (auto& h : held)
@@ -146,9 +155,9 @@ void VideoReadQueue::dropOrphanedRequests() {
         if (!file || file->getRefCount() != count) continue;
         auto keep = inProgress_.begin();
         for (auto it = inProgress_.begin(); it != inProgress_.end(); ++it) {
-            RequestStatus s = (*it)->getStatus();
-            if ((*it)->getFile().get() == file && it->refCount() == 1 && s != Queued && s != InProgress) {
-                dropped.push_back(std::move(*it));
+            const Zn::Ptr<VideoReadRequest>& r = it->request;
+            if (r->getFile().get() == file && r.refCount() == 1 && isFinished(r->getStatus())) {
+                dropped.push_back(std::move(it->request));
                 --inProgressCount_;
             } else if (keep++ != it) {
                 *(keep - 1) = std::move(*it);
@@ -167,7 +176,7 @@ void VideoReadQueue::limitUsage() {
 }
 
 void VideoReadQueue::purge() {
-    RequestList dropped;
+    std::vector<Entry> dropped;
     CriticalSection::Lock lock(lock_);
     dropped.swap(inProgress_);
     inProgressCount_ = 0;
@@ -184,22 +193,29 @@ unsigned VideoReadQueue::inProgressCount() const {
     return inProgressCount_;
 }
 
+void VideoReadQueue::stopRunning() noexcept {
+    BasicThread::stopRunning();
+    wakeEvent_->set();
+}
+
+void VideoReadQueue::endThread() {
+    stopRunning();
+    BasicThread::endThread();
+}
+
 void VideoReadQueue::endOnOwnThread(Zn::Ptr<VideoReadQueue> self) {
     self_ = std::move(self);
     stopRunning();
 }
 
 void VideoReadQueue::threadFn() {
-    Zn::Ptr<iThreadEvent> waitSet[2] = {wakeEvent_, stopEvent()};
     auto hasPending = [this] { return pendingCount_.load(std::memory_order_acquire) != 0; };
     while (keepRunning()) {
-        if (iThreadEvent::waitForAny(waitSet, 2, pollDelay_) < 0) dropOrphanedRequests();
+        if (!wakeEvent_->wait(pollDelay_)) dropOrphanedRequests();
         while (keepRunning() && hasPending()) despatchItemFromQueue();
     }
     // Requests still wanted are read before the thread ends.
     while (hasPending()) despatchItemFromQueue();
-    waitSet[0].reset();
-    waitSet[1].reset();
     // Last of all: when the pool handed this thread the queue's last reference, the queue
     // is destroyed here, and nothing of it is touched afterwards.
     Zn::Ptr<VideoReadQueue> last = std::move(self_);

@@ -60,11 +60,41 @@ public:
     // the thread stops, drains and drops the reference as its very last act.
     void endOnOwnThread(Zn::Ptr<VideoReadQueue> self);
 
+    // Ending the thread also sets the wake event: the thread sleeps on that event alone
+    // (with the "ReadPollDelay" time-out), because a single event is a plain futex wait,
+    // where waiting on the stop event as well would link the thread into both events on
+    // every sleep and make each hand-off cost several more context switches. A stop made
+    // through BasicThread's own calls is seen at the next poll.
+    void stopRunning() noexcept;
+    void endThread();
+
 protected:
     void threadFn() override;
 
 private:
     using RequestList = std::vector<Zn::Ptr<VideoReadRequest>>;
+    // A listed request with the fields matching compares, copied beside it: matching walks
+    // the lists on every queuing, and reading these from the requests themselves would
+    // touch memory that the queue's thread and the issuers keep writing.
+    struct Entry {
+        explicit Entry(const Zn::Ptr<VideoReadRequest>& r)
+            : request(r), width(r->getWidth()), resultType(r->getResultType()) {
+            r->getCoveredFrames(first, last);
+        }
+        bool serves(const VideoReadRequest& wanted) const {
+            // Only the width is compared: a wider decode serves a narrower request.
+            unsigned frame = wanted.getFrame();
+            return first <= frame && frame <= last && resultType == wanted.getResultType() &&
+                   wanted.getWidth() <= width;
+        }
+        Zn::Ptr<VideoReadRequest> request;
+        uint32_t first = 0;
+        uint32_t last = 0;
+        uint32_t width;
+        eResultType resultType;
+    };
+    Zn::Ptr<VideoReadRequest> findMatchLocked(const VideoReadRequest& request) const;
+    void reuseLocked(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<VideoReadRequest>& request);
     // limitUsage's work, under lock_: moves the droppable requests to dropped, which the
     // caller destroys after leaving the lock.
     void collectFinished(RequestList& dropped);
@@ -75,9 +105,9 @@ private:
 
     Zn::Ptr<iThreadEvent> wakeEvent_;
     const uint32_t pollDelay_;
-    std::deque<Zn::Ptr<VideoReadRequest>> pending_;
+    std::deque<Entry> pending_;
     std::atomic<uint32_t> pendingCount_{0};
-    RequestList inProgress_;
+    std::vector<Entry> inProgress_;
     uint32_t inProgressCount_ = 0;
     mutable CriticalSection lock_;
     Zn::Ptr<VideoReadQueue> self_; // only ever touched on the queue's own thread

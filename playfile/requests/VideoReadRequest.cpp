@@ -9,6 +9,7 @@ VideoReadRequest::VideoReadRequest(Zn::Ptr<FileReadInstance>& file, Zn::Ptr<Inde
                                    Zn::Ptr<ReadRequestIssuer::Proxy> proxy)
     : DecodeFormat(format), frame_(frame), indexInfo_(indexInfo), resultType_(resultType), file_(file) {
     proxies_.insert(proxy);
+    coverFrames();
 }
 
 VideoReadRequest::~VideoReadRequest() = default;
@@ -18,7 +19,9 @@ void VideoReadRequest::setResultBuffer(Zn::Ptr<FrameBufferRep> buffer) {
     if (buffer.get() != resultBuffer_.get()) std::swap(resultBuffer_, buffer);
 }
 
-void VideoReadRequest::getCoveredFrames(uint32_t& first, uint32_t& last) const {
+void VideoReadRequest::coverFrames() {
+    uint32_t& first = firstCovered_;
+    uint32_t& last = lastCovered_;
     if (indexInfo_) {
         first = indexInfo_->getBaseFrame() + indexInfo_->getOffset();
         last = indexInfo_->getLastFrame();

@@ -41,8 +41,13 @@ public:
     void setResultBuffer(Zn::Ptr<FrameBufferRep> buffer);
 
     // The frames one read of this request produces: the index entry's run, else the
-    // frame's group when the file stores frames in groups, else the frame itself.
-    void getCoveredFrames(uint32_t& first, uint32_t& last) const;
+    // frame's group when the file stores frames in groups, else the frame itself. Worked
+    // out once at construction: the index entry is immutable and the file's grouping is
+    // fixed when it is opened.
+    void getCoveredFrames(uint32_t& first, uint32_t& last) const {
+        first = firstCovered_;
+        last = lastCovered_;
+    }
 
     ProxySet& getProxies() noexcept { return proxies_; }
 
@@ -55,6 +60,7 @@ public:
     void requestHasCompleted(RequestStatus status);
 
 private:
+    void coverFrames();
     // Decoding or wrapping of a claimed frame buffer; answers the status to report.
     RequestStatus finishFrameBuffer(FrameBufferRep& buffer, RequestStatus s);
 
@@ -65,4 +71,6 @@ private:
     const eResultType resultType_;
     const Zn::Ptr<FileReadInstance> file_;
     Zn::Ptr<FrameBufferRep> resultBuffer_;
+    uint32_t firstCovered_ = 0;
+    uint32_t lastCovered_ = 0;
 };
