@@ -248,21 +248,22 @@ void BM_Throughput(benchmark::State& state) {
 }
 BENCHMARK(BM_Throughput)->Iterations(1)->Unit(benchmark::kMillisecond);
 
+// Prints the figures once every benchmark has run (at exit, after BENCHMARK_MAIN's main).
+struct PrintFigures {
+    ~PrintFigures() {
+        std::printf("\nread queue figures\n");
+        std::printf("  hand-off latency, queueReadRequest to callback: median %.1f us, 99th percentile %.1f us"
+                    " (target: median below 20 us)\n",
+                    g_figures.medianUs, g_figures.p99Us);
+        std::printf("  same frame queued by 8 issuers at once: %.2f reads per 8 requests (target: 1)\n",
+                    g_figures.readsPerEightIssues);
+        double ratio = g_figures.plainRate > 0 ? g_figures.queueRate / g_figures.plainRate : 0;
+        std::printf("  throughput: queue %.0f requests/s, plain hand-off loop %.0f requests/s, ratio %.2f"
+                    " (target: at least 0.7)\n",
+                    g_figures.queueRate, g_figures.plainRate, ratio);
+    }
+} g_printFigures;
+
 } // namespace
 
-int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    std::printf("\nread queue figures\n");
-    std::printf("  hand-off latency, queueReadRequest to callback: median %.1f us, 99th percentile %.1f us"
-                " (target: median below 20 us)\n",
-                g_figures.medianUs, g_figures.p99Us);
-    std::printf("  same frame queued by 8 issuers at once: %.2f reads per 8 requests (target: 1)\n",
-                g_figures.readsPerEightIssues);
-    double ratio = g_figures.plainRate > 0 ? g_figures.queueRate / g_figures.plainRate : 0;
-    std::printf("  throughput: queue %.0f requests/s, plain hand-off loop %.0f requests/s, ratio %.2f"
-                " (target: at least 0.7)\n",
-                g_figures.queueRate, g_figures.plainRate, ratio);
-    return 0;
-}
+BENCHMARK_MAIN();

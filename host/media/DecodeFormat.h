@@ -43,6 +43,6 @@ public:
 
 private:
     eMode mode_;
-    Zn::Image::eColourSpace colourSpace_ = Zn::Image::kColourSpaceUnspecified;
-    Zn::Image::eColourRange colourRange_ = Zn::Image::kColourRangeUnspecified;
+    Zn::Image::eColourSpace colourSpace_ = Zn::Image::kColourSpaceUnknown;
+    Zn::Image::eColourRange colourRange_ = Zn::Image::kColourRangeUnknown;
 };

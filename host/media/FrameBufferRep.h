@@ -43,8 +43,8 @@ struct VideoDecompressionInfo {
 struct FrameBufferMetadata {
     Zn::Image::Core::Data image;
     Zn::Image::eOrientation orientation = Zn::Image::kOrientationNormal;
-    Zn::Image::eColourSpace colourSpace = Zn::Image::kColourSpaceUnspecified;
-    Zn::Image::eColourRange colourRange = Zn::Image::kColourRangeUnspecified;
+    Zn::Image::eColourSpace colourSpace = Zn::Image::kColourSpaceUnknown;
+    Zn::Image::eColourRange colourRange = Zn::Image::kColourRangeUnknown;
 };
 
 // Threads: a buffer is filled by one thread (a reader or decoder) before it is handed on.

@@ -50,14 +50,14 @@ enum eOrientation : int32_t {
 };
 
 enum eColourSpace : int32_t {
-    kColourSpaceUnspecified = 0,
+    kColourSpaceUnknown = 0,
     kColourSpaceBT601 = 1,
     kColourSpaceBT709 = 2,
     kColourSpaceBT2020 = 3,
 };
 
 enum eColourRange : int32_t {
-    kColourRangeUnspecified = 0,
+    kColourRangeUnknown = 0,
     kColourRangeLimited = 1, // "video" or "TV" range
     kColourRangeFull = 2,
 };

@@ -128,8 +128,8 @@ unsigned Surface::planeCount() const { return rep_ ? rep_->planeCount : 0; }
 uint8_t* Surface::plane(unsigned p) const { return rep_ && p < kMaxPlanes ? rep_->planes[p] : nullptr; }
 uint32_t Surface::stride(unsigned p) const { return rep_ && p < kMaxPlanes ? rep_->strides[p] : 0; }
 eOrientation Surface::getOrientation() const { return rep_ ? rep_->orientation : kOrientationNormal; }
-eColourSpace Surface::getColourSpace() const { return rep_ ? rep_->colourSpace : kColourSpaceUnspecified; }
-eColourRange Surface::getColourRange() const { return rep_ ? rep_->colourRange : kColourRangeUnspecified; }
+eColourSpace Surface::getColourSpace() const { return rep_ ? rep_->colourSpace : kColourSpaceUnknown; }
+eColourRange Surface::getColourRange() const { return rep_ ? rep_->colourRange : kColourRangeUnknown; }
 Zn::Ptr<iMemHolder> Surface::getMemory() const { return rep_ ? rep_->memory : nullptr; }
 
 } // namespace Zn::Image

@@ -95,8 +95,8 @@ private:
         unsigned planeCount = 0;
         Zn::Ptr<iMemHolder> memory;
         eOrientation orientation = kOrientationNormal;
-        eColourSpace colourSpace = kColourSpaceUnspecified;
-        eColourRange colourRange = kColourRangeUnspecified;
+        eColourSpace colourSpace = kColourSpaceUnknown;
+        eColourRange colourRange = kColourRangeUnknown;
     };
     void finish(int state);
     Rep& rep();

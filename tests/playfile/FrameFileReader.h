@@ -29,7 +29,7 @@
 
 namespace test_backend {
 
-struct FrameFileSpec {
+struct FrameFileLayout {
     uint32_t width = 16;
     uint32_t height = 8;
     uint32_t frames = 64;
@@ -44,18 +44,18 @@ inline int16_t sampleOf(uint64_t position, uint32_t channel) { return int16_t((p
 
 // Video frames one after another, then the interleaved audio.
 inline std::string writeFrameFile(const testing_support::TempDir& dir, const std::string& name,
-                                  const FrameFileSpec& spec) {
+                                  const FrameFileLayout& layout) {
     std::string path = dir.file(name);
     FILE* f = std::fopen(path.c_str(), "wb");
     if (!f) throw std::runtime_error("cannot write " + path);
-    std::vector<uint8_t> frame(size_t(spec.width) * spec.height);
-    for (uint32_t n = 0; n < spec.frames; ++n) {
-        for (uint32_t y = 0; y < spec.height; ++y)
-            for (uint32_t x = 0; x < spec.width; ++x) frame[y * spec.width + x] = pixelOf(n, x, y);
+    std::vector<uint8_t> frame(size_t(layout.width) * layout.height);
+    for (uint32_t n = 0; n < layout.frames; ++n) {
+        for (uint32_t y = 0; y < layout.height; ++y)
+            for (uint32_t x = 0; x < layout.width; ++x) frame[y * layout.width + x] = pixelOf(n, x, y);
         std::fwrite(frame.data(), 1, frame.size(), f);
     }
-    for (uint64_t s = 0; s < spec.audioSamples; ++s)
-        for (uint32_t c = 0; c < spec.audioChannels; ++c) {
+    for (uint64_t s = 0; s < layout.audioSamples; ++s)
+        for (uint32_t c = 0; c < layout.audioChannels; ++c) {
             int16_t v = sampleOf(s, c);
             std::fwrite(&v, 2, 1, f);
         }
@@ -100,20 +100,20 @@ class FrameFileReader : public FileReadInstance {
 public:
     enum eMode { kRaw, kPending, kFail, kThrow, kCompressed };
 
-    FrameFileReader(const std::string& path, const DecodeFormat& format, OpenType type, const FrameFileSpec& spec)
-        : FileReadInstance(wide(path), format, type), spec_(spec) {
+    FrameFileReader(const std::string& path, const DecodeFormat& format, OpenType type, const FrameFileLayout& layout)
+        : FileReadInstance(wide(path), format, type), layout_(layout) {
         fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
         if (fd_ < 0) throw std::runtime_error("cannot open " + path);
         PlayFileMetadataRep& meta = *getMetadata();
-        meta.setFrameCount(spec.frames);
-        meta.setVideoStreamCount(spec.frames ? 1 : 0);
-        meta.setNativeFormat(Zn::Image::Core::Data(spec.width, spec.height, Zn::Image::kFormatGray8));
-        meta.setFrameGroups(spec.groupSize > 0, spec.groupSize);
+        meta.setFrameCount(layout.frames);
+        meta.setVideoStreamCount(layout.frames ? 1 : 0);
+        meta.setNativeFormat(Zn::Image::Core::Data(layout.width, layout.height, Zn::Image::kFormatGray8));
+        meta.setFrameGroups(layout.groupSize > 0, layout.groupSize);
         std::vector<Aud::Metadata> audio;
-        if (spec.audioChannels) audio.emplace_back(48000, spec.audioChannels, 2, Aud::kSampleInt, spec.audioSamples);
-        for (uint32_t c : spec.extraStreamChannels) audio.emplace_back(48000, c, 2);
+        if (layout.audioChannels) audio.emplace_back(48000, layout.audioChannels, 2, Aud::kSampleInt, layout.audioSamples);
+        for (uint32_t c : layout.extraStreamChannels) audio.emplace_back(48000, c, 2);
         meta.setAudioMetadata(std::move(audio));
-        meta.setAudioLength(spec.audioSamples);
+        meta.setAudioLength(layout.audioSamples);
         ++alive;
     }
     ~FrameFileReader() override {
@@ -136,10 +136,10 @@ public:
                 ++r->reads;
             }
         } count{this, frame};
-        if (m == kFail || frame >= spec_.frames) return kReadFailed;
+        if (m == kFail || frame >= layout_.frames) return kReadFailed;
         if (m == kThrow) throw std::runtime_error("broken frame");
         buffer = Zn::makePtr<FrameBufferRep>(static_cast<const DecodeFormat&>(*request), request->getIndexInfo(), frame);
-        uint32_t bytes = spec_.width * spec_.height;
+        uint32_t bytes = layout_.width * layout_.height;
         Zn::Ptr<iMemHolder> data(new ByteBufferImpl(m == kCompressed ? 1 : bytes));
         if (::pread(fd_, data->getBuffer(), data->getSize(), off_t(frame) * bytes) != ssize_t(data->getSize()))
             return kReadFailed;
@@ -147,9 +147,9 @@ public:
         buffer->setCompressedData(0, data);
         VideoDecompressionInfo& info = buffer->getVideoDecompressionInfo();
         info.codec = m == kCompressed ? "byte" : "raw";
-        info.core.setCoreData(spec_.width, spec_.height, Zn::Image::kFormatGray8);
-        info.bufferFormat.stride = spec_.width;
-        buffer->getMetadata().image.setCoreData(spec_.width, spec_.height,
+        info.core.setCoreData(layout_.width, layout_.height, Zn::Image::kFormatGray8);
+        info.bufferFormat.stride = layout_.width;
+        buffer->getMetadata().image.setCoreData(layout_.width, layout_.height,
                                                 m == kCompressed ? Zn::Image::kFormatCompressed
                                                                  : Zn::Image::kFormatGray8);
         buffer->setDecompressComplete(FrameBufferRep::kCompressed);
@@ -169,11 +169,11 @@ public:
             audioOrder_.emplace_back(request->start, request->getChannelIndex());
         }
         ++reads;
-        bool ok = request->stream == 0 && spec_.audioChannels && request->channel < spec_.audioChannels;
+        bool ok = request->stream == 0 && layout_.audioChannels && request->channel < layout_.audioChannels;
         if (ok) {
             uint32_t mcs = request->getBytesPerMCS();
             std::vector<uint8_t> interleaved(size_t(mcs) * request->count);
-            off_t at = off_t(spec_.width) * spec_.height * spec_.frames + off_t(request->getStartByte());
+            off_t at = off_t(layout_.width) * layout_.height * layout_.frames + off_t(request->getStartByte());
             ssize_t got = ::pread(fd_, interleaved.data(), interleaved.size(), at);
             ok = got == ssize_t(interleaved.size());
             if (ok) {
@@ -208,7 +208,7 @@ public:
     static inline std::atomic<int> alive{0};
 
 private:
-    FrameFileSpec spec_;
+    FrameFileLayout layout_;
     int fd_ = -1;
     std::mutex readsMutex_;
     std::vector<uint32_t> readFrames_;
@@ -300,10 +300,10 @@ public:
 
 // A frame file and a reader open on it.
 struct OpenFile {
-    OpenFile(const testing_support::TempDir& dir, const std::string& name, const FrameFileSpec& spec = {},
+    OpenFile(const testing_support::TempDir& dir, const std::string& name, const FrameFileLayout& layout = {},
              OpenType type = OpenType::kVideo, const DecodeFormat& format = DecodeFormat::getDefault())
-        : spec(spec), path(writeFrameFile(dir, name, spec)),
-          reader(Zn::makePtr<FrameFileReader>(path, format, type, spec)), file(reader) {}
+        : layout(layout), path(writeFrameFile(dir, name, layout)),
+          reader(Zn::makePtr<FrameFileReader>(path, format, type, layout)), file(reader) {}
     // Drops finished requests before letting go, as the cache does.
     ~OpenFile() {
         if (reader) reader->purge();
@@ -312,7 +312,7 @@ struct OpenFile {
     Zn::Ptr<VideoReadRequest> request(uint32_t frame, RecordingIssuer* issuer, uint32_t width = 16,
                                       eResultType type = kResultDecoded, Zn::Ptr<IndexInfoRep> index = nullptr) {
         DecodeFormat format;
-        if (width) format.setCoreData(width, spec.height, Zn::Image::kFormatGray8);
+        if (width) format.setCoreData(width, layout.height, Zn::Image::kFormatGray8);
         return Zn::makePtr<VideoReadRequest>(file, index, frame, type, format,
                                              issuer ? issuer->getProxy() : nullptr);
     }
@@ -326,7 +326,7 @@ struct OpenFile {
         return Zn::makePtr<AudioReadRequest>(file, r, 1, issuer ? issuer->getProxy() : nullptr);
     }
 
-    FrameFileSpec spec;
+    FrameFileLayout layout;
     std::string path;
     Zn::Ptr<FrameFileReader> reader;
     Zn::Ptr<FileReadInstance> file;

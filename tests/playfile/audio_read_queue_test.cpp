@@ -11,19 +11,19 @@ using namespace test_backend;
 
 namespace {
 
-FrameFileSpec audioSpec() {
-    FrameFileSpec spec;
-    spec.frames = 0;
-    spec.audioChannels = 4;
-    spec.audioSamples = 4096;
-    return spec;
+FrameFileLayout audioLayout() {
+    FrameFileLayout layout;
+    layout.frames = 0;
+    layout.audioChannels = 4;
+    layout.audioSamples = 4096;
+    return layout;
 }
 
 } // namespace
 
 TEST(AudioQueue, ReadsForwardsByStartThenChannelAndDeliversTheChannelsSamples) {
     testing_support::TempDir dir;
-    OpenFile f(dir, "order.frames", audioSpec(), OpenType::kAudio);
+    OpenFile f(dir, "order.frames", audioLayout(), OpenType::kAudio);
     f.reader->gate.close();
     RecordingIssuer first;
     auto blocker = f.audio(0, 0, 0, 16, &first);
@@ -52,7 +52,7 @@ TEST(AudioQueue, ReadsForwardsByStartThenChannelAndDeliversTheChannelsSamples) {
 
 TEST(AudioQueue, ReleasedRequestIsNotReadAndDeferredOneWaitsForThePoll) {
     testing_support::TempDir dir;
-    OpenFile f(dir, "poll.frames", audioSpec(), OpenType::kAudio);
+    OpenFile f(dir, "poll.frames", audioLayout(), OpenType::kAudio);
     f.reader->gate.close();
     RecordingIssuer first;
     auto blocker = f.audio(0, 0, 0, 16, &first);
@@ -80,7 +80,7 @@ TEST(AudioQueue, ReleasedRequestIsNotReadAndDeferredOneWaitsForThePoll) {
 
 TEST(AudioQueue, EndingTheThreadReadsTheWantedRequestsFirst) {
     testing_support::TempDir dir;
-    OpenFile f(dir, "drain.frames", audioSpec(), OpenType::kAudio);
+    OpenFile f(dir, "drain.frames", audioLayout(), OpenType::kAudio);
     auto queue = Zn::makePtr<Zn::AudioReadQueue>();
     f.reader->gate.close();
     RecordingIssuer first, wanted;

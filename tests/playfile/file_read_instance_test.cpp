@@ -35,12 +35,12 @@ TEST(FileReadInstance, ClosingAFileReturnsItsQueuesAndTheNextOpenTakesThem) {
     testing_support::TempDir dir;
     ParkedPool<Zn::VideoReadQueue> videoPool;
     ParkedPool<Zn::AudioReadQueue> audioPool;
-    FrameFileSpec spec;
-    spec.audioChannels = 2;
-    spec.audioSamples = 64;
-    std::string path = writeFrameFile(dir, "both.frames", spec);
+    FrameFileLayout layout;
+    layout.audioChannels = 2;
+    layout.audioSamples = 64;
+    std::string path = writeFrameFile(dir, "both.frames", layout);
 
-    auto first = Zn::makePtr<FrameFileReader>(path, DecodeFormat(1), OpenType::kVideoAndAudio, spec);
+    auto first = Zn::makePtr<FrameFileReader>(path, DecodeFormat(1), OpenType::kVideoAndAudio, layout);
     Zn::VideoReadQueue* video = first->getVideoQueue().get();
     Zn::AudioReadQueue* audio = first->getAudioQueue().get();
     ASSERT_TRUE(video && audio);
@@ -49,7 +49,7 @@ TEST(FileReadInstance, ClosingAFileReturnsItsQueuesAndTheNextOpenTakesThem) {
     EXPECT_EQ(Pool<Zn::VideoReadQueue>::instance().idleCount(), 1u);
     EXPECT_EQ(Pool<Zn::AudioReadQueue>::instance().idleCount(), 1u);
 
-    auto second = Zn::makePtr<FrameFileReader>(path, DecodeFormat(1), OpenType::kVideoAndAudio, spec);
+    auto second = Zn::makePtr<FrameFileReader>(path, DecodeFormat(1), OpenType::kVideoAndAudio, layout);
     EXPECT_EQ(second->getVideoQueue().get(), video);
     EXPECT_EQ(second->getAudioQueue().get(), audio);
     EXPECT_EQ(Pool<Zn::VideoReadQueue>::instance().idleCount(), 0u);
@@ -72,10 +72,10 @@ TEST(FileReadInstance, ClosingAFileReturnsItsQueuesAndTheNextOpenTakesThem) {
 
 TEST(FileReadInstance, AnInstanceWithoutAQueueFailsRequestsOfThatKindAndNothingElse) {
     testing_support::TempDir dir;
-    FrameFileSpec spec;
-    spec.audioChannels = 1;
-    spec.audioSamples = 64;
-    OpenFile audioOnly(dir, "audio.frames", spec, OpenType::kAudio);
+    FrameFileLayout layout;
+    layout.audioChannels = 1;
+    layout.audioSamples = 64;
+    OpenFile audioOnly(dir, "audio.frames", layout, OpenType::kAudio);
     EXPECT_FALSE(audioOnly.file->getVideoQueue());
     EXPECT_TRUE(audioOnly.file->getAudioQueue());
     audioOnly.file->purge();
@@ -120,7 +120,7 @@ TEST(FileReadInstance, DefaultsAndStoredDecodeOptionsMerge) {
     EXPECT_TRUE(plain.file->initDecodeOptionValues(configb::fromText("gamma=1.0")).empty());
     EXPECT_EQ(plain.file->getLastUse(), UINT64_MAX);
 
-    auto reader = Zn::makePtr<OptionsReader>(plain.path, DecodeFormat(1), OpenType::kVideo, plain.spec);
+    auto reader = Zn::makePtr<OptionsReader>(plain.path, DecodeFormat(1), OpenType::kVideo, plain.layout);
     configb stored;
     stored.set("gamma", "1.8");
     stored.set("unknown", "1"); // the back-end does not offer it: dropped
@@ -140,7 +140,7 @@ public:
     }
     Zn::Ptr<FileReadInstance> open(const DecodeFormat& format, const WString& fileName, OpenType type) override {
         std::string path(fileName.begin(), fileName.end());
-        return Zn::makePtr<FrameFileReader>(path, format, type, FrameFileSpec{});
+        return Zn::makePtr<FrameFileReader>(path, format, type, FrameFileLayout{});
     }
     unsigned capabilities(const DecodeFormat&, OpenType, const PlayFileMetadataRep& meta, const Aud::Metadata&,
                           Zn::ReaderDetails& details) override {
@@ -154,7 +154,7 @@ public:
 
 TEST(FileReaderInfo, RegisteredReadersAreFoundInOrderAndOpenFiles) {
     testing_support::TempDir dir;
-    std::string path = writeFrameFile(dir, "reg.frames", FrameFileSpec{});
+    std::string path = writeFrameFile(dir, "reg.frames", FrameFileLayout{});
     Zn::Ptr<Zn::iFileReader> opener(new FrameFileOpener);
     Zn::FileReaderInfo::registerFileReader(opener, 0);
     ASSERT_EQ(Zn::FileReaderInfo::getFileReaders(0).get(), opener.get());
@@ -180,10 +180,10 @@ TEST(FileReadInstanceDeathTest, AtShutdownThePoolsReleaseIdleQueuesAndStopTaking
     EXPECT_EXIT(
         {
             testing_support::TempDir dir;
-            std::string path = writeFrameFile(dir, "late.frames", FrameFileSpec{});
-            auto early = Zn::makePtr<FrameFileReader>(path, DecodeFormat(1), OpenType::kVideo, FrameFileSpec{});
+            std::string path = writeFrameFile(dir, "late.frames", FrameFileLayout{});
+            auto early = Zn::makePtr<FrameFileReader>(path, DecodeFormat(1), OpenType::kVideo, FrameFileLayout{});
             early.reset(); // its queue is idle now
-            auto late = Zn::makePtr<FrameFileReader>(path, DecodeFormat(1), OpenType::kVideo, FrameFileSpec{});
+            auto late = Zn::makePtr<FrameFileReader>(path, DecodeFormat(1), OpenType::kVideo, FrameFileLayout{});
             Shutdown::run(Shutdown::eNormalExit);
             auto& pool = Pool<Zn::VideoReadQueue>::instance();
             bool ok = !pool.isActive() && pool.idleCount() == 0;

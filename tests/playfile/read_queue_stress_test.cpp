@@ -68,7 +68,7 @@ struct Outstanding {
 struct Shared {
     std::mutex mutex; // guards files
     Zn::Ptr<FileReadInstance> files[kFiles];
-    FrameFileSpec specs[kFiles];
+    FrameFileLayout layouts[kFiles];
     std::string paths[kFiles];
     std::atomic<bool> stop{false};
     std::atomic<int> violations{0}; // an issuer called twice
@@ -82,7 +82,7 @@ struct Shared {
     }
     Zn::Ptr<FileReadInstance> open(int i) {
         return Zn::makePtr<FrameFileReader>(paths[i], DecodeFormat(1),
-                                            i == 2 ? OpenType::kVideoAndAudio : OpenType::kVideo, specs[i]);
+                                            i == 2 ? OpenType::kVideoAndAudio : OpenType::kVideo, layouts[i]);
     }
 };
 
@@ -124,7 +124,7 @@ void issuer(Shared& s, unsigned seed) {
             file->queueReadRequest(o.audio, rng() % 4 == 0);
         } else {
             o.frame = rng() % kFrameRange;
-            o.grouped = s.specs[i].groupSize > 0;
+            o.grouped = s.layouts[i].groupSize > 0;
             DecodeFormat format;
             format.setCoreData(rng() % 2 ? 16 : 8, 8, Zn::Image::kFormatGray8);
             Zn::Ptr<IndexInfoRep> none;
@@ -176,11 +176,11 @@ TEST(ReadQueueStress, OverlappingRequestsFromManyThreadsLoseNothingAndLeakNothin
     int aliveBefore = FrameFileReader::alive.load();
     {
         Shared s;
-        s.specs[1].groupSize = 4;
-        s.specs[2].audioChannels = 2;
-        s.specs[2].audioSamples = 8192;
+        s.layouts[1].groupSize = 4;
+        s.layouts[2].audioChannels = 2;
+        s.layouts[2].audioSamples = 8192;
         for (int i = 0; i < kFiles; ++i) {
-            s.paths[i] = writeFrameFile(dir, "stress" + std::to_string(i) + ".frames", s.specs[i]);
+            s.paths[i] = writeFrameFile(dir, "stress" + std::to_string(i) + ".frames", s.layouts[i]);
             s.files[i] = s.open(i);
         }
         std::vector<std::thread> threads;

@@ -50,7 +50,7 @@ TEST_F(VideoQueue, EqualRequestJoinsTheFirstAndIsReadOnceForBoth) {
 }
 
 TEST_F(VideoQueue, MatchingCoversGroupsAndIndexRunsAndAWiderDecodeServesANarrowerOne) {
-    FrameFileSpec grouped;
+    FrameFileLayout grouped;
     grouped.groupSize = 4;
     OpenFile f(dir, "grouped.frames", grouped);
     holdThread(f);
