@@ -25,10 +25,13 @@ AudioReadQueue::~AudioReadQueue() {
 bool AudioReadQueue::queueReadRequest(Zn::Ptr<AudioReadRequest>& request, bool deferWake) {
     if (!request) return false;
     Key key{request->start, request->getChannelIndex()};
-    CriticalSection::Lock lock(lock_);
-    // A multimap inserts after the elements with an equal key.
-    pending_.emplace(key, request);
-    pendingCount_.fetch_add(1, std::memory_order_release);
+    {
+        CriticalSection::Lock lock(lock_);
+        // A multimap inserts after the elements with an equal key.
+        pending_.emplace(key, request);
+        pendingCount_.fetch_add(1, std::memory_order_release);
+    }
+    // Set once the lock is free, so the woken thread does not at once wait for it.
     if (!deferWake) wakeEvent_->set();
     return true;
 }

@@ -4,7 +4,6 @@
 #include "playfile/Configuration.h"
 #include "playfile/open/FileReadInstance.h"
 
-
 namespace Zn {
 
 namespace {

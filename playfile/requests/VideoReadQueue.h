@@ -41,10 +41,10 @@ public:
     // point to that one. Answers true (the flag is not used by video queues).
     bool queueReadRequest(Zn::Ptr<VideoReadRequest>& request, bool flag);
     // The first queued, then the first taken, request that serves request; null if none.
-    // Called under lock_.
+    // Takes lock_ (queueReadRequest already holds it).
     Zn::Ptr<VideoReadRequest> findMatchingRequest(Zn::Ptr<VideoReadRequest>& request);
     // Joins request's issuers to existing and points request at it; an issuer joining a
-    // finished request is called at once. Called under lock_.
+    // finished request is called at once. Takes lock_ (queueReadRequest already holds it).
     void reuseRequest(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<VideoReadRequest>& request);
     // Takes the front request and has its file read it, unless nobody else holds it.
     void despatchItemFromQueue();
