@@ -1,0 +1,6 @@
+#include "host/media/DecodeFormat.h"
+
+const DecodeFormat& DecodeFormat::getDefault() noexcept {
+    static const DecodeFormat format(kModeHighResolution);
+    return format;
+}

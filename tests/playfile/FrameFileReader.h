@@ -1,0 +1,335 @@
+// A small real back-end for the read-queue tests: FrameFileReader reads frames (8-bit grey,
+// every pixel derived from the frame number) and 16-bit audio of one stream from a file
+// that writeFrameFile makes in a temporary folder. Tests steer it (hold reads at a gate,
+// answer "pending", fail, throw, hand out compressed frames) and look at what it read.
+// Also here: an issuer that records its callbacks, and a decoder for the compressed
+// frames.
+#pragma once
+
+#include "host/media/DecoderInfo.h"
+#include "playfile/open/FileReadInstance.h"
+#include "playfile/requests/AudioReadRequest.h"
+#include "playfile/requests/ReadRequestIssuer.h"
+#include "playfile/requests/VideoReadRequest.h"
+#include "support/TempDir.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace test_backend {
+
+struct FrameFileLayout {
+    uint32_t width = 16;
+    uint32_t height = 8;
+    uint32_t frames = 64;
+    uint16_t groupSize = 0;       // frames stored in groups of this size (0: not grouped)
+    uint32_t audioChannels = 0;   // channels of the one readable audio stream (0: no audio)
+    uint64_t audioSamples = 0;
+    std::vector<uint32_t> extraStreamChannels; // more audio streams, described but not readable
+};
+
+inline uint8_t pixelOf(uint32_t frame, uint32_t x, uint32_t y) { return uint8_t(frame * 7 + x + y * 3); }
+inline int16_t sampleOf(uint64_t position, uint32_t channel) { return int16_t((position * 4 + channel) & 0x7fff); }
+
+// Video frames one after another, then the interleaved audio.
+inline std::string writeFrameFile(const testing_support::TempDir& dir, const std::string& name,
+                                  const FrameFileLayout& layout) {
+    std::string path = dir.file(name);
+    FILE* f = std::fopen(path.c_str(), "wb");
+    if (!f) throw std::runtime_error("cannot write " + path);
+    std::vector<uint8_t> frame(size_t(layout.width) * layout.height);
+    for (uint32_t n = 0; n < layout.frames; ++n) {
+        for (uint32_t y = 0; y < layout.height; ++y)
+            for (uint32_t x = 0; x < layout.width; ++x) frame[y * layout.width + x] = pixelOf(n, x, y);
+        std::fwrite(frame.data(), 1, frame.size(), f);
+    }
+    for (uint64_t s = 0; s < layout.audioSamples; ++s)
+        for (uint32_t c = 0; c < layout.audioChannels; ++c) {
+            int16_t v = sampleOf(s, c);
+            std::fwrite(&v, 2, 1, f);
+        }
+    std::fclose(f);
+    return path;
+}
+
+inline WString wide(const std::string& s) { return WString(std::wstring(s.begin(), s.end())); }
+
+// Holds threads at pass() while closed.
+class Gate {
+public:
+    void close() {
+        std::lock_guard<std::mutex> l(m_);
+        closed_ = true;
+    }
+    void open() {
+        std::lock_guard<std::mutex> l(m_);
+        closed_ = false;
+        cv_.notify_all();
+    }
+    void pass() {
+        std::unique_lock<std::mutex> l(m_);
+        ++waiting_;
+        cv_.notify_all();
+        cv_.wait(l, [&] { return !closed_; });
+        --waiting_;
+    }
+    bool waitForWaiters(int n, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+        std::unique_lock<std::mutex> l(m_);
+        return cv_.wait_for(l, timeout, [&] { return waiting_ >= n; });
+    }
+
+private:
+    std::mutex m_;
+    std::condition_variable cv_;
+    bool closed_ = false;
+    int waiting_ = 0;
+};
+
+class FrameFileReader : public FileReadInstance {
+public:
+    enum eMode { kRaw, kPending, kFail, kThrow, kCompressed };
+
+    FrameFileReader(const std::string& path, const DecodeFormat& format, OpenType type, const FrameFileLayout& layout)
+        : FileReadInstance(wide(path), format, type), layout_(layout) {
+        fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd_ < 0) throw std::runtime_error("cannot open " + path);
+        PlayFileMetadataRep& meta = *getMetadata();
+        meta.setFrameCount(layout.frames);
+        meta.setVideoStreamCount(layout.frames ? 1 : 0);
+        meta.setNativeFormat(Zn::Image::Core::Data(layout.width, layout.height, Zn::Image::kFormatGray8));
+        meta.setFrameGroups(layout.groupSize > 0, layout.groupSize);
+        std::vector<Aud::Metadata> audio;
+        if (layout.audioChannels) audio.emplace_back(48000, layout.audioChannels, 2, Aud::kSampleInt, layout.audioSamples);
+        for (uint32_t c : layout.extraStreamChannels) audio.emplace_back(48000, c, 2);
+        meta.setAudioMetadata(std::move(audio));
+        meta.setAudioLength(layout.audioSamples);
+        ++alive;
+    }
+    ~FrameFileReader() override {
+        ::close(fd_);
+        --alive;
+    }
+
+    String getReaderName() const override { return "frames"; }
+
+    int readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request) override {
+        gate.pass();
+        uint32_t frame = request->getFrame();
+        eMode m = mode.load();
+        struct Count { // counted on the way out, so a test that sees the count sees the read's effects
+            FrameFileReader* r;
+            uint32_t frame;
+            ~Count() {
+                std::lock_guard<std::mutex> l(r->readsMutex_);
+                r->readFrames_.push_back(frame);
+                ++r->reads;
+            }
+        } count{this, frame};
+        if (m == kFail || frame >= layout_.frames) return kReadFailed;
+        if (m == kThrow) throw std::runtime_error("broken frame");
+        buffer = Zn::makePtr<FrameBufferRep>(static_cast<const DecodeFormat&>(*request), request->getIndexInfo(), frame);
+        uint32_t bytes = layout_.width * layout_.height;
+        Zn::Ptr<iMemHolder> data(new ByteBufferImpl(m == kCompressed ? 1 : bytes));
+        if (::pread(fd_, data->getBuffer(), data->getSize(), off_t(frame) * bytes) != ssize_t(data->getSize()))
+            return kReadFailed;
+        data->setUsed(data->getSize());
+        buffer->setCompressedData(0, data);
+        VideoDecompressionInfo& info = buffer->getVideoDecompressionInfo();
+        info.codec = m == kCompressed ? "byte" : "raw";
+        info.core.setCoreData(layout_.width, layout_.height, Zn::Image::kFormatGray8);
+        info.bufferFormat.stride = layout_.width;
+        buffer->getMetadata().image.setCoreData(layout_.width, layout_.height,
+                                                m == kCompressed ? Zn::Image::kFormatCompressed
+                                                                 : Zn::Image::kFormatGray8);
+        buffer->setDecompressComplete(FrameBufferRep::kCompressed);
+        if (m == kPending) {
+            std::lock_guard<std::mutex> l(readsMutex_);
+            pending_.push_back(request); // completed by the test
+            return kReadPending;
+        }
+        return kReadDone;
+    }
+
+    // Reads the samples of one channel of stream 0; any other stream fails.
+    void readAudio(Zn::Ptr<AudioReadRequest>& request) override {
+        gate.pass();
+        {
+            std::lock_guard<std::mutex> l(readsMutex_);
+            audioOrder_.emplace_back(request->start, request->getChannelIndex());
+        }
+        ++reads;
+        bool ok = request->stream == 0 && layout_.audioChannels && request->channel < layout_.audioChannels;
+        if (ok) {
+            uint32_t mcs = request->getBytesPerMCS();
+            std::vector<uint8_t> interleaved(size_t(mcs) * request->count);
+            off_t at = off_t(layout_.width) * layout_.height * layout_.frames + off_t(request->getStartByte());
+            ssize_t got = ::pread(fd_, interleaved.data(), interleaved.size(), at);
+            ok = got == ssize_t(interleaved.size());
+            if (ok) {
+                Zn::Ptr<iMemHolder> mem(new ByteBufferImpl(request->count * 2));
+                for (uint32_t i = 0; i < request->count; ++i)
+                    std::memcpy(mem->getBuffer() + i * 2, &interleaved[i * mcs + request->channel * 2], 2);
+                mem->setUsed(request->count * 2);
+                request->setResult(Aud::StreamBuffer(mem, 1, request->count, request->count));
+            }
+        }
+        request->setStatus(ok ? Complete : Failed);
+        Zn::Ptr<iObject> none;
+        request->doCallbacks(none);
+    }
+
+    std::vector<uint32_t> readFrames() {
+        std::lock_guard<std::mutex> l(readsMutex_);
+        return readFrames_;
+    }
+    std::vector<Zn::Ptr<VideoReadRequest>> takePendingRequests() {
+        std::lock_guard<std::mutex> l(readsMutex_);
+        return std::move(pending_);
+    }
+    std::vector<std::pair<uint64_t, uint32_t>> audioOrder() {
+        std::lock_guard<std::mutex> l(readsMutex_);
+        return audioOrder_;
+    }
+
+    std::atomic<int> reads{0};
+    std::atomic<eMode> mode{kRaw};
+    Gate gate;
+    static inline std::atomic<int> alive{0};
+
+private:
+    FrameFileLayout layout_;
+    int fd_ = -1;
+    std::mutex readsMutex_;
+    std::vector<uint32_t> readFrames_;
+    std::vector<Zn::Ptr<VideoReadRequest>> pending_;
+    std::vector<std::pair<uint64_t, uint32_t>> audioOrder_;
+};
+
+// Records its callbacks. watch() names a request whose status the callback notes, to see
+// what a reader of the status would see at that moment.
+class RecordingIssuer : public ReadRequestIssuer {
+public:
+    ~RecordingIssuer() override { detachProxy(); }
+
+    void readRequestComplete(Zn::Ptr<iObject>& result, RequestStatus status) override {
+        std::lock_guard<std::mutex> l(m_);
+        ++calls_;
+        status_ = status;
+        result_ = result;
+        thread_ = std::this_thread::get_id();
+        if (watched_) statusAtCall_ = watched_->getStatus();
+        cv_.notify_all();
+    }
+
+    bool waitForCalls(int n, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+        std::unique_lock<std::mutex> l(m_);
+        return cv_.wait_for(l, timeout, [&] { return calls_ >= n; });
+    }
+    int calls() {
+        std::lock_guard<std::mutex> l(m_);
+        return calls_;
+    }
+    RequestStatus status() {
+        std::lock_guard<std::mutex> l(m_);
+        return status_;
+    }
+    Zn::Ptr<FrameBufferRep> buffer() {
+        std::lock_guard<std::mutex> l(m_);
+        return Zn::dynamicPtrCast<FrameBufferRep>(result_);
+    }
+    std::thread::id thread() {
+        std::lock_guard<std::mutex> l(m_);
+        return thread_;
+    }
+    void watch(VideoReadRequest* r) {
+        std::lock_guard<std::mutex> l(m_);
+        watched_ = r;
+    }
+    RequestStatus statusAtCall() {
+        std::lock_guard<std::mutex> l(m_);
+        return statusAtCall_;
+    }
+
+private:
+    std::mutex m_;
+    std::condition_variable cv_;
+    int calls_ = 0;
+    RequestStatus status_ = Queued;
+    RequestStatus statusAtCall_ = Queued;
+    Zn::Ptr<iObject> result_;
+    std::thread::id thread_;
+    VideoReadRequest* watched_ = nullptr;
+};
+
+// Decodes the one-byte frames of kCompressed into full grey pictures of the frame's size.
+class ByteDecoder : public Zn::iDecoder {
+public:
+    String name() const override { return "byte"; }
+
+protected:
+    int decode(Zn::Ptr<FrameBufferRep>& buffer) override {
+        if (buffer->getCompressedSize(0) != 1) return 0;
+        const VideoDecompressionInfo& info = buffer->getVideoDecompressionInfo();
+        Zn::Image::Surface s = Zn::Image::Surface::allocate(info.core);
+        for (uint32_t y = 0; y < info.core.getHeight(); ++y)
+            std::memset(s.plane(0) + y * s.stride(0), buffer->getCompressedData(0)[0], info.core.getWidth());
+        buffer->setSurface(0, s);
+        return 1;
+    }
+};
+
+class ByteDecoderFactory : public Zn::iDecoderFactory {
+public:
+    String name() const override { return "byte"; }
+    bool canDecode(const VideoDecompressionInfo& info) const override { return info.codec == "byte"; }
+    Zn::Ptr<Zn::iDecoder> createDecoder(const VideoDecompressionInfo&) override {
+        return Zn::Ptr<Zn::iDecoder>(new ByteDecoder);
+    }
+};
+
+// A frame file and a reader open on it.
+struct OpenFile {
+    OpenFile(const testing_support::TempDir& dir, const std::string& name, const FrameFileLayout& layout = {},
+             OpenType type = OpenType::kVideo, const DecodeFormat& format = DecodeFormat::getDefault())
+        : layout(layout), path(writeFrameFile(dir, name, layout)),
+          reader(Zn::makePtr<FrameFileReader>(path, format, type, layout)), file(reader) {}
+    // Drops finished requests before letting go, as the cache does.
+    ~OpenFile() {
+        if (reader) reader->purge();
+    }
+
+    Zn::Ptr<VideoReadRequest> request(uint32_t frame, RecordingIssuer* issuer, uint32_t width = 16,
+                                      eResultType type = kResultDecoded, Zn::Ptr<IndexInfoRep> index = nullptr) {
+        DecodeFormat format;
+        if (width) format.setCoreData(width, layout.height, Zn::Image::kFormatGray8);
+        return Zn::makePtr<VideoReadRequest>(file, index, frame, type, format,
+                                             issuer ? issuer->getProxy() : nullptr);
+    }
+    Zn::Ptr<AudioReadRequest> audio(uint32_t stream, uint32_t channel, uint64_t start, uint32_t count,
+                                    RecordingIssuer* issuer) {
+        AudioRequest r;
+        r.stream = stream;
+        r.channel = channel;
+        r.start = start;
+        r.count = count;
+        return Zn::makePtr<AudioReadRequest>(file, r, 1, issuer ? issuer->getProxy() : nullptr);
+    }
+
+    FrameFileLayout layout;
+    std::string path;
+    Zn::Ptr<FrameFileReader> reader;
+    Zn::Ptr<FileReadInstance> file;
+};
+
+} // namespace test_backend

@@ -1,0 +1,221 @@
+// Many issuer threads queue overlapping video and audio requests on several files for a
+// couple of seconds, while another thread trims and purges the files and replaces them
+// with fresh instances (so queues go back to the pools and are taken again). Every request
+// an issuer still holds must call it exactly once with the right frame or samples; no
+// issuer is called twice; afterwards no request is left in a queue and no file is left
+// open.
+#include "FrameFileReader.h"
+
+#include "playfile/requests/AudioReadQueue.h"
+#include "playfile/requests/VideoReadQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <memory>
+#include <random>
+
+using namespace test_backend;
+
+namespace {
+
+constexpr auto kDuration = std::chrono::seconds(2);
+constexpr int kIssuers = 8;
+constexpr int kFiles = 3;
+constexpr uint32_t kFrameRange = 12; // small, so requests overlap
+
+// One issue of one request. The callback only counts and keeps the result; the issuing
+// thread checks it.
+class Ticket : public ReadRequestIssuer {
+public:
+    explicit Ticket(std::atomic<int>& violations) : violations_(violations) {}
+    ~Ticket() override {
+        detachProxy();
+        if (calls.load() > 1) ++violations_;
+    }
+    void readRequestComplete(Zn::Ptr<iObject>& r, RequestStatus s) override {
+        if (calls.load(std::memory_order_relaxed) == 0) {
+            result = r;
+            status = s;
+        }
+        calls.fetch_add(1, std::memory_order_release);
+    }
+    bool waitCalled() {
+        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (calls.load(std::memory_order_acquire) == 0) {
+            if (std::chrono::steady_clock::now() > end) return false;
+            std::this_thread::sleep_for(std::chrono::microseconds(50));
+        }
+        return true;
+    }
+
+    std::atomic<int> calls{0};
+    Zn::Ptr<iObject> result;
+    RequestStatus status = Queued;
+
+private:
+    std::atomic<int>& violations_;
+};
+
+struct Outstanding {
+    std::unique_ptr<Ticket> ticket;
+    Zn::Ptr<VideoReadRequest> video;
+    Zn::Ptr<AudioReadRequest> audio;
+    uint32_t frame = 0;
+    bool grouped = false;
+};
+
+struct Shared {
+    std::mutex mutex; // guards files
+    Zn::Ptr<FileReadInstance> files[kFiles];
+    FrameFileLayout layouts[kFiles];
+    std::string paths[kFiles];
+    std::atomic<bool> stop{false};
+    std::atomic<int> violations{0}; // an issuer called twice
+    std::atomic<int> lost{0};       // a held request whose issuer was never called
+    std::atomic<int> wrong{0};      // a callback with the wrong status or data
+    std::atomic<long> issued{0};
+
+    Zn::Ptr<FileReadInstance> file(int i) {
+        std::lock_guard<std::mutex> l(mutex);
+        return files[i];
+    }
+    Zn::Ptr<FileReadInstance> open(int i) {
+        return Zn::makePtr<FrameFileReader>(paths[i], DecodeFormat(1),
+                                            i == 2 ? OpenType::kVideoAndAudio : OpenType::kVideo, layouts[i]);
+    }
+};
+
+void check(Shared& s, Outstanding& o) {
+    if (!o.ticket->waitCalled()) {
+        ++s.lost;
+        return;
+    }
+    if (o.ticket->status != Complete) {
+        ++s.wrong;
+        return;
+    }
+    if (o.audio) {
+        const int16_t* samples = reinterpret_cast<const int16_t*>(o.audio->getBuffer());
+        if (!samples || samples[0] != sampleOf(o.audio->start, o.audio->channel)) ++s.wrong;
+        return;
+    }
+    auto buffer = Zn::dynamicPtrCast<FrameBufferRep>(o.ticket->result);
+    Zn::Image::Surface surface = buffer ? buffer->getSurface(0) : Zn::Image::Surface();
+    if (!surface.valid()) ++s.wrong;
+    else if (!o.grouped && surface.plane(0)[5] != pixelOf(o.frame, 5, 0)) ++s.wrong;
+}
+
+void issuer(Shared& s, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::deque<Outstanding> held;
+    std::deque<std::unique_ptr<Ticket>> released; // kept a while: a late second call would show
+    while (!s.stop.load()) {
+        int i = int(rng() % kFiles);
+        Zn::Ptr<FileReadInstance> file = s.file(i);
+        Outstanding o;
+        o.ticket = std::make_unique<Ticket>(s.violations);
+        if (i == 2 && rng() % 3 == 0) {
+            AudioRequest ar;
+            ar.channel = rng() % 2;
+            ar.start = rng() % 4000;
+            ar.count = 64;
+            o.audio = Zn::makePtr<AudioReadRequest>(file, ar, 1, o.ticket->getProxy());
+            file->queueReadRequest(o.audio, rng() % 4 == 0);
+        } else {
+            o.frame = rng() % kFrameRange;
+            o.grouped = s.layouts[i].groupSize > 0;
+            DecodeFormat format;
+            format.setCoreData(rng() % 2 ? 16 : 8, 8, Zn::Image::kFormatGray8);
+            Zn::Ptr<IndexInfoRep> none;
+            o.video = Zn::makePtr<VideoReadRequest>(file, none, o.frame, kResultDecoded, format,
+                                                    o.ticket->getProxy());
+            file->queueReadRequest(o.video, false);
+        }
+        ++s.issued;
+        if (rng() % 5 == 0) {
+            // Not wanted any more: it may be dropped unread, or served through another.
+            released.push_back(std::move(o.ticket));
+            if (released.size() > 256) released.pop_front();
+            continue;
+        }
+        held.push_back(std::move(o));
+        if (held.size() > 8) {
+            check(s, held.front());
+            held.pop_front();
+        }
+    }
+    for (auto& o : held) check(s, o);
+}
+
+void keeper(Shared& s) {
+    std::mt19937 rng(99);
+    int round = 0;
+    while (!s.stop.load()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        int i = int(rng() % kFiles);
+        Zn::Ptr<FileReadInstance> file = s.file(i);
+        if (++round % 10 == 0) file->purge();
+        else file->limitUsage();
+        if (round % 25 == 0) {
+            // Close and reopen: the old instance goes once its requests are done.
+            Zn::Ptr<FileReadInstance> fresh = s.open(i);
+            {
+                std::lock_guard<std::mutex> l(s.mutex);
+                std::swap(s.files[i], fresh);
+            }
+            fresh->purge();
+        }
+    }
+}
+
+} // namespace
+
+TEST(ReadQueueStress, OverlappingRequestsFromManyThreadsLoseNothingAndLeakNothing) {
+    testing_support::TempDir dir;
+    int aliveBefore = FrameFileReader::alive.load();
+    {
+        Shared s;
+        s.layouts[1].groupSize = 4;
+        s.layouts[2].audioChannels = 2;
+        s.layouts[2].audioSamples = 8192;
+        for (int i = 0; i < kFiles; ++i) {
+            s.paths[i] = writeFrameFile(dir, "stress" + std::to_string(i) + ".frames", s.layouts[i]);
+            s.files[i] = s.open(i);
+        }
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kIssuers; ++t) threads.emplace_back(issuer, std::ref(s), unsigned(t + 1));
+        threads.emplace_back(keeper, std::ref(s));
+        std::this_thread::sleep_for(kDuration);
+        s.stop = true;
+        for (auto& t : threads) t.join();
+
+        EXPECT_GT(s.issued.load(), 1000);
+        std::printf("%ld requests issued\n", s.issued.load());
+        EXPECT_EQ(s.lost.load(), 0);
+        EXPECT_EQ(s.wrong.load(), 0);
+        EXPECT_EQ(s.violations.load(), 0);
+
+        for (int i = 0; i < kFiles; ++i) {
+            Zn::Ptr<FileReadInstance> file = s.file(i);
+            auto& video = file->getVideoQueue();
+            // Requests nobody wants are dropped as the thread reaches them.
+            for (int n = 0; n < 2000 && video->pendingCount() != 0; ++n)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            EXPECT_EQ(video->pendingCount(), 0u);
+            file->limitUsage();
+            EXPECT_EQ(video->inProgressCount(), 0u);
+            if (auto& audio = file->getAudioQueue()) {
+                for (int n = 0; n < 2000 && audio->pendingCount() != 0; ++n)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                EXPECT_EQ(audio->pendingCount(), 0u);
+            }
+            file->purge();
+        }
+    }
+    // Replaced instances whose last requests finished after they were purged are let go by
+    // their queue's next idle poll.
+    for (int n = 0; n < 2000 && FrameFileReader::alive.load() != aliveBefore; ++n)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(FrameFileReader::alive.load(), aliveBefore); // every instance was destroyed
+}

@@ -1,0 +1,194 @@
+// Read requests on their own: completion of video requests (wrapping raw frames, decoding
+// compressed ones, failure), the order of callbacks and status, audio request arithmetic,
+// and issuer proxies.
+#include "FrameFileReader.h"
+
+#include "host/media/CodecPool.h"
+
+#include <gtest/gtest.h>
+
+using namespace test_backend;
+
+namespace {
+
+// Has the reader fill a buffer for frame as the video queue's thread would, without the
+// queue: the frame-buffer read, then completion.
+Zn::Ptr<FrameBufferRep> readInto(OpenFile& f, Zn::Ptr<VideoReadRequest>& r) {
+    Zn::Ptr<FrameBufferRep> buffer;
+    EXPECT_EQ(f.reader->readVideo(buffer, r), FileReadInstance::kReadDone);
+    r->setResultBuffer(buffer);
+    return buffer;
+}
+
+class DecoderRegistered : public ::testing::Test {
+protected:
+    void SetUp() override { Zn::DecoderInfo::instance().registerFactory(factory); }
+    void TearDown() override {
+        Zn::DecoderInfo::instance().unregisterFactory(factory);
+        CodecPool::flushAllUnreferenced();
+    }
+    Zn::Ptr<Zn::iDecoderFactory> factory{new ByteDecoderFactory};
+    testing_support::TempDir dir;
+};
+
+} // namespace
+
+TEST_F(DecoderRegistered, RawFrameBecomesASurfaceOverTheReadDataWithoutACopy) {
+    OpenFile f(dir, "raw.frames");
+    RecordingIssuer issuer;
+    auto r = f.request(5, &issuer);
+    issuer.watch(r.get());
+    Zn::Ptr<FrameBufferRep> buffer = readInto(f, r);
+    buffer->getMetadata().orientation = Zn::Image::kOrientationRotate180;
+    r->requestHasCompleted(Complete);
+
+    ASSERT_EQ(issuer.calls(), 1);
+    EXPECT_EQ(issuer.status(), Complete);
+    EXPECT_EQ(issuer.statusAtCall(), Queued); // issuers are called before the status changes
+    EXPECT_EQ(r->getStatus(), Complete);
+    EXPECT_EQ(issuer.buffer().get(), buffer.get());
+    Zn::Image::Surface s = buffer->getSurface(0);
+    EXPECT_EQ(s.wait(0), Zn::Image::Surface::kWaitComplete);
+    EXPECT_EQ(s.plane(0), buffer->getCompressedData(0));
+    EXPECT_EQ(s.getWidth(), 16u);
+    EXPECT_EQ(s.stride(0), 16u);
+    EXPECT_EQ(s.plane(0)[3 * 16 + 2], pixelOf(5, 2, 3));
+    EXPECT_EQ(s.getOrientation(), Zn::Image::kOrientationRotate180);
+    EXPECT_EQ(buffer->getDecompressionState(), FrameBufferRep::kDecompressed);
+
+    // Completing again calls nobody again and decodes nothing again.
+    r->requestHasCompleted(Complete);
+    EXPECT_EQ(issuer.calls(), 1);
+    EXPECT_TRUE(buffer->getSurface(0).sameAs(s));
+}
+
+TEST_F(DecoderRegistered, CompressedFrameIsDecodedOnlyWhenWantedAndOnlyByTheThreadThatClaimsIt) {
+    OpenFile f(dir, "byte.frames");
+    f.reader->mode = FrameFileReader::kCompressed;
+
+    // Wanted decoded: decoded through the registry.
+    RecordingIssuer a;
+    auto r = f.request(9, &a, 8);
+    Zn::Ptr<FrameBufferRep> decoded = readInto(f, r);
+    r->requestHasCompleted(Complete);
+    EXPECT_EQ(a.status(), Complete);
+    EXPECT_EQ(decoded->getDecompressionState(), FrameBufferRep::kDecompressed);
+    EXPECT_EQ(decoded->getFormat().getWidth(), 8u); // the request's format was copied on
+    EXPECT_EQ(decoded->getSurface(0).plane(0)[0], pixelOf(9, 0, 0));
+
+    // Wanted compressed: left claimable for a later decode.
+    auto kept = f.request(9, nullptr, 8, kResultCompressed);
+    Zn::Ptr<FrameBufferRep> compressed = readInto(f, kept);
+    kept->requestHasCompleted(Complete);
+    EXPECT_EQ(kept->getStatus(), Complete);
+    EXPECT_EQ(compressed->getDecompressionState(), FrameBufferRep::kCompressed);
+    EXPECT_FALSE(compressed->getSurface(0).valid());
+
+    // Already claimed by another thread: not decoded here.
+    auto claimed = f.request(10, nullptr);
+    Zn::Ptr<FrameBufferRep> busy = readInto(f, claimed);
+    busy->decompressionState().store(FrameBufferRep::kDecompressing);
+    claimed->requestHasCompleted(Complete);
+    EXPECT_EQ(claimed->getStatus(), Complete);
+    EXPECT_FALSE(busy->getSurface(0).valid());
+
+    // A failed read never decodes.
+    RecordingIssuer b;
+    auto failed = f.request(11, &b);
+    Zn::Ptr<FrameBufferRep> untouched = readInto(f, failed);
+    failed->requestHasCompleted(Failed);
+    EXPECT_EQ(b.status(), Failed);
+    EXPECT_EQ(untouched->getDecompressionState(), FrameBufferRep::kCompressed);
+}
+
+TEST_F(DecoderRegistered, MissingDecoderFailsTheRequestAndMarksTheBuffer) {
+    Zn::DecoderInfo::instance().unregisterFactory(factory);
+    OpenFile f(dir, "nodecoder.frames");
+    f.reader->mode = FrameFileReader::kCompressed;
+    RecordingIssuer issuer;
+    auto r = f.request(1, &issuer);
+    Zn::Ptr<FrameBufferRep> buffer = readInto(f, r);
+    r->requestHasCompleted(Complete);
+    EXPECT_EQ(issuer.calls(), 1);
+    EXPECT_EQ(issuer.status(), Failed);
+    EXPECT_EQ(r->getStatus(), Failed);
+    EXPECT_EQ(buffer->getDecompressionState(), FrameBufferRep::kDecompressFailed);
+}
+
+TEST(VideoReadRequest, WithoutIssuersCompletionOnlySetsTheStatusAndEveryIssuerIsCalledOnce) {
+    testing_support::TempDir dir;
+    OpenFile f(dir, "plain.frames");
+    auto lonely = f.request(0, nullptr);
+    EXPECT_TRUE(lonely->getProxies().empty());
+    lonely->requestHasCompleted(Failed);
+    EXPECT_EQ(lonely->getStatus(), Failed);
+
+    RecordingIssuer a, b;
+    auto r = f.request(0, &a);
+    r->getProxies().insert(b.getProxy());
+    r->getProxies().insert(a.getProxy()); // already there
+    EXPECT_EQ(r->getProxies().size(), 2u);
+    Zn::Ptr<iObject> none;
+    r->doCallbacks(none, Failed);
+    r->doCallbacks(none, Failed);
+    EXPECT_EQ(a.calls(), 1);
+    EXPECT_EQ(b.calls(), 1);
+    EXPECT_EQ(r->getStatus(), Queued); // doCallbacks alone leaves the status alone
+}
+
+TEST(ReadRequestIssuer, DetachWaitsForARunningCallbackAndDetachedIssuersAreSkipped) {
+    testing_support::TempDir dir;
+    OpenFile f(dir, "issuer.frames");
+    Gate gate;
+    struct Blocking : RecordingIssuer {
+        Gate* gate = nullptr;
+        std::atomic<bool> inside{false}, done{false};
+        void readRequestComplete(Zn::Ptr<iObject>& r, RequestStatus s) override {
+            inside = true;
+            gate->pass();
+            RecordingIssuer::readRequestComplete(r, s);
+            done = true;
+        }
+    } issuer;
+    issuer.gate = &gate;
+    gate.close();
+    auto r = f.request(2, &issuer);
+    std::thread completer([&] { r->requestHasCompleted(Failed); });
+    ASSERT_TRUE(gate.waitForWaiters(1));
+    std::atomic<bool> detached{false};
+    std::thread detacher([&] {
+        issuer.getProxy()->clear();
+        detached = true;
+        EXPECT_TRUE(issuer.done.load());
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(detached.load());
+    gate.open();
+    completer.join();
+    detacher.join();
+    EXPECT_EQ(issuer.calls(), 1);
+
+    auto later = f.request(3, &issuer);
+    later->requestHasCompleted(Failed);
+    EXPECT_EQ(issuer.calls(), 1); // the proxy no longer reaches it
+}
+
+TEST(AudioReadRequest, ByteArithmeticIsSixtyFourBitAndChannelIndexUsesTheOwnStreamsCount) {
+    testing_support::TempDir dir;
+    FrameFileLayout layout;
+    layout.frames = 0;
+    layout.extraStreamChannels = {2, 6};
+    OpenFile f(dir, "audio.frames", layout, OpenType::kAudio);
+    // Stream 1 channel 0 is 1 * 6 + 0: the stream's own channel count, not the 2 before it.
+    auto r = f.audio(1, 0, 0, 10, nullptr);
+    EXPECT_EQ(r->getChannelIndex(), 6u);
+    EXPECT_EQ(r->getBytesPerMCS(), 12u);
+    EXPECT_EQ(f.audio(0, 1, 0, 10, nullptr)->getChannelIndex(), 1u);
+
+    f.reader->getMetadata()->getAudioMetadata()[0] = Aud::Metadata(48000, 2, 3);
+    auto far = f.audio(0, 1, uint64_t(1) << 32, 10, nullptr);
+    EXPECT_EQ(far->getStartByte(), 25769803776ull);
+    EXPECT_EQ(far->getBuffer(), nullptr); // no result storage yet
+    EXPECT_EQ(far->getUsed(), 0u);
+    EXPECT_EQ(f.audio(7, 0, 0, 1, nullptr)->getStartByte(), 0u); // no such stream
+}

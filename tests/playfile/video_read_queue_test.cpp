@@ -1,0 +1,245 @@
+// The video read queue with a real back-end and its real thread: matching and reuse,
+// dropping of requests nobody wants, finished requests kept while held, draining at the
+// thread's end.
+#include "FrameFileReader.h"
+
+#include "playfile/requests/VideoReadQueue.h"
+#include "support/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+using namespace test_backend;
+
+namespace {
+
+class VideoQueue : public ::testing::Test {
+protected:
+    // Closes the reader's gate and queues a request for frame 63 that the thread takes and
+    // then waits at the gate with, so that what is queued next stays pending.
+    void holdThread(OpenFile& f) {
+        f.reader->gate.close();
+        blocker = f.request(63, &blockerIssuer);
+        f.file->queueReadRequest(blocker, false);
+        ASSERT_TRUE(f.reader->gate.waitForWaiters(1));
+    }
+
+    testing_support::TempDir dir;
+    RecordingIssuer blockerIssuer;
+    Zn::Ptr<VideoReadRequest> blocker;
+};
+
+} // namespace
+
+TEST_F(VideoQueue, EqualRequestJoinsTheFirstAndIsReadOnceForBoth) {
+    OpenFile f(dir, "same.frames");
+    holdThread(f);
+    RecordingIssuer a, b;
+    auto r1 = f.request(4, &a);
+    auto r2 = f.request(4, &b);
+    VideoReadRequest* first = r1.get();
+    EXPECT_TRUE(f.file->queueReadRequest(r1, false));
+    EXPECT_TRUE(f.file->queueReadRequest(r2, false));
+    EXPECT_EQ(r2.get(), first); // the second call hands back the first request
+    EXPECT_EQ(f.file->getVideoQueue()->pendingCount(), 1u);
+    f.reader->gate.open();
+    ASSERT_TRUE(a.waitForCalls(1));
+    ASSERT_TRUE(b.waitForCalls(1));
+    EXPECT_EQ(f.reader->readFrames(), (std::vector<uint32_t>{63, 4}));
+    EXPECT_EQ(a.buffer().get(), b.buffer().get());
+    EXPECT_EQ(a.calls() + b.calls(), 2);
+}
+
+TEST_F(VideoQueue, MatchingCoversGroupsAndIndexRunsAndAWiderDecodeServesANarrowerOne) {
+    FrameFileLayout grouped;
+    grouped.groupSize = 4;
+    OpenFile f(dir, "grouped.frames", grouped);
+    holdThread(f);
+    auto six = f.request(6, nullptr);
+    f.file->queueReadRequest(six, false);
+    auto five = f.request(5, nullptr); // group 4..7 of frame 6
+    f.file->queueReadRequest(five, false);
+    EXPECT_EQ(five.get(), six.get());
+    auto eight = f.request(8, nullptr);
+    f.file->queueReadRequest(eight, false);
+    EXPECT_NE(eight.get(), six.get());
+
+    auto wide = f.request(8, nullptr, 16);
+    f.file->queueReadRequest(wide, false);
+    EXPECT_EQ(wide.get(), eight.get()); // same width: joins
+    auto narrow = f.request(9, nullptr, 8);
+    f.file->queueReadRequest(narrow, false);
+    EXPECT_EQ(narrow.get(), eight.get()); // narrower: joins the wider one
+    auto compressed = f.request(8, nullptr, 16, kResultCompressed);
+    f.file->queueReadRequest(compressed, false);
+    EXPECT_NE(compressed.get(), eight.get()); // another result type never joins
+
+    OpenFile g(dir, "plain.frames");
+    holdThread(g);
+    auto narrowFirst = g.request(3, nullptr, 8);
+    g.file->queueReadRequest(narrowFirst, false);
+    auto wider = g.request(3, nullptr, 16);
+    g.file->queueReadRequest(wider, false);
+    EXPECT_NE(wider.get(), narrowFirst.get()); // a narrower decode cannot serve a wider one
+    auto other = g.request(4, nullptr); // ungrouped: only the frame itself
+    g.file->queueReadRequest(other, false);
+    EXPECT_NE(other.get(), narrowFirst.get());
+    Zn::Ptr<IndexInfoRep> run(new IndexInfoRep(10, 2, 15)); // reads deliver 12..15
+    auto indexed = g.request(13, nullptr, 16, kResultDecoded, run);
+    g.file->queueReadRequest(indexed, false);
+    auto inRun = g.request(15, nullptr);
+    g.file->queueReadRequest(inRun, false);
+    EXPECT_EQ(inRun.get(), indexed.get());
+    auto beforeRun = g.request(11, nullptr);
+    g.file->queueReadRequest(beforeRun, false);
+    EXPECT_NE(beforeRun.get(), indexed.get());
+
+    f.reader->gate.open();
+    g.reader->gate.open();
+    ASSERT_TRUE(blockerIssuer.waitForCalls(2));
+}
+
+TEST_F(VideoQueue, RequestNobodyHoldsAnyMoreIsNeitherReadNorKept) {
+    OpenFile f(dir, "dropped.frames");
+    holdThread(f);
+    RecordingIssuer gone, kept;
+    auto dropped = f.request(1, &gone);
+    f.file->queueReadRequest(dropped, false);
+    dropped.reset();
+    auto wanted = f.request(2, &kept);
+    f.file->queueReadRequest(wanted, false);
+    f.reader->gate.open();
+    ASSERT_TRUE(kept.waitForCalls(1));
+    EXPECT_EQ(f.reader->readFrames(), (std::vector<uint32_t>{63, 2}));
+    EXPECT_EQ(gone.calls(), 0);
+    EXPECT_EQ(f.file->getVideoQueue()->pendingCount(), 0u);
+    EXPECT_EQ(f.file->getVideoQueue()->inProgressCount(), 2u); // the blocker and the wanted one
+}
+
+TEST_F(VideoQueue, FinishedRequestServesLaterIssuersAtOnceUntilReleasedByAll) {
+    OpenFile f(dir, "finished.frames");
+    RecordingIssuer a, b;
+    auto r1 = f.request(7, &a);
+    f.file->queueReadRequest(r1, false);
+    ASSERT_TRUE(a.waitForCalls(1));
+    EXPECT_NE(a.thread(), std::this_thread::get_id()); // read on the queue's thread
+
+    auto r2 = f.request(7, &b);
+    f.file->queueReadRequest(r2, false);
+    EXPECT_EQ(r2.get(), r1.get());
+    EXPECT_EQ(b.calls(), 1); // called at once, from this thread
+    EXPECT_EQ(b.thread(), std::this_thread::get_id());
+    EXPECT_EQ(b.buffer().get(), a.buffer().get());
+    EXPECT_EQ(f.reader->reads.load(), 1);
+    EXPECT_EQ(a.calls(), 1); // not again
+
+    // Released by everybody: dropped by the next queuing (which still matches before it
+    // drops), so an equal request after that is read anew.
+    Zn::Ptr<FrameBufferRep> frame7 = a.buffer(); // held by a, b, here and the request
+    r1.reset();
+    r2.reset();
+    // The queue's thread lets go of its own references just after the callbacks.
+    for (int i = 0; i < 2000 && frame7.refCount() != 4; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(frame7.refCount(), 4);
+    RecordingIssuer c, d;
+    auto other = f.request(8, &c);
+    f.file->queueReadRequest(other, false);
+    EXPECT_EQ(frame7.refCount(), 3); // the request is gone
+    ASSERT_TRUE(c.waitForCalls(1));
+    auto again = f.request(7, &d);
+    VideoReadRequest* fresh = again.get();
+    f.file->queueReadRequest(again, false);
+    EXPECT_EQ(again.get(), fresh);
+    ASSERT_TRUE(d.waitForCalls(1));
+    EXPECT_EQ(f.reader->readFrames(), (std::vector<uint32_t>{7, 8, 7}));
+    EXPECT_EQ(f.file->getVideoQueue()->inProgressCount(), 2u);
+}
+
+TEST_F(VideoQueue, FailedRequestIsJoinedWithoutACallback) {
+    OpenFile f(dir, "failed.frames");
+    f.reader->mode = FrameFileReader::kFail;
+    RecordingIssuer a, b;
+    auto r1 = f.request(3, &a);
+    f.file->queueReadRequest(r1, false);
+    ASSERT_TRUE(a.waitForCalls(1));
+    EXPECT_EQ(a.status(), Failed);
+    auto r2 = f.request(3, &b);
+    f.file->queueReadRequest(r2, false);
+    EXPECT_EQ(r2.get(), r1.get());
+    EXPECT_EQ(r2->getStatus(), Failed);
+    EXPECT_EQ(b.calls(), 0);
+}
+
+TEST_F(VideoQueue, BackEndThatCompletesLaterLeavesTheRequestInProgressAndAThrowFailsIt) {
+    OpenFile f(dir, "later.frames");
+    f.reader->mode = FrameFileReader::kPending;
+    RecordingIssuer a;
+    auto r = f.request(2, &a);
+    f.file->queueReadRequest(r, false);
+    while (f.reader->reads.load() < 1) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(r->getStatus(), InProgress);
+    EXPECT_EQ(a.calls(), 0);
+    r->requestHasCompleted(Complete); // the back-end's late completion
+    EXPECT_EQ(a.calls(), 1);
+    EXPECT_EQ(f.reader->takePendingRequests().size(), 1u);
+
+    testing_support::LogCapture log;
+    f.reader->mode = FrameFileReader::kThrow;
+    RecordingIssuer b;
+    auto thrown = f.request(4, &b);
+    f.file->queueReadRequest(thrown, false);
+    ASSERT_TRUE(b.waitForCalls(1));
+    EXPECT_EQ(b.status(), Failed);
+    EXPECT_EQ(log.count("Exception reading frame 4 of \"" + f.path + "\": broken frame\n"), 1u);
+}
+
+TEST_F(VideoQueue, EndingTheThreadReadsTheWantedRequestsFirst) {
+    OpenFile f(dir, "drain.frames");
+    auto queue = Zn::makePtr<Zn::VideoReadQueue>();
+    f.reader->gate.close();
+    RecordingIssuer first, wanted;
+    auto r1 = f.request(1, &first);
+    queue->queueReadRequest(r1, false);
+    ASSERT_TRUE(f.reader->gate.waitForWaiters(1));
+    auto r2 = f.request(2, &wanted);
+    queue->queueReadRequest(r2, false);
+    auto r3 = f.request(3, nullptr);
+    queue->queueReadRequest(r3, false);
+    r3.reset();
+
+    std::atomic<bool> ended{false};
+    std::thread ender([&] {
+        queue.reset(); // the destructor ends the thread, which drains first
+        ended = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(ended.load());
+    f.reader->gate.open();
+    ender.join();
+    EXPECT_EQ(wanted.calls(), 1); // read before the queue was gone
+    EXPECT_EQ(f.reader->readFrames(), (std::vector<uint32_t>{1, 2}));
+}
+
+TEST_F(VideoQueue, FileLetGoWhileItsRequestIsQueuedIsDestroyedOnceTheRequestIsReleased) {
+    int before = FrameFileReader::alive.load();
+    RecordingIssuer a;
+    Zn::Ptr<VideoReadRequest> r;
+    FrameFileReader* reader;
+    {
+        OpenFile f(dir, "orphan.frames");
+        holdThread(f);
+        reader = f.reader.get();
+        r = f.request(5, &a);
+        f.file->queueReadRequest(r, false);
+        blocker.reset();
+        // The cache's close (purge, then let go) with the request still queued.
+    }
+    reader->gate.open(); // the queued request keeps the reader alive
+    ASSERT_TRUE(a.waitForCalls(1));
+    EXPECT_EQ(FrameFileReader::alive.load(), before + 1); // the request holds the file
+    r.reset();
+    // Only the queue's finished list holds the file now; the thread's next idle poll lets it go.
+    for (int n = 0; n < 2000 && FrameFileReader::alive.load() != before; ++n)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(FrameFileReader::alive.load(), before);
+}
