@@ -10,6 +10,11 @@
 
 #include <algorithm>
 #include <random>
+#include <thread>
+
+extern "C" {
+#include <libavutil/pixdesc.h>
+}
 
 using namespace testing_support;
 using namespace ffmpeg_engine;
@@ -127,4 +132,172 @@ TEST(FfmpegVideo, TimestampsThatAreNotRegular) {
     ASSERT_EQ(runCommand("tail -c +" + std::to_string(188 * 60 + 1) + " " + shellQuote(ts) + " > " +
                          shellQuote(tail)).exitCode, 0);
     expectEveryFrame(tail);
+}
+
+// Group decoding as the streaming reader uses it, with every threading choice: the frames
+// come in order, each exactly once, equal to FFmpeg's; a refusing callback stops it.
+TEST(FfmpegVideo, DecodeRangeByGroupsWithEveryThreading) {
+    TempDir dir;
+    const std::string path = make(dir, "open.mkv", "-c:v libx264 -preset veryfast -g 12 -bf 3 -pix_fmt yuv420p "
+                                                   "-x264-params open_gop=1");
+    const std::vector<std::string> want = ffmpeg_oracle::frameMd5s(path);
+    auto index = openIndex(path);
+    ASSERT_TRUE(index);
+    const VideoTrack& v = *index->video;
+    ASSERT_EQ(v.frameCount(), int(want.size()));
+
+    struct Mode { Threading threading; int threads; bool skip; };
+    for (Mode m : {Mode{Threading::Single, 1, false}, Mode{Threading::Slice, 2, false},
+                   Mode{Threading::Frame, 3, true}}) {
+        SCOPED_TRACE(threadingName(m.threading));
+        VideoDecoderOptions options;
+        options.threading = m.threading;
+        options.threads = m.threads;
+        options.skipUnneededAfterSeek = m.skip;
+        options.cacheBytes = 0;
+        auto d = FfmpegVideoDecoder::open(index, options);
+        ASSERT_TRUE(d) << d.error;
+        EXPECT_EQ(d.value->threading(), m.threading);
+        // Groups from the last to the first, so that every group starts with a seek.
+        std::vector<std::pair<int, int>> groups;
+        for (int k = 0; k < v.frameCount(); k = v.groupOf(k).second + 1) groups.push_back(v.groupOf(k));
+        ASSERT_GT(groups.size(), 3u);
+        for (auto g = groups.rbegin(); g != groups.rend(); ++g) {
+            int expected = g->first;
+            auto got = d.value->decodeRange(g->first, g->second, [&](int k, const AVFrame* picture) {
+                EXPECT_EQ(k, expected++);
+                EXPECT_EQ(pictureMd5(*picture), want[size_t(k)]) << "frame " << k;
+                return true;
+            });
+            ASSERT_TRUE(got) << got.error;
+            EXPECT_EQ(got.value, g->second - g->first + 1);
+        }
+        // Every group decodes from its own start, except that H.264 holds back the pictures
+        // after the last open-GOP I-frame at the end of the stream unless decoding began
+        // a group earlier: one more start for the last group.
+        EXPECT_LE(d.value->stats().sessions, int64_t(groups.size()) + 1);
+
+        // A range across groups, stopped by the callback after three frames.
+        int seen = 0;
+        auto stopped = d.value->decodeRange(5, 30, [&](int, const AVFrame*) { return ++seen < 3; });
+        ASSERT_TRUE(stopped) << stopped.error;
+        EXPECT_EQ(stopped.value, 3);
+        // And carrying on from there costs no new start.
+        const int64_t sessions = d.value->stats().sessions;
+        auto next = d.value->decodeFrame(8);
+        ASSERT_TRUE(next) << next.error;
+        EXPECT_EQ(pictureMd5(*next.value), want[8]);
+        EXPECT_EQ(d.value->stats().sessions, sessions);
+    }
+    auto bad = FfmpegVideoDecoder::open(index);
+    ASSERT_TRUE(bad);
+    EXPECT_FALSE(bad.value->decodeRange(10, 5, [](int, const AVFrame*) { return true; }));
+    EXPECT_FALSE(bad.value->decodeRange(0, v.frameCount(), [](int, const AVFrame*) { return true; }));
+    EXPECT_FALSE(bad.value->decodeFrame(-1));
+    EXPECT_FALSE(bad.value->decodeFrame(v.frameCount()));
+}
+
+// Stepping back one frame at a time through a long group is served from the frames kept
+// on the way, not by decoding the group again for every step.
+TEST(FfmpegVideo, SteppingBackUsesTheDecodedGroup) {
+    TempDir dir;
+    const std::string path = make(dir, "long.mp4", "-c:v libx264 -preset veryfast -g 50 -bf 3 -pix_fmt yuv420p");
+    const std::vector<std::string> want = ffmpeg_oracle::frameMd5s(path);
+    auto index = openIndex(path);
+    ASSERT_TRUE(index);
+    auto d = FfmpegVideoDecoder::open(index);
+    ASSERT_TRUE(d);
+    for (int k = 45; k >= 0; --k) ASSERT_EQ(md5Of(*d.value, k), want[size_t(k)]) << k;
+    EXPECT_EQ(d.value->stats().sessions, 1);
+    EXPECT_LE(d.value->stats().picturesDecoded, 46 + 4);
+    EXPECT_EQ(d.value->stats().cacheHits, 45);
+}
+
+// Intra-only frames read as compressed packets and decoded apart, by decoders on other
+// threads, each with its own codec context, in any order.
+TEST(FfmpegVideo, IntraPacketsDecodeOnOtherThreads) {
+    TempDir dir;
+    for (const std::string& path : {make(dir, "prores.mov", "-c:v prores_ks -profile:v 1"),
+                                    make(dir, "mjpeg.mov", "-c:v mjpeg -q:v 4 -pix_fmt yuvj422p")}) {
+        SCOPED_TRACE(path);
+        const std::vector<std::string> want = ffmpeg_oracle::frameMd5s(path);
+        auto index = openIndex(path);
+        ASSERT_TRUE(index);
+        ASSERT_TRUE(index->video->allFramesKey);
+        ASSERT_EQ(index->video->frameCount(), int(want.size()));
+        auto reader = FfmpegPacketReader::open(index);
+        ASSERT_TRUE(reader) << reader.error;
+        const int n = int(want.size());
+        std::vector<PacketPtr> packets(static_cast<size_t>(n));
+        for (int k = n - 1; k >= 0; --k) { // backwards: every read seeks
+            auto p = reader.value->readPacket(k);
+            ASSERT_TRUE(p) << p.error;
+            packets[size_t(k)] = std::move(p.value);
+        }
+        std::vector<std::string> got(static_cast<size_t>(n));
+        std::vector<std::thread> workers;
+        for (int t = 0; t < 2; ++t)
+            workers.emplace_back([&, t] {
+                auto decoder = FfmpegPacketDecoder::open(index);
+                if (!decoder) return;
+                for (int k = t; k < n; k += 2) {
+                    auto picture = decoder.value->decode(*packets[size_t(k)]);
+                    got[size_t(k)] = picture ? pictureMd5(*picture.value) : picture.error;
+                }
+            });
+        for (auto& w : workers) w.join();
+        for (int k = 0; k < n; ++k) EXPECT_EQ(got[size_t(k)], want[size_t(k)]) << "frame " << k;
+
+        // From plain bytes too, as a request's compressed buffer would hold them.
+        auto decoder = FfmpegPacketDecoder::open(index, Threading::Single);
+        ASSERT_TRUE(decoder);
+        auto fromBytes = decoder.value->decode(packets[7]->data, size_t(packets[7]->size));
+        ASSERT_TRUE(fromBytes) << fromBytes.error;
+        EXPECT_EQ(pictureMd5(*fromBytes.value), want[7]);
+        EXPECT_FALSE(decoder.value->decode(nullptr, 0));
+        EXPECT_FALSE(reader.value->readPacket(n));
+    }
+}
+
+// Conversion to requested formats matches FFmpeg's own conversion of the same frame.
+TEST(FfmpegVideo, ConvertedPicturesMatchFfmpegConversion) {
+    TempDir dir;
+    const std::string path = make(dir, "h264.mp4", "-c:v libx264 -preset veryfast -g 12 -pix_fmt yuv422p");
+    auto index = openIndex(path);
+    ASSERT_TRUE(index);
+    auto d = FfmpegVideoDecoder::open(index);
+    ASSERT_TRUE(d);
+    PictureConverter converter;
+    for (AVPixelFormat format : {AV_PIX_FMT_RGB24, AV_PIX_FMT_RGBA, AV_PIX_FMT_GRAY8, AV_PIX_FMT_YUV420P,
+                                 AV_PIX_FMT_BGR24}) {
+        const char* name = av_get_pix_fmt_name(format);
+        SCOPED_TRACE(name);
+        auto r = runCommand("ffmpeg -nostdin -v error -i " + shellQuote(path) + " -pix_fmt " + name +
+                            " -fps_mode passthrough -f framemd5 - 2>/dev/null");
+        std::vector<std::string> want;
+        for (size_t at = r.out.find("\n0,"); at != std::string::npos; at = r.out.find("\n0,", at + 1))
+            want.push_back(r.out.substr(r.out.find_first_not_of(' ', r.out.rfind(',', r.out.find('\n', at + 1)) + 1), 32));
+        ASSERT_EQ(int(want.size()), d.value->frameCount());
+        for (int k : {0, 13, int(want.size()) - 1}) {
+            auto picture = d.value->decodeFrame(k);
+            ASSERT_TRUE(picture) << picture.error;
+            auto converted = converter.convert(*picture.value, format);
+            ASSERT_TRUE(converted) << converted.error;
+            EXPECT_EQ(converted.value->format, format);
+            EXPECT_EQ(pictureMd5(*converted.value), want[size_t(k)]) << "frame " << k;
+            const std::vector<uint8_t> packed = packPicture(*converted.value);
+            EXPECT_EQ(int(packed.size()), packedSize(format, 176, 144));
+        }
+    }
+    auto picture = d.value->decodeFrame(0);
+    ASSERT_TRUE(picture);
+    auto small = converter.convert(*picture.value, AV_PIX_FMT_RGB24, 88, 72);
+    ASSERT_TRUE(small) << small.error;
+    EXPECT_EQ(small.value->width, 88);
+    EXPECT_EQ(small.value->height, 72);
+    auto same = converter.convert(*picture.value, AVPixelFormat(picture.value->format));
+    ASSERT_TRUE(same);
+    EXPECT_EQ(same.value->data[0], picture.value->data[0]) << "no copy when nothing changes";
+    EXPECT_FALSE(converter.convert(*picture.value, AV_PIX_FMT_NONE));
+    EXPECT_EQ(md5Hex("", 0), "d41d8cd98f00b204e9800998ecf8427e");
 }
