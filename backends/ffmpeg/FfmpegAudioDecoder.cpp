@@ -22,10 +22,15 @@ void writeLE32(uint8_t* p, uint32_t v) {
 
 // Gives the packet exactly the trimming the index recorded for it, whatever the demuxer
 // attached after a seek, so that every decode trims as the decode from the start did.
-bool setTrimming(AVPacket* pkt, const AudioPacket& info, bool explicitZero) {
+// The first packet of a decode gets its trimming spelled out even when it is none, so that
+// nothing left over in the codec from before the seek applies; the stream's very first
+// packet also carries the decoder's own initial skip.
+bool setTrimming(AVPacket* pkt, const AudioPacket& info, bool first, int32_t initialSkip) {
     size_t size = 0;
     uint8_t* side = av_packet_get_side_data(pkt, AV_PKT_DATA_SKIP_SAMPLES, &size);
-    const bool want = info.skipStart || info.skipEnd || explicitZero;
+    const bool own = info.skipStart || info.skipEnd;
+    const int32_t skip = own ? info.skipStart : initialSkip;
+    const bool want = own || first;
     if (!want) {
         // A zero-sized entry is ignored by libavcodec; a present one would reset its skip.
         if (side) av_packet_shrink_side_data(pkt, AV_PKT_DATA_SKIP_SAMPLES, 0);
@@ -37,7 +42,7 @@ bool setTrimming(AVPacket* pkt, const AudioPacket& info, bool explicitZero) {
         if (!side) return false;
     }
     std::memset(side, 0, 10);
-    writeLE32(side, uint32_t(info.skipStart));
+    writeLE32(side, uint32_t(skip));
     writeLE32(side + 4, uint32_t(info.skipEnd));
     return true;
 }
@@ -149,7 +154,20 @@ bool FfmpegAudioDecoder::startAt(int64_t position, std::string& error) {
     held_.reset();
     heldStart_ = -1;
     if (!cursor_->seekTo(j, error)) return false;
-    avcodec_flush_buffers(codec_.get());
+    if (j == 0) {
+        // From the start, a new codec: some decoders keep a noise generator that a flush
+        // does not reset (AAC's noise substitution, AC-3's dither, Opus's band folding), and
+        // only a fresh one gives FFmpeg's samples bit for bit from there on.
+        auto fresh = openDecoder(a.codec.get(), Threading::Single, 1);
+        if (!fresh) {
+            error = fresh.error;
+            return false;
+        }
+        codec_ = std::move(fresh.value);
+        codec_->pkt_timebase = AVRational{1, a.sampleRate};
+    } else {
+        avcodec_flush_buffers(codec_.get());
+    }
     inputEnded_ = ended_ = false;
     sessionFirst_ = true;
     return true;
@@ -197,7 +215,7 @@ bool FfmpegAudioDecoder::nextFrame(std::string& error) {
         if (index >= 0) {
             const AudioPacket& info = a.packets[size_t(index)];
             packet_->pts = info.outStart - info.trimmedStart;
-            setTrimming(packet_.get(), info, sessionFirst_);
+            setTrimming(packet_.get(), info, sessionFirst_, index == 0 ? a.initialSkip : 0);
         } else {
             packet_->pts = AV_NOPTS_VALUE;
         }

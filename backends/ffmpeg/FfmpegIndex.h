@@ -93,6 +93,7 @@ struct AudioTrack {
     bool plainPcm = false; // read from pcmRuns by byte position, without a decoder
     int bytesPerFrame = 0; // bytes of one sample of every channel in the file (plain PCM)
     int prerollPackets = 0; // packets decoded before the wanted one after a seek
+    int32_t initialSkip = 0; // samples the decoder drops at its start of its own accord
     std::vector<AudioPacket> packets;
     std::vector<PcmRun> pcmRuns;
 };

@@ -481,18 +481,29 @@ bool FfmpegSource::Scan::finishVideo() {
     return !v.frames.empty();
 }
 
+// Samples a decoder drops from the start of its output of its own accord, before any
+// trimming the demuxer asks for: the Opus decoder takes the pre-skip from its header.
+static int64_t decoderInitialSkip(const AVCodecParameters* par) {
+    if (par->codec_id == AV_CODEC_ID_OPUS && par->extradata_size >= 19 &&
+        std::memcmp(par->extradata, "OpusHead", 8) == 0)
+        return int64_t(par->extradata[10]) | int64_t(par->extradata[11]) << 8;
+    return 0;
+}
+
 // Places every packet in the decoded sample stream the way libavcodec trims it: a skip at
-// the start (priming, encoder delay) may run over several packets, a discard at the end
-// applies only when it fits the packet, and discarded packets give nothing.
+// the start (priming, encoder delay) may run over several packets and is taken before a
+// packet's discard flag drops what is left, a discard at the end applies only when it
+// fits the packet, and discarded packets give nothing.
 void FfmpegSource::Scan::finishAudio(AudioTrack& a, size_t slot) {
     int64_t pos = 0;
-    int64_t pendingSkip = 0;
+    a.initialSkip = int32_t(decoderInitialSkip(a.codec.get()));
+    int64_t pendingSkip = a.initialSkip;
     std::vector<int> sizes;
     for (AudioPacket& p : a.packets) {
         if (p.skipStart || p.skipEnd) pendingSkip = p.skipStart;
         p.outStart = pos;
         p.outCount = 0;
-        if (p.discard || p.decoded <= 0) continue;
+        if (p.decoded <= 0) continue;
         sizes.push_back(p.decoded);
         int64_t out = p.decoded;
         if (pendingSkip >= out) {
@@ -502,6 +513,7 @@ void FfmpegSource::Scan::finishAudio(AudioTrack& a, size_t slot) {
         out -= pendingSkip;
         p.trimmedStart = int32_t(pendingSkip);
         pendingSkip = 0;
+        if (p.discard) continue;
         if (p.skipEnd > 0 && p.skipEnd <= out) out -= p.skipEnd;
         p.outCount = int32_t(out);
         pos += out;
