@@ -16,12 +16,18 @@
 namespace ffmpeg_engine {
 
 // What the demuxer says about a packet, kept to recognise the packet again after a seek.
+// Position and size alone are not enough: an Ogg page holds several packets with the same
+// position, often of equal size, and after a seek they come without timestamps.
 struct PacketKey {
     int64_t pts = AV_NOPTS_VALUE;
     int64_t dts = AV_NOPTS_VALUE;
     int64_t pos = -1; // byte position in the file, -1 when the demuxer gives none
     int32_t size = 0;
+    uint32_t digest = 0; // packetDigest() of its bytes
 };
+
+// A cheap fingerprint of a packet's bytes: its first and last 32 bytes.
+uint32_t packetDigest(const AVPacket* pkt);
 
 // One video packet, in decode order.
 struct VideoPacket {

@@ -299,7 +299,7 @@ void FfmpegSource::Scan::readPackets() {
 void FfmpegSource::Scan::addVideoPacket(AVPacket* pkt) {
     VideoTrack& v = *index_->video;
     VideoPacket p;
-    p.key = {pkt->pts, pkt->dts, pkt->pos, pkt->size};
+    p.key = {pkt->pts, pkt->dts, pkt->pos, pkt->size, packetDigest(pkt)};
     // Containers need not flag every picture of an intra-only codec; each one is a key.
     p.keyFrame = (pkt->flags & AV_PKT_FLAG_KEY) || v.codecIsIntraOnly;
     p.discard = pkt->flags & AV_PKT_FLAG_DISCARD;
@@ -318,7 +318,7 @@ void FfmpegSource::Scan::addVideoPacket(AVPacket* pkt) {
 
 void FfmpegSource::Scan::addAudioPacket(AudioTrack& a, AVPacket* pkt) {
     AudioPacket p;
-    p.key = {pkt->pts, pkt->dts, pkt->pos, pkt->size};
+    p.key = {pkt->pts, pkt->dts, pkt->pos, pkt->size, packetDigest(pkt)};
     p.discard = pkt->flags & AV_PKT_FLAG_DISCARD;
     p.decoded = audioPacketSamples(a.codec.get(), a.timeBase, pkt);
     size_t sideSize = 0;
@@ -543,6 +543,19 @@ void FfmpegSource::Scan::finishAudio(AudioTrack& a, size_t slot) {
         }
         a.pcmRuns.push_back({p.outStart, p.key.pos, samples});
     }
+}
+
+uint32_t packetDigest(const AVPacket* pkt) {
+    uint32_t h = 2166136261u;
+    auto mix = [&](const uint8_t* p, int n) {
+        for (int i = 0; i < n; ++i) h = (h ^ p[i]) * 16777619u;
+    };
+    if (!pkt->data || pkt->size <= 0) return h;
+    const int head = std::min(pkt->size, 32);
+    mix(pkt->data, head);
+    const int tail = std::min(pkt->size - head, 32);
+    mix(pkt->data + pkt->size - tail, tail);
+    return h;
 }
 
 std::pair<int, int> VideoTrack::groupOf(int frame) const {

@@ -23,7 +23,7 @@ namespace {
 // A tone on the left, noise on the right: every sample differs, and noise exercises the
 // codecs' noise coding too.
 const std::string kStereo = "-f lavfi -i sine=frequency=440:sample_rate=48000:duration=2.3 "
-                            "-f lavfi -i anoisesrc=d=2.3:c=pink:r=48000:a=0.1 -filter_complex amerge=inputs=2 ";
+                            "-f lavfi -i anoisesrc=d=2.3:c=pink:r=48000:a=0.1:seed=6 -filter_complex amerge=inputs=2 ";
 
 const char* rawFormatOf(AVSampleFormat f) {
     switch (av_get_packed_sample_fmt(f)) {
@@ -102,11 +102,14 @@ Checked checkSamples(const std::string& path, int track = 0) {
             return;
         }
         ASSERT_EQ(packed, AV_SAMPLE_FMT_FLT) << "samples differ at " << start;
+        // Short reads (or the encoder's near-silent flush at the very end) say little
+        // about placement against substituted noise.
+        if (expect < 1024) return;
         double error;
         int lag;
         measure(reinterpret_cast<const float*>(got.data()), reinterpret_cast<const float*>(w), expect, channels,
                 error, lag);
-        if (expect >= 256) c.worstError = std::max(c.worstError, error);
+        c.worstError = std::max(c.worstError, error);
         if (std::abs(lag) > std::abs(c.worstLag)) c.worstLag = lag;
     };
     for (int64_t at = 0; at < c.total; at += 3001) compare(at, 3001, true);
@@ -213,7 +216,7 @@ TEST(FfmpegAudio, AudioBesideVideoAndEditLists) {
     TempDir dir;
     const std::string withVideo =
         "-f lavfi -i testsrc2=size=96x64:rate=25:duration=2.3 -f lavfi -i sine=frequency=440:sample_rate=48000:duration=2.3 "
-        "-f lavfi -i anoisesrc=d=2.3:c=pink:r=48000:a=0.1 -filter_complex [1:a][2:a]amerge=inputs=2[a] -map 0:v -map [a] ";
+        "-f lavfi -i anoisesrc=d=2.3:c=pink:r=48000:a=0.1:seed=6 -filter_complex [1:a][2:a]amerge=inputs=2[a] -map 0:v -map [a] ";
     const std::string pcm = make(dir, "pcm.mov", "-c:v mjpeg -c:a pcm_s16le", withVideo);
     auto index = FfmpegSource::open(pcm);
     ASSERT_TRUE(index) << index.error;
