@@ -5,6 +5,7 @@
 #include "backends/ffmpeg/FfmpegPcm.h"
 
 extern "C" {
+#include <libavcodec/vorbis_parser.h>
 #include <libavutil/pixdesc.h>
 }
 
@@ -155,6 +156,12 @@ private:
     std::vector<int> audioSlot_; // per stream of the file: its place in index_->audio, or -1
     std::vector<bool> pcmUsable_; // per audio track: PCM bytes seen in the file match the packets
     std::vector<int64_t> pcmRunEnd_;
+    // Vorbis packets vary in length with the block sizes on either side of them; FFmpeg's
+    // Vorbis parser knows them from the stream's setup header.
+    struct VorbisParserFree {
+        void operator()(AVVorbisParseContext* p) const { av_vorbis_parse_free(&p); }
+    };
+    std::vector<std::unique_ptr<AVVorbisParseContext, VorbisParserFree>> vorbis_;
     int fd_ = -1;
 
     // The first packets of the video stream, kept for the head probe.
@@ -259,6 +266,12 @@ bool FfmpegSource::Scan::chooseStreams(std::string& error) {
         return false;
     }
     pcmUsable_.assign(index_->audio.size(), true);
+    vorbis_.resize(index_->audio.size());
+    for (size_t i = 0; i < index_->audio.size(); ++i) {
+        const AVCodecParameters* par = index_->audio[i].codec.get();
+        if (par->codec_id == AV_CODEC_ID_VORBIS && par->extradata_size > 0)
+            vorbis_[i].reset(av_vorbis_parse_init(par->extradata, par->extradata_size));
+    }
     pcmRunEnd_.assign(index_->audio.size(), -1);
     for (unsigned i = 0; i < ctx->nb_streams; ++i) {
         bool used = (index_->video && index_->video->stream == int(i)) || audioSlot_[i] >= 0;
@@ -320,7 +333,14 @@ void FfmpegSource::Scan::addAudioPacket(AudioTrack& a, AVPacket* pkt) {
     AudioPacket p;
     p.key = {pkt->pts, pkt->dts, pkt->pos, pkt->size, packetDigest(pkt)};
     p.discard = pkt->flags & AV_PKT_FLAG_DISCARD;
-    p.decoded = audioPacketSamples(a.codec.get(), a.timeBase, pkt);
+    const size_t slot = size_t(&a - index_->audio.data());
+    if (vorbis_[slot]) {
+        // The decoder shows nothing for the first packet: it only primes the overlap.
+        const int n = av_vorbis_parse_frame(vorbis_[slot].get(), pkt->data, pkt->size);
+        p.decoded = a.packets.empty() ? 0 : std::max(0, n);
+    } else {
+        p.decoded = audioPacketSamples(a.codec.get(), a.timeBase, pkt);
+    }
     size_t sideSize = 0;
     if (const uint8_t* side = av_packet_get_side_data(pkt, AV_PKT_DATA_SKIP_SAMPLES, &sideSize); side && sideSize >= 10) {
         p.skipStart = int32_t(std::min<uint32_t>(readLE32(side), INT32_MAX));

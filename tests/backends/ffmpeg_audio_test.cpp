@@ -165,7 +165,8 @@ TEST(FfmpegAudio, PlainPcmIsReadByBytePosition) {
 
 // Decoders without hidden state beyond their pre-roll give FFmpeg's samples bit for bit
 // at any position: MP3 (bit reservoir, overlap), AAC without noise substitution, in MP4
-// (priming in an edit list), ADTS and Matroska.
+// (priming in an edit list), ADTS and Matroska; FLAC; Vorbis (packets of varying length,
+// the first one silent) in Ogg and in Matroska (where timestamps are milliseconds).
 TEST(FfmpegAudio, CompressedAudioIsBitExactAtAnyPosition) {
     TempDir dir;
     for (const auto& [name, args] : std::vector<std::pair<std::string, std::string>>{
@@ -174,7 +175,9 @@ TEST(FfmpegAudio, CompressedAudioIsBitExactAtAnyPosition) {
              {"aac.mkv", "-c:a aac -aac_pns 0 -b:a 96k"},
              {"mp3.mp3", "-c:a libmp3lame -b:a 128k"},
              {"mp3lo.mp3", "-c:a libmp3lame -b:a 32k"},
-             {"flac.flac", "-c:a flac"}}) {
+             {"flac.flac", "-c:a flac"},
+             {"vorbis.ogg", "-c:a libvorbis"},
+             {"vorbis.mka", "-c:a libvorbis"}}) {
         SCOPED_TRACE(name);
         const Checked c = checkSamples(make(dir, name, args));
         EXPECT_GT(c.total, 100000);
