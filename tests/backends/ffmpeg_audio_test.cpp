@@ -93,7 +93,7 @@ Checked checkSamples(const std::string& path, int track = 0) {
         const int64_t expect = std::max<int64_t>(0, std::min(count, c.total - start));
         ASSERT_EQ(r.value, expect) << start << "+" << count;
         const uint8_t* w = reinterpret_cast<const uint8_t*>(want.data()) + start * int64_t(frame);
-        if (std::memcmp(got.data(), w, size_t(expect) * frame) == 0) return;
+        if (expect == 0 || std::memcmp(got.data(), w, size_t(expect) * frame) == 0) return;
         (inOrder ? c.exactInOrder : c.exactAtRandom) = false;
         if (packed == AV_SAMPLE_FMT_S16) {
             const auto* g = reinterpret_cast<const int16_t*>(got.data());
