@@ -7,7 +7,7 @@
 #include <thread>
 #include <unistd.h>
 
-iFileManager* defaultFileManager() noexcept; // FileManager.cpp
+iFileManager* defaultFileManager() noexcept; // PosixFileManager.cpp
 
 namespace {
 HeapAllocator g_heap;

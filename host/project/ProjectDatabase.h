@@ -1,0 +1,116 @@
+// ProjectDatabase (the host's `projdb`): the one SQLite file of a project, which holds
+// its edits, material directory, media drives and project-space description. It opens
+// and checks the file (a damaged file, or one of another schema version, is refused and
+// never written), and hands out transactions: any number of concurrent readers, each on
+// a connection of its own (WAL mode: readers never wait for the writer and always see a
+// committed state), and one writer at a time. Every write is one transaction.
+#pragma once
+
+#include "host/core/Cookie.h"
+#include "host/core/LightweightString.h"
+#include "host/core/RefCount.h"
+#include "host/project/Sqlite.h"
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+class ProjectDatabase : public iObject {
+public:
+    // The schema this program writes and the only one it reads. Stored in the file's
+    // user_version; the application id tells a project file from any other SQLite file.
+    static constexpr int kSchemaVersion = 1;
+    static constexpr int32_t kApplicationId = 0x706c6664; // "plfd"
+    static constexpr const char* kFileName = "project.playfile";
+
+    // Opens the project in folder; with create, makes a new empty one when the folder
+    // holds none. Answers null with a one-line reason in error when the project is
+    // missing, damaged, of an unknown schema version or cannot be opened; in those cases
+    // the file is left exactly as it was.
+    static Zn::Ptr<ProjectDatabase> open(const WString& folder, bool create, WString& error);
+
+    ~ProjectDatabase() override;
+
+    const WString& folder() const noexcept { return folder_; }
+    WString path() const;
+
+    // The project's edits whose field matches mask, in creation order: field 1 compares
+    // the log type, field 2 the edit flags (Edit::eFlags); an edit matches when the
+    // bitwise AND with mask is not zero. Empty when nothing matches.
+    CookieVec search(int field, unsigned mask) const;
+
+    // A read transaction on a connection of its own: everything read through it comes
+    // from one committed state of the database.
+    class Read {
+    public:
+        explicit Read(const ProjectDatabase& db);
+        ~Read();
+        Read(const Read&) = delete;
+        Read& operator=(const Read&) = delete;
+        sqlite::Connection& db() { return *conn_; }
+        bool ok() const noexcept { return ok_; }
+
+    private:
+        const ProjectDatabase& owner_;
+        std::unique_ptr<sqlite::Connection> conn_;
+        bool ok_ = false;
+    };
+
+    // The write transaction: holds the project's write lock from construction to
+    // destruction. Nothing is stored unless commit() succeeds; a Write destroyed
+    // without commit rolls back.
+    class Write {
+    public:
+        explicit Write(ProjectDatabase& db);
+        ~Write();
+        Write(const Write&) = delete;
+        Write& operator=(const Write&) = delete;
+        sqlite::Connection& db() { return owner_.writer_; }
+        bool ok() const noexcept { return ok_; }
+        // Marks the transaction failed (a step that went wrong); commit then rolls back.
+        void fail() noexcept { ok_ = false; }
+        // Commits when every step succeeded; false (and rolled back) otherwise.
+        bool commit();
+        // The reason of the last failure, for the caller's message.
+        std::string error() const { return owner_.writer_.lastError(); }
+
+    private:
+        ProjectDatabase& owner_;
+        std::lock_guard<std::mutex> lock_;
+        bool ok_ = false;
+        bool done_ = false;
+    };
+
+    // New identifier words for an item of this project: the project's own first word and
+    // the next number of its counter (never the filler's 647). Inside a write transaction.
+    static Cookie newCookie(sqlite::Connection& db, CookieType type);
+
+    // Small named values of the project (project-space type and the like).
+    static int64_t setting(sqlite::Connection& db, const char* key, int64_t fallback);
+    static bool setSetting(sqlite::Connection& db, const char* key, int64_t value);
+
+private:
+    explicit ProjectDatabase(const WString& folder);
+    bool openWriter(WString& error);
+    std::unique_ptr<sqlite::Connection> takeReader() const;
+    void giveBackReader(std::unique_ptr<sqlite::Connection> conn) const;
+
+    WString folder_;
+    std::string file_;
+
+    // writeMutex_ guards writer_ and is held for the whole of a Write. It may be taken
+    // with an Edit's or an FsysDirectoryEntry's own lock held (they write themselves
+    // through it), so a thread holding it takes no such lock that another thread can
+    // hold; nor does it start a second Write (the mutex is not re-entrant).
+    std::mutex writeMutex_;
+    sqlite::Connection writer_;
+
+    // poolMutex_ guards idle_ only; it is held for a push or a pop and never while a
+    // query runs, so it may be taken with writeMutex_ held.
+    mutable std::mutex poolMutex_;
+    mutable std::vector<std::unique_ptr<sqlite::Connection>> idle_;
+};
+
+using projdb = ProjectDatabase;

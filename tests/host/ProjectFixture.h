@@ -1,0 +1,95 @@
+// A real project for the media database tests: a project folder and a media drive 'A'
+// (with a space and a non-ASCII letter in its root) in a temporary folder, made current
+// for the test and closed after it, plus helpers to make source media and to check
+// that the project's records hang together.
+#pragma once
+
+#include "host/core/Strings.h"
+#include "host/project/DiskManager.h"
+#include "host/project/Edit.h"
+#include "host/project/EditManager.h"
+#include "host/project/ProjectDatabase.h"
+#include "host/project/SystemCache.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+namespace project_test {
+
+inline WString W(const std::string& utf8) { return fromUTF8(utf8.c_str()); }
+inline std::string U(const WString& w) { return toUTF8(w).str(); }
+
+// A file of n bytes whose content depends on seed, so that copies can be told apart.
+inline std::string makeFile(const std::filesystem::path& path, size_t n, char seed = 'a') {
+    std::filesystem::create_directories(path.parent_path());
+    std::string content(n, seed);
+    for (size_t i = 0; i < n; ++i) content[i] = char(seed + i % 23);
+    std::ofstream(path, std::ios::binary) << content;
+    return path.string();
+}
+
+inline std::string readAll(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Failures (as text) of the project's cross-table rules: every imported clip has one
+// material entry per channel (video variant 0, sound channels 1..n) with a file, and
+// no material entry, file or channel is left without its owner.
+inline std::string inconsistencies(ProjectDatabase& db) {
+    std::string out;
+    ProjectDatabase::Read r(db);
+    auto count = [&](const char* sql) {
+        sqlite::Query q(r.db(), sql);
+        return q.next() ? q.int64(0) : -1;
+    };
+    if (count("SELECT count(*) FROM material m WHERE NOT EXISTS "
+              "(SELECT 1 FROM edits e WHERE e.id1 = m.id1 AND e.id2 = m.id2)") != 0)
+        out += "material without its clip; ";
+    if (count("SELECT count(*) FROM files f WHERE NOT EXISTS (SELECT 1 FROM material m WHERE m.id1 = f.id1 "
+              "AND m.id2 = f.id2 AND m.type = f.type AND m.idx = f.idx)") != 0)
+        out += "file without its entry; ";
+    if (count("SELECT count(*) FROM edits e WHERE (e.flags & 1) <> 0 AND "
+              "(SELECT count(*) FROM channels c WHERE c.id1 = e.id1 AND c.id2 = e.id2) <> "
+              "(SELECT count(*) FROM material m JOIN files f ON f.id1 = m.id1 AND f.id2 = m.id2 AND "
+              "f.type = m.type AND f.idx = m.idx AND f.role = 0 WHERE m.id1 = e.id1 AND m.id2 = e.id2)") != 0)
+        out += "clip whose channels and material files differ; ";
+    if (count("SELECT count(*) FROM edits e WHERE (e.flags & 1) <> 0 AND "
+              "(SELECT count(*) FROM refs x WHERE x.id1 = e.id1 AND x.id2 = e.id2 AND x.selector = 2) <> "
+              "(SELECT count(*) FROM channels c WHERE c.id1 = e.id1 AND c.id2 = e.id2)") != 0)
+        out += "clip whose references and channels differ; ";
+    return out;
+}
+
+class ProjectTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        projectDir = tmp.path() / "project folder";
+        driveRoot = tmp.path() / "drive Ä";
+        sources = tmp.path() / "sources";
+        WString error;
+        ASSERT_TRUE(EditManager::openProject(W(projectDir.string()), true, &error)) << U(error);
+        ASSERT_TRUE(DiskManager::addDrive(DriveId('A'), W(driveRoot.string()), W("Drive A"), "import,render", &error))
+            << U(error);
+    }
+    void TearDown() override { EditManager::closeProject(); }
+
+    std::string source(const std::string& name, size_t n = 1000, char seed = 'a') {
+        return makeFile(sources / name, n, seed);
+    }
+    Zn::Ptr<ProjectDatabase> db() { return EditManager::getProjdb(); }
+    void reopen() {
+        EditManager::closeProject();
+        WString error;
+        ASSERT_TRUE(EditManager::openProject(W(projectDir.string()), false, &error)) << U(error);
+    }
+
+    testing_support::TempDir tmp{"playfile-project"};
+    std::filesystem::path projectDir, driveRoot, sources;
+};
+
+} // namespace project_test

@@ -1,0 +1,110 @@
+// Volume questions: the mount table parser, mount points, free space and I/O unit,
+// mounted-volume names and remote locations (by configured prefix and by mount type).
+#include "host/os/MountTable.h"
+#include "host/os/PosixFileManager.h"
+#include "support/TempDir.h"
+#include "tests/host/file_test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <memory>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+using namespace file_test;
+using testing_support::TempDir;
+
+namespace {
+// Sets an environment variable until the answer is dropped.
+std::shared_ptr<void> scopedEnv(const char* name, const std::string& value) {
+    setenv(name, value.c_str(), 1);
+    return std::shared_ptr<void>(nullptr, [name](void*) { unsetenv(name); });
+}
+} // namespace
+
+TEST(MountTable, ParsesEscapesOptionalFieldsAndFindsTheHoldingMount) {
+    const char* text = "22 1 254:0 / / rw,relatime shared:1 - ext4 /dev/vda rw\n"
+                       "garbage line\n"
+                       "30 22 0:40 / /media/my\\040card rw master:3 shared:9 - vfat /dev/sdb1 rw\n"
+                       "31 22 0:41 / /media/my rw - tmpfs none rw\n"
+                       "32 22 0:42 / /net/home rw - fuse.sshfs user@host:/home rw\n"
+                       "33 22 0:43 / /net/home rw - nfs4 server:/home rw\n";
+    MountTable t = MountTable::parse(text);
+    ASSERT_EQ(t.entries().size(), 5u);
+    EXPECT_EQ(t.entries()[1].device, makedev(0, 40));
+    EXPECT_EQ(t.mountHolding("/media/my card/clip.mov")->mountPoint, "/media/my card");
+    EXPECT_EQ(t.mountHolding("/media/my")->fsType, "tmpfs");
+    EXPECT_EQ(t.mountHolding("/media/mystery")->mountPoint, "/"); // not under "/media/my"
+    EXPECT_EQ(t.mountHolding("/net/home/a")->fsType, "nfs4");     // the later mount hides
+    EXPECT_EQ(t.mountOfDevice(makedev(0, 42))->source, "user@host:/home");
+    EXPECT_EQ(t.mountHolding("relative"), nullptr);
+}
+
+TEST(MountTable, ClassifiesNetworkMounts) {
+    auto fuse = [](const char* type, const char* source) {
+        return isNetworkFuse(MountEntry{0, "/m", type, source});
+    };
+    EXPECT_TRUE(fuse("fuse.sshfs", "user@host:") && fuse("fuse.rclone", "r:") &&
+                fuse("fuse", "sshfs#u@h:/"));
+    EXPECT_FALSE(fuse("fuseblk", "/dev/sdb1") || fuse("fuse.bindfs", "/srv") ||
+                 fuse("fuse.sshfsx", "x"));
+    EXPECT_FALSE(fuse("nfs", "server:/")); // network, but not FUSE
+    EXPECT_TRUE(isNetworkFsMagic(0x6969) && isNetworkFsMagic(0xFF534D42));
+    EXPECT_TRUE(isNetworkFsMagic((unsigned long)(long)(int32_t)0xFE534D42)); // sign-extended word
+    EXPECT_FALSE(isNetworkFsMagic(0xEF53) || isNetworkFsMagic(kFuseSuperMagic));
+}
+
+TEST(PosixFileManager, VolumeQuestionsAcceptPathsThatDoNotExistYet) {
+    TempDir tmp;
+    PosixFileManager fm;
+    const WString missing = W(tmp.file("not/yet/clip.mov"));
+    EXPECT_EQ(fm.volumeOf(L"/"), L"/");
+    EXPECT_EQ(fm.volumeOf(missing), fm.volumeOf(W(tmp.path())));
+    EXPECT_TRUE(fm.isDirectory(fm.volumeOf(missing)));
+    EXPECT_EQ(fm.volumeStorageUnit(missing), fm.volumeStorageUnit(W(tmp.path())));
+    EXPECT_GE(fm.volumeStorageUnit(missing), 512u);
+    EXPECT_GT(fm.freeSpace(missing), 0);
+    EXPECT_EQ(fm.freeSpace(WString()), -1);
+}
+
+TEST(PosixFileManager, MapsMountedNamesFromTheTableAndTheEnvironment) {
+    PosixFileManager fm;
+    fm.setMountedName(L"CARD", L"/media/card/");
+    fm.setMountedName(L"ROOT", L"/");
+    EXPECT_EQ(fm.mapMountedName(L"vol:CARD/clips/a.mov"), L"/media/card/clips/a.mov");
+    EXPECT_EQ(fm.mapMountedName(L"vol:CARD"), L"/media/card");
+    EXPECT_EQ(fm.mapMountedName(L"vol:ROOT/x"), L"/x");
+    EXPECT_EQ(fm.mapMountedName(L"vol:CARDS/x"), L"vol:CARDS/x");
+    EXPECT_EQ(fm.mapMountedName(L"vol:/x"), L"vol:/x");
+    EXPECT_EQ(fm.mapMountedName(L"/plain/vol:CARD"), L"/plain/vol:CARD");
+
+    auto env = scopedEnv("PLAYFILE_VOLUMES", "CARD=/env/card:NAS=/mnt/n\xC3\xA4s");
+    EXPECT_EQ(fm.mapMountedName(L"vol:NAS/p"), L"/mnt/n\xE4s/p");
+    EXPECT_EQ(fm.mapMountedName(L"vol:CARD/p"), L"/media/card/p"); // the table comes first
+    fm.setMountedName(L"CARD", WString());
+    EXPECT_EQ(fm.mapMountedName(L"vol:CARD/p"), L"/env/card/p");
+}
+
+TEST(PosixFileManager, RemoteByConfiguredPrefixOrEnvironment) {
+    TempDir tmp;
+    PosixFileManager fm;
+    ASSERT_EQ(mkdir(tmp.file("net").c_str(), 0755), 0);
+    ASSERT_EQ(mkdir(tmp.file("network").c_str(), 0755), 0);
+    EXPECT_FALSE(fm.isRemoteLocation(W(tmp.path()))); // local disk or tmpfs
+    fm.addRemotePrefix(W(tmp.file("net/")));
+    EXPECT_TRUE(fm.isRemoteLocation(W(tmp.file("net"))));
+    EXPECT_TRUE(fm.isRemoteLocation(W(tmp.file("net/show/reel 1/clip.mov")))); // not there yet
+    EXPECT_FALSE(fm.isRemoteLocation(W(tmp.file("network/clip.mov"))));
+
+    // A link into the prefix leads there, even to a file not written yet.
+    ASSERT_EQ(symlink(tmp.file("net").c_str(), tmp.file("shortcut").c_str()), 0);
+    EXPECT_TRUE(fm.isRemoteLocation(W(tmp.file("shortcut/new.mov"))));
+
+    PosixFileManager fresh;
+    EXPECT_FALSE(fresh.isRemoteLocation(W(tmp.file("network/x"))));
+    auto env = scopedEnv("PLAYFILE_REMOTE_PREFIXES", "/elsewhere::" + tmp.file("network"));
+    EXPECT_TRUE(fresh.isRemoteLocation(W(tmp.file("network/x"))));
+    EXPECT_FALSE(fresh.isRemoteLocation(W(tmp.file("net/x"))));
+}

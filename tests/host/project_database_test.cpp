@@ -1,0 +1,119 @@
+// The project file: creation, reopening, and refusal of files it must not touch.
+#include "ProjectFixture.h"
+
+#include "host/project/ProjectImporter.h"
+
+using namespace project_test;
+namespace fs = std::filesystem;
+
+namespace {
+
+// Opens the project in folder and expects a refusal naming why, with the project file
+// left exactly as it was (also when asked to create a project).
+void expectRefused(const fs::path& folder, const std::string& why) {
+    fs::path file = folder / ProjectDatabase::kFileName;
+    std::string before = readAll(file);
+    for (bool create : {false, true}) {
+        WString error;
+        EXPECT_FALSE(EditManager::openProject(W(folder.string()), create, &error));
+        EXPECT_NE(U(error).find(why), std::string::npos) << U(error);
+        EXPECT_EQ(U(error).find('\n'), std::string::npos) << U(error);
+    }
+    EXPECT_EQ(readAll(file), before) << "the refused file was changed";
+    EXPECT_EQ(EditManager::getProjdb(), nullptr);
+}
+
+// A closed project with a few clips, its file fully checkpointed.
+fs::path makeProject(const testing_support::TempDir& tmp, const std::string& name, int clips) {
+    fs::path folder = tmp.path() / name;
+    EXPECT_TRUE(EditManager::openProject(W(folder.string()), true));
+    for (int i = 0; i < clips; ++i) {
+        std::string src = makeFile(tmp.path() / "src" / (name + std::to_string(i) + ".mov"), 100);
+        EXPECT_TRUE(ProjectImporter().importFile(W(src)).ok);
+    }
+    EditManager::closeProject();
+    return folder;
+}
+
+} // namespace
+
+TEST(ProjectDatabase, CreatesOnlyWhenAskedAndKeepsEverythingAcrossReopening) {
+    testing_support::TempDir tmp;
+    fs::path folder = tmp.path() / "new project";
+    WString error;
+    EXPECT_FALSE(EditManager::openProject(W(folder.string()), false, &error));
+    EXPECT_NE(U(error).find("no project in"), std::string::npos) << U(error);
+    EXPECT_FALSE(fs::exists(folder));
+
+    fs::path folder2 = makeProject(tmp, "p", 3);
+    ASSERT_TRUE(EditManager::openProject(W(folder2.string()), false, &error)) << U(error);
+    CookieVec clips = EditManager::getProjdb()->search(1, Edit::eLogClip);
+    EXPECT_EQ(clips.size(), 3u);
+    for (const Cookie& c : clips) EXPECT_EQ(Edit::findCookiesForShot(c).size(), 3u); // V0, S1, S2
+    EXPECT_EQ(inconsistencies(*EditManager::getProjdb()), "");
+    // No temporary files of the creation are left behind.
+    for (auto& e : fs::directory_iterator(folder2))
+        EXPECT_EQ(e.path().filename().string().find(".new"), std::string::npos) << e.path();
+    EditManager::closeProject();
+}
+
+TEST(ProjectDatabase, SearchMatchesLogTypeOrFlagsByMaskInCreationOrder) {
+    testing_support::TempDir tmp;
+    ASSERT_TRUE(EditManager::openProject(W((tmp.path() / "p").string()), true));
+    EditPtr seq = EditManager::createEdit(W("sequence"), Edit::eLogSequence);
+    EditPtr clip = EditManager::createEdit(W("clip"), Edit::eLogClip, Edit::eImported);
+    EditPtr bin = EditManager::createEdit(W("bin"), 64);
+    auto db = EditManager::getProjdb();
+    EXPECT_EQ(db->search(1, 32844), (CookieVec{clip->getCookie(), bin->getCookie()}));
+    EXPECT_EQ(db->search(1, 2), CookieVec{seq->getCookie()});
+    EXPECT_EQ(db->search(2, Edit::eImported), CookieVec{clip->getCookie()});
+    EXPECT_TRUE(db->search(1, 1024).empty());
+    EXPECT_TRUE(db->search(7, ~0u).empty());
+    for (const Cookie& c : db->search(1, ~0u)) EXPECT_NE(c.id2(), Cookie::kFillerWord);
+    EditManager::closeProject();
+}
+
+TEST(ProjectDatabase, RefusesFilesThatAreNotIntactProjectsOfThisSchemaWithoutTouchingThem) {
+    testing_support::TempDir tmp;
+    auto fileOf = [](const fs::path& folder) { return folder / ProjectDatabase::kFileName; };
+
+    fs::path garbage = tmp.path() / "garbage";
+    makeFile(fileOf(garbage), 5000, '!');
+    expectRefused(garbage, "is not a database file");
+
+    fs::path empty = tmp.path() / "empty";
+    makeFile(fileOf(empty), 0);
+    expectRefused(empty, "is empty");
+
+    fs::path other = tmp.path() / "other";
+    {
+        fs::create_directories(other);
+        sqlite::Connection c;
+        ASSERT_TRUE(c.open(fileOf(other).string(), sqlite::Connection::eCreate));
+        ASSERT_TRUE(c.exec("CREATE TABLE t(x); INSERT INTO t VALUES(1);"));
+    }
+    expectRefused(other, "is not a playfile project");
+
+    for (int version : {0, 2, 99}) {
+        fs::path v = makeProject(tmp, "version" + std::to_string(version), 1);
+        {
+            sqlite::Connection c;
+            ASSERT_TRUE(c.open(fileOf(v).string(), sqlite::Connection::eReadWrite));
+            ASSERT_TRUE(c.exec(("PRAGMA user_version=" + std::to_string(version)).c_str()));
+        }
+        expectRefused(v, version > ProjectDatabase::kSchemaVersion ? "newer than this program reads"
+                                                                      : "unknown schema version 0");
+    }
+
+    // Damage inside the file: a page overwritten, and the file cut short.
+    fs::path damaged = makeProject(tmp, "damaged", 20);
+    std::string bytes = readAll(fileOf(damaged));
+    ASSERT_GT(bytes.size(), 5u * 4096);
+    for (size_t i = 4 * 4096 + 8; i < 5 * 4096; ++i) bytes[i] = char(0xA5);
+    std::ofstream(fileOf(damaged), std::ios::binary) << bytes;
+    expectRefused(damaged, "is damaged");
+
+    fs::path cut = makeProject(tmp, "cut", 20);
+    fs::resize_file(fileOf(cut), 3 * 4096);
+    expectRefused(cut, "is damaged");
+}

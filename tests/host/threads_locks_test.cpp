@@ -1,0 +1,92 @@
+// Critical sections and mutexes: re-entrancy, exclusion between threads, and the guards'
+// temporary release.
+#include "host/os/OS.h"
+#include "host/threads/CriticalSection.h"
+#include "host/threads/Mutex.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+namespace {
+
+// Whether another thread could take the lock right now.
+template <class Lockable> bool freeElsewhere(Lockable& l) {
+    bool got = false;
+    std::thread([&] {
+        if ((got = l.tryEnter())) l.leave();
+    }).join();
+    return got;
+}
+
+// iMutex spelt like the others, to share the checks.
+struct MutexAsSection {
+    iMutex& m;
+    bool tryEnter() { return m.tryLock(); }
+    void leave() { m.unlock(); }
+};
+
+} // namespace
+
+TEST(CriticalSection, IsReentrantAndFreeOnlyAfterTheLastLeaveOrAGuardsUnlock) {
+    CriticalSection cs;
+    cs.enter();
+    EXPECT_TRUE(cs.tryEnter());
+    {
+        CriticalSection::Lock lock(cs);
+        EXPECT_FALSE(freeElsewhere(cs));
+    }
+    cs.leave();
+    EXPECT_FALSE(freeElsewhere(cs));
+    cs.leave();
+    EXPECT_TRUE(freeElsewhere(cs));
+    {
+        CriticalSection::Lock lock(cs);
+        lock.unlock();
+        EXPECT_TRUE(freeElsewhere(cs));
+        lock.relock();
+        EXPECT_FALSE(freeElsewhere(cs));
+        lock.unlock();
+    } // the guard must not leave a second time
+    EXPECT_TRUE(freeElsewhere(cs));
+}
+
+TEST(CriticalSection, SerialisesIncrementsFromManyThreads) {
+    CriticalSection cs;
+    long counter = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 20000; ++i) {
+                CriticalSection::Lock lock(cs);
+                CriticalSection::Lock nested(cs);
+                counter = counter + 1;
+            }
+        });
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ(counter, 80000);
+}
+
+TEST(OSLocks, MutexAndCriticalSectionObjectsAreReentrantAndExclusive) {
+    Zn::Ptr<iMutex> m = OS()->createMutex("cache");
+    EXPECT_STREQ(m->name(), "cache");
+    MutexAsSection section{*m};
+    {
+        iMutex::Lock lock(*m);
+        iMutex::Lock again(*m);
+        EXPECT_FALSE(freeElsewhere(section));
+        lock.unlock();
+        EXPECT_FALSE(freeElsewhere(section));
+    }
+    EXPECT_TRUE(freeElsewhere(section));
+
+    Zn::Ptr<iCriticalSection> cs = OS()->createCriticalSection();
+    {
+        iCriticalSection::Lock lock(*cs);
+        iCriticalSection::Lock again(*cs);
+        EXPECT_FALSE(freeElsewhere(*cs));
+    }
+    EXPECT_TRUE(freeElsewhere(*cs));
+}

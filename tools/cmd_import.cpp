@@ -1,0 +1,147 @@
+// `playfile import`: registers media files as clips of a project, linked in place or
+// copied onto a media drive.
+#include "tools/Command.h"
+#include "tools/Progress.h"
+
+#include "host/core/Strings.h"
+#include "host/project/DiskManager.h"
+#include "host/project/EditManager.h"
+#include "host/project/ProjectImporter.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+
+namespace tool {
+namespace {
+
+const char kImportUsage[] =
+    "usage: playfile import FILE... --project DIR [--drive ID[=FOLDER]] [--copy]\n"
+    "                       [--video N] [--audio N] [--rate HZ]\n"
+    "\n"
+    "Registers media files as clips of the project in DIR (a new project is made when DIR\n"
+    "holds none): one clip per file, with its video material and one sound material per\n"
+    "audio channel. By default a file is linked in place: the project uses it where it is,\n"
+    "through a link file on the media drive. With --copy it is copied onto the drive.\n"
+    "\n"
+    "  --project DIR       the project folder (required)\n"
+    "  --drive ID          the media drive (one letter) for the clips' material files;\n"
+    "                      default: the drive that serves imports, else a new drive A\n"
+    "                      in DIR/media\n"
+    "  --drive ID=FOLDER   the same, making drive ID at FOLDER first (or moving it there)\n"
+    "  --copy              copy the files onto the drive instead of linking them\n"
+    "  --video N           video channels of each clip (0 or 1)\n"
+    "  --audio N           audio channels of each clip\n"
+    "  --rate HZ           the clips' audio sample rate (default 48000)\n"
+    "\n"
+    "The channel layout comes from --video and --audio, else from the file's kind (sound\n"
+    "files: 2 audio channels; still images: 1 video; anything else: 1 video and 2 audio).\n"
+    "It is not read from the file yet: once the library's file readers are available,\n"
+    "import will ask them.\n"
+    "\n"
+    "Prints one line per clip. Exit status: 0 every file imported, 1 a file or the project\n"
+    "failed (each failure is one line on standard error), 2 a usage error.\n";
+
+bool parseCount(const std::string& text, int limit, int& out) {
+    if (text.empty() || text.size() > 6 || text.find_first_not_of("0123456789") != std::string::npos) return false;
+    out = std::stoi(text);
+    return out <= limit;
+}
+
+int run(const std::vector<std::string>& args) {
+    std::vector<std::string> files;
+    std::string project, drive;
+    ImportOptions options;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        auto value = [&](std::string& out) {
+            if (i + 1 >= args.size()) return false;
+            out = args[++i];
+            return true;
+        };
+        std::string v;
+        if (a == "--project") {
+            if (!value(project)) return fail(kUsage, "import: --project needs a folder");
+        } else if (a == "--drive") {
+            if (!value(drive) || drive.empty() || (drive.size() > 1 && drive[1] != '='))
+                return fail(kUsage, "import: --drive needs a drive letter, optionally =FOLDER");
+        } else if (a == "--copy") {
+            options.copy = true;
+        } else if (a == "--video") {
+            if (!value(v) || !parseCount(v, 1, options.videoChannels))
+                return fail(kUsage, "import: --video needs 0 or 1");
+        } else if (a == "--audio") {
+            if (!value(v) || !parseCount(v, 254, options.audioChannels))
+                return fail(kUsage, "import: --audio needs a number of channels (0 to 254)");
+        } else if (a == "--rate") {
+            int rate = 0;
+            if (!value(v) || !parseCount(v, 768000, rate) || rate == 0)
+                return fail(kUsage, "import: --rate needs a sample rate in Hz");
+            options.sampleRate = unsigned(rate);
+        } else if (a.size() > 1 && a[0] == '-') {
+            return fail(kUsage, "import: unknown option '" + a + "' (see 'playfile import --help')");
+        } else {
+            files.push_back(a);
+        }
+    }
+    if (project.empty()) return fail(kUsage, "import: --project DIR is required");
+    if (files.empty()) return fail(kUsage, "import: no files given");
+    if (options.videoChannels == 0 && options.audioChannels == 0)
+        return fail(kUsage, "import: a clip needs at least one channel");
+
+    WString error;
+    std::error_code ec;
+    std::string projectDir = std::filesystem::absolute(project, ec).lexically_normal().string();
+    if (!EditManager::openProject(fromUTF8(projectDir.c_str()), true, &error))
+        return fail(kFailure, "import: " + toUTF8(error).str());
+    struct Closer {
+        ~Closer() { EditManager::closeProject(); }
+    } closer;
+
+    if (!drive.empty()) {
+        options.drive = DriveId(drive[0]);
+        if (drive.size() > 2) {
+            std::string root = std::filesystem::absolute(drive.substr(2), ec).lexically_normal().string();
+            if (!DiskManager::addDrive(options.drive, fromUTF8(root.c_str()), WString(), String("import,render"),
+                                       &error))
+                return fail(kFailure, "import: cannot make drive " + drive.substr(0, 1) + ": " + toUTF8(error).str());
+        }
+    }
+
+    DriveId used = ProjectImporter::importDrive(options.drive, &error);
+    if (used.isNone()) return fail(kFailure, "import: " + toUTF8(error).str());
+    options.drive = used;
+
+    std::unique_ptr<ProgressBar> bar;
+    options.progress = [&](const ImportProgress& p) {
+        if (p.stage == ImportProgress::eCopying) {
+            if (!bar) bar = std::make_unique<ProgressBar>("copying " + toUTF8(stripPath(p.file)).str(), p.total);
+            bar->update(p.done);
+        } else if (bar) {
+            bar->finish();
+            bar.reset();
+        }
+    };
+    ProjectImporter importer(options);
+    int status = kOk;
+    for (const auto& f : files) {
+        ImportResult r = importer.importFile(fromUTF8(f.c_str()));
+        if (bar) {
+            bar->finish();
+            bar.reset();
+        }
+        if (!r.ok) {
+            fail(kFailure, "import: " + f + ": " + toUTF8(r.error).str());
+            status = kFailure;
+            continue;
+        }
+        std::printf("imported %s as clip %s (%s drive %c)\n", f.c_str(), r.clip.asString().c_str(),
+                    options.copy ? "copied to" : "linked on", used.getUniqueId());
+    }
+    return status;
+}
+
+CommandRegistration reg({"import", "register media files as clips of a project", kImportUsage, run});
+
+} // namespace
+} // namespace tool
