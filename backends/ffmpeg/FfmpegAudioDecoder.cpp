@@ -257,7 +257,7 @@ Result<int64_t> FfmpegAudioDecoder::readDecoded(int64_t start, int64_t count, Au
     if (pos >= end) return R::ok(pos - start);
 
     // Carry on decoding when the wanted samples are just ahead; seek otherwise.
-    bool carryOn = nextStart_ >= 0 && !ended_ && pos >= nextStart_;
+    bool carryOn = nextStart_ >= 0 && !ended_ && pos >= nextStart_ && cursor_->position() >= 0;
     if (carryOn) {
         auto it = std::upper_bound(a.packets.begin(), a.packets.end(), pos,
                                    [](int64_t p, const AudioPacket& pk) { return p < pk.outStart; });

@@ -2,7 +2,9 @@
 #include "backends/ffmpeg/FfmpegCommon.h"
 
 #include <algorithm>
+#include <cstdarg>
 #include <cstring>
+#include <mutex>
 #include <thread>
 
 namespace ffmpeg_engine {
@@ -31,6 +33,32 @@ std::string errorText(int averror) {
     char buf[AV_ERROR_MAX_STRING_SIZE] = {};
     if (av_strerror(averror, buf, sizeof buf) < 0) return "error " + std::to_string(averror);
     return buf;
+}
+
+namespace {
+std::mutex logMutex;
+LogSink logSink;
+
+void logCallback(void* avcl, int level, const char* format, va_list args) {
+    if (level > av_log_get_level()) return;
+    char line[1024];
+    int prefix = 1;
+    va_list copy;
+    va_copy(copy, args);
+    av_log_format_line2(avcl, level, format, copy, line, sizeof line, &prefix);
+    va_end(copy);
+    std::string text(line);
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+    std::lock_guard<std::mutex> lock(logMutex);
+    if (logSink && !text.empty()) logSink(level, text);
+}
+} // namespace
+
+void routeFfmpegLog(int maxLevel, LogSink sink) {
+    std::lock_guard<std::mutex> lock(logMutex);
+    logSink = std::move(sink);
+    av_log_set_level(maxLevel);
+    av_log_set_callback(&logCallback);
 }
 
 const char* threadingName(Threading t) {

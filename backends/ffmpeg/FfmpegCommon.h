@@ -10,6 +10,7 @@ extern "C" {
 }
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -58,6 +59,12 @@ template <class T> struct Result {
         return r;
     }
 };
+
+// Where FFmpeg's own log lines go. FFmpeg prints them on standard error unless told
+// otherwise; the back-end hands lines up to maxLevel (AV_LOG_ERROR, AV_LOG_WARNING...) to
+// the sink, one complete line per call, from whichever thread logs. A null sink drops them.
+using LogSink = std::function<void(int level, const std::string& line)>;
+void routeFfmpegLog(int maxLevel, LogSink sink);
 
 // How a decoder spreads its work over threads: Single (one thread), Slice (threads share
 // the parts of one picture; no added delay), Frame (threads decode successive pictures;

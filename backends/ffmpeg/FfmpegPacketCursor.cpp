@@ -19,22 +19,23 @@ Result<std::unique_ptr<PacketCursor>> PacketCursor::open(std::shared_ptr<const M
     auto opened = Demuxer::open(index->path, false);
     if (!opened) return R::fail("cannot open the file again: " + opened.error);
     AVFormatContext* ctx = opened.value->context();
-    // Formats whose streams appear while reading (MPEG-TS, elementary streams) are probed
-    // the same way as at open, so that the packets come out exactly as they were indexed.
-    if (ctx->ctx_flags & AVFMTCTX_NOHEADER) {
-        opened.value->arm(kOpenTimeLimit);
-        int rc = avformat_find_stream_info(ctx, nullptr);
-        if (rc < 0) return R::fail("cannot read the streams: " + errorText(rc));
-    }
-    if (stream < 0 || unsigned(stream) >= ctx->nb_streams)
-        return R::fail("the file no longer has the stream it had when opened");
-    const AVCodecParameters* par = ctx->streams[stream]->codecpar;
     const bool isVideo = index->video && index->video->stream == stream;
     const AVCodecParameters* known = isVideo ? index->video->codec.get() : nullptr;
     for (const AudioTrack& a : index->audio)
         if (a.stream == stream) known = a.codec.get();
-    if (!known || par->codec_id != known->codec_id)
-        return R::fail("the file no longer has the stream it had when opened");
+    auto sameStream = [&] {
+        return known && stream >= 0 && unsigned(stream) < ctx->nb_streams &&
+               ctx->streams[stream]->codecpar->codec_id == known->codec_id;
+    };
+    // Formats whose streams appear while reading (MPEG-TS), or whose header only guesses
+    // the codec (raw MPEG video), are probed the same way as at open, so that the packets
+    // come out exactly as they were indexed.
+    if ((ctx->ctx_flags & AVFMTCTX_NOHEADER) || !sameStream()) {
+        opened.value->arm(kOpenTimeLimit);
+        int rc = avformat_find_stream_info(ctx, nullptr);
+        if (rc < 0) return R::fail("cannot read the streams: " + errorText(rc));
+    }
+    if (!sameStream()) return R::fail("the file no longer has the stream it had when opened");
     for (unsigned i = 0; i < ctx->nb_streams; ++i)
         ctx->streams[i]->discard = int(i) == stream ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
 

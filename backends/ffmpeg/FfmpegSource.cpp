@@ -424,7 +424,9 @@ bool FfmpegSource::Scan::finishVideo() {
     std::vector<char> certain(size_t(n), 0);
     int firstKey = firstKey_ >= 0 ? firstKey_ : 0;
 
-    if (missingPts && !v.codecIsIntraOnly && v.codec->video_delay > 0) {
+    const AVCodecDescriptor* desc = avcodec_descriptor_get(v.codec->codec_id);
+    const bool mayReorder = v.codec->video_delay > 0 || (desc && (desc->props & AV_CODEC_PROP_REORDER));
+    if (missingPts && !v.codecIsIntraOnly && mayReorder) {
         std::vector<int> outputs = decodeOrderOfWholeStream();
         if (outputs.empty()) return false;
         std::fill(order.begin(), order.end(), INT64_MAX);

@@ -100,6 +100,9 @@ int FfmpegVideoDecoder::produce(FramePtr& out, int packetLimit, std::string& err
             // Pictures that depend on packets before the session's start are damaged.
             if (frame < 0 || frame <= lastShown_ || v.frames[size_t(frame)].startPacket < sessionStart_) continue;
             lastShown_ = frame;
+            // The decode index served its purpose; give the picture its real time back.
+            picture->pts = picture->best_effort_timestamp = v.frames[size_t(frame)].pts;
+            picture->pkt_dts = AV_NOPTS_VALUE;
             out = std::move(picture);
             return frame;
         }

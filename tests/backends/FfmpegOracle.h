@@ -3,12 +3,17 @@
 // repeated) and the samples it decodes from an audio stream.
 #pragma once
 
+#include "backends/ffmpeg/FfmpegCommon.h"
 #include "support/Command.h"
 
 #include <string>
 #include <vector>
 
 namespace ffmpeg_oracle {
+
+// FFmpeg's complaints about the damaged files the tests make are expected: keep them out
+// of the test output.
+inline const bool kQuiet = (ffmpeg_engine::routeFfmpegLog(AV_LOG_QUIET, nullptr), true);
 
 // One framemd5 line per shown frame of the first video stream: its MD5.
 inline std::vector<std::string> frameMd5s(const std::string& path) {

@@ -171,8 +171,17 @@ TEST(FfmpegBadInput, DamageInTheMiddleIsSurvived) {
         std::vector<char> bytes = readBytes(path);
         for (size_t i = bytes.size() / 2; i < bytes.size() / 2 + 6000; ++i) bytes[i] = char(rng());
         writeBytes(path, bytes);
+        std::vector<std::string> complaints;
+        routeFfmpegLog(AV_LOG_ERROR, [&](int level, const std::string& line) {
+            EXPECT_LE(level, AV_LOG_ERROR);
+            complaints.push_back(line);
+        });
         const Outcome o = readEverything(path);
+        routeFfmpegLog(AV_LOG_QUIET, nullptr);
         EXPECT_TRUE(o.opened) << o.openError;
         EXPECT_GT(o.framesDecoded, 0);
+        // FFmpeg's own account of the damage reaches the sink, a line at a time.
+        EXPECT_FALSE(complaints.empty());
+        for (const std::string& line : complaints) EXPECT_EQ(line.find('\n'), std::string::npos);
     }
 }

@@ -134,6 +134,18 @@ TEST(FfmpegVideo, TimestampsThatAreNotRegular) {
     expectEveryFrame(tail);
 }
 
+// Elementary streams carry no presentation times (H.264) or only some (MPEG-2): the order
+// comes from one decoding pass at open, and seeking falls back on byte positions.
+TEST(FfmpegVideo, ElementaryStreamsWithoutTimestamps) {
+    TempDir dir;
+    const std::string h264 = make(dir, "raw.h264", "-c:v libx264 -preset veryfast -g 12 -bf 3 -pix_fmt yuv420p");
+    expectEveryFrame(h264);
+    auto index = openIndex(h264);
+    ASSERT_TRUE(index);
+    EXPECT_TRUE(index->video->orderFromDecoder);
+    expectEveryFrame(make(dir, "raw.m2v", "-c:v mpeg2video -g 12 -bf 2"));
+}
+
 // Group decoding as the streaming reader uses it, with every threading choice: the frames
 // come in order, each exactly once, equal to FFmpeg's; a refusing callback stops it.
 TEST(FfmpegVideo, DecodeRangeByGroupsWithEveryThreading) {
