@@ -68,15 +68,24 @@ Result<std::unique_ptr<FfmpegAudioDecoder>> FfmpegAudioDecoder::open(std::shared
                                      [a](int i) -> const PacketKey& { return a->packets[size_t(i)].key; });
     if (!cursor) return R::fail(cursor.error);
     d->cursor_ = std::move(cursor.value);
-    auto codec = openDecoder(a->codec.get(), Threading::Single, 1);
-    if (!codec) return R::fail(codec.error);
-    d->codec_ = std::move(codec.value);
-    // Packets carry their output sample position as pts, in samples, so that libavcodec's
-    // own adjustment for skipped samples lands each frame on its exact position.
-    d->codec_->pkt_timebase = AVRational{1, a->sampleRate};
+    std::string error;
+    if (!d->openCodec(error)) return R::fail(error);
     d->packet_ = newPacket();
     if (!d->packet_) return R::fail("out of memory");
     return R::ok(std::move(d));
+}
+
+bool FfmpegAudioDecoder::openCodec(std::string& error) {
+    auto codec = openDecoder(track_->codec.get(), Threading::Single, 1);
+    if (!codec) {
+        error = codec.error;
+        return false;
+    }
+    codec_ = std::move(codec.value);
+    // Packets carry their output sample position as pts, in samples, so that libavcodec's
+    // own adjustment for skipped samples lands each frame on its exact position.
+    codec_->pkt_timebase = AVRational{1, track_->sampleRate};
+    return true;
 }
 
 FfmpegAudioDecoder::~FfmpegAudioDecoder() {
@@ -158,13 +167,7 @@ bool FfmpegAudioDecoder::startAt(int64_t position, std::string& error) {
         // From the start, a new codec: some decoders keep a noise generator that a flush
         // does not reset (AAC's noise substitution, AC-3's dither, Opus's band folding), and
         // only a fresh one gives FFmpeg's samples bit for bit from there on.
-        auto fresh = openDecoder(a.codec.get(), Threading::Single, 1);
-        if (!fresh) {
-            error = fresh.error;
-            return false;
-        }
-        codec_ = std::move(fresh.value);
-        codec_->pkt_timebase = AVRational{1, a.sampleRate};
+        if (!openCodec(error)) return false;
     } else {
         avcodec_flush_buffers(codec_.get());
     }

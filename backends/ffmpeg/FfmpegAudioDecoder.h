@@ -52,6 +52,7 @@ public:
 
 private:
     FfmpegAudioDecoder() = default;
+    bool openCodec(std::string& error);
     Result<int64_t> readPcm(int64_t start, int64_t count, AudioBlock& out);
     Result<int64_t> readDecoded(int64_t start, int64_t count, AudioBlock& out);
     bool startAt(int64_t position, std::string& error);

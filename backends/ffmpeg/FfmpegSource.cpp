@@ -136,6 +136,9 @@ private:
 
 class FfmpegSource::Scan {
 public:
+    ~Scan() {
+        if (fd_ >= 0) ::close(fd_);
+    }
     Result<std::shared_ptr<const MediaIndex>> run(const std::string& path);
 
 private:
@@ -192,7 +195,6 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
     std::string error;
     if (!chooseStreams(error)) return R::fail(error);
     readPackets();
-    if (fd_ >= 0) ::close(fd_);
 
     if (index_->video && !finishVideo()) index_->video.reset();
     for (size_t i = 0; i < index_->audio.size(); ++i) finishAudio(index_->audio[i], i);
