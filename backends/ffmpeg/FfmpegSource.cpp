@@ -10,6 +10,7 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <fcntl.h>
 #include <numeric>
@@ -93,6 +94,26 @@ int prerollPacketsFor(const AVCodecParameters* par, int typicalSamples) {
         // PCM needs none; anything else gets a few packets to be safe.
         return std::string_view(avcodec_get_name(par->codec_id)).starts_with("pcm_") ? 0 : 4;
     }
+}
+
+// MPEG-4 Part 2 written by DivX/Xvid in "packed" mode stores a B-frame inside the packet
+// of the following P-frame and sends an empty placeholder later; the decoder then shows
+// pictures one packet late, and where that shift starts depends on where decoding began.
+// Such streams say so in their user data ("DivX503b1393p": the trailing 'p').
+bool hasPackedBFrames(const AVCodecParameters* par, const std::vector<PacketPtr>& head) {
+    if (par->codec_id != AV_CODEC_ID_MPEG4) return false;
+    static constexpr char kTag[] = "DivX";
+    for (size_t i = 0; i < head.size() && i < 8; ++i) {
+        const uint8_t* data = head[i]->data;
+        const int size = head[i]->size;
+        for (int at = 0; at + 4 < size; ++at) {
+            if (std::memcmp(data + at, kTag, 4) != 0) continue;
+            int k = at + 4;
+            while (k < size && (std::isdigit(data[k]) || data[k] == 'b')) ++k;
+            if (k < size && data[k] == 'p') return true;
+        }
+    }
+    return false;
 }
 
 // Decodes packets with a single-threaded decoder, their pts replaced by their decode
@@ -465,6 +486,9 @@ bool FfmpegSource::Scan::finishVideo() {
             }
         }
     }
+    // Packed B-frames: the decoder's pictures are in step with the packets only when it
+    // decodes from the very start, so every frame decodes from there.
+    const bool fromStartOnly = hasPackedBFrames(v.codec.get(), head_);
     head_.clear();
 
     // The key packet each frame's decoding starts from.
@@ -473,7 +497,7 @@ bool FfmpegSource::Scan::finishVideo() {
     for (int d = 0; d < n; ++d) {
         const VideoPacket& p = v.packets[size_t(d)];
         if (d >= firstKey && (p.keyFrame || d == firstKey)) keys.push_back(d);
-        if (!included[size_t(d)] || !certain[size_t(d)] || keys.empty()) continue;
+        if (!included[size_t(d)] || !certain[size_t(d)] || keys.empty() || fromStartOnly) continue;
         auto it = keys.rbegin();
         while (it != keys.rend() && order[size_t(*it)] > order[size_t(d)]) ++it;
         start[size_t(d)] = it == keys.rend() ? 0 : *it;

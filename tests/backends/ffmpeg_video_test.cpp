@@ -134,9 +134,11 @@ TEST(FfmpegVideo, TimestampsThatAreNotRegular) {
     expectEveryFrame(tail);
 }
 
-// Elementary streams carry no presentation times (H.264) or only some (MPEG-2): the order
-// comes from one decoding pass at open, and seeking falls back on byte positions.
-TEST(FfmpegVideo, ElementaryStreamsWithoutTimestamps) {
+// Streams without presentation times: H.264 and MPEG-2 elementary streams (none, or only
+// some), AVI with B-frames (decode times only), and Xvid's packed B-frames, where the
+// decoder shows each picture a packet late. The order comes from one decoding pass at
+// open; seeking falls back on byte positions; packed streams decode from the start.
+TEST(FfmpegVideo, StreamsWithoutPresentationTimes) {
     TempDir dir;
     const std::string h264 = make(dir, "raw.h264", "-c:v libx264 -preset veryfast -g 12 -bf 3 -pix_fmt yuv420p");
     expectEveryFrame(h264);
@@ -144,6 +146,8 @@ TEST(FfmpegVideo, ElementaryStreamsWithoutTimestamps) {
     ASSERT_TRUE(index);
     EXPECT_TRUE(index->video->orderFromDecoder);
     expectEveryFrame(make(dir, "raw.m2v", "-c:v mpeg2video -g 12 -bf 2"));
+    expectEveryFrame(make(dir, "mpeg4.avi", "-c:v mpeg4 -g 12 -bf 2"));
+    expectEveryFrame(make(dir, "xvid.avi", "-c:v libxvid -g 12 -bf 2"));
 }
 
 // Group decoding as the streaming reader uses it, with every threading choice: the frames
