@@ -19,9 +19,11 @@
 // ordered by presentation time (ties by decode order). A frame's decoding starts at the
 // last key packet at or before it in decode order whose presentation time is not later
 // than its own, so leading pictures of an open GOP start from the previous group. Only
-// for streams without presentation times on a codec that reorders is the order taken
-// from one full decoding pass at open. Audio position 0 is likewise the first sample
-// FFmpeg outputs (priming, encoder delay and edit-list trimming removed; end padding too).
+// for streams without presentation times on a codec that reorders (elementary streams,
+// AVI) is the order taken from one full decoding pass at open; MPEG-4 with packed
+// B-frames always decodes from the start. Audio position 0 is likewise the first sample
+// FFmpeg outputs (priming, encoder delay and edit-list trimming removed; end padding too),
+// and a packet's samples are counted as libavcodec's decoder and trimming produce them.
 //
 // What is kept between calls. The index is built once. A video decoder keeps its codec
 // and demuxer where they are: the next frame in order costs one decode, a frame further
