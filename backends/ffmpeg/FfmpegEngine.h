@@ -38,7 +38,10 @@
 // Threading. Long-GOP codecs decode with frame threads (one per core): sequential
 // decoding and the run-up from a key packet gain most. Intra-only codecs use slice threads:
 // one picture at a time is wanted, and frame threads would only add delay (and cost a
-// drain per picture). VideoDecoderOptions and setThreading() choose otherwise.
+// drain per picture). VideoDecoderOptions and setThreading() choose otherwise. Measured
+// on two cores, 1080p: H.264 in order 100 fps with two frame threads against 54 with one,
+// a random frame (50-frame groups) 284 ms against 497; a random ProRes frame 2.7 ms with
+// two slice threads, 3.8 ms with one, 5.8 ms with two frame threads.
 //
 // Thread-safety. A MediaIndex is immutable and shared freely. Every other object here
 // belongs to one thread at a time (each owns its own demuxer and codec context): make one
