@@ -39,7 +39,8 @@ struct VideoPacket {
 
 // One video frame, in presentation order.
 struct VideoFrame {
-    int64_t pts = 0;         // presentation time in the stream's time base
+    int64_t pts = 0;         // presentation time in the stream's time base (the frame's
+                             // number when the order came from decoding: no times exist)
     int32_t packet = 0;      // its packet (decode order)
     int32_t startPacket = 0; // the key packet whose decoding leads to this frame intact
     bool isKey() const { return packet == startPacket; }
