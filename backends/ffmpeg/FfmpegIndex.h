@@ -51,7 +51,7 @@ struct VideoTrack {
     CodecParametersPtr codec;
     AVRational timeBase{1, 1};
     AVRational frameRate{0, 1}; // average rate; 0/1 when the file does not say
-    AVRational sampleAspect{0, 1};
+    AVRational sar{0, 1}; // shape of a pixel (width / height); 0/1 when unknown
     int width = 0;
     int height = 0;
     AVPixelFormat pixelFormat = AV_PIX_FMT_NONE; // the decoder's native output format

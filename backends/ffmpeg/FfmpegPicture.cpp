@@ -81,9 +81,10 @@ Result<FramePtr> PictureConverter::convert(const AVFrame& source, AVPixelFormat 
     int *inTable, *outTable, srcFull = 0, dstFull = 0, brightness, contrast, saturation;
     if (sws_getColorspaceDetails(sws_, &inTable, &srcFull, &outTable, &dstFull, &brightness, &contrast,
                                  &saturation) >= 0) {
-        const int space = source.colorspace == AVCOL_SPC_UNSPECIFIED ? SWS_CS_DEFAULT : int(source.colorspace);
-        const int* table = sws_getCoefficients(space);
-        if (source.color_range != AVCOL_RANGE_UNSPECIFIED) srcFull = source.color_range == AVCOL_RANGE_JPEG;
+        // libswscale maps a matrix left unset to its default (BT.601), as the filter does.
+        const int* table = sws_getCoefficients(int(source.colorspace));
+        if (source.color_range == AVCOL_RANGE_JPEG || source.color_range == AVCOL_RANGE_MPEG)
+            srcFull = source.color_range == AVCOL_RANGE_JPEG;
         sws_setColorspaceDetails(sws_, table, srcFull, table, dstFull, brightness, contrast, saturation);
     }
 

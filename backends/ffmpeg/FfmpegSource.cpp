@@ -251,7 +251,7 @@ bool FfmpegSource::Scan::chooseStreams(std::string& error) {
         v.codec = copyParameters(s->codecpar);
         v.timeBase = s->time_base;
         v.frameRate = s->avg_frame_rate.num > 0 ? s->avg_frame_rate : s->r_frame_rate;
-        v.sampleAspect = s->codecpar->sample_aspect_ratio;
+        v.sar = s->codecpar->sample_aspect_ratio;
         v.width = s->codecpar->width;
         v.height = s->codecpar->height;
         v.pixelFormat = AVPixelFormat(s->codecpar->format);

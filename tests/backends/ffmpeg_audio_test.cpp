@@ -186,7 +186,7 @@ TEST(FfmpegAudio, CompressedAudioIsBitExactAtAnyPosition) {
     }
 }
 
-// Some decoders fill parts of the spectrum with noise from a generator whose state is the
+// Some decoders fill frequency bands with noise from a generator whose state is the
 // product of everything decoded before (AAC's perceptual noise substitution, which
 // FFmpeg's AAC encoder uses by default; AC-3's dithered mantissas; Opus's band folding).
 // After a seek that noise differs while the coded signal does not, so: bit-exact from the
