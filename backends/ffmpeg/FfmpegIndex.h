@@ -67,6 +67,9 @@ struct VideoTrack {
     std::pair<int, int> groupOf(int frame) const;
     // The first frame of frame's group: where a decode that reaches frame begins.
     int groupStart(int frame) const { return groupFirst[size_t(frame)]; }
+    // The frame of the key packet frame's decoding starts at; -1 when that packet shows
+    // no picture of its own (cut away by an edit list).
+    int keyFrameOf(int frame) const { return packets[size_t(frames[size_t(frame)].startPacket)].frame; }
     double seconds(int64_t pts) const { return double(pts) * av_q2d(timeBase); }
 };
 

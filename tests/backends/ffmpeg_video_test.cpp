@@ -178,6 +178,13 @@ TEST(FfmpegVideo, DecodeRangeByGroupsWithEveryThreading) {
         std::vector<std::pair<int, int>> groups;
         for (int k = 0; k < v.frameCount(); k = v.groupOf(k).second + 1) groups.push_back(v.groupOf(k));
         ASSERT_GT(groups.size(), 3u);
+        for (auto [first, last] : groups) {
+            // Open GOP: a group starts at its key frame, and the pictures shown before
+            // the next key frame but decoded after it belong to it too.
+            EXPECT_TRUE(v.frames[size_t(first)].isKey()) << first;
+            EXPECT_EQ(v.keyFrameOf(last), first);
+            EXPECT_EQ(v.groupStart(last), first);
+        }
         for (auto g = groups.rbegin(); g != groups.rend(); ++g) {
             int expected = g->first;
             auto got = d.value->decodeRange(g->first, g->second, [&](int k, const AVFrame* picture) {
