@@ -1,4 +1,4 @@
-// The status of a read request, and the kind of result a video request wants.
+// The status of a read or write request, and the kind of result a video request wants.
 #pragma once
 
 #include <cstdint>
