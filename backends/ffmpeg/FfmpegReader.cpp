@@ -156,6 +156,8 @@ int FfmpegReadInstance::decodeRun(Zn::Ptr<FrameBufferRep>& slot, uint32_t first)
     bool ok = false;
     if (decoder_ && int(first) <= last) {
         auto decoded = decoder_->decodeRange(int(first), last, [&](int k, const AVFrame* picture) {
+            // Counted before the picture is handed out, so whoever sees it sees the count.
+            streamedPictures_.store(uint64_t(decoder_->stats().picturesDecoded));
             Zn::Image::Surface surface = slot->getSurface(uint32_t(k) - first);
             std::string error;
             if (surfaces_.fill(*picture, slot->getFormat(), surface, error)) surface.set();
