@@ -1,9 +1,11 @@
 // Frame reads through the library and the back-ends, as the comparison script
 // (compare_backends.sh) measures them beside FFmpeg on the same files. Each mode prints
 // one line of "name=value" figures:
-//   sequential FILE [INFLIGHT]   every frame in order; the next request is queued as soon
+//   sequential FILE [INFLIGHT] [PASSES]
+//                                every frame in order; the next request is queued as soon
 //                                as the oldest picture is complete (INFLIGHT at once,
-//                                default 1): frames per second and pictures decoded
+//                                default 1), PASSES times over (default 1): frames per
+//                                second and pictures decoded
 //   random FILE [COUNT] [SEED]   COUNT (200) frames at random (FRAMES_SEED order, shared
 //                                with bench_direct_decode): mean and median latency from
 //                                queueing to the complete picture
@@ -11,7 +13,7 @@
 //   backward FILE [STEPS]        from a random frame, one frame back at a time
 //   same-frame FILE [ISSUERS]    ISSUERS threads ask for the same frame at once: pictures
 //                                decoded, against one issuer asking alone
-//   read FILE FRAMEBYTES         a plain read() of the file in frame-sized pieces: MB/s
+//   read FILE FRAMEBYTES [PASSES] a plain read() of the file in frame-sized pieces: MB/s
 // Files are opened through the reader registry with the back-ends loaded as plug-ins.
 #include "backends/ffmpeg/FfmpegReader.h"
 #include "backends/ffmpeg/FfmpegVideoCodec.h"
@@ -119,21 +121,24 @@ std::vector<uint32_t> randomFrames(uint32_t frames, int count, unsigned seed) {
     return out;
 }
 
-int sequential(const char* path, int inflight) {
+int sequential(const char* path, int inflight, int passes) {
     Zn::Ptr<FileReadInstance> file = openVideo(path);
     const uint32_t frames = file->getMetadata()->getFrameCount();
     const uint64_t before = decodes(file);
     std::deque<std::unique_ptr<Read>> window;
-    uint32_t next = 0, failed = 0;
+    uint32_t failed = 0;
     const auto t = Clock::now();
-    while (next < frames || !window.empty()) {
-        while (next < frames && int(window.size()) < inflight) window.push_back(std::make_unique<Read>(file, next++));
-        if (window.front()->waiter.picture().empty()) ++failed;
-        window.pop_front();
+    for (int pass = 0; pass < passes; ++pass) {
+        uint32_t next = 0;
+        while (next < frames || !window.empty()) {
+            while (next < frames && int(window.size()) < inflight) window.push_back(std::make_unique<Read>(file, next++));
+            if (window.front()->waiter.picture().empty()) ++failed;
+            window.pop_front();
+        }
     }
     const double seconds = msSince(t) / 1000;
-    std::printf("frames=%u seconds=%.3f fps=%.2f decodes=%llu failed=%u\n", frames, seconds, frames / seconds,
-                (unsigned long long)(decodes(file) - before), failed);
+    std::printf("frames=%u seconds=%.3f fps=%.2f decodes=%llu failed=%u\n", frames, seconds,
+                double(frames) * passes / seconds, (unsigned long long)(decodes(file) - before), failed);
     file->purge();
     return failed ? 1 : 0;
 }
@@ -227,19 +232,21 @@ int sameFrame(const char* path, int issuers) {
     return 0;
 }
 
-int plainRead(const char* path, size_t frameBytes) {
-    const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return 1;
+int plainRead(const char* path, size_t frameBytes, int passes) {
     std::vector<uint8_t> buffer(frameBytes);
     uint64_t total = 0;
     const auto t = Clock::now();
-    for (;;) {
-        ssize_t n = ::read(fd, buffer.data(), buffer.size());
-        if (n <= 0) break;
-        total += uint64_t(n);
+    for (int pass = 0; pass < passes; ++pass) {
+        const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+        if (fd < 0) return 1;
+        for (;;) {
+            ssize_t n = ::read(fd, buffer.data(), buffer.size());
+            if (n <= 0) break;
+            total += uint64_t(n);
+        }
+        ::close(fd);
     }
     const double seconds = msSince(t) / 1000;
-    ::close(fd);
     std::printf("bytes=%llu seconds=%.3f mbps=%.1f\n", (unsigned long long)total, seconds, total / seconds / 1e6);
     return 0;
 }
@@ -254,12 +261,13 @@ int main(int argc, char** argv) {
     const std::string mode = argv[1];
     const char* path = argv[2];
     const int n = argc > 3 ? std::atoi(argv[3]) : 0;
-    if (mode == "sequential") return sequential(path, n > 0 ? n : 1);
-    if (mode == "random") return random(path, n > 0 ? n : 200, argc > 4 ? unsigned(std::atoi(argv[4])) : 2024);
+    const int m = argc > 4 ? std::atoi(argv[4]) : 0;
+    if (mode == "sequential") return sequential(path, n > 0 ? n : 1, m > 0 ? m : 1);
+    if (mode == "random") return random(path, n > 0 ? n : 200, m > 0 ? unsigned(m) : 2024);
     if (mode == "first") return first(path, n > 0 ? n : 10);
     if (mode == "backward") return backward(path, n > 0 ? n : 60);
     if (mode == "same-frame") return sameFrame(path, n > 0 ? n : 8);
-    if (mode == "read") return plainRead(path, size_t(n > 0 ? n : 1 << 20));
+    if (mode == "read") return plainRead(path, size_t(n > 0 ? n : 1 << 20), m > 0 ? m : 1);
     std::fprintf(stderr, "unknown mode %s\n", mode.c_str());
     return 2;
 }

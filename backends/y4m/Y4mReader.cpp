@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <cstdlib>
 #include <mutex>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -83,6 +84,68 @@ std::vector<uint64_t> indexFrames(int fd, uint64_t fileSize, const StreamHeader&
 
 } // namespace
 
+// Frame-sized blocks that go back to the pool when the last holder lets go, so that
+// reading frame after frame reuses memory that is still in the processor's caches instead
+// of asking the allocator (and the kernel, for blocks this large) every time.
+//
+// Lock: mutex_ guards free_; a leaf lock, taken when a block is made or given back.
+class Y4mReadInstance::BlockPool : public iObject {
+public:
+    explicit BlockPool(size_t bytes) : bytes_(bytes) {}
+    ~BlockPool() override {
+        for (void* p : free_) std::free(p);
+    }
+
+    Zn::Ptr<iMemHolder> take() {
+        void* memory = nullptr;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (!free_.empty()) {
+                memory = free_.back();
+                free_.pop_back();
+            }
+        }
+        if (!memory) memory = std::aligned_alloc(ByteBufferImpl::kAlignment, roundUp(bytes_));
+        if (!memory) return nullptr;
+        return Zn::Ptr<iMemHolder>(new Block(Zn::Ptr<BlockPool>(this), static_cast<uint8_t*>(memory), uint32_t(bytes_)));
+    }
+
+private:
+    static constexpr size_t kKept = 8;
+    static size_t roundUp(size_t n) { return (n + ByteBufferImpl::kAlignment - 1) & ~size_t(ByteBufferImpl::kAlignment - 1); }
+
+    class Block : public iMemHolder {
+    public:
+        Block(Zn::Ptr<BlockPool> pool, uint8_t* data, uint32_t size) : pool_(std::move(pool)), data_(data), size_(size) {}
+        ~Block() override { pool_->giveBack(data_); }
+        uint8_t* getBuffer() const override { return data_; }
+        uint32_t getSize() const override { return size_; }
+        uint32_t getUsed() const override { return used_; }
+        uint32_t setUsed(uint32_t used) override { return used_ = used < size_ ? used : size_; }
+
+    private:
+        Zn::Ptr<BlockPool> pool_;
+        uint8_t* data_;
+        uint32_t size_;
+        uint32_t used_ = 0;
+    };
+
+    void giveBack(void* memory) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (free_.size() < kKept) {
+                free_.push_back(memory);
+                return;
+            }
+        }
+        std::free(memory);
+    }
+
+    const size_t bytes_;
+    std::mutex mutex_;
+    std::vector<void*> free_;
+};
+
 Zn::Image::eDataFormat hostFormatOf(const Layout& layout) {
     const std::string name = layout.pixelFormat;
     if (name == "gray") return Zn::Image::kFormatGray8;
@@ -95,7 +158,7 @@ Zn::Image::eDataFormat hostFormatOf(const Layout& layout) {
 Y4mReadInstance::Y4mReadInstance(const WString& fileName, const DecodeFormat& format, OpenType type, int fd,
                                  const StreamHeader& h, std::vector<uint64_t> offsets)
     : FileReadInstance(fileName, format, type), fd_(fd), header_(h), format_(hostFormatOf(h.layout)),
-      offsets_(std::move(offsets)) {
+      offsets_(std::move(offsets)), blocks_(Zn::makePtr<BlockPool>(size_t(h.frameBytes()))) {
     PlayFileMetadataRep& meta = *getMetadata();
     meta.setFrameCount(uint32_t(offsets_.size()));
     meta.setVideoStreamCount(1);
@@ -142,8 +205,8 @@ int Y4mReadInstance::readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoRea
     const uint32_t frame = request->getFrame();
     if (frame >= offsets_.size()) return kReadFailed;
     const uint64_t bytes = header_.frameBytes();
-    Zn::Ptr<iMemHolder> data(new ByteBufferImpl(uint32_t(bytes)));
-    if (!data->getBuffer() || !preadAll(fd_, data->getBuffer(), size_t(bytes), offsets_[frame])) return kReadFailed;
+    Zn::Ptr<iMemHolder> data = blocks_->take();
+    if (!data || !preadAll(fd_, data->getBuffer(), size_t(bytes), offsets_[frame])) return kReadFailed;
     data->setUsed(uint32_t(bytes));
 
     const DecodeFormat& wanted = *request;

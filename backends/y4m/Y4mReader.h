@@ -18,7 +18,8 @@ namespace y4m {
 Zn::Image::eDataFormat hostFormatOf(const Layout& layout);
 
 // Threads: everything is fixed at open (the header, the frame offsets, the descriptor);
-// reads use pread only, so reads from any thread need no lock.
+// reads use pread only, so reads from any thread need no lock. Frame memory comes from a
+// pool of its own (see BlockPool in the .cpp), which has its own leaf lock.
 class Y4mReadInstance : public FileReadInstance {
 public:
     // Opens and indexes the file; null with a reason when it is not a Y4M stream, its
@@ -37,11 +38,13 @@ public:
 private:
     Y4mReadInstance(const WString& fileName, const DecodeFormat& format, OpenType type, int fd, const StreamHeader& h,
                     std::vector<uint64_t> offsets);
+    class BlockPool;
 
     const int fd_;
     const StreamHeader header_;
     const Zn::Image::eDataFormat format_;
     const std::vector<uint64_t> offsets_; // where each complete frame's pixels start
+    const Zn::Ptr<BlockPool> blocks_;
 };
 
 // Accepts files named .y4m or starting with the YUV4MPEG2 signature, for video.
