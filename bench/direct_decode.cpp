@@ -1,11 +1,13 @@
 // The yardstick for random access: a plain libavformat/libavcodec seek-and-decode loop, as
 // a program using FFmpeg directly would write it. For COUNT frames at random (the same
 // frames, in the same order, as bench_backend_reads picks from the same seed) it seeks to
-// the key frame at or before the frame's presentation time, flushes the decoder and
-// decodes until the frame comes out. Prints the mean and median latency, and how many
+// the last key frame whose presentation time is not after the frame's (seeking by the
+// frame's own time can land a group early in QuickTime files with B-frames), flushes the
+// decoder and decodes until the frame comes out. Prints the mean and median latency, and how many
 // pictures came out that were not the frame asked for (a wrong landing).
-//   direct_decode FILE [COUNT] [SEED] [THREADS]
-// THREADS (default: one per core) is the decoder's thread count, frame threads.
+//   direct_decode FILE [COUNT] [SEED] [THREADS] [frame|slice]
+// THREADS (default: one per core) is the decoder's thread count; frame threads unless
+// "slice" is given (the better choice for single pictures of intra-only codecs).
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
@@ -16,6 +18,7 @@ extern "C" {
 #include <cstdio>
 #include <cstdlib>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -35,6 +38,7 @@ int main(int argc, char** argv) {
     const int count = argc > 2 ? std::atoi(argv[2]) : 200;
     const unsigned seed = argc > 3 ? unsigned(std::atoi(argv[3])) : 2024;
     const int threads = argc > 4 ? std::atoi(argv[4]) : int(std::thread::hardware_concurrency());
+    const bool slice = argc > 5 && std::string(argv[5]) == "slice";
     av_log_set_level(AV_LOG_QUIET);
 
     AVFormatContext* fmt = nullptr;
@@ -46,19 +50,23 @@ int main(int argc, char** argv) {
     AVStream* st = fmt->streams[stream];
 
     // Every frame's presentation time, in order: frame k is the k-th picture shown.
-    std::vector<int64_t> pts;
+    std::vector<int64_t> pts, keys;
     AVPacket* pkt = av_packet_alloc();
     while (av_read_frame(fmt, pkt) >= 0) {
-        if (pkt->stream_index == stream) pts.push_back(pkt->pts != AV_NOPTS_VALUE ? pkt->pts : pkt->dts);
+        if (pkt->stream_index == stream) {
+            pts.push_back(pkt->pts != AV_NOPTS_VALUE ? pkt->pts : pkt->dts);
+            if (pkt->flags & AV_PKT_FLAG_KEY) keys.push_back(pts.back());
+        }
         av_packet_unref(pkt);
     }
     std::sort(pts.begin(), pts.end());
+    std::sort(keys.begin(), keys.end());
     if (pts.empty()) return fail("no frames");
 
     AVCodecContext* dec = avcodec_alloc_context3(codec);
     avcodec_parameters_to_context(dec, st->codecpar);
     dec->thread_count = threads;
-    dec->thread_type = FF_THREAD_FRAME;
+    dec->thread_type = slice ? FF_THREAD_SLICE : FF_THREAD_FRAME;
     dec->pkt_timebase = st->time_base;
     if (avcodec_open2(dec, codec, nullptr) < 0) return fail("cannot open the decoder");
     AVFrame* picture = av_frame_alloc();
@@ -69,7 +77,8 @@ int main(int argc, char** argv) {
     for (int i = 0; i < count; ++i) {
         const int64_t target = pts[rng() % pts.size()];
         const auto t = Clock::now();
-        av_seek_frame(fmt, stream, target, AVSEEK_FLAG_BACKWARD);
+        auto key = std::upper_bound(keys.begin(), keys.end(), target);
+        av_seek_frame(fmt, stream, key == keys.begin() ? target : *(key - 1), AVSEEK_FLAG_BACKWARD);
         avcodec_flush_buffers(dec);
         bool found = false, draining = false;
         while (!found) {
