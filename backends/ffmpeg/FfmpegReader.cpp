@@ -1,6 +1,7 @@
 #include "backends/ffmpeg/FfmpegReader.h"
 
 #include "host/core/Strings.h"
+#include "host/os/Config.h"
 #include "host/os/Log.h"
 #include "playfile/requests/AudioReadRequest.h"
 #include "playfile/requests/VideoReadRequest.h"
@@ -148,7 +149,7 @@ int FfmpegReadInstance::decodeRun(Zn::Ptr<FrameBufferRep>& slot, uint32_t first)
         options.threads = decoderThreads();
         // The slots keep what was decoded; the decoder's own store only has to cover
         // stepping back a little past them.
-        options.cacheBytes = size_t(32) << 20;
+        options.cacheBytes = size_t(config_int("FfmpegFrameCacheMB", 32)) << 20;
         auto opened = FfmpegVideoDecoder::open(index_, options);
         if (opened) decoder_ = std::move(opened.value);
         else Log("FFmpeg cannot decode \"%ls\": %s\n", getFileName().c_str(), opened.error.c_str());
