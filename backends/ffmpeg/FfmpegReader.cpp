@@ -220,7 +220,8 @@ void FfmpegReadInstance::readAudio(Zn::Ptr<AudioReadRequest>& request) {
                     const int64_t n = read.value;
                     Zn::Ptr<iMemHolder> mem(new ByteBufferImpl(uint32_t(std::max<uint32_t>(request->count, 1) * uint32_t(bytes))));
                     uint8_t* to = mem->getBuffer();
-                    if (av_sample_fmt_is_planar(block.format)) {
+                    if (n <= 0) {
+                    } else if (av_sample_fmt_is_planar(block.format)) {
                         std::memcpy(to, block.planes[request->channel].data(), size_t(n) * size_t(bytes));
                     } else {
                         const uint8_t* from = block.planes[0].data() + size_t(request->channel) * size_t(bytes);
