@@ -145,6 +145,12 @@ bool AudioReader::isCompressed(unsigned int stream) {
     return codecs_.count(int32_t(stream)) != 0;
 }
 
+Zn::Ptr<AudioCodecInstance> AudioReader::getCodec(unsigned int stream) {
+    CriticalSection::Lock guard(getLock());
+    auto it = codecs_.find(int32_t(stream));
+    return it == codecs_.end() ? nullptr : it->second;
+}
+
 uint64_t AudioReader::getLastBlock(int stream) {
     CriticalSection::Lock guard(getLock());
     auto it = lastBlock_.find(stream);

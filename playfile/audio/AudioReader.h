@@ -55,6 +55,8 @@ public:
     // exist or no registered factory makes a codec for it.
     bool initAudioCodec(unsigned int stream, const Zn::Ptr<iMemHolder>& header);
     bool isCompressed(unsigned int stream);
+    // The stream's codec, or null for a plain stream.
+    Zn::Ptr<AudioCodecInstance> getCodec(unsigned int stream);
 
     // Plain read of the request's samples, all channels interleaved, into a new buffer
     // of readSlack bytes more than the read needs. Answers a result code.
