@@ -1,6 +1,7 @@
 #include "host/media/AudioInterleaver.h"
 
 #include <cstring>
+#include <vector>
 
 namespace {
 
@@ -107,6 +108,55 @@ void AudioInterleaver::deinterleave(const uint8_t* src, uint32_t channels, uint3
     }
 }
 
+namespace {
+
+// Destinations for the channels: on the stack up to a count no real stream passes.
+class Destinations {
+public:
+    explicit Destinations(uint32_t n) {
+        if (n > kOnStack) {
+            onHeap_.resize(n);
+            at_ = onHeap_.data();
+        }
+    }
+    uint8_t** data() noexcept { return at_; }
+    uint8_t*& operator[](uint32_t c) noexcept { return at_[c]; }
+
+private:
+    static constexpr uint32_t kOnStack = 32;
+    uint8_t* onStack_[kOnStack];
+    std::vector<uint8_t*> onHeap_;
+    uint8_t** at_ = onStack_;
+};
+
+void setCounts(Aud::StreamBufferList& out, const Aud::Metadata& stream, uint32_t samples) {
+    out.setSampleCount(samples);
+    out.setSampleRate(stream.getSampleRate());
+    out.setBytesPerSample(stream.getBytesPerSample());
+}
+
+} // namespace
+
+int AudioInterleaver::deinterleaveInto(const Aud::Metadata& stream, const iMemHolder& interleaved,
+                                       Aud::StreamBufferList& out) {
+    const uint32_t n = stream.getNumChannels();
+    const uint32_t b = stream.getBytesPerSample();
+    if (!n || !b || out.size() != n) return 0;
+    const uint32_t samples = interleaved.getUsed() / (n * b);
+    for (const Aud::StreamBuffer& buffer : out)
+        if (!buffer.getMemory() || buffer.getMemory()->getSize() < samples * b) return 0;
+    Destinations dst(n);
+    for (uint32_t c = 0; c < n; ++c) {
+        Aud::StreamBuffer& buffer = out[c];
+        buffer.getMemory()->setUsed(samples * b);
+        dst[c] = buffer.getData();
+        buffer = Aud::StreamBuffer(buffer.getMemory(), 1, samples, samples, buffer.getFlags());
+    }
+    deinterleave(interleaved.getBuffer(), n, b, samples, dst.data());
+    setCounts(out, stream, samples);
+    return 1;
+}
+
 int AudioInterleaver::deinterleaveAudio(const Aud::Metadata& stream, const Zn::Ptr<iMemHolder>& interleaved,
                                         Aud::StreamBufferList& out) {
     const uint32_t n = stream.getNumChannels();
@@ -114,16 +164,7 @@ int AudioInterleaver::deinterleaveAudio(const Aud::Metadata& stream, const Zn::P
     if (!n || !b || !interleaved) return 0;
     const uint32_t samples = interleaved->getUsed() / (n * b);
 
-    // Up to this many destinations are kept on the stack; wider streams take one vector.
-    constexpr uint32_t kOnStack = 32;
-    uint8_t* onStack[kOnStack];
-    std::vector<uint8_t*> onHeap;
-    uint8_t** dst = onStack;
-    if (n > kOnStack) {
-        onHeap.resize(n);
-        dst = onHeap.data();
-    }
-
+    Destinations dst(n);
     Aud::StreamBufferList made;
     for (uint32_t c = 0; c < n; ++c) {
         Zn::Ptr<iMemHolder> mem(new ByteBufferImpl(samples * b));
@@ -131,11 +172,9 @@ int AudioInterleaver::deinterleaveAudio(const Aud::Metadata& stream, const Zn::P
         dst[c] = mem->getBuffer();
         made.add(Aud::StreamBuffer(std::move(mem), 1, samples, samples));
     }
-    deinterleave(interleaved->getBuffer(), n, b, samples, dst);
+    deinterleave(interleaved->getBuffer(), n, b, samples, dst.data());
 
     for (const Aud::StreamBuffer& buffer : made) out.add(buffer);
-    out.setSampleCount(samples);
-    out.setSampleRate(stream.getSampleRate());
-    out.setBytesPerSample(b);
+    setCounts(out, stream, samples);
     return 1;
 }

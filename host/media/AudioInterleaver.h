@@ -21,6 +21,12 @@ public:
     static int deinterleaveAudio(const Aud::Metadata& stream, const Zn::Ptr<iMemHolder>& interleaved,
                                  Aud::StreamBufferList& out);
 
+    // The same into buffers made before, one per channel with room for the samples
+    // (memory of at least samples x bytes per sample bytes), whose memory is written
+    // again: their used bytes, capacities and sample counts are set as deinterleaveAudio
+    // sets them. Answers 0, changing nothing, when the list does not fit the stream.
+    static int deinterleaveInto(const Aud::Metadata& stream, const iMemHolder& interleaved, Aud::StreamBufferList& out);
+
     // The loop itself: samples positions of channels interleaved channels of
     // bytesPerSample bytes each, from src into dst[0..channels-1]. The destinations must
     // not overlap the source or each other.

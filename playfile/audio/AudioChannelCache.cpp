@@ -52,6 +52,22 @@ Aud::StreamBuffer AudioChannelCache::getResult(const AudioRequest& r, uint32_t b
     return result;
 }
 
+bool AudioChannelCache::reclaimBuffers(uint32_t stream, uint32_t bytes, Aud::StreamBufferList& out) {
+    CriticalSection::Lock guard(lock_);
+    auto it = entries_.find(stream);
+    if (it == entries_.end() || it->second.buffers.empty()) return false;
+    CacheEntry& e = it->second;
+    // A count of 1 is the entry's own reference: other references are only made from it,
+    // under this lock, so nobody can take one while the block is handed over.
+    for (const Aud::StreamBuffer& b : e.buffers)
+        if (b.getMemory().refCount() != 1 || b.getMemory()->getSize() < bytes) return false;
+    out = std::move(e.buffers);
+    e.buffers.clear();
+    e.start = 0;
+    e.count = 0;
+    return true;
+}
+
 bool AudioChannelCache::cachedSpan(uint32_t stream, uint64_t& start, uint32_t& count) {
     CriticalSection::Lock guard(lock_);
     auto it = entries_.find(stream);

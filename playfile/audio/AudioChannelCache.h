@@ -52,6 +52,12 @@ public:
     // no such channel or r.start lies outside the block.
     Aud::StreamBuffer getResult(const AudioRequest& r, uint32_t bytesPerSample);
 
+    // Hands the stream's block over for its memory to be written again, when every buffer
+    // of it has at least bytes bytes and is referred to by the cache alone (no result
+    // or view still uses it). The stream then holds nothing. False, and nothing changes,
+    // otherwise.
+    bool reclaimBuffers(uint32_t stream, uint32_t bytes, Aud::StreamBufferList& out);
+
     // The stream's cached span, for tests and diagnostics: false when nothing is cached.
     bool cachedSpan(uint32_t stream, uint64_t& start, uint32_t& count);
 

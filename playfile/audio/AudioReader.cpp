@@ -83,8 +83,18 @@ int AudioReader::readPlain(Zn::Ptr<AudioReadRequest>& request, uint32_t s) {
     int code = readsAudioByVideoSamples() ? readAudioByVideoSamples(interleaved, request)
                                           : readAudioByAudioSamples(interleaved, request);
     if (code != kSuccess && code != kEndedEarly) return code;
+    if (!interleaved) return kFailed;
+    // The stream's previous block is written again when nothing but the cache uses it:
+    // fresh memory for every span costs more than the split itself.
+    const Aud::Metadata& m = metadata_[s];
+    const uint32_t perSample = m.getNumChannels() * m.getBytesPerSample();
     Aud::StreamBufferList buffers;
-    if (!interleaved || AudioInterleaver::deinterleaveAudio(metadata_[s], interleaved, buffers) != 1) return kFailed;
+    const bool reused = perSample && reclaimBuffers(s, interleaved->getUsed() / perSample * m.getBytesPerSample(), buffers) &&
+                        AudioInterleaver::deinterleaveInto(m, *interleaved, buffers) == 1;
+    if (!reused) {
+        buffers.clear();
+        if (AudioInterleaver::deinterleaveAudio(m, interleaved, buffers) != 1) return kFailed;
+    }
     interleaved.reset(); // the channels have their own copies now
     addBuffers(s, request->start, std::move(buffers));
     request->setResult(getResult(*request, decodedBytes(metadata_[s])));
@@ -99,7 +109,12 @@ int AudioReader::readAudioByAudioSamples(Zn::Ptr<ByteBufferImpl>& buffer, Zn::Pt
     // Sized by the request's read length (its sample factor), and never below its count.
     const uint64_t bytes = readSlack_ + std::max<uint64_t>(r.getBytesPerMCS(), perSample * r.count);
     if (!perSample || bytes > UINT32_MAX) return kFailed;
-    buffer = Zn::Ptr<ByteBufferImpl>(new ByteBufferImpl(uint32_t(bytes)));
+    // The read buffer is kept for the next read, and used again once its last reader has
+    // let go of it and it is large enough.
+    if (!readBuffer_ || readBuffer_.refCount() != 1 || readBuffer_->getSize() < bytes)
+        readBuffer_ = Zn::Ptr<ByteBufferImpl>(new ByteBufferImpl(uint32_t(bytes)));
+    buffer = readBuffer_;
+    buffer->setUsed(0);
     if (r.count == 0) return kSuccess;
 
     uint32_t done = 0;

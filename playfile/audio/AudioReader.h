@@ -121,6 +121,7 @@ private:
     // and set whenever decoding is (re)started at a block.
     std::map<int32_t, int64_t> nextPosition_;
     uint32_t readSlack_ = kDefaultReadSlack;
+    Zn::Ptr<ByteBufferImpl> readBuffer_; // the last plain read's buffer, kept for the next
     Aud::StreamBuffer silence_;
 
     // State of the decode under way: the position of the buffers' first sample, decoded
