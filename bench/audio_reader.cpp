@@ -40,13 +40,15 @@ struct Figures {
 // A file of a 44-byte header and interleaved samples, made once in the temporary folder.
 std::string makeFile() {
     const char* tmp = std::getenv("TMPDIR");
-    std::string path = std::string(tmp && *tmp ? tmp : "/tmp") + "/playfile-bench-audio-" + std::to_string(getpid()) + ".wav";
+    std::string path = std::string(tmp && *tmp ? tmp : "/tmp") + "/playfile-bench-audio-" +
+                       std::to_string(getpid()) + ".wav";
     FILE* f = std::fopen(path.c_str(), "wb");
     if (!f) std::abort();
     std::vector<uint8_t> chunk(size_t(kSpan) * kFrame);
     std::fwrite(chunk.data(), 1, kHeader, f);
     for (uint64_t at = 0; at < kSamples; at += kSpan) {
-        for (size_t i = 0; i < chunk.size(); ++i) chunk[i] = uint8_t((at * kFrame + i) * 2654435761u >> 13);
+        for (size_t i = 0; i < chunk.size(); ++i)
+            chunk[i] = uint8_t((at * kFrame + i) * 2654435761u >> 13);
         std::fwrite(chunk.data(), 1, size_t(std::min<uint64_t>(kSpan, kSamples - at)) * kFrame, f);
     }
     std::fclose(f);
@@ -58,17 +60,23 @@ class WavReader : public FileReadInstance, public Zn::AudioReader {
 public:
     explicit WavReader(const std::string& path)
         : FileReadInstance(L"bench.wav", DecodeFormat(1), OpenType::kAudio),
-          Zn::AudioReader(getMetadata()->getAudioMetadata()), fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-        std::vector<Aud::Metadata> streams{Aud::Metadata(48000, kChannels, kBytes, Aud::kSampleInt, kSamples)};
+          Zn::AudioReader(getMetadata()->getAudioMetadata()),
+          fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+        std::vector<Aud::Metadata> streams{
+            Aud::Metadata(48000, kChannels, kBytes, Aud::kSampleInt, kSamples)};
         getMetadata()->setAudioMetadata(std::move(streams));
     }
     ~WavReader() override { ::close(fd_); }
     String getReaderName() const override { return "bench"; }
-    void readAudio(Zn::Ptr<AudioReadRequest>& request) override { Zn::AudioReader::readAudio(request); }
+    void readAudio(Zn::Ptr<AudioReadRequest>& request) override {
+        Zn::AudioReader::readAudio(request);
+    }
 
 protected:
-    int readAudioSamples(uint32_t, uint64_t position, uint32_t samples, uint8_t* into, uint32_t& delivered) override {
-        ssize_t got = ::pread(fd_, into, size_t(samples) * kFrame, off_t(kHeader + position * kFrame));
+    int readAudioSamples(uint32_t, uint64_t position, uint32_t samples, uint8_t* into,
+                         uint32_t& delivered) override {
+        ssize_t got =
+            ::pread(fd_, into, size_t(samples) * kFrame, off_t(kHeader + position * kFrame));
         delivered = got > 0 ? uint32_t(got / kFrame) : 0;
         return got < 0 ? kFailed : kSuccess;
     }
@@ -105,12 +113,14 @@ void readerSpans(Zn::Ptr<FileReadInstance>& file, WavReader& reader, uint64_t fr
 // The plain loop over spans [from, to): read a span into one buffer, split it into eight.
 struct PlainLoop {
     explicit PlainLoop(int fd) : fd(fd) {
-        for (uint32_t c = 0; c < kChannels; ++c) dst[c] = channels[c].data();
+        for (uint32_t c = 0; c < kChannels; ++c)
+            dst[c] = channels[c].data();
     }
     void spans(uint64_t from, uint64_t to) {
         for (uint64_t at = from; at < to; at += kSpan) {
             const uint32_t n = uint32_t(std::min<uint64_t>(kSpan, kSamples - at));
-            if (::pread(fd, interleaved.data(), size_t(n) * kFrame, off_t(kHeader + at * kFrame)) != ssize_t(n) * kFrame)
+            if (::pread(fd, interleaved.data(), size_t(n) * kFrame, off_t(kHeader + at * kFrame)) !=
+                ssize_t(n) * kFrame)
                 std::abort();
             AudioInterleaver::deinterleave(interleaved.data(), kChannels, kBytes, n, dst);
             benchmark::DoNotOptimize(dst[kChannels - 1][0]);
@@ -185,13 +195,16 @@ BENCHMARK(BM_ReaderAgainstPlainLoop)->Iterations(1)->Unit(benchmark::kMillisecon
 struct PrintFigures {
     ~PrintFigures() {
         double ratio = g_figures.plainRate > 0 ? g_figures.readerRate / g_figures.plainRate : 0;
-        std::printf("\naudio reader figures (48 kHz, 24-bit, 8 channels, spans of %u samples; bytes of samples\n"
+        std::printf("\naudio reader figures (48 kHz, 24-bit, 8 channels, spans of %u samples; "
+                    "bytes of samples\n"
                     "per second of this thread's processor time)\n",
                     kSpan);
-        std::printf("  all 8 channels through Zn::AudioReader: %.0f MB/s of samples (%.0f spans/s)\n",
-                    g_figures.readerRate / 1e6, g_figures.readerRate / (double(kSpan) * kFrame));
-        std::printf("  plain read and de-interleave loop:      %.0f MB/s of samples (%.0f spans/s)\n",
-                    g_figures.plainRate / 1e6, g_figures.plainRate / (double(kSpan) * kFrame));
+        std::printf(
+            "  all 8 channels through Zn::AudioReader: %.0f MB/s of samples (%.0f spans/s)\n",
+            g_figures.readerRate / 1e6, g_figures.readerRate / (double(kSpan) * kFrame));
+        std::printf(
+            "  plain read and de-interleave loop:      %.0f MB/s of samples (%.0f spans/s)\n",
+            g_figures.plainRate / 1e6, g_figures.plainRate / (double(kSpan) * kFrame));
         std::printf("  ratio %.2f (target: at least 0.8)\n", ratio);
     }
 } g_printFigures;

@@ -27,7 +27,7 @@ AudioDecoderInfo& AudioDecoderInfo::instance() {
 }
 
 Zn::Ptr<AudioCodecInstance> AudioDecoderInfo::getDecodersFor(const Aud::Metadata& stream,
-                                                            const Zn::Ptr<iMemHolder>& header) {
+                                                             const Zn::Ptr<iMemHolder>& header) {
     for (const auto& factory : instance().factories()) {
         Zn::Ptr<AudioCodecInstance> made;
         try {
@@ -46,8 +46,10 @@ Zn::Ptr<AudioCodecInstance> AudioDecoderInfo::getDecodersFor(const Aud::Metadata
 void AudioDecoderInfo::registerFactory(Zn::Ptr<iAudioDecoderFactory> factory, int position) {
     if (!factory) return;
     std::lock_guard<std::mutex> lock(mutex_);
-    if (position < 0 || size_t(position) >= factories_.size()) factories_.push_back(std::move(factory));
-    else factories_.insert(factories_.begin() + position, std::move(factory));
+    if (position < 0 || size_t(position) >= factories_.size())
+        factories_.push_back(std::move(factory));
+    else
+        factories_.insert(factories_.begin() + position, std::move(factory));
 }
 
 bool AudioDecoderInfo::unregisterFactory(const Zn::Ptr<iAudioDecoderFactory>& factory) {

@@ -62,19 +62,22 @@ public:
     virtual bool canDecode(const Aud::Metadata& stream) const = 0;
     // A new codec instance for the stream; header holds the codec's set-up bytes (may be
     // null). Null (or an exception) when it cannot make one.
-    virtual Zn::Ptr<AudioCodecInstance> createCodec(const Aud::Metadata& stream, const Zn::Ptr<iMemHolder>& header) = 0;
+    virtual Zn::Ptr<AudioCodecInstance> createCodec(const Aud::Metadata& stream,
+                                                    const Zn::Ptr<iMemHolder>& header) = 0;
 };
 
-// A thread-safe singleton made on first use. Lock: mutex_ guards the factory list; it is
-// a leaf lock, held only to copy or edit the list (factories are called without it).
-// Codec instances are not pooled: each holds the decoding state of one stream.
+// A thread-safe singleton made on first use. Lock: mutex_ guards the factory list. It is
+// a leaf lock, held only to copy or edit the list (factories are called without it), so
+// it may be taken with any other lock held (the audio reader's, when a reader makes a
+// codec). Codec instances are not pooled: each holds the decoding state of one stream.
 class AudioDecoderInfo {
 public:
     static AudioDecoderInfo& instance();
 
     // A new codec instance from the first factory (in registration order) that can decode
     // the stream and makes one; null when none does.
-    static Zn::Ptr<AudioCodecInstance> getDecodersFor(const Aud::Metadata& stream, const Zn::Ptr<iMemHolder>& header);
+    static Zn::Ptr<AudioCodecInstance> getDecodersFor(const Aud::Metadata& stream,
+                                                      const Zn::Ptr<iMemHolder>& header);
 
     void registerFactory(Zn::Ptr<iAudioDecoderFactory> factory, int position = -1);
     bool unregisterFactory(const Zn::Ptr<iAudioDecoderFactory>& factory);

@@ -19,32 +19,52 @@ void splitTiles(const uint8_t* src, uint8_t* const* dst, uint32_t samples) {
         T in[kTile * N];
         std::memcpy(in, src + size_t(done) * N * sizeof(T), sizeof in);
         for (uint32_t i = 0; i < kTile; ++i)
-            for (uint32_t c = 0; c < N; ++c) tile[c][i] = in[i * N + c];
-        for (uint32_t c = 0; c < N; ++c) std::memcpy(dst[c] + size_t(done) * sizeof(T), tile[c], sizeof tile[c]);
+            for (uint32_t c = 0; c < N; ++c)
+                tile[c][i] = in[i * N + c];
+        for (uint32_t c = 0; c < N; ++c)
+            std::memcpy(dst[c] + size_t(done) * sizeof(T), tile[c], sizeof tile[c]);
     }
     for (; done < samples; ++done)
         for (uint32_t c = 0; c < N; ++c)
-            std::memcpy(dst[c] + size_t(done) * sizeof(T), src + (size_t(done) * N + c) * sizeof(T), sizeof(T));
+            std::memcpy(dst[c] + size_t(done) * sizeof(T), src + (size_t(done) * N + c) * sizeof(T),
+                        sizeof(T));
 }
 
 // Any channel count: one strided pass per channel.
-template <class T> void splitStrided(const uint8_t* src, uint32_t n, uint8_t* const* dst, uint32_t samples) {
+template <class T>
+void splitStrided(const uint8_t* src, uint32_t n, uint8_t* const* dst, uint32_t samples) {
     for (uint32_t c = 0; c < n; ++c) {
         uint8_t* d = dst[c];
         const uint8_t* s = src + size_t(c) * sizeof(T);
-        for (uint32_t i = 0; i < samples; ++i) std::memcpy(d + size_t(i) * sizeof(T), s + size_t(i) * n * sizeof(T), sizeof(T));
+        for (uint32_t i = 0; i < samples; ++i)
+            std::memcpy(d + size_t(i) * sizeof(T), s + size_t(i) * n * sizeof(T), sizeof(T));
     }
 }
 
-template <class T> void split(const uint8_t* src, uint32_t n, uint8_t* const* dst, uint32_t samples) {
+template <class T>
+void split(const uint8_t* src, uint32_t n, uint8_t* const* dst, uint32_t samples) {
     switch (n) {
-    case 1: std::memcpy(dst[0], src, size_t(samples) * sizeof(T)); return;
-    case 2: splitTiles<T, 2>(src, dst, samples); return;
-    case 3: splitTiles<T, 3>(src, dst, samples); return;
-    case 4: splitTiles<T, 4>(src, dst, samples); return;
-    case 6: splitTiles<T, 6>(src, dst, samples); return;
-    case 8: splitTiles<T, 8>(src, dst, samples); return;
-    default: splitStrided<T>(src, n, dst, samples); return;
+    case 1:
+        std::memcpy(dst[0], src, size_t(samples) * sizeof(T));
+        return;
+    case 2:
+        splitTiles<T, 2>(src, dst, samples);
+        return;
+    case 3:
+        splitTiles<T, 3>(src, dst, samples);
+        return;
+    case 4:
+        splitTiles<T, 4>(src, dst, samples);
+        return;
+    case 6:
+        splitTiles<T, 6>(src, dst, samples);
+        return;
+    case 8:
+        splitTiles<T, 8>(src, dst, samples);
+        return;
+    default:
+        splitStrided<T>(src, n, dst, samples);
+        return;
     }
 }
 
@@ -54,7 +74,8 @@ template <class T> void split(const uint8_t* src, uint32_t n, uint8_t* const* ds
 // by byte, so nothing is read or written past either buffer.
 template <uint32_t N> void split24Fixed(const uint8_t* src, uint8_t* const* dst, uint32_t samples) {
     uint8_t* d[N];
-    for (uint32_t c = 0; c < N; ++c) d[c] = dst[c];
+    for (uint32_t c = 0; c < N; ++c)
+        d[c] = dst[c];
     for (uint32_t i = 0; i + 1 < samples; ++i) {
         const uint8_t* s = src + size_t(i) * 3 * N;
         for (uint32_t c = 0; c < N; ++c) {
@@ -65,17 +86,28 @@ template <uint32_t N> void split24Fixed(const uint8_t* src, uint8_t* const* dst,
     }
     if (samples) {
         const uint8_t* s = src + size_t(samples - 1) * 3 * N;
-        for (uint32_t c = 0; c < N; ++c) std::memcpy(d[c] + size_t(samples - 1) * 3, s + 3 * c, 3);
+        for (uint32_t c = 0; c < N; ++c)
+            std::memcpy(d[c] + size_t(samples - 1) * 3, s + 3 * c, 3);
     }
 }
 
 void split24(const uint8_t* src, uint32_t n, uint8_t* const* dst, uint32_t samples) {
     switch (n) {
-    case 1: std::memcpy(dst[0], src, size_t(samples) * 3); return;
-    case 2: split24Fixed<2>(src, dst, samples); return;
-    case 4: split24Fixed<4>(src, dst, samples); return;
-    case 6: split24Fixed<6>(src, dst, samples); return;
-    case 8: split24Fixed<8>(src, dst, samples); return;
+    case 1:
+        std::memcpy(dst[0], src, size_t(samples) * 3);
+        return;
+    case 2:
+        split24Fixed<2>(src, dst, samples);
+        return;
+    case 4:
+        split24Fixed<4>(src, dst, samples);
+        return;
+    case 6:
+        split24Fixed<6>(src, dst, samples);
+        return;
+    case 8:
+        split24Fixed<8>(src, dst, samples);
+        return;
     default:
         for (uint32_t c = 0; c < n; ++c)
             for (uint32_t i = 0; i < samples; ++i)
@@ -90,15 +122,25 @@ struct Bytes8 {
 
 } // namespace
 
-void AudioInterleaver::deinterleave(const uint8_t* src, uint32_t channels, uint32_t bytesPerSample, uint32_t samples,
-                                    uint8_t* const* dst) {
+void AudioInterleaver::deinterleave(const uint8_t* src, uint32_t channels, uint32_t bytesPerSample,
+                                    uint32_t samples, uint8_t* const* dst) {
     if (!samples || !channels) return;
     switch (bytesPerSample) {
-    case 1: split<uint8_t>(src, channels, dst, samples); return;
-    case 2: split<uint16_t>(src, channels, dst, samples); return;
-    case 3: split24(src, channels, dst, samples); return;
-    case 4: split<uint32_t>(src, channels, dst, samples); return;
-    case 8: split<Bytes8>(src, channels, dst, samples); return;
+    case 1:
+        split<uint8_t>(src, channels, dst, samples);
+        return;
+    case 2:
+        split<uint16_t>(src, channels, dst, samples);
+        return;
+    case 3:
+        split24(src, channels, dst, samples);
+        return;
+    case 4:
+        split<uint32_t>(src, channels, dst, samples);
+        return;
+    case 8:
+        split<Bytes8>(src, channels, dst, samples);
+        return;
     default:
         for (uint32_t c = 0; c < channels; ++c)
             for (uint32_t i = 0; i < samples; ++i)
@@ -157,7 +199,8 @@ int AudioInterleaver::deinterleaveInto(const Aud::Metadata& stream, const iMemHo
     return 1;
 }
 
-int AudioInterleaver::deinterleaveAudio(const Aud::Metadata& stream, const Zn::Ptr<iMemHolder>& interleaved,
+int AudioInterleaver::deinterleaveAudio(const Aud::Metadata& stream,
+                                        const Zn::Ptr<iMemHolder>& interleaved,
                                         Aud::StreamBufferList& out) {
     const uint32_t n = stream.getNumChannels();
     const uint32_t b = stream.getBytesPerSample();
@@ -174,7 +217,8 @@ int AudioInterleaver::deinterleaveAudio(const Aud::Metadata& stream, const Zn::P
     }
     deinterleave(interleaved->getBuffer(), n, b, samples, dst.data());
 
-    for (const Aud::StreamBuffer& buffer : made) out.add(buffer);
+    for (const Aud::StreamBuffer& buffer : made)
+        out.add(buffer);
     setCounts(out, stream, samples);
     return 1;
 }

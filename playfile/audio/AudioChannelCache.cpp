@@ -14,7 +14,8 @@ Aud::StreamBufferList& AudioChannelCache::getBuffers(const AudioRequest& r) {
 
 void AudioChannelCache::addBuffers(uint32_t stream, uint64_t start, Aud::StreamBufferList list) {
     const uint32_t count = list.getSampleCount();
-    for (Aud::StreamBuffer& b : list) b.setSampleCount(count);
+    for (Aud::StreamBuffer& b : list)
+        b.setSampleCount(count);
     CriticalSection::Lock guard(lock_);
     CacheEntry& e = entries_[stream];
     // The old block moves into list and is released with it, after the lock is left.
@@ -45,14 +46,16 @@ Aud::StreamBuffer AudioChannelCache::getResult(const AudioRequest& r, uint32_t b
     const uint64_t offset = skipped * bytesPerSample;
     const uint32_t used = cached.getUsedBytes();
     if (offset > used) return {};
-    Zn::Ptr<iMemHolder> view(new MemRef(cached.getMemory(), uint32_t(offset), used - uint32_t(offset)));
+    Zn::Ptr<iMemHolder> view(
+        new MemRef(cached.getMemory(), uint32_t(offset), used - uint32_t(offset)));
     Aud::StreamBuffer result(cached);
     result.setMemory(std::move(view));
     result.setSampleCount(e.count - uint32_t(skipped));
     return result;
 }
 
-bool AudioChannelCache::reclaimBuffers(uint32_t stream, uint32_t bytes, Aud::StreamBufferList& out) {
+bool AudioChannelCache::reclaimBuffers(uint32_t stream, uint32_t bytes,
+                                       Aud::StreamBufferList& out) {
     CriticalSection::Lock guard(lock_);
     auto it = entries_.find(stream);
     if (it == entries_.end() || it->second.buffers.empty()) return false;

@@ -27,7 +27,8 @@ void ensureRoom(Aud::StreamBufferList& buffers, uint32_t samples, uint32_t bytes
         const uint32_t used = b.getSampleCount() * bytes;
         if (used) std::memcpy(grown->getBuffer(), b.getData(), used);
         grown->setUsed(used);
-        b = Aud::StreamBuffer(std::move(grown), b.getChannels(), room, b.getSampleCount(), b.getFlags());
+        b = Aud::StreamBuffer(std::move(grown), b.getChannels(), room, b.getSampleCount(),
+                              b.getFlags());
     }
 }
 
@@ -53,7 +54,8 @@ void AudioReader::readAudio(Zn::Ptr<AudioReadRequest>& request) {
         code = kSuccess;
     } else {
         auto codec = codecs_.find(int32_t(s));
-        code = codec != codecs_.end() ? readCompressed(request, s, codec->second) : readPlain(request, s);
+        code = codec != codecs_.end() ? readCompressed(request, s, codec->second)
+                                      : readPlain(request, s);
     }
 
     if (code == kSuccess || code == kEndedEarly) {
@@ -89,8 +91,10 @@ int AudioReader::readPlain(Zn::Ptr<AudioReadRequest>& request, uint32_t s) {
     const Aud::Metadata& m = metadata_[s];
     const uint32_t perSample = m.getNumChannels() * m.getBytesPerSample();
     Aud::StreamBufferList buffers;
-    const bool reused = perSample && reclaimBuffers(s, interleaved->getUsed() / perSample * m.getBytesPerSample(), buffers) &&
-                        AudioInterleaver::deinterleaveInto(m, *interleaved, buffers) == 1;
+    const bool reused =
+        perSample &&
+        reclaimBuffers(s, interleaved->getUsed() / perSample * m.getBytesPerSample(), buffers) &&
+        AudioInterleaver::deinterleaveInto(m, *interleaved, buffers) == 1;
     if (!reused) {
         buffers.clear();
         if (AudioInterleaver::deinterleaveAudio(m, interleaved, buffers) != 1) return kFailed;
@@ -101,7 +105,9 @@ int AudioReader::readPlain(Zn::Ptr<AudioReadRequest>& request, uint32_t s) {
     return code;
 }
 
-int AudioReader::readAudioByAudioSamples(Zn::Ptr<ByteBufferImpl>& buffer, Zn::Ptr<AudioReadRequest>& request) {
+int AudioReader::readAudioByAudioSamples(Zn::Ptr<ByteBufferImpl>& buffer,
+                                         Zn::Ptr<AudioReadRequest>& request) {
+    CriticalSection::Lock guard(getLock());
     const AudioReadRequest& r = *request;
     if (r.stream >= metadata_.size()) return kFailed;
     const Aud::Metadata& m = metadata_[r.stream];
@@ -122,7 +128,8 @@ int AudioReader::readAudioByAudioSamples(Zn::Ptr<ByteBufferImpl>& buffer, Zn::Pt
     int code;
     for (;;) {
         uint32_t delivered = 0;
-        code = readAudioSamples(r.stream, position, r.count - done, buffer->getBuffer() + done * perSample, delivered);
+        code = readAudioSamples(r.stream, position, r.count - done,
+                                buffer->getBuffer() + done * perSample, delivered);
         if (code == kSuccess && delivered == 0) {
             code = kEndedEarly;
             break;
@@ -136,14 +143,18 @@ int AudioReader::readAudioByAudioSamples(Zn::Ptr<ByteBufferImpl>& buffer, Zn::Pt
     return code;
 }
 
-int AudioReader::readAudioByVideoSamples(Zn::Ptr<ByteBufferImpl>&, Zn::Ptr<AudioReadRequest>&) { return kFailed; }
+int AudioReader::readAudioByVideoSamples(Zn::Ptr<ByteBufferImpl>&, Zn::Ptr<AudioReadRequest>&) {
+    return kFailed;
+}
 
 int AudioReader::readAudioSamples(uint32_t, uint64_t, uint32_t, uint8_t*, uint32_t& delivered) {
     delivered = 0;
     return kFailed;
 }
 
-int AudioReader::readAudioBlock(uint32_t, uint64_t, std::vector<uint8_t>&) { return kFailed; }
+int AudioReader::readAudioBlock(uint32_t, uint64_t, std::vector<uint8_t>&) {
+    return kFailed;
+}
 
 bool AudioReader::initAudioCodec(unsigned int stream, const Zn::Ptr<iMemHolder>& header) {
     CriticalSection::Lock guard(getLock());
@@ -172,10 +183,13 @@ uint64_t AudioReader::getLastBlock(int stream) {
     return it == lastBlock_.end() ? kNoBlock : it->second;
 }
 
-void AudioReader::createOutputBuffers(unsigned int blocks, const Aud::Metadata& stream, Aud::StreamBufferList& list) {
+void AudioReader::createOutputBuffers(unsigned int blocks, const Aud::Metadata& stream,
+                                      Aud::StreamBufferList& list) {
     const uint32_t samples = blocks * stream.getSamplesPerBlock();
     for (uint32_t c = 0; c < stream.getNumChannels(); ++c)
-        list.add(Aud::StreamBuffer(Zn::Ptr<iMemHolder>(new ByteBufferImpl(samples * decodedBytes(stream))), 1, samples, 0));
+        list.add(Aud::StreamBuffer(
+            Zn::Ptr<iMemHolder>(new ByteBufferImpl(samples * decodedBytes(stream))), 1, samples,
+            0));
 }
 
 int AudioReader::readCompressed(Zn::Ptr<AudioReadRequest>& request, uint32_t s,
@@ -192,8 +206,9 @@ int AudioReader::readCompressed(Zn::Ptr<AudioReadRequest>& request, uint32_t s,
     // last step may give beyond the span's end.
     Aud::StreamBufferList buffers;
     createOutputBuffers(unsigned((uint64_t(r.count) + delay) / perBlock + 3), m, buffers);
-    const int code = codec->producesInterleaved() ? readCompressedAudioInterleaved(firstBlock, buffers, request)
-                                                  : readCompressedAudio(firstBlock, buffers, request);
+    const int code = codec->producesInterleaved()
+                         ? readCompressedAudioInterleaved(firstBlock, buffers, request)
+                         : readCompressedAudio(firstBlock, buffers, request);
     const int64_t start = std::exchange(storeFrom_, kStoreNothing);
     if (code != kSuccess) return code;
     addBuffers(s, uint64_t(start), std::move(buffers));
@@ -219,8 +234,8 @@ bool AudioReader::continuesCachedBlock(int s, const AudioRequest& r, uint64_t& c
     if (!cachedSpan(uint32_t(s), start, count)) return false;
     cachedEnd = start + count;
     auto next = nextPosition_.find(s);
-    return next != nextPosition_.end() && next->second >= 0 && uint64_t(next->second) == cachedEnd &&
-           r.start >= start && r.start < cachedEnd;
+    return next != nextPosition_.end() && next->second >= 0 &&
+           uint64_t(next->second) == cachedEnd && r.start >= start && r.start < cachedEnd;
 }
 
 void AudioReader::seedFromCache(const AudioRequest& r, uint64_t cachedEnd, uint32_t bytes,
@@ -244,8 +259,8 @@ void AudioReader::forgetCodecState(int s) {
     lastBlock_[s] = kNoBlock;
 }
 
-int AudioReader::decodeBlocks(uint64_t firstBlock, Aud::StreamBufferList& buffers, AudioReadRequest& r,
-                              bool interleaved) {
+int AudioReader::decodeBlocks(uint64_t firstBlock, Aud::StreamBufferList& buffers,
+                              AudioReadRequest& r, bool interleaved) {
     const int s = int(r.stream);
     auto found = codecs_.find(s);
     if (found == codecs_.end() || r.stream >= metadata_.size()) return kFailed;
@@ -259,7 +274,8 @@ int AudioReader::decodeBlocks(uint64_t firstBlock, Aud::StreamBufferList& buffer
     auto lastIt = lastBlock_.find(s);
     const uint64_t last = lastIt == lastBlock_.end() ? kNoBlock : lastIt->second;
     int64_t& next = nextPosition_[s];
-    for (Aud::StreamBuffer& b : buffers) b.setSampleCount(0);
+    for (Aud::StreamBuffer& b : buffers)
+        b.setSampleCount(0);
     buffers.setSampleCount(0);
 
     // Positioning. A request that starts inside the cached block, where the codec stands
@@ -284,7 +300,8 @@ int AudioReader::decodeBlocks(uint64_t firstBlock, Aud::StreamBufferList& buffer
                 code = decodeStep(s, b, buffers, produced, interleaved);
                 if (code != kSuccess) break;
             }
-            for (Aud::StreamBuffer& b : buffers) b.setSampleCount(0);
+            for (Aud::StreamBuffer& b : buffers)
+                b.setSampleCount(0);
             buffers.setSampleCount(0);
             if (code != kSuccess) {
                 forgetCodecState(s);
@@ -331,7 +348,8 @@ int AudioReader::decodeBlocks(uint64_t firstBlock, Aud::StreamBufferList& buffer
     return kSuccess;
 }
 
-int AudioReader::readAndDecode(int s, uint64_t block, Aud::StreamBufferList& buffers, uint32_t& produced) {
+int AudioReader::readAndDecode(int s, uint64_t block, Aud::StreamBufferList& buffers,
+                               uint32_t& produced) {
     CriticalSection::Lock guard(getLock());
     return decodeStep(s, block, buffers, produced, false);
 }
@@ -342,8 +360,8 @@ int AudioReader::readAndDecodeInterleaved(int s, uint64_t block, Aud::StreamBuff
     return decodeStep(s, block, buffers, produced, true);
 }
 
-int AudioReader::decodeStep(int s, uint64_t block, Aud::StreamBufferList& buffers, uint32_t& produced,
-                            bool interleaved) {
+int AudioReader::decodeStep(int s, uint64_t block, Aud::StreamBufferList& buffers,
+                            uint32_t& produced, bool interleaved) {
     produced = 0;
     auto found = codecs_.find(s);
     if (found == codecs_.end()) return kFailed;
@@ -373,15 +391,18 @@ int AudioReader::decodeStep(int s, uint64_t block, Aud::StreamBufferList& buffer
     const uint32_t keep = samples - skip;
     ensureRoom(buffers, held + keep, bytes);
     channelAt_.resize(channels);
-    for (uint32_t c = 0; c < channels; ++c) channelAt_[c] = buffers[c].getData() + size_t(held) * bytes;
+    for (uint32_t c = 0; c < channels; ++c)
+        channelAt_[c] = buffers[c].getData() + size_t(held) * bytes;
     if (interleaved) {
-        AudioInterleaver::deinterleave(codec.getOutput(0) + size_t(skip) * channels * bytes, channels, bytes, keep,
-                                       channelAt_.data());
+        AudioInterleaver::deinterleave(codec.getOutput(0) + size_t(skip) * channels * bytes,
+                                       channels, bytes, keep, channelAt_.data());
     } else {
         for (uint32_t c = 0; c < channels; ++c)
-            std::memcpy(channelAt_[c], codec.getOutput(c) + size_t(skip) * bytes, size_t(keep) * bytes);
+            std::memcpy(channelAt_[c], codec.getOutput(c) + size_t(skip) * bytes,
+                        size_t(keep) * bytes);
     }
-    for (uint32_t c = 0; c < channels; ++c) buffers[c].setSampleCount(held + keep);
+    for (uint32_t c = 0; c < channels; ++c)
+        buffers[c].setSampleCount(held + keep);
     buffers.setSampleCount(held + keep);
     return code;
 }

@@ -60,22 +60,26 @@ public:
 
     // Plain read of the request's samples, all channels interleaved, into a new buffer
     // of readSlack bytes more than the read needs. Answers a result code.
-    int readAudioByAudioSamples(Zn::Ptr<ByteBufferImpl>& buffer, Zn::Ptr<AudioReadRequest>& request);
+    int readAudioByAudioSamples(Zn::Ptr<ByteBufferImpl>& buffer,
+                                Zn::Ptr<AudioReadRequest>& request);
     // For files whose audio must be read by video frames: a back-end that answers true
     // from readsAudioByVideoSamples overrides this too; it is then used instead of
     // readAudioByAudioSamples. The base does nothing and answers kFailed.
     virtual bool readsAudioByVideoSamples() const { return false; }
-    virtual int readAudioByVideoSamples(Zn::Ptr<ByteBufferImpl>& buffer, Zn::Ptr<AudioReadRequest>& request);
+    virtual int readAudioByVideoSamples(Zn::Ptr<ByteBufferImpl>& buffer,
+                                        Zn::Ptr<AudioReadRequest>& request);
 
     // Appends to list one empty buffer per channel of the stream, each with room for
     // blocks x samples per block decoded samples.
-    static void createOutputBuffers(unsigned int blocks, const Aud::Metadata& stream, Aud::StreamBufferList& list);
+    static void createOutputBuffers(unsigned int blocks, const Aud::Metadata& stream,
+                                    Aud::StreamBufferList& list);
 
     // Decode the blocks from firstBlock on into buffers until they hold the request's
     // span, with the codec's output in separate channels or interleaved. The buffers'
     // first sample is at position getOutputStart() afterwards. Answer 1, or the failing
     // step's code (0 when the codec gave nothing for nine steps).
-    int readCompressedAudio(uint64_t firstBlock, Aud::StreamBufferList& buffers, Zn::Ptr<AudioReadRequest>& request);
+    int readCompressedAudio(uint64_t firstBlock, Aud::StreamBufferList& buffers,
+                            Zn::Ptr<AudioReadRequest>& request);
     int readCompressedAudioInterleaved(uint64_t firstBlock, Aud::StreamBufferList& buffers,
                                        Zn::Ptr<AudioReadRequest>& request);
     int64_t getOutputStart() const noexcept { return storeFrom_; }
@@ -89,8 +93,8 @@ protected:
     // The file's raw sample read: up to samples multi-channel samples of the stream from
     // position on, interleaved, into the buffer; delivered says how many came. Answers 1
     // on success (delivering none means the data has ended). The base answers kFailed.
-    virtual int readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
-                                 uint32_t& delivered);
+    virtual int readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples,
+                                 uint8_t* into, uint32_t& delivered);
     // The file's compressed block read: the bytes of block number block of the stream,
     // into data (resized to fit; kept between calls, so its storage is reused). Answers 1,
     // 11 when the stream has no such block, anything else on failure. The base answers
@@ -101,16 +105,21 @@ protected:
     // after getOutputStart() to the buffers. produced is what the codec gave (0: the block
     // was not taken and must be offered again). Answers the read's or codec's code.
     int readAndDecode(int s, uint64_t block, Aud::StreamBufferList& buffers, uint32_t& produced);
-    int readAndDecodeInterleaved(int s, uint64_t block, Aud::StreamBufferList& buffers, uint32_t& produced);
+    int readAndDecodeInterleaved(int s, uint64_t block, Aud::StreamBufferList& buffers,
+                                 uint32_t& produced);
 
 private:
     int readPlain(Zn::Ptr<AudioReadRequest>& request, uint32_t s);
-    int readCompressed(Zn::Ptr<AudioReadRequest>& request, uint32_t s, const Zn::Ptr<AudioCodecInstance>& codec);
+    int readCompressed(Zn::Ptr<AudioReadRequest>& request, uint32_t s,
+                       const Zn::Ptr<AudioCodecInstance>& codec);
     bool answerWithSilence(AudioReadRequest& request);
-    int decodeBlocks(uint64_t firstBlock, Aud::StreamBufferList& buffers, AudioReadRequest& request, bool interleaved);
-    int decodeStep(int s, uint64_t block, Aud::StreamBufferList& buffers, uint32_t& produced, bool interleaved);
+    int decodeBlocks(uint64_t firstBlock, Aud::StreamBufferList& buffers, AudioReadRequest& request,
+                     bool interleaved);
+    int decodeStep(int s, uint64_t block, Aud::StreamBufferList& buffers, uint32_t& produced,
+                   bool interleaved);
     bool continuesCachedBlock(int s, const AudioRequest& request, uint64_t& cachedEnd);
-    void seedFromCache(const AudioRequest& request, uint64_t cachedEnd, uint32_t bytes, Aud::StreamBufferList& buffers);
+    void seedFromCache(const AudioRequest& request, uint64_t cachedEnd, uint32_t bytes,
+                       Aud::StreamBufferList& buffers);
     void forgetCodecState(int s);
 
     const std::vector<Aud::Metadata>& metadata_;
@@ -128,7 +137,7 @@ private:
     // samples before which are not kept (none are kept while it is kStoreNothing).
     static constexpr int64_t kStoreNothing = INT64_MAX;
     int64_t storeFrom_ = kStoreNothing;
-    std::vector<uint8_t> block_;     // compressed bytes of the current block
+    std::vector<uint8_t> block_;      // compressed bytes of the current block
     std::vector<uint8_t*> channelAt_; // where each channel's next sample goes
 };
 

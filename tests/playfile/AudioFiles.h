@@ -31,17 +31,20 @@ inline uint32_t sampleOf(uint64_t pos, uint32_t ch) {
 }
 
 inline void put(std::vector<uint8_t>& out, uint32_t v, unsigned bytes) {
-    for (unsigned i = 0; i < bytes; ++i) out.push_back(uint8_t(v >> (8 * i)));
+    for (unsigned i = 0; i < bytes; ++i)
+        out.push_back(uint8_t(v >> (8 * i)));
 }
 
 inline void writeAll(const std::string& path, const std::vector<uint8_t>& bytes) {
     FILE* f = std::fopen(path.c_str(), "wb");
-    if (!f || std::fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size()) throw std::runtime_error("cannot write " + path);
+    if (!f || std::fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size())
+        throw std::runtime_error("cannot write " + path);
     std::fclose(f);
 }
 
 // A 44-byte RIFF header and the samples, interleaved.
-inline void writeWav(const std::string& path, uint32_t channels, uint32_t bytesPerSample, uint64_t samples) {
+inline void writeWav(const std::string& path, uint32_t channels, uint32_t bytesPerSample,
+                     uint64_t samples) {
     std::vector<uint8_t> f;
     const uint32_t data = uint32_t(samples * channels * bytesPerSample);
     f.insert(f.end(), {'R', 'I', 'F', 'F'});
@@ -57,7 +60,8 @@ inline void writeWav(const std::string& path, uint32_t channels, uint32_t bytesP
     f.insert(f.end(), {'d', 'a', 't', 'a'});
     put(f, data, 4);
     for (uint64_t s = 0; s < samples; ++s)
-        for (uint32_t c = 0; c < channels; ++c) put(f, sampleOf(s, c), bytesPerSample);
+        for (uint32_t c = 0; c < channels; ++c)
+            put(f, sampleOf(s, c), bytesPerSample);
     writeAll(path, f);
 }
 
@@ -65,8 +69,8 @@ struct CodedLayout {
     uint32_t channels = 2;
     uint64_t samples = 0;
     uint32_t perBlock = 256;
-    uint32_t delay = 0;   // encoder priming samples before the stream's first
-    uint32_t priming = 1; // blocks the codec asks to be decoded ahead after a reset
+    uint32_t delay = 0;       // encoder priming samples before the stream's first
+    uint32_t priming = 1;     // blocks the codec asks to be decoded ahead after a reset
     bool interleaved = false; // the codec's output layout
     bool mute = false;        // a broken codec that never gives anything
 };
@@ -78,7 +82,8 @@ inline void writeCoded(const std::string& path, const CodedLayout& l) {
     const uint64_t total = l.delay + l.samples;
     const uint32_t blocks = uint32_t((total + l.perBlock - 1) / l.perBlock);
     std::vector<uint8_t> f{'T', 'B', 'C', '1'};
-    for (uint32_t v : {l.channels, l.perBlock, l.delay, l.priming, uint32_t(l.interleaved) | uint32_t(l.mute) << 1, blocks})
+    for (uint32_t v : {l.channels, l.perBlock, l.delay, l.priming,
+                       uint32_t(l.interleaved) | uint32_t(l.mute) << 1, blocks})
         put(f, v, 4);
     std::vector<uint16_t> key(l.channels, 0);
     for (uint32_t b = 0; b < blocks; ++b)
@@ -86,7 +91,9 @@ inline void writeCoded(const std::string& path, const CodedLayout& l) {
             uint16_t prev = key[c];
             for (uint32_t i = 0; i < l.perBlock; ++i) {
                 const uint64_t k = uint64_t(b) * l.perBlock + i;
-                const uint16_t x = k < l.delay ? uint16_t(0x5A5A + k) : k < total ? uint16_t(sampleOf(k - l.delay, c)) : 0;
+                const uint16_t x = k < l.delay ? uint16_t(0x5A5A + k)
+                                   : k < total ? uint16_t(sampleOf(k - l.delay, c))
+                                               : 0;
                 put(f, uint16_t(x - prev), 2);
                 prev = x;
             }
@@ -95,7 +102,9 @@ inline void writeCoded(const std::string& path, const CodedLayout& l) {
         }
     writeAll(path, f);
 }
-inline uint32_t codedBlockBytes(uint32_t channels, uint32_t perBlock) { return channels * (perBlock + 1) * 2; }
+inline uint32_t codedBlockBytes(uint32_t channels, uint32_t perBlock) {
+    return channels * (perBlock + 1) * 2;
+}
 inline constexpr uint32_t kCodedHeaderBytes = 28;
 
 class TbcCodec : public Zn::AudioCodecInstance {
@@ -109,7 +118,8 @@ public:
     uint32_t getDelaySamples() const override { return delay_; }
     bool producesInterleaved() const override { return flags_ & 1; }
     const uint8_t* getOutput(uint32_t channel) const override {
-        return reinterpret_cast<const uint8_t*>(out_.data() + (producesInterleaved() ? 0 : size_t(channel) * perBlock_));
+        return reinterpret_cast<const uint8_t*>(
+            out_.data() + (producesInterleaved() ? 0 : size_t(channel) * perBlock_));
     }
     void resetToStart() override {
         ++resets;
@@ -151,7 +161,8 @@ class TbcFactory : public Zn::iAudioDecoderFactory {
 public:
     String name() const override { return "tbc"; }
     bool canDecode(const Aud::Metadata& m) const override { return m.codec == "tbc"; }
-    Zn::Ptr<Zn::AudioCodecInstance> createCodec(const Aud::Metadata& m, const Zn::Ptr<iMemHolder>& header) override {
+    Zn::Ptr<Zn::AudioCodecInstance> createCodec(const Aud::Metadata& m,
+                                                const Zn::Ptr<iMemHolder>& header) override {
         if (!header || header->getUsed() < kCodedHeaderBytes) return nullptr;
         uint32_t v[6];
         std::memcpy(v, header->getBuffer() + 4, sizeof v);
@@ -160,14 +171,17 @@ public:
 
     static void registerOnce() {
         static const bool done = [] {
-            Zn::AudioDecoderInfo::instance().registerFactory(Zn::Ptr<Zn::iAudioDecoderFactory>(new TbcFactory));
+            Zn::AudioDecoderInfo::instance().registerFactory(
+                Zn::Ptr<Zn::iAudioDecoderFactory>(new TbcFactory));
             return true;
         }();
         (void)done;
     }
 };
 
-inline WString wide(const std::string& s) { return WString(std::wstring(s.begin(), s.end())); }
+inline WString wide(const std::string& s) {
+    return WString(std::wstring(s.begin(), s.end()));
+}
 
 // Opens a file made by writeWav or writeCoded: one readable audio stream, then
 // extraStreams more that are described but cannot be read.
@@ -178,7 +192,8 @@ public:
           Zn::AudioReader(getMetadata()->getAudioMetadata()) {
         fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
         uint8_t head[44] = {};
-        if (fd_ < 0 || ::pread(fd_, head, sizeof head, 0) < 28) throw std::runtime_error("cannot open " + path);
+        if (fd_ < 0 || ::pread(fd_, head, sizeof head, 0) < 28)
+            throw std::runtime_error("cannot open " + path);
         std::vector<Aud::Metadata> streams;
         Zn::Ptr<iMemHolder> header;
         if (std::memcmp(head, "RIFF", 4) == 0) {
@@ -203,7 +218,8 @@ public:
             dataAt_ = kCodedHeaderBytes;
             header = Zn::Ptr<iMemHolder>(new ByteBufferImpl(head, kCodedHeaderBytes));
         }
-        for (uint32_t i = 0; i < extraStreams; ++i) streams.emplace_back(48000, 2, 2);
+        for (uint32_t i = 0; i < extraStreams; ++i)
+            streams.emplace_back(48000, 2, 2);
         getMetadata()->setAudioMetadata(std::move(streams));
         if (header) {
             TbcFactory::registerOnce();
@@ -213,7 +229,9 @@ public:
     ~AudioFileReader() override { ::close(fd_); }
 
     String getReaderName() const override { return "audio-test"; }
-    void readAudio(Zn::Ptr<AudioReadRequest>& request) override { Zn::AudioReader::readAudio(request); }
+    void readAudio(Zn::Ptr<AudioReadRequest>& request) override {
+        Zn::AudioReader::readAudio(request);
+    }
 
     TbcCodec& codec() { return static_cast<TbcCodec&>(*getCodec(0)); }
     std::vector<uint64_t> takeBlocksRead() {
@@ -229,7 +247,8 @@ protected:
         delivered = 0;
         if (stream != 0 || !frameBytes_) return kFailed;
         ++sampleReads;
-        ssize_t got = ::pread(fd_, into, size_t(samples) * frameBytes_, off_t(dataAt_ + position * frameBytes_));
+        ssize_t got = ::pread(fd_, into, size_t(samples) * frameBytes_,
+                              off_t(dataAt_ + position * frameBytes_));
         if (got < 0) return kFailed;
         delivered = uint32_t(got / frameBytes_);
         return kSuccess;
@@ -242,7 +261,8 @@ protected:
             blocksRead_.push_back(block);
         }
         data.resize(blockBytes_);
-        return ::pread(fd_, data.data(), blockBytes_, off_t(dataAt_ + block * blockBytes_)) == ssize_t(blockBytes_)
+        return ::pread(fd_, data.data(), blockBytes_, off_t(dataAt_ + block * blockBytes_)) ==
+                       ssize_t(blockBytes_)
                    ? kSuccess
                    : kFailed;
     }

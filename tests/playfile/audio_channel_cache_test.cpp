@@ -21,7 +21,8 @@ Aud::StreamBufferList block(uint32_t channels, uint32_t samples) {
     Aud::StreamBufferList list;
     for (uint32_t c = 0; c < channels; ++c) {
         Zn::Ptr<iMemHolder> mem(new ByteBufferImpl(samples * 2));
-        for (uint32_t i = 0; i < samples; ++i) reinterpret_cast<uint16_t*>(mem->getBuffer())[i] = uint16_t(c * 1000 + i);
+        for (uint32_t i = 0; i < samples; ++i)
+            reinterpret_cast<uint16_t*>(mem->getBuffer())[i] = uint16_t(c * 1000 + i);
         mem->setUsed(samples * 2);
         list.add(Aud::StreamBuffer(mem, 1, samples, 0, 7));
     }
@@ -87,7 +88,10 @@ TEST(AudioChannelCache, AnswersWithTheCachedBufferOrAViewIntoIt) {
 TEST(AudioChannelCache, GetBuffersHandsOutTheStreamsListForFillingInPlace) {
     AudioChannelCache cache;
     Aud::StreamBufferList& list = cache.getBuffers(request(1, 0, 300, 50));
-    for (const Aud::StreamBuffer& b : block(2, 50)) list.add(b);
+    for (const Aud::StreamBuffer& b : block(2, 50))
+        list.add(b);
     EXPECT_TRUE(cache.contains(request(1, 1, 320, 30)));
-    EXPECT_EQ(reinterpret_cast<const uint16_t*>(cache.getResult(request(1, 1, 320, 30), 2).getData())[0], 1020);
+    EXPECT_EQ(
+        reinterpret_cast<const uint16_t*>(cache.getResult(request(1, 1, 320, 30), 2).getData())[0],
+        1020);
 }

@@ -17,8 +17,8 @@ struct Opened {
     Opened(const std::string& path, uint32_t extraStreams = 0)
         : reader(Zn::makePtr<AudioFileReader>(path, extraStreams)), file(reader) {}
 
-    Zn::Ptr<AudioReadRequest> request(uint32_t stream, uint32_t channel, uint64_t start, uint32_t count,
-                                      RecordingIssuer* by) {
+    Zn::Ptr<AudioReadRequest> request(uint32_t stream, uint32_t channel, uint64_t start,
+                                      uint32_t count, RecordingIssuer* by) {
         AudioRequest r;
         r.stream = stream;
         r.channel = channel;
@@ -27,8 +27,8 @@ struct Opened {
         return Zn::makePtr<AudioReadRequest>(file, r, count, by ? by->getProxy() : nullptr);
     }
     // Reads on this thread, as the queue's thread would. The issuer keeps the last result.
-    Zn::Ptr<AudioReadRequest> read(uint32_t channel, uint64_t start, uint32_t count, uint32_t stream = 0,
-                                   bool withIssuer = true) {
+    Zn::Ptr<AudioReadRequest> read(uint32_t channel, uint64_t start, uint32_t count,
+                                   uint32_t stream = 0, bool withIssuer = true) {
         auto r = request(stream, channel, start, count, withIssuer ? &issuer : nullptr);
         reader->readAudio(r);
         return r;
@@ -51,12 +51,14 @@ void expectStream(const AudioReadRequest& r, uint32_t n, uint32_t bytes) {
     ASSERT_GE(r.getResult().getSampleCount(), n);
     const uint32_t mask = bytes == 4 ? ~0u : (1u << (8 * bytes)) - 1;
     for (uint32_t i = 0; i < n; ++i)
-        ASSERT_EQ(sampleAt(r, i, bytes), sampleOf(r.start + i, r.channel) & mask) << "sample " << r.start + i;
+        ASSERT_EQ(sampleAt(r, i, bytes), sampleOf(r.start + i, r.channel) & mask)
+            << "sample " << r.start + i;
 }
 
 std::vector<uint64_t> range(uint64_t from, uint64_t to) {
     std::vector<uint64_t> v;
-    for (uint64_t b = from; b <= to; ++b) v.push_back(b);
+    for (uint64_t b = from; b <= to; ++b)
+        v.push_back(b);
     return v;
 }
 
@@ -100,7 +102,8 @@ TEST(AudioReader, StreamsNotPlayedShareGrowingSilenceAndABadStreamFailsWithItsLo
         EXPECT_EQ((*r)->getUsed(), 400u);
     }
     EXPECT_EQ(first->getBuffer(), second->getBuffer());
-    for (uint32_t i = 0; i < 400; ++i) ASSERT_EQ(first->getBuffer()[i], 0);
+    for (uint32_t i = 0; i < 400; ++i)
+        ASSERT_EQ(first->getBuffer()[i], 0);
     auto grown = f.read(0, 0, 200, 99);
     EXPECT_EQ(grown->getUsed(), 800u);
     EXPECT_EQ(first->getUsed(), 400u); // the earlier result keeps its buffer
@@ -153,7 +156,8 @@ TEST(AudioReader, ACodecThatGivesNothingForNineStepsFailsTheRead) {
     auto r = f.read(0, 0, 1000);
     EXPECT_EQ(r->getStatus(), Failed);
     EXPECT_EQ(f.reader->codec().decodes, 9);
-    EXPECT_EQ(f.reader->takeBlocksRead(), std::vector<uint64_t>(9, 0)); // the same block offered again
+    EXPECT_EQ(f.reader->takeBlocksRead(),
+              std::vector<uint64_t>(9, 0)); // the same block offered again
     EXPECT_EQ(log.count("** disk read error 0x0\n"), 1u);
     EXPECT_EQ(f.issuer.calls(), 1);
 }
@@ -197,17 +201,22 @@ TEST_P(AudioReaderJoins, NoSampleIsLostOrDuplicatedBetweenRequests) {
         for (uint32_t c = 0; c < channels; ++c) {
             ASSERT_EQ(span[c]->getStatus(), Complete);
             ASSERT_GE(span[c]->getResult().getSampleCount(), count);
-            for (uint32_t i = 0; i < count; ++i) got[c].push_back(sampleAt(*span[c], i, bytes));
+            for (uint32_t i = 0; i < count; ++i)
+                got[c].push_back(sampleAt(*span[c], i, bytes));
         }
-        if (f.reader->isCompressed(0) && resetsAfterFirst < 0) resetsAfterFirst = f.reader->codec().resets;
+        if (f.reader->isCompressed(0) && resetsAfterFirst < 0)
+            resetsAfterFirst = f.reader->codec().resets;
     }
     const uint32_t mask = (1u << (8 * bytes)) - 1;
     for (uint32_t c = 0; c < channels; ++c) {
         ASSERT_EQ(got[c].size(), length);
-        for (uint64_t s = 0; s < length; ++s) ASSERT_EQ(got[c][s], sampleOf(s, c) & mask) << "channel " << c << " sample " << s;
+        for (uint64_t s = 0; s < length; ++s)
+            ASSERT_EQ(got[c][s], sampleOf(s, c) & mask) << "channel " << c << " sample " << s;
     }
-    if (f.reader->isCompressed(0)) EXPECT_EQ(f.reader->codec().resets, resetsAfterFirst); // forwards: no resets
-    else EXPECT_EQ(f.reader->sampleReads, chunks); // one read per span
+    if (f.reader->isCompressed(0))
+        EXPECT_EQ(f.reader->codec().resets, resetsAfterFirst); // forwards: no resets
+    else
+        EXPECT_EQ(f.reader->sampleReads, chunks); // one read per span
 }
 
 INSTANTIATE_TEST_SUITE_P(PlainCodedCodedInterleaved, AudioReaderJoins, testing::Values(0, 1, 2));
@@ -218,7 +227,7 @@ TEST(AudioReader, ABlockNobodyUsesIsWrittenAgainAndOneInUseIsLeftAlone) {
     Opened f(dir.file("r.wav"));
     const uint8_t* first = f.read(0, 0, 1000, 0, false)->getBuffer();
     auto second = f.read(0, 1000, 1000, 0, false);
-    EXPECT_EQ(second->getBuffer(), first); // the same memory, written again
+    EXPECT_EQ(second->getBuffer(), first);        // the same memory, written again
     auto third = f.read(0, 2000, 1000, 0, false); // second still holds its block
     EXPECT_NE(third->getBuffer(), second->getBuffer());
     expectStream(*second, 1000, 2);
