@@ -8,9 +8,10 @@
 // Zn::AudioReader.
 #pragma once
 
+#include "FrameFileReader.h"
+
 #include "host/media/AudioDecoderInfo.h"
 #include "playfile/audio/AudioReader.h"
-#include "playfile/open/FileReadInstance.h"
 
 #include <atomic>
 #include <cstring>
@@ -19,6 +20,7 @@
 #include <stdexcept>
 #include <string>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace test_audio {
@@ -43,25 +45,18 @@ inline void writeAll(const std::string& path, const std::vector<uint8_t>& bytes)
 }
 
 // A 44-byte RIFF header and the samples, interleaved.
-inline void writeWav(const std::string& path, uint32_t channels, uint32_t bytesPerSample,
-                     uint64_t samples) {
+inline void writeWav(const std::string& path, uint32_t channels, uint32_t bytes, uint64_t samples) {
     std::vector<uint8_t> f;
-    const uint32_t data = uint32_t(samples * channels * bytesPerSample);
-    f.insert(f.end(), {'R', 'I', 'F', 'F'});
-    put(f, 36 + data, 4);
-    f.insert(f.end(), {'W', 'A', 'V', 'E', 'f', 'm', 't', ' '});
-    put(f, 16, 4);
-    put(f, 1, 2);
-    put(f, channels, 2);
-    put(f, 48000, 4);
-    put(f, 48000 * channels * bytesPerSample, 4);
-    put(f, channels * bytesPerSample, 2);
-    put(f, bytesPerSample * 8, 2);
-    f.insert(f.end(), {'d', 'a', 't', 'a'});
-    put(f, data, 4);
+    const uint32_t frame = channels * bytes, data = uint32_t(samples * frame);
+    const std::pair<uint32_t, unsigned> header[] = {
+        {0x46464952, 4}, {36 + data, 4},  {0x45564157, 4}, {0x20746d66, 4},    {16, 4},
+        {1, 2},          {channels, 2},   {48000, 4},      {48000 * frame, 4}, {frame, 2},
+        {bytes * 8, 2},  {0x61746164, 4}, {data, 4}};
+    for (auto [value, size] : header)
+        put(f, value, size);
     for (uint64_t s = 0; s < samples; ++s)
         for (uint32_t c = 0; c < channels; ++c)
-            put(f, sampleOf(s, c), bytesPerSample);
+            put(f, sampleOf(s, c), bytes);
     writeAll(path, f);
 }
 
@@ -168,62 +163,50 @@ public:
         std::memcpy(v, header->getBuffer() + 4, sizeof v);
         return Zn::Ptr<Zn::AudioCodecInstance>(new TbcCodec(v[0], v[1], v[2], v[3], v[4]));
     }
-
-    static void registerOnce() {
-        static const bool done = [] {
-            Zn::AudioDecoderInfo::instance().registerFactory(
-                Zn::Ptr<Zn::iAudioDecoderFactory>(new TbcFactory));
-            return true;
-        }();
-        (void)done;
-    }
 };
-
-inline WString wide(const std::string& s) {
-    return WString(std::wstring(s.begin(), s.end()));
-}
 
 // Opens a file made by writeWav or writeCoded: one readable audio stream, then
 // extraStreams more that are described but cannot be read.
 class AudioFileReader : public FileReadInstance, public Zn::AudioReader {
 public:
     AudioFileReader(const std::string& path, uint32_t extraStreams = 0)
-        : FileReadInstance(wide(path), DecodeFormat::getDefault(), OpenType::kAudio),
+        : FileReadInstance(test_backend::wide(path), DecodeFormat::getDefault(), OpenType::kAudio),
           Zn::AudioReader(getMetadata()->getAudioMetadata()) {
         fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
         uint8_t head[44] = {};
         if (fd_ < 0 || ::pread(fd_, head, sizeof head, 0) < 28)
             throw std::runtime_error("cannot open " + path);
+        auto field = [&](int at, int size) {
+            uint32_t v = 0;
+            std::memcpy(&v, head + at, size);
+            return v;
+        };
         std::vector<Aud::Metadata> streams;
-        Zn::Ptr<iMemHolder> header;
         if (std::memcmp(head, "RIFF", 4) == 0) {
-            uint16_t channels, bits;
-            std::memcpy(&channels, head + 22, 2);
-            std::memcpy(&bits, head + 34, 2);
-            uint32_t data;
-            std::memcpy(&data, head + 40, 4);
-            frameBytes_ = channels * (bits / 8u);
+            frameBytes_ = field(32, 2);
             dataAt_ = 44;
-            streams.emplace_back(48000, channels, bits / 8u, Aud::kSampleInt, data / frameBytes_);
+            streams.emplace_back(48000, field(22, 2), field(34, 2) / 8, Aud::kSampleInt,
+                                 field(40, 4) / frameBytes_);
         } else {
-            uint32_t v[6];
-            std::memcpy(v, head + 4, sizeof v);
-            Aud::Metadata m(48000, v[0], 2);
+            Aud::Metadata m(48000, field(4, 4), 2);
             m.compressed = true;
-            m.samplesPerBlock = v[1];
+            m.samplesPerBlock = field(8, 4);
             m.codec = "tbc";
             streams.push_back(m);
-            blockBytes_ = codedBlockBytes(v[0], v[1]);
-            blocks_ = v[5];
+            blockBytes_ = codedBlockBytes(field(4, 4), field(8, 4));
+            blocks_ = field(24, 4);
             dataAt_ = kCodedHeaderBytes;
-            header = Zn::Ptr<iMemHolder>(new ByteBufferImpl(head, kCodedHeaderBytes));
         }
         for (uint32_t i = 0; i < extraStreams; ++i)
             streams.emplace_back(48000, 2, 2);
         getMetadata()->setAudioMetadata(std::move(streams));
-        if (header) {
-            TbcFactory::registerOnce();
-            if (!initAudioCodec(0, header)) throw std::runtime_error("no tbc codec");
+        if (blockBytes_) {
+            static const bool registered =
+                (Zn::AudioDecoderInfo::instance().registerFactory(new TbcFactory), true);
+            (void)registered;
+            if (!initAudioCodec(0,
+                                Zn::Ptr<iMemHolder>(new ByteBufferImpl(head, kCodedHeaderBytes))))
+                throw std::runtime_error("no tbc codec");
         }
     }
     ~AudioFileReader() override { ::close(fd_); }

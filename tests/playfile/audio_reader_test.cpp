@@ -55,12 +55,7 @@ void expectStream(const AudioReadRequest& r, uint32_t n, uint32_t bytes) {
             << "sample " << r.start + i;
 }
 
-std::vector<uint64_t> range(uint64_t from, uint64_t to) {
-    std::vector<uint64_t> v;
-    for (uint64_t b = from; b <= to; ++b)
-        v.push_back(b);
-    return v;
-}
+using Blocks = std::vector<uint64_t>;
 
 } // namespace
 
@@ -125,22 +120,22 @@ TEST(AudioReader, CompressedReadsDecodeOnForwardsAndResetWithPreRollForAJump) {
     TbcCodec& codec = f.reader->codec();
 
     expectStream(*f.read(0, 0, 2560), 2560, 2); // blocks 0..9
-    EXPECT_EQ(f.reader->takeBlocksRead(), range(0, 9));
+    EXPECT_EQ(f.reader->takeBlocksRead(), (Blocks{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
     expectStream(*f.read(1, 0, 2560), 2560, 2);
     EXPECT_TRUE(f.reader->takeBlocksRead().empty());
 
     expectStream(*f.read(0, 2560, 512), 512, 2); // blocks 10 and 11 continue
-    EXPECT_EQ(f.reader->takeBlocksRead(), range(10, 11));
+    EXPECT_EQ(f.reader->takeBlocksRead(), (Blocks{10, 11}));
     EXPECT_EQ(codec.resets, 0);
 
     auto jump = f.read(1, 20 * 256, 256); // block 20: block 19 decoded first, thrown away
-    EXPECT_EQ(f.reader->takeBlocksRead(), range(19, 20));
+    EXPECT_EQ(f.reader->takeBlocksRead(), (Blocks{19, 20}));
     EXPECT_EQ(codec.resets, 1);
     expectStream(*jump, 256, 2);
     EXPECT_EQ(jump->getResult().getSampleCount(), 256u);
 
     expectStream(*f.read(0, 0, 100), 100, 2); // back to the start: reset, no pre-roll
-    EXPECT_EQ(f.reader->takeBlocksRead(), range(0, 0));
+    EXPECT_EQ(f.reader->takeBlocksRead(), Blocks{0});
     EXPECT_EQ(codec.resets, 2);
 }
 
@@ -156,8 +151,7 @@ TEST(AudioReader, ACodecThatGivesNothingForNineStepsFailsTheRead) {
     auto r = f.read(0, 0, 1000);
     EXPECT_EQ(r->getStatus(), Failed);
     EXPECT_EQ(f.reader->codec().decodes, 9);
-    EXPECT_EQ(f.reader->takeBlocksRead(),
-              std::vector<uint64_t>(9, 0)); // the same block offered again
+    EXPECT_EQ(f.reader->takeBlocksRead(), Blocks(9, 0)); // the same block offered again
     EXPECT_EQ(log.count("** disk read error 0x0\n"), 1u);
     EXPECT_EQ(f.issuer.calls(), 1);
 }
