@@ -30,6 +30,8 @@ namespace Zn {
 // holds it from start to end, the issuers' callbacks included, and it guards every field
 // below as well as the cache. An issuer must therefore not wait, inside its callback, for
 // another request of the same file. The raw reads and the codecs are called under it.
+// It may be taken with no other lock of the library held (the audio queue's lock is never
+// held while reading); taken under it: each request's lock, the codec registry's lock.
 class AudioReader : public AudioChannelCache {
 public:
     enum eResult : int {
