@@ -143,11 +143,22 @@ void ThreadEvent::unlink(Link& l) noexcept {
 }
 
 void ThreadEvent::wakeLinked() noexcept {
-    std::lock_guard<std::mutex> lock(linksMutex_);
-    for (Link* l = links_; l; l = l->next) {
-        l->sleeper->wakes.fetch_add(1, std::memory_order_seq_cst);
-        futex::wakeOne(l->sleeper->wakes);
+    // The wake counts change under the lock, but the futex calls come after it: a woken
+    // waitForAny unlinks straight away and would otherwise block on this lock. Waking an
+    // address whose sleeper has meanwhile gone is harmless: futex waiters re-check their
+    // word, so at worst a later sleeper on the same stack address wakes once for nothing.
+    constexpr size_t kBatch = 8;
+    std::atomic<uint32_t>* words[kBatch];
+    size_t n = 0;
+    {
+        std::lock_guard<std::mutex> lock(linksMutex_);
+        for (Link* l = links_; l; l = l->next) {
+            l->sleeper->wakes.fetch_add(1, std::memory_order_seq_cst);
+            if (n < kBatch) words[n++] = &l->sleeper->wakes;
+            else futex::wakeOne(l->sleeper->wakes);
+        }
     }
+    for (size_t i = 0; i < n; ++i) futex::wakeOne(*words[i]);
 }
 
 int iThreadEvent::waitForAny(const Zn::Ptr<iThreadEvent>* events, size_t count,

@@ -1,0 +1,49 @@
+// What FFmpeg's own program says about a file, for the FFmpeg engine's tests: the MD5 of
+// every video frame it shows (framemd5, native pixel format, no frame dropped or
+// repeated) and the samples it decodes from an audio stream.
+#pragma once
+
+#include "backends/ffmpeg/FfmpegCommon.h"
+#include "support/Command.h"
+
+#include <string>
+#include <vector>
+
+namespace ffmpeg_oracle {
+
+// FFmpeg's complaints about the damaged files the tests make are expected: keep them out
+// of the test output.
+inline const bool kQuiet = (ffmpeg_engine::routeFfmpegLog(AV_LOG_QUIET, nullptr), true);
+
+// One framemd5 line per shown frame of the first video stream: its MD5.
+inline std::vector<std::string> frameMd5s(const std::string& path) {
+    using namespace testing_support;
+    auto r = runCommand("ffmpeg -nostdin -v error -i " + shellQuote(path) +
+                        " -map 0:v:0 -fps_mode passthrough -f framemd5 - 2>/dev/null");
+    std::vector<std::string> md5s;
+    size_t at = 0;
+    while (at < r.out.size()) {
+        size_t end = r.out.find('\n', at);
+        if (end == std::string::npos) end = r.out.size();
+        std::string line = r.out.substr(at, end - at);
+        at = end + 1;
+        if (line.empty() || line[0] == '#') continue;
+        size_t comma = line.rfind(',');
+        if (comma == std::string::npos) continue;
+        size_t b = line.find_first_not_of(' ', comma + 1);
+        md5s.push_back(line.substr(b));
+    }
+    return md5s;
+}
+
+// The raw samples FFmpeg decodes from audio stream `stream`, interleaved, in the raw
+// format `format` ("f32le", "s16le", "s32le", "u8", "f64le").
+inline std::string decodedSamples(const std::string& path, int stream, const std::string& format) {
+    using namespace testing_support;
+    std::string codec = format == "u8" ? "pcm_u8" : "pcm_" + format;
+    return runCommand("ffmpeg -nostdin -v error -i " + shellQuote(path) + " -map 0:a:" + std::to_string(stream) +
+                      " -c:a " + codec + " -f " + format + " - 2>/dev/null")
+        .out;
+}
+
+} // namespace ffmpeg_oracle

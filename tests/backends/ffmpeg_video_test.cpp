@@ -1,0 +1,326 @@
+// The FFmpeg engine's video against FFmpeg itself: for files made by the ffmpeg program in
+// every family the back-end must read, every frame decoded in order, in reverse and at
+// random has the MD5 that `ffmpeg -f framemd5` prints for the same frame number.
+#include "FfmpegOracle.h"
+#include "backends/ffmpeg/FfmpegEngine.h"
+#include "support/Command.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <thread>
+
+extern "C" {
+#include <libavutil/pixdesc.h>
+}
+
+using namespace testing_support;
+using namespace ffmpeg_engine;
+
+namespace {
+
+// Small pictures with detail in every plane and motion, so every frame differs.
+const std::string kSource = "-f lavfi -i testsrc2=size=176x144:rate=25:duration=2 ";
+
+std::shared_ptr<const MediaIndex> openIndex(const std::string& path) {
+    auto index = FfmpegSource::open(path);
+    EXPECT_TRUE(index) << path << ": " << index.error;
+    return index ? index.value : nullptr;
+}
+
+std::string md5Of(FfmpegVideoDecoder& d, int frame) {
+    auto picture = d.decodeFrame(frame);
+    if (!picture) return "failed: " + picture.error;
+    return pictureMd5(*picture.value);
+}
+
+// Every frame in order, in reverse and at random, each from a fresh decoder: in reverse
+// and at random without the frame cache, so that each read seeks and decodes.
+void expectEveryFrame(const std::string& path, VideoDecoderOptions options = {}) {
+    SCOPED_TRACE(path);
+    const std::vector<std::string> want = ffmpeg_oracle::frameMd5s(path);
+    ASSERT_FALSE(want.empty());
+    auto index = openIndex(path);
+    ASSERT_TRUE(index && index->video);
+    ASSERT_EQ(index->video->frameCount(), int(want.size()));
+    const int n = int(want.size());
+
+    auto inOrder = FfmpegVideoDecoder::open(index, options);
+    ASSERT_TRUE(inOrder) << inOrder.error;
+    for (int k = 0; k < n; ++k) ASSERT_EQ(md5Of(*inOrder.value, k), want[size_t(k)]) << "in order, frame " << k;
+    EXPECT_EQ(inOrder.value->stats().sessions, 1) << "reading in order never restarts";
+
+    options.cacheBytes = 0;
+    auto reverse = FfmpegVideoDecoder::open(index, options);
+    ASSERT_TRUE(reverse) << reverse.error;
+    for (int k = n - 1; k >= 0; --k) ASSERT_EQ(md5Of(*reverse.value, k), want[size_t(k)]) << "in reverse, frame " << k;
+
+    auto random = FfmpegVideoDecoder::open(index, options);
+    ASSERT_TRUE(random) << random.error;
+    std::mt19937 rng(20240607);
+    for (int i = 0; i < 40; ++i) {
+        const int k = int(rng() % unsigned(n));
+        ASSERT_EQ(md5Of(*random.value, k), want[size_t(k)]) << "at random, frame " << k;
+    }
+}
+
+std::string make(const TempDir& dir, const std::string& name, const std::string& args,
+                 const std::string& source = kSource) {
+    const std::string path = dir.file(name);
+    EXPECT_TRUE(ffmpeg(source + args + " " + shellQuote(path))) << name;
+    return path;
+}
+
+} // namespace
+
+TEST(FfmpegVideo, H264WithBFramesInMp4MkvAndTransportStream) {
+    TempDir dir;
+    const std::string closed = "-c:v libx264 -preset veryfast -g 12 -bf 3 -pix_fmt yuv420p";
+    const std::string open = closed + " -x264-params open_gop=1";
+    expectEveryFrame(make(dir, "closed.mp4", closed));
+    expectEveryFrame(make(dir, "closed.mkv", closed));
+    expectEveryFrame(make(dir, "open.mp4", open));
+    expectEveryFrame(make(dir, "open.mkv", open));
+    expectEveryFrame(make(dir, "open.ts", open + " -output_ts_offset 10"));
+}
+
+TEST(FfmpegVideo, HevcAndMpeg2) {
+    TempDir dir;
+    expectEveryFrame(make(dir, "hevc.mkv", "-c:v libx265 -preset ultrafast -x265-params log-level=error:keyint=12:min-keyint=12:bframes=3 -pix_fmt yuv420p"));
+    expectEveryFrame(make(dir, "hevc.mp4", "-c:v libx265 -preset ultrafast -x265-params log-level=error:keyint=12:min-keyint=12:bframes=3:open-gop=1 -pix_fmt yuv420p -tag:v hvc1"));
+    expectEveryFrame(make(dir, "mpeg2.ts", "-c:v mpeg2video -g 12 -bf 2 -q:v 4 -output_ts_offset 10"));
+}
+
+TEST(FfmpegVideo, IntraCodecs) {
+    TempDir dir;
+    expectEveryFrame(make(dir, "prores.mov", "-c:v prores_ks -profile:v 0"));
+    // DNxHR needs at least 256x120.
+    expectEveryFrame(make(dir, "dnxhr.mov", "-c:v dnxhd -profile:v dnxhr_lb -pix_fmt yuv422p",
+                          "-f lavfi -i testsrc2=size=256x144:rate=25:duration=1 "));
+    expectEveryFrame(make(dir, "mjpeg.avi", "-c:v mjpeg -q:v 4 -pix_fmt yuvj420p"));
+    expectEveryFrame(make(dir, "ffv1.mkv", "-c:v ffv1 -level 3 -g 1 -slices 4"));
+    expectEveryFrame(make(dir, "raw.y4m", "-pix_fmt yuv420p"));
+}
+
+// Frame numbering where timestamps are not simply 0, 1, 2...: variable frame rate, edit
+// lists (a stream-copied cut, an offset), and a transport stream that starts mid-group.
+TEST(FfmpegVideo, TimestampsThatAreNotRegular) {
+    TempDir dir;
+    const std::string h264 = "-c:v libx264 -preset veryfast -g 12 -bf 3 -pix_fmt yuv420p -x264-params open_gop=1";
+    const std::string vfr = "-vf \"select='not(mod(n\\,3))+not(mod(n\\,7))'\" -fps_mode vfr " + h264;
+    expectEveryFrame(make(dir, "vfr.mp4", vfr));
+    expectEveryFrame(make(dir, "vfr.mkv", vfr));
+
+    const std::string withAudio = "-f lavfi -i testsrc2=size=176x144:rate=25:duration=3 "
+                                  "-f lavfi -i sine=frequency=440:sample_rate=48000:duration=3 ";
+    const std::string source = make(dir, "source.mp4", h264 + " -c:a aac -b:a 64k", withAudio);
+    const std::string cut = dir.file("cut.mp4");
+    ASSERT_TRUE(ffmpeg("-ss 1.3 -i " + shellQuote(source) + " -c copy " + shellQuote(cut)));
+    expectEveryFrame(cut);
+    const std::string cutMkv = dir.file("cut.mkv");
+    ASSERT_TRUE(ffmpeg("-ss 1.3 -i " + shellQuote(source) + " -c copy " + shellQuote(cutMkv)));
+    expectEveryFrame(cutMkv);
+    const std::string offset = dir.file("offset.mp4");
+    ASSERT_TRUE(ffmpeg("-itsoffset 0.5 -i " + shellQuote(source) + " -c copy " + shellQuote(offset)));
+    expectEveryFrame(offset);
+
+    // A recording that begins in the middle of a group: the first packets cannot decode.
+    const std::string ts = make(dir, "whole.ts", h264 + " -bf 2");
+    const std::string tail = dir.file("tail.ts");
+    ASSERT_EQ(runCommand("tail -c +" + std::to_string(188 * 60 + 1) + " " + shellQuote(ts) + " > " +
+                         shellQuote(tail)).exitCode, 0);
+    expectEveryFrame(tail);
+}
+
+// Streams without presentation times: H.264 and MPEG-2 elementary streams (none, or only
+// some), AVI with B-frames (decode times only), and Xvid's packed B-frames, where the
+// decoder shows each picture a packet late. The order comes from one decoding pass at
+// open; seeking falls back on byte positions; packed streams decode from the start.
+TEST(FfmpegVideo, StreamsWithoutPresentationTimes) {
+    TempDir dir;
+    const std::string h264 = make(dir, "raw.h264", "-c:v libx264 -preset veryfast -g 12 -bf 3 -pix_fmt yuv420p");
+    expectEveryFrame(h264);
+    auto index = openIndex(h264);
+    ASSERT_TRUE(index);
+    EXPECT_TRUE(index->video->orderFromDecoder);
+    expectEveryFrame(make(dir, "raw.m2v", "-c:v mpeg2video -g 12 -bf 2"));
+    expectEveryFrame(make(dir, "mpeg4.avi", "-c:v mpeg4 -g 12 -bf 2"));
+    expectEveryFrame(make(dir, "xvid.avi", "-c:v libxvid -g 12 -bf 2"));
+}
+
+// Group decoding as the streaming reader uses it, with every threading choice: the frames
+// come in order, each exactly once, equal to FFmpeg's; a refusing callback stops it.
+TEST(FfmpegVideo, DecodeRangeByGroupsWithEveryThreading) {
+    TempDir dir;
+    const std::string path = make(dir, "open.mkv", "-c:v libx264 -preset veryfast -g 12 -bf 3 -pix_fmt yuv420p "
+                                                   "-x264-params open_gop=1");
+    const std::vector<std::string> want = ffmpeg_oracle::frameMd5s(path);
+    auto index = openIndex(path);
+    ASSERT_TRUE(index);
+    const VideoTrack& v = *index->video;
+    ASSERT_EQ(v.frameCount(), int(want.size()));
+
+    struct Mode { Threading threading; int threads; bool skip; };
+    for (Mode m : {Mode{Threading::Single, 1, false}, Mode{Threading::Slice, 2, false},
+                   Mode{Threading::Frame, 3, true}}) {
+        SCOPED_TRACE(threadingName(m.threading));
+        VideoDecoderOptions options;
+        options.threading = m.threading;
+        options.threads = m.threads;
+        options.skipUnneededAfterSeek = m.skip;
+        options.cacheBytes = 0;
+        auto d = FfmpegVideoDecoder::open(index, options);
+        ASSERT_TRUE(d) << d.error;
+        EXPECT_EQ(d.value->threading(), m.threading);
+        // Groups from the last to the first, so that every group starts with a seek.
+        std::vector<std::pair<int, int>> groups;
+        for (int k = 0; k < v.frameCount(); k = v.groupOf(k).second + 1) groups.push_back(v.groupOf(k));
+        ASSERT_GT(groups.size(), 3u);
+        for (auto [first, last] : groups) {
+            // Open GOP: a group starts at its key frame, and the pictures shown before
+            // the next key frame but decoded after it belong to it too.
+            EXPECT_TRUE(v.frames[size_t(first)].isKey()) << first;
+            EXPECT_EQ(v.keyFrameOf(last), first);
+            EXPECT_EQ(v.groupStart(last), first);
+        }
+        for (auto g = groups.rbegin(); g != groups.rend(); ++g) {
+            int expected = g->first;
+            auto got = d.value->decodeRange(g->first, g->second, [&](int k, const AVFrame* picture) {
+                EXPECT_EQ(k, expected++);
+                EXPECT_EQ(pictureMd5(*picture), want[size_t(k)]) << "frame " << k;
+                return true;
+            });
+            ASSERT_TRUE(got) << got.error;
+            EXPECT_EQ(got.value, g->second - g->first + 1);
+        }
+        // Every group decodes from its own start, except that H.264 holds back the pictures
+        // after the last open-GOP I-frame at the end of the stream unless decoding began
+        // a group earlier: one more start for the last group.
+        EXPECT_LE(d.value->stats().sessions, int64_t(groups.size()) + 1);
+
+        // A range across groups, stopped by the callback after three frames.
+        int seen = 0;
+        auto stopped = d.value->decodeRange(5, 30, [&](int, const AVFrame*) { return ++seen < 3; });
+        ASSERT_TRUE(stopped) << stopped.error;
+        EXPECT_EQ(stopped.value, 3);
+        // And carrying on from there costs no new start.
+        const int64_t sessions = d.value->stats().sessions;
+        auto next = d.value->decodeFrame(8);
+        ASSERT_TRUE(next) << next.error;
+        EXPECT_EQ(pictureMd5(*next.value), want[8]);
+        EXPECT_EQ(d.value->stats().sessions, sessions);
+    }
+    auto bad = FfmpegVideoDecoder::open(index);
+    ASSERT_TRUE(bad);
+    EXPECT_FALSE(bad.value->decodeRange(10, 5, [](int, const AVFrame*) { return true; }));
+    EXPECT_FALSE(bad.value->decodeRange(0, v.frameCount(), [](int, const AVFrame*) { return true; }));
+    EXPECT_FALSE(bad.value->decodeFrame(-1));
+    EXPECT_FALSE(bad.value->decodeFrame(v.frameCount()));
+}
+
+// Stepping back one frame at a time through a long group is served from the frames kept
+// on the way, not by decoding the group again for every step.
+TEST(FfmpegVideo, SteppingBackUsesTheDecodedGroup) {
+    TempDir dir;
+    const std::string path = make(dir, "long.mp4", "-c:v libx264 -preset veryfast -g 50 -bf 3 -pix_fmt yuv420p");
+    const std::vector<std::string> want = ffmpeg_oracle::frameMd5s(path);
+    auto index = openIndex(path);
+    ASSERT_TRUE(index);
+    auto d = FfmpegVideoDecoder::open(index);
+    ASSERT_TRUE(d);
+    for (int k = 45; k >= 0; --k) ASSERT_EQ(md5Of(*d.value, k), want[size_t(k)]) << k;
+    EXPECT_EQ(d.value->stats().sessions, 1);
+    EXPECT_LE(d.value->stats().picturesDecoded, 46 + 4);
+    EXPECT_EQ(d.value->stats().cacheHits, 45);
+}
+
+// Intra-only frames read as compressed packets and decoded apart, by decoders on other
+// threads, each with its own codec context, in any order.
+TEST(FfmpegVideo, IntraPacketsDecodeOnOtherThreads) {
+    TempDir dir;
+    for (const std::string& path : {make(dir, "prores.mov", "-c:v prores_ks -profile:v 1"),
+                                    make(dir, "mjpeg.mov", "-c:v mjpeg -q:v 4 -pix_fmt yuvj422p")}) {
+        SCOPED_TRACE(path);
+        const std::vector<std::string> want = ffmpeg_oracle::frameMd5s(path);
+        auto index = openIndex(path);
+        ASSERT_TRUE(index);
+        ASSERT_TRUE(index->video->allFramesKey);
+        ASSERT_EQ(index->video->frameCount(), int(want.size()));
+        auto reader = FfmpegPacketReader::open(index);
+        ASSERT_TRUE(reader) << reader.error;
+        const int n = int(want.size());
+        std::vector<PacketPtr> packets(static_cast<size_t>(n));
+        for (int k = n - 1; k >= 0; --k) { // backwards: every read seeks
+            auto p = reader.value->readPacket(k);
+            ASSERT_TRUE(p) << p.error;
+            packets[size_t(k)] = std::move(p.value);
+        }
+        std::vector<std::string> got(static_cast<size_t>(n));
+        std::vector<std::thread> workers;
+        for (int t = 0; t < 2; ++t)
+            workers.emplace_back([&, t] {
+                auto decoder = FfmpegPacketDecoder::open(index);
+                if (!decoder) return;
+                for (int k = t; k < n; k += 2) {
+                    auto picture = decoder.value->decode(*packets[size_t(k)]);
+                    got[size_t(k)] = picture ? pictureMd5(*picture.value) : picture.error;
+                }
+            });
+        for (auto& w : workers) w.join();
+        for (int k = 0; k < n; ++k) EXPECT_EQ(got[size_t(k)], want[size_t(k)]) << "frame " << k;
+
+        // From plain bytes too, as a request's compressed buffer would hold them.
+        auto decoder = FfmpegPacketDecoder::open(index, Threading::Single);
+        ASSERT_TRUE(decoder);
+        auto fromBytes = decoder.value->decode(packets[7]->data, size_t(packets[7]->size));
+        ASSERT_TRUE(fromBytes) << fromBytes.error;
+        EXPECT_EQ(pictureMd5(*fromBytes.value), want[7]);
+        EXPECT_FALSE(decoder.value->decode(nullptr, 0));
+        EXPECT_FALSE(reader.value->readPacket(n));
+    }
+}
+
+// Conversion to requested formats matches FFmpeg's own conversion of the same frame.
+TEST(FfmpegVideo, ConvertedPicturesMatchFfmpegConversion) {
+    TempDir dir;
+    const std::string path = make(dir, "h264.mp4", "-c:v libx264 -preset veryfast -g 12 -pix_fmt yuv422p");
+    auto index = openIndex(path);
+    ASSERT_TRUE(index);
+    auto d = FfmpegVideoDecoder::open(index);
+    ASSERT_TRUE(d);
+    PictureConverter converter;
+    for (AVPixelFormat format : {AV_PIX_FMT_RGB24, AV_PIX_FMT_RGBA, AV_PIX_FMT_GRAY8, AV_PIX_FMT_YUV420P,
+                                 AV_PIX_FMT_BGR24}) {
+        const char* name = av_get_pix_fmt_name(format);
+        SCOPED_TRACE(name);
+        auto r = runCommand("ffmpeg -nostdin -v error -i " + shellQuote(path) + " -pix_fmt " + name +
+                            " -fps_mode passthrough -f framemd5 - 2>/dev/null");
+        std::vector<std::string> want;
+        for (size_t at = r.out.find("\n0,"); at != std::string::npos; at = r.out.find("\n0,", at + 1))
+            want.push_back(r.out.substr(r.out.find_first_not_of(' ', r.out.rfind(',', r.out.find('\n', at + 1)) + 1), 32));
+        ASSERT_EQ(int(want.size()), d.value->frameCount());
+        for (int k : {0, 13, int(want.size()) - 1}) {
+            auto picture = d.value->decodeFrame(k);
+            ASSERT_TRUE(picture) << picture.error;
+            auto converted = converter.convert(*picture.value, format);
+            ASSERT_TRUE(converted) << converted.error;
+            EXPECT_EQ(converted.value->format, format);
+            EXPECT_EQ(pictureMd5(*converted.value), want[size_t(k)]) << "frame " << k;
+            const std::vector<uint8_t> packed = packPicture(*converted.value);
+            EXPECT_EQ(int(packed.size()), packedSize(format, 176, 144));
+        }
+    }
+    auto picture = d.value->decodeFrame(0);
+    ASSERT_TRUE(picture);
+    auto small = converter.convert(*picture.value, AV_PIX_FMT_RGB24, 88, 72);
+    ASSERT_TRUE(small) << small.error;
+    EXPECT_EQ(small.value->width, 88);
+    EXPECT_EQ(small.value->height, 72);
+    auto same = converter.convert(*picture.value, AVPixelFormat(picture.value->format));
+    ASSERT_TRUE(same);
+    EXPECT_EQ(same.value->data[0], picture.value->data[0]) << "no copy when nothing changes";
+    EXPECT_FALSE(converter.convert(*picture.value, AV_PIX_FMT_NONE));
+    EXPECT_EQ(md5Hex("", 0), "d41d8cd98f00b204e9800998ecf8427e");
+}
