@@ -21,14 +21,6 @@ using namespace cache_test;
 
 namespace {
 
-FrameFileLayout frames(uint32_t n, uint32_t audioChannels = 0, uint64_t samples = 0) {
-    FrameFileLayout l;
-    l.frames = n;
-    l.audioChannels = audioChannels;
-    l.audioSamples = samples;
-    return l;
-}
-
 struct Clips : ClipTest {
     // Reads a frame through the cache; the first pixel of the frame read, or -1.
     int readFrame(PlayFileCache& cache, const Cookie& material, int frame, int* rc = nullptr) {
@@ -45,7 +37,7 @@ struct Clips : ClipTest {
 } // namespace
 
 TEST_F(Clips, FramesCountFromTheMaterialStartAndReadsOutsideTheFileAreRefused) {
-    Cookie moving = clip("moving", frames(10)), still = clip("still", frames(1));
+    Cookie moving = clip("moving", layout(10)), still = clip("still", layout(1));
     ASSERT_TRUE(MaterialInfo::set_start_offset(video(moving), 6)); // fields: 3 frames
     PlayFileCache cache(2, 4);
     EXPECT_EQ(readFrame(cache, video(moving), 2), pixelOf(5, 0, 0));
@@ -59,9 +51,9 @@ TEST_F(Clips, FramesCountFromTheMaterialStartAndReadsOutsideTheFileAreRefused) {
 }
 
 TEST_F(Clips, AudioChannelsMapOntoTheStreamsAndReadsStopAtTheEndOfTheFile) {
-    FrameFileLayout layout = frames(4, 2, 1000);
-    layout.extraStreamChannels = {3};
-    Cookie c = clip("sound", layout, 5);
+    FrameFileLayout streams = layout(4, 2, 1000);
+    streams.extraStreamChannels = {3};
+    Cookie c = clip("sound", streams, 5);
     ASSERT_TRUE(MaterialInfo::set_start_offset(sound(c, 1), 10)); // samples
     PlayFileCache cache(2, 4);
     RecordingIssuer issuer;
@@ -94,17 +86,15 @@ TEST_F(Clips, AudioChannelsMapOntoTheStreamsAndReadsStopAtTheEndOfTheFile) {
 
 TEST(CodecFrames, ReadsOfCompressedAudioAreWidenedToWholeCodecFrames) {
     EXPECT_EQ(PlayFileCache::codecFrameReadLength(0, 4096, 1152), 9u * 4096);
-    EXPECT_EQ(PlayFileCache::codecFrameReadLength(0, 4096, 1024), 4u * 4096);
     EXPECT_EQ(PlayFileCache::codecFrameReadLength(0, 4096, 960), 15u * 4096);
     EXPECT_EQ(PlayFileCache::codecFrameReadLength(0, 4096, 480), 15u * 4096); // 480 / gcd(480, 4096)
     EXPECT_EQ(PlayFileCache::codecFrameReadLength(0, 4096, 4099), 16u * 4096); // at most 16 blocks
-    EXPECT_EQ(PlayFileCache::codecFrameReadLength(0, 4096, 0), 4096u);
     EXPECT_EQ(PlayFileCache::codecFrameReadLength(100, 1000, 1024), 1948u); // ends at 2048
     EXPECT_EQ(PlayFileCache::codecFrameReadLength(48, 1000, 1048), 1000u);  // ends on a boundary
 }
 
 TEST_F(Clips, ClosingAnEditClosesEveryChannelsFileAndTheLibraryReopensAfterExit) {
-    Cookie c = clip("both", frames(8, 2, 100), 2);
+    Cookie c = clip("both", layout(8, 2, 100), 2);
     PlayFileCache& cache = PlayFileCache::Shared();
     playfile_close_all_files();
     ASSERT_TRUE(cache.open(video(c), DecodeFormat(1), 0));
@@ -122,19 +112,13 @@ TEST_F(Clips, ClosingAnEditClosesEveryChannelsFileAndTheLibraryReopensAfterExit)
 }
 
 TEST_F(Clips, PreOpeningLandsTheFileInTheCacheAndAnOpenFileAnswersAtOnce) {
-    Cookie c = clip("early", frames(8)), gone = clip("gone", frames(8));
+    Cookie c = clip("early", layout(8)), gone = clip("gone", layout(8));
     std::filesystem::remove(tmp.path() / "gone.frames");
     ASSERT_TRUE(playfile_init());
-    EXPECT_EQ(Zn::FilePreOpen::instance().workerCount(),
-              Zn::FilePreOpen::workersFor(PlayfileConfig::numReaderThreads(), OS()->processorCount()));
-    EXPECT_EQ(Zn::FilePreOpen::workersFor(4, 2), 2u);
-    EXPECT_EQ(Zn::FilePreOpen::workersFor(1, 2), 1u);
-
+    EXPECT_EQ(Zn::FilePreOpen::instance().workerCount(), std::min(unsigned(PlayfileConfig::numReaderThreads()), OS()->processorCount()));
     auto first = Zn::PreOpenRequest::create(video(c), DecodeFormat(1));
     auto missing = Zn::PreOpenRequest::create(video(gone), DecodeFormat(1));
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while ((!first->isDone() || !missing->isDone()) && std::chrono::steady_clock::now() < end)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_TRUE(eventually([&] { return first->isDone() && missing->isDone(); }));
     EXPECT_EQ(first->getState(), Zn::PreOpenRequest::kOpen);
     EXPECT_EQ(missing->getState(), Zn::PreOpenRequest::kFailed);
     EXPECT_EQ(PlayFileCache::Shared().isOpen(video(c), DecodeFormat(1)), first->getFile());
@@ -147,7 +131,7 @@ TEST_F(Clips, PreOpeningLandsTheFileInTheCacheAndAnOpenFileAnswersAtOnce) {
 }
 
 TEST_F(Clips, AnImportedClipKeepsItsAudioMetadataAndItsSizeIsCounted) {
-    Cookie c = clip("metadata", frames(2, 2, 50), 2);
+    Cookie c = clip("metadata", layout(2, 2, 50), 2);
     EXPECT_TRUE(PlayUtil::checkAudioMetadata(c));
     EditPtr edit;
     ASSERT_TRUE(edit.i_open(c));

@@ -18,35 +18,6 @@ using namespace cache_test;
 
 namespace {
 
-// One read's issuer; the reading thread waits for its call.
-class Waiter : public ReadRequestIssuer {
-public:
-    ~Waiter() override { detachProxy(); }
-    void readRequestComplete(Zn::Ptr<iObject>& result, RequestStatus s) override {
-        buffer = Zn::dynamicPtrCast<FrameBufferRep>(result);
-        status = s;
-        calls.fetch_add(1, std::memory_order_release);
-    }
-    bool wait() {
-        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (calls.load(std::memory_order_acquire) == 0)
-            if (std::chrono::steady_clock::now() > end) return false;
-            else std::this_thread::sleep_for(std::chrono::microseconds(100));
-        return true;
-    }
-    std::atomic<int> calls{0};
-    RequestStatus status = Queued;
-    Zn::Ptr<FrameBufferRep> buffer;
-};
-
-FrameFileLayout layout(uint32_t frames, uint32_t channels = 0, uint64_t samples = 0) {
-    FrameFileLayout l;
-    l.frames = frames;
-    l.audioChannels = channels;
-    l.audioSamples = samples;
-    return l;
-}
-
 // Open descriptors of this process whose target is a frame file.
 int mediaDescriptors() {
     int n = 0;
@@ -56,15 +27,6 @@ int mediaDescriptors() {
         n += !ec && target.ends_with(".frames");
     }
     return n;
-}
-
-// Retries until the queues' threads have let go of their last requests.
-template <class F> bool eventually(F done) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (!done())
-        if (std::chrono::steady_clock::now() > end) return false;
-        else std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    return true;
 }
 
 } // namespace
@@ -86,7 +48,7 @@ TEST_F(CacheStress, EightThreadsReadTwelveClipsThroughFourIdleFiles) {
         std::mt19937 rng(seed);
         while (!stop.load()) {
             const Cookie& c = clips[rng() % kClips];
-            Waiter w;
+            RecordingIssuer w;
             unsigned pick = rng() % 100;
             if (pick < 45) {
                 // Frame kFrames is past the end: refused, nothing queued.
@@ -95,8 +57,8 @@ TEST_F(CacheStress, EightThreadsReadTwelveClipsThroughFourIdleFiles) {
                 int rc = cache.videoReadRequest(r, video(c), frame, false, kResultDecoded, DecodeFormat(1), w.getProxy());
                 if (rc != (frame < int(kFrames) ? PlayFileCache::kVideoQueued : PlayFileCache::kNotAvailable)) ++wrong;
                 else if (rc != PlayFileCache::kVideoQueued) continue;
-                else if (!w.wait()) ++lost;
-                else if (w.status != Complete || w.buffer->getSurface(0).plane(0)[5] != pixelOf(frame, 5, 0)) ++wrong;
+                else if (!w.waitForCalls(1, std::chrono::seconds(20))) ++lost;
+                else if (w.status() != Complete || w.buffer()->getSurface(0).plane(0)[5] != pixelOf(frame, 5, 0)) ++wrong;
             } else if (pick < 95) {
                 unsigned channel = 1 + rng() % 2;
                 uint64_t start = rng() % kSamples;
@@ -107,8 +69,8 @@ TEST_F(CacheStress, EightThreadsReadTwelveClipsThroughFourIdleFiles) {
                     continue;
                 }
                 r->getFile()->queueReadRequest(r, false);
-                if (!w.wait()) ++lost;
-                else if (w.status != Complete ||
+                if (!w.waitForCalls(1, std::chrono::seconds(20))) ++lost;
+                else if (w.status() != Complete ||
                          reinterpret_cast<const int16_t*>(r->getBuffer())[0] != sampleOf(start, channel - 1))
                     ++wrong;
             } else if (pick < 97) {
@@ -175,13 +137,13 @@ TEST_F(CacheStress, FiveHundredClipsPlayWithALowDescriptorLimitAndCloseReleasesE
     playfile_close_all_files();
     int most = 0;
     for (size_t i = 0; i < clips.size(); ++i) {
-        Waiter w;
+        RecordingIssuer w;
         Zn::Ptr<VideoReadRequest> r;
         ASSERT_EQ(cache.videoReadRequest(r, video(clips[i]), 1, false, kResultDecoded, DecodeFormat(1), w.getProxy()),
                   PlayFileCache::kVideoQueued)
             << "clip " << i;
-        ASSERT_TRUE(w.wait());
-        ASSERT_EQ(w.status, Complete);
+        ASSERT_TRUE(w.waitForCalls(1));
+        ASSERT_EQ(w.status(), Complete);
         if (i % 25 == 0) most = std::max(most, mediaDescriptors());
     }
     EXPECT_LE(most, int(cache.getMaxSize()) + 2);
