@@ -449,6 +449,10 @@ int PlayFileCache::audioReadRequestFor(Zn::Ptr<AudioReadRequest>& request, const
         // hold it, so the file opened first for this name and type serves every stream.
         file = open(material, format, stream);
         if (!file) return kNotAvailable;
+        // The file may have been closed meanwhile and opened anew: describe the stream from
+        // the instance that serves the read (the other one may be gone already).
+        const std::vector<Aud::Metadata>& now = file->getMetadata()->getAudioMetadata();
+        streamMeta = stream < now.size() ? &now[stream] : nullptr;
     }
 
     if (!noOffset) sample += uint64_t(MaterialInfo::get_start_offset(material)); // in samples here
