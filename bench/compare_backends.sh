@@ -31,9 +31,6 @@ make_media mjpeg.avi $SRC1080 -c:v mjpeg -q:v 3 -pix_fmt yuvj420p
 make_media y4m720.y4m -f lavfi -i testsrc2=size=1280x720:rate=25:duration=10 -pix_fmt yuv420p
 
 warm() { cat "$1" > /dev/null; }
-# Best (largest) value of KEY over RUNS runs of a command printing key=value figures.
-best_max() { local key=$1; shift; for _ in $(seq "$RUNS"); do "$@"; done | grep -o "$key=[0-9.]*" | cut -d= -f2 | sort -g | tail -1; }
-best_min() { local key=$1; shift; for _ in $(seq "$RUNS"); do "$@"; done | grep -o "$key=[0-9.]*" | cut -d= -f2 | sort -g | head -1; }
 ffmpeg_fps() {
     local file=$1 frames=$2
     ffmpeg -hide_banner -nostdin -benchmark -threads "$THREADS" -i "$file" -f null - 2>&1 |
@@ -44,25 +41,37 @@ ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.3f", a / b }'; }
 ROWS=()
 row() { ROWS+=("$(printf '%-44s %14s %14s %8s' "$1" "$2" "$3" "$4")"); }
 
+# Each side's runs alternate with the other's, so that load from elsewhere on the machine
+# falls on both alike; the best run of each counts.
+pick() { grep -o "$1=[0-9.]*" | cut -d= -f2 | sort -g | if [ "$2" = max ]; then tail -1; else head -1; fi; }
 for f in h264.mp4 prores.mov mjpeg.avi; do
     file=$MEDIA/$f
     warm "$file"
     frames=$("$READS" sequential "$file" 1 | grep -o 'frames=[0-9]*' | cut -d= -f2)
-    ff=$(best_max fps ffmpeg_fps "$file" "$frames")
-    one=$(best_max fps_whole "$READS" sequential "$file" 1)
-    four=$(best_max fps_whole "$READS" sequential "$file" 4)
-    row "$f sequential fps, 1 issuer" "$one" "$ff" "$(ratio "$one" "$ff")"
-    row "$f sequential fps, 4 in flight" "$four" "$ff" "$(ratio "$four" "$ff")"
-    lib=$(best_min random_mean_ms "$READS" random "$file" 200 2024)
     # The yardstick gets the threading that suits it: slice threads for single pictures of
     # intra-only codecs, frame threads for long-GOP ones.
     kind=frame; [ "$f" = h264.mp4 ] || kind=slice
-    direct=$(best_min direct_mean_ms "$DIRECT" "$file" 200 2024 "$THREADS" "$kind")
+    runs=$(for _ in $(seq "$RUNS"); do
+        ffmpeg_fps "$file" "$frames" | sed 's/^/ff_/'
+        "$READS" sequential "$file" 1 | sed 's/fps_whole/one_fps/'
+        "$READS" sequential "$file" 4 | sed 's/fps_whole/four_fps/'
+    done)
+    ff=$(echo "$runs" | pick ff_fps max)
+    one=$(echo "$runs" | pick one_fps max)
+    four=$(echo "$runs" | pick four_fps max)
+    row "$f sequential fps, 1 issuer" "$one" "$ff" "$(ratio "$one" "$ff")"
+    row "$f sequential fps, 4 in flight" "$four" "$ff" "$(ratio "$four" "$ff")"
+    runs=$(for _ in $(seq "$RUNS"); do
+        "$READS" random "$file" 200 2024
+        "$DIRECT" "$file" 200 2024 "$THREADS" "$kind"
+    done)
+    lib=$(echo "$runs" | pick random_mean_ms min)
+    direct=$(echo "$runs" | pick direct_mean_ms min)
     row "$f random frame, mean ms (200)" "$lib" "$direct" "$(ratio "$lib" "$direct")"
 done
 
 h264=$MEDIA/h264.mp4
-first=$(best_min first_mean_ms "$READS" first "$h264" 10)
+first=$("$READS" first "$h264" 10 | pick first_mean_ms min)
 row "h264.mp4 first frame after open+seek, ms" "$first" "-" "-"
 back=$("$READS" backward "$h264" 60)
 row "h264.mp4 step back one frame, mean ms" "$(echo "$back" | grep -o 'back_mean_ms=[0-9.]*' | cut -d= -f2)" "-" "-"
@@ -80,8 +89,12 @@ row "h264.mp4 peak memory playing, MB" "$((lib_kb / 1024))" "$((ff_kb / 1024))" 
 y4m=$MEDIA/y4m720.y4m
 warm "$y4m"
 frame_bytes=$((1280 * 720 * 3 / 2))
-plain=$(best_max mbps "$READS" read "$y4m" "$frame_bytes" 20)
-y4m_fps=$(best_max fps "$READS" sequential "$y4m" 1 20)
+runs=$(for _ in $(seq "$RUNS"); do
+    "$READS" read "$y4m" "$frame_bytes" 20
+    "$READS" sequential "$y4m" 1 20
+done)
+plain=$(echo "$runs" | pick mbps max)
+y4m_fps=$(echo "$runs" | grep -o ' fps=[0-9.]*' | cut -d= -f2 | sort -g | tail -1)
 y4m_mbps=$(awk -v f="$y4m_fps" -v b="$frame_bytes" 'BEGIN { printf "%.1f", f * b / 1e6 }')
 row "y4m720.y4m sequential MB/s (vs plain read)" "$y4m_mbps" "$plain" "$(ratio "$y4m_mbps" "$plain")"
 
