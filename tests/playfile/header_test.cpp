@@ -91,6 +91,13 @@ TEST(HeaderWriter, SoundRecordsOmitVisionKeysAndEmptyNames) {
     }
 }
 
+TEST(HeaderWriter, PrintHeaderPrintsTheTextAndANewline) {
+    SAV_HEADER h = visionRecord();
+    testing::internal::CaptureStdout();
+    print_header(&h);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), written(h) + "\n");
+}
+
 TEST(HeaderWriter, ZnVersionIsAlwaysTheWritersOwn) {
     SAV_HEADER h = visionRecord();
     std::snprintf(h.zn_ver, sizeof h.zn_ver, "0.0.0.0");
@@ -137,6 +144,15 @@ TEST(HeaderParseV2, DefaultChainsAndVersionRules) {
     EXPECT_STREQ(v4.vision_type, "NTSC");
     EXPECT_STREQ(v4.reelid, "ABCDEFGH");
     EXPECT_EQ(v4.sequence, -1);
+
+    // A medium that is not exactly "sound" or "vision" reads no keys of either.
+    SAV_HEADER odd;
+    odd.number_of_channels = odd.width = 7;
+    parse_header_v2(&odd, std::string("medium Sound\nnumber_of_channels 2\nwidth 5\nvideo_field first\n").data());
+    EXPECT_STREQ(odd.medium, "Sound");
+    EXPECT_EQ(odd.number_of_channels, 7);
+    EXPECT_EQ(odd.width, 7);
+    EXPECT_STREQ(odd.video_field, "");
 
     SAV_HEADER keep;
     keep.number_of_channels = 5;
