@@ -8,6 +8,7 @@
 #include "host/media/MemHolder.h"
 
 #include <cstdint>
+#include <vector>
 
 namespace Aud {
 
@@ -60,5 +61,11 @@ public:
     int32_t streamIndex = -1; // the stream's index in its container, when the back-end has one
     Zn::Ptr<iMemHolder> codecSetup; // codec set-up bytes (may be null)
 };
+
+// The text form in which an edit keeps its media's audio metadata: one line per stream of
+// blank-separated "key=value" words (the codec set-up bytes are not kept). Reading ignores
+// keys it does not know and leaves missing ones at their defaults, so the form can grow.
+String metadataToText(const std::vector<Metadata>& streams);
+std::vector<Metadata> metadataFromText(const String& text);
 
 } // namespace Aud

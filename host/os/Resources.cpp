@@ -15,6 +15,8 @@ struct Entry {
 
 // Sorted by number.
 constexpr Entry kTexts[] = {
+    {2000, L"The material is not available for reading"},
+    {2061, L"The audio read starts past the end of the material"},
     {10485, L"Media not available"},
     {10915, L"There is no material to relocate."},
     {11517, L"Failed to copy a material file"},

@@ -1,0 +1,182 @@
+#include "playfile/open/PlayUtil.h"
+
+#include "host/core/Strings.h"
+#include "host/media/AudioMetadata.h"
+#include "host/media/FileReaderInfo.h"
+#include "host/os/FileManager.h"
+#include "host/os/Log.h"
+#include "host/os/OS.h"
+#include "host/project/Edit.h"
+#include "host/project/EditManager.h"
+#include "host/project/EditModifier.h"
+#include "host/project/SystemCache.h"
+#include "host/threads/TimedTask.h"
+#include "playfile/open/FileReadInstance.h"
+#include "playfile/open/PlayFileCache.h"
+
+#include <algorithm>
+#include <exception>
+#include <vector>
+
+namespace {
+
+// Every open is timed under one task. Never released: files may be opened while the
+// process exits.
+TimedTask& openTask() {
+    static TimedTask* task = TimedTaskManager::instance().getTimedTask("PlayUtil").release();
+    return *task;
+}
+
+// Readers are plug-ins: whatever one throws is its own failure, never the caller's.
+bool readerAccepts(Zn::iFileReader& reader, const WString& name, OpenType type) {
+    try {
+        return reader.accepts(name, type);
+    } catch (...) {
+        return false;
+    }
+}
+
+Zn::Ptr<FileReadInstance> readerOpens(Zn::iFileReader& reader, const DecodeFormat& format, const WString& name,
+                                      OpenType type) {
+    try {
+        return reader.open(format, name, type);
+    } catch (...) {
+        LogBoth("Exception opening \"%s\"\n", toUTF8(name).c_str());
+        return nullptr;
+    }
+}
+
+unsigned readerCapabilities(Zn::iFileReader& reader, const DecodeFormat& format, OpenType type,
+                            const PlayFileMetadataRep& metadata, const Aud::Metadata& stream) {
+    try {
+        Zn::ReaderDetails details;
+        return reader.capabilities(format, type, metadata, stream, details);
+    } catch (...) {
+        return 0;
+    }
+}
+
+const Aud::Metadata& streamMetadata(const PlayFileMetadataRep& metadata, unsigned streamIndex) {
+    static const Aud::Metadata none;
+    const auto& streams = metadata.getAudioMetadata();
+    return streamIndex < streams.size() ? streams[streamIndex] : none;
+}
+
+// What only the reader that first opened the file found out: a reader chosen later for
+// its access may not look at the same parts of the file.
+void carryOver(const PlayFileMetadataRep& from, PlayFileMetadataRep& to) {
+    if (!to.isLabelValid() && from.isLabelValid()) to.setLabel(from.getLabel());
+    if (to.getStartTimecode() == 0) to.setStartTimecode(from.getStartTimecode());
+    if (to.getOrientation() != from.getOrientation()) to.setOrientation(from.getOrientation());
+    if (!to.hasStillImage() && from.hasStillImage()) to.setStillImage(from.getStillImage());
+    if (!to.getFrameRate().valid() && from.getFrameRate().valid()) to.setFrameRate(from.getFrameRate());
+    FrameSizes sizes;
+    sizes.typical = from.getFrameSizes().typical;
+    sizes.largest = std::max(from.getFrameSizes().largest, to.getFrameSizes().largest);
+    to.setFrameSizes(sizes);
+}
+
+} // namespace
+
+Zn::Ptr<FileReadInstance> PlayUtil::openRead(const WString& fileName, const DecodeFormat& format, OpenType type,
+                                             unsigned streamIndex) {
+    TimedActivity activity(Zn::Ptr<TimedTask>(&openTask()), "openRead");
+    const WString mounted = OS()->fileManager()->mapMountedName(fileName);
+    const std::vector<Zn::Ptr<Zn::iFileReader>> readers = Zn::FileReaderInfo::getAll();
+
+    // First open: the first reader in registry order that accepts and opens the file.
+    Zn::Ptr<FileReadInstance> first;
+    Zn::iFileReader* opener = nullptr;
+    for (const auto& reader : readers) {
+        if (!readerAccepts(*reader, mounted, type)) continue;
+        first = readerOpens(*reader, format, fileName, type);
+        if (first) {
+            opener = reader.get();
+            break;
+        }
+    }
+    if (!first) {
+        LogBoth("PlayUtil::openRead() : failed to open \"%s\"\n", toUTF8(fileName).c_str());
+        return nullptr;
+    }
+
+    // The reader that serves the file: the opener when it can serve all of type, else the
+    // first reader in registry order that can, if it opens the file.
+    Zn::Ptr<FileReadInstance> chosen = first;
+    Zn::iFileReader* server = opener;
+    const Aud::Metadata& stream = streamMetadata(*first->getMetadata(), streamIndex);
+    unsigned caps = readerCapabilities(*opener, format, type, *first->getMetadata(), stream);
+    first->setCapabilities(caps);
+    if (!OpenType(caps).hasAll(type)) {
+        for (const auto& reader : readers) {
+            unsigned c = readerCapabilities(*reader, format, type, *first->getMetadata(), stream);
+            if (!OpenType(c).hasAll(type)) continue;
+            if (reader.get() == opener) break;
+            // The stray '%' is part of the line as it has always been logged (printf prints
+            // "%\"" as the quote), so the compiler's format check is quietened for it.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat"
+            LogBoth("reopen %\"%s\" with %s for %s\n", toUTF8(fileName).c_str(), reader->name().c_str(),
+                    OpenType::asString(type));
+#pragma GCC diagnostic pop
+            Zn::Ptr<FileReadInstance> again = readerOpens(*reader, format, fileName, type);
+            if (!again) continue;
+            again->setCapabilities(c);
+            chosen = again;
+            server = reader.get();
+            break;
+        }
+    }
+
+    if (chosen->getCapabilities() & uint32_t(type)) {
+        LogBoth("Open \"%s\" with %s for %s\n", toUTF8(fileName).c_str(), server->name().c_str(),
+                OpenType::asString(type));
+    } else {
+        LogBoth("PlayUtil::openRead() : failed to open \"%s\"\n", toUTF8(mounted).c_str());
+    }
+    if (chosen != first) carryOver(*first->getMetadata(), *chosen->getMetadata());
+    return chosen;
+}
+
+Zn::Ptr<FileReadInstance> PlayUtil::openRead(const Cookie& material, const DecodeFormat& format, unsigned streamIndex) {
+    return openRead(SystemCache::findFileForCookie(material), format, getType(material), streamIndex);
+}
+
+OpenType PlayUtil::getType(const Cookie& cookie) {
+    switch (cookie.type()) {
+    case 'S': return OpenType::kAudio;
+    case 'V': return OpenType::kVideo;
+    default: return OpenType::kNone;
+    }
+}
+
+bool PlayUtil::checkImageData(const Cookie& cookie, const PlayFileMetadataRep&) {
+    EditPtr edit;
+    edit.i_open(convertCookie(cookie, 'E', Cookie::kNoIndex));
+    edit.i_close();
+    return false;
+}
+
+bool PlayUtil::checkAudioMetadata(const Cookie& cookie) {
+    EditPtr edit;
+    if (!edit.i_open(cookie) || !edit->isImported()) return false;
+    Zn::Ptr<FileReadInstance> file =
+        PlayFileCache::Shared().open(convertCookie(cookie, 'S', 1), DecodeFormat::getDefault(), 0);
+    if (file && file->getMetadata()->getAudioStreamCount() > 0) {
+        {
+            EditModifier modifier(edit);
+            edit->setAudioMetadata(Aud::metadataToText(file->getMetadata()->getAudioMetadata()));
+        }
+        EditManager::updateProjdbRec(*edit);
+    }
+    return true;
+}
+
+void PlayUtil::get_total_size(const Cookie& material, size_t* total) {
+    WString name = SystemCache::findFileForCookie(material);
+    if (name.empty() || !total) return;
+    iFileManager* files = OS()->fileManager();
+    if (!files->fileExists(name)) return;
+    int64_t size = files->fileSize(name);
+    if (size > 0) *total += size_t(size);
+}
