@@ -2,7 +2,6 @@
 // writers, PlayFileCache::create and the renames, PlayUtil::deletePlayFile and
 // delete_material_files. Every file that is deleted or renamed is closed in the play file
 // cache first, so that no reader keeps it open underneath.
-#if __has_include("playfile/open/PlayFileCache.h") // until the play file cache is merged
 #include "host/core/Strings.h"
 #include "host/media/CapturePacket.h"
 #include "host/media/FileWriterInfo.h"
@@ -258,4 +257,3 @@ int PlayFileCache::renameMediaFiles(const Cookie& from, const Cookie& to) {
 }
 
 int PlayFileCache::renameMediaFile(const Cookie& from, const Cookie& to) { return renameMediaFiles(from, to); }
-#endif

@@ -2,7 +2,6 @@
 // writers: what is written reads back (FFmpeg is the oracle for the pixels and samples),
 // the header is kept by the project and beside the file, and the sample writer's checks
 // and back-pressure rule hold.
-#if __has_include("playfile/open/PlayFileCache.h") // until the play file cache is merged
 #include "backends/ffmpeg/FfmpegWriter.h"
 #include "backends/wav/WavWriter.h"
 #include "backends/y4m/Y4mWriter.h"
@@ -323,4 +322,3 @@ TEST_F(WritingTest, RenamingMovesFilesRecordsAndHeadersToTheOtherClip) {
     EXPECT_EQ(MaterialInfo::get_start_offset(v2), 24);
     EXPECT_TRUE(decodedVideo(materialPath(v2, ".y4m"), "yuv422p10le") == frames);
 }
-#endif
