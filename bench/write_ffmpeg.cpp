@@ -12,6 +12,7 @@
 #include "host/core/Strings.h"
 #include "host/media/CapturePacket.h"
 #include "host/media/FileWriterInfo.h"
+#include "playfile/open/PlayUtil.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -83,8 +84,8 @@ double programFps(const Settings& s, const std::string& raw, const std::string& 
 }
 
 // The writer, from creating the file to closing it, each frame read from the raw file
-// into a host surface and handed over as the capture code would; waits while more than
-// 32 frames are pending, as the library's sample writer does.
+// into a host surface and handed to the library's sample writer as the capture code
+// would (which waits while more than 32 frames are pending in the writer).
 double writerFps(const Settings& s, const std::string& raw, const std::string& out) {
     const Zn::Image::eDataFormat f = hostFormat(s.pixFmt);
     Zn::FileWriterParams params;
@@ -96,9 +97,8 @@ double writerFps(const Settings& s, const std::string& raw, const std::string& o
     frame.set();
 
     double t0 = now();
-    Zn::Ptr<Zn::iFileWriter> writer = Zn::FileWriterInfo::getFileWriterFor(params);
-    Zn::Ptr<Zn::FileWriteInstance> file;
-    if (!writer || writer->create(fromUTF8(out.c_str()), params, file) != 1) {
+    Zn::Ptr<Zn::FileWriteInstance> file = PlayUtil::openWrite(fromUTF8(out.c_str()), params);
+    if (!file) {
         std::fprintf(stderr, "the writer could not create %s\n", out.c_str());
         std::exit(1);
     }
@@ -111,8 +111,8 @@ double writerFps(const Settings& s, const std::string& raw, const std::string& o
                 if (::pread(fd, frame.plane(p) + size_t(y) * frame.stride(p), rowBytes, at) != ssize_t(rowBytes))
                     std::exit(1);
         }
-        while (file->pendingFrames() > 32) usleep(100 * 1000);
-        if (file->writeFrame(frame, n) != 1) {
+        Zn::Ptr<CapturePacket> packet = Zn::makePtr<CapturePacket>(frame, n);
+        if (PlayUtil::ZnVideoSample_write(file, n, packet, nullptr) != 1) {
             std::fprintf(stderr, "frame %d refused\n", n);
             std::exit(1);
         }
