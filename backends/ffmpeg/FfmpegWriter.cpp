@@ -95,8 +95,8 @@ AVPixelFormat encoderFormatFor(const AVCodec* codec, AVPixelFormat in, const con
 // One file being encoded.
 //
 // Lock: mutex_ guards queue_, spare_, stopping_ and error_. It is a leaf lock, held only to
-// move frames in and out of the lists: the encoder, the muxer and libswscale are called
-// without it. The caller's thread (writeFrame, close) and the encoding thread take it.
+// move frames in and out of the lists (the encoder, the muxer and libswscale are called
+// without it), so it may be taken with any lock of the caller held. The caller's thread (writeFrame, close) and the encoding thread take it.
 // Only the encoding thread touches the encoder and the muxer once the thread runs; only
 // the caller's thread touches sws_.
 class FfmpegWriteInstance : public Zn::FileWriteInstance {

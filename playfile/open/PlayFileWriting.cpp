@@ -32,11 +32,9 @@ constexpr unsigned kPendingWaitMs = 100;
 // reaching 0 gives up, so a writer gets 49 waits, about 4.9 seconds).
 constexpr int kPendingWaitCount = 50;
 
-// The name a new material file gets: where the project keeps the material's file already,
-// else the cookie's name on the drive that takes rendered material.
+// The name a new material file gets, without its extension: the cookie's name on the
+// drive that takes rendered (and captured) material.
 MaterialFilename materialFilenameFor(const Cookie& cookie) {
-    if (Zn::Ptr<FsysDirectoryEntry> entry = SystemCache::findEntryForCookie(cookie))
-        if (entry->hasFile()) return entry->getMaterialFilename();
     return getMaterialFilenameForCookie(cookie, DiskManager::getDriveForTask("render", true));
 }
 
@@ -76,9 +74,10 @@ Zn::Ptr<Zn::FileWriteInstance> PlayUtil::openWrite(const WString& fileName, Zn::
 Zn::Ptr<Zn::FileWriteInstance> PlayFileCache::create(const Cookie& cookie, Zn::FileWriterParams& params) {
     WString name = materialFilenameFor(cookie).getOsPath();
     std::vector<WString> extensions = Zn::FileWriterInfo::getExtensionsForFormat(params);
-    if (!extensions.empty()) name = name + L"." + extensions.front();
+    if (!name.empty() && !extensions.empty()) name = name + L"." + extensions.front();
 
-    Zn::Ptr<Zn::FileWriteInstance> writer = PlayUtil::openWrite(name, params);
+    // Without a drive to put it on there is no name, and nothing is created.
+    Zn::Ptr<Zn::FileWriteInstance> writer = name.empty() ? nullptr : PlayUtil::openWrite(name, params);
     if (!writer) {
         Log("PlayFile[%s]::create: *** Unable to create material file (%s) ***\n", cookie.asString().c_str(),
             toUTF8(name).c_str());
