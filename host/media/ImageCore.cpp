@@ -30,8 +30,42 @@ constexpr PixelLayout kLayouts[] = {
     {kFormatNV12, "nv12", 2, 8, 12, {{0, 0, 1}, {1, 1, 2}}},
     {kFormatUYVY422, "uyvy422", 1, 8, 16, {{0, 0, 2}}},
     {kFormatYUYV422, "yuyv422", 1, 8, 16, {{0, 0, 2}}},
+    {kFormatGray9LE, "gray9le", 1, 9, 16, {{0, 0, 2}}},
+    {kFormatGray10LE, "gray10le", 1, 10, 16, {{0, 0, 2}}},
+    {kFormatGray12LE, "gray12le", 1, 12, 16, {{0, 0, 2}}},
+    {kFormatYUV410P, "yuv410p", 3, 8, 9, {{0, 0, 1}, {2, 2, 1}, {2, 2, 1}}},
+    {kFormatYUV411P, "yuv411p", 3, 8, 12, {{0, 0, 1}, {2, 0, 1}, {2, 0, 1}}},
+    {kFormatYUV440P, "yuv440p", 3, 8, 16, {{0, 0, 1}, {0, 1, 1}, {0, 1, 1}}},
+    {kFormatYUVA420P, "yuva420p", 4, 8, 20, {{0, 0, 1}, {1, 1, 1}, {1, 1, 1}, {0, 0, 1}}},
+    {kFormatYUVA422P, "yuva422p", 4, 8, 24, {{0, 0, 1}, {1, 0, 1}, {1, 0, 1}, {0, 0, 1}}},
+    {kFormatYUVA444P, "yuva444p", 4, 8, 32, {{0, 0, 1}, {0, 0, 1}, {0, 0, 1}, {0, 0, 1}}},
+    {kFormatYUV420P9LE, "yuv420p9le", 3, 9, 24, {{0, 0, 2}, {1, 1, 2}, {1, 1, 2}}},
+    {kFormatYUV422P9LE, "yuv422p9le", 3, 9, 32, {{0, 0, 2}, {1, 0, 2}, {1, 0, 2}}},
+    {kFormatYUV444P9LE, "yuv444p9le", 3, 9, 48, {{0, 0, 2}, {0, 0, 2}, {0, 0, 2}}},
+    {kFormatYUV420P12LE, "yuv420p12le", 3, 12, 24, {{0, 0, 2}, {1, 1, 2}, {1, 1, 2}}},
+    {kFormatYUV422P12LE, "yuv422p12le", 3, 12, 32, {{0, 0, 2}, {1, 0, 2}, {1, 0, 2}}},
+    {kFormatYUV444P12LE, "yuv444p12le", 3, 12, 48, {{0, 0, 2}, {0, 0, 2}, {0, 0, 2}}},
+    {kFormatYUV420P14LE, "yuv420p14le", 3, 14, 24, {{0, 0, 2}, {1, 1, 2}, {1, 1, 2}}},
+    {kFormatYUV422P14LE, "yuv422p14le", 3, 14, 32, {{0, 0, 2}, {1, 0, 2}, {1, 0, 2}}},
+    {kFormatYUV444P14LE, "yuv444p14le", 3, 14, 48, {{0, 0, 2}, {0, 0, 2}, {0, 0, 2}}},
+    {kFormatYUV420P16LE, "yuv420p16le", 3, 16, 24, {{0, 0, 2}, {1, 1, 2}, {1, 1, 2}}},
+    {kFormatYUV422P16LE, "yuv422p16le", 3, 16, 32, {{0, 0, 2}, {1, 0, 2}, {1, 0, 2}}},
+    {kFormatYUV444P16LE, "yuv444p16le", 3, 16, 48, {{0, 0, 2}, {0, 0, 2}, {0, 0, 2}}},
+    {kFormatYUVA444P10LE, "yuva444p10le", 4, 10, 64, {{0, 0, 2}, {0, 0, 2}, {0, 0, 2}, {0, 0, 2}}},
+    {kFormatGBRP, "gbrp", 3, 8, 24, {{0, 0, 1}, {0, 0, 1}, {0, 0, 1}}},
+    {kFormatGBRP10LE, "gbrp10le", 3, 10, 48, {{0, 0, 2}, {0, 0, 2}, {0, 0, 2}}},
+    {kFormatGBRP12LE, "gbrp12le", 3, 12, 48, {{0, 0, 2}, {0, 0, 2}, {0, 0, 2}}},
+    {kFormatGBRP16LE, "gbrp16le", 3, 16, 48, {{0, 0, 2}, {0, 0, 2}, {0, 0, 2}}},
+    {kFormatGBRAP, "gbrap", 4, 8, 32, {{0, 0, 1}, {0, 0, 1}, {0, 0, 1}, {0, 0, 1}}},
+    {kFormatP010LE, "p010le", 2, 10, 24, {{0, 0, 2}, {1, 1, 4}}},
 };
 static_assert(sizeof(kLayouts) / sizeof(kLayouts[0]) == kFormatLastRaw + 1);
+constexpr bool layoutsInEnumOrder() {
+    for (int i = 0; i <= kFormatLastRaw; ++i)
+        if (kLayouts[i].format != i) return false;
+    return true;
+}
+static_assert(layoutsInEnumOrder(), "kLayouts is indexed by eDataFormat");
 
 uint32_t shiftUp(uint32_t v, unsigned s) noexcept { return (v + (1u << s) - 1) >> s; }
 

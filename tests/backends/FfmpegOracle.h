@@ -15,11 +15,12 @@ namespace ffmpeg_oracle {
 // of the test output.
 inline const bool kQuiet = (ffmpeg_engine::routeFfmpegLog(AV_LOG_QUIET, nullptr), true);
 
-// One framemd5 line per shown frame of the first video stream: its MD5.
-inline std::vector<std::string> frameMd5s(const std::string& path) {
+// One framemd5 line per shown frame of the first video stream: its MD5. outputArgs
+// (such as "-pix_fmt rgb24") go before the output.
+inline std::vector<std::string> frameMd5s(const std::string& path, const std::string& outputArgs = "") {
     using namespace testing_support;
-    auto r = runCommand("ffmpeg -nostdin -v error -i " + shellQuote(path) +
-                        " -map 0:v:0 -fps_mode passthrough -f framemd5 - 2>/dev/null");
+    auto r = runCommand("ffmpeg -nostdin -v error -i " + shellQuote(path) + " -map 0:v:0 -fps_mode passthrough " +
+                        outputArgs + " -f framemd5 - 2>/dev/null");
     std::vector<std::string> md5s;
     size_t at = 0;
     while (at < r.out.size()) {

@@ -1,0 +1,265 @@
+#include "backends/ffmpeg/FfmpegReader.h"
+
+#include "host/core/Strings.h"
+#include "host/os/Config.h"
+#include "host/os/Log.h"
+#include "playfile/requests/AudioReadRequest.h"
+#include "playfile/requests/VideoReadRequest.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace ffmpeg_backend {
+
+using namespace ffmpeg_engine;
+
+void FrameRanges::getFrameRange(uint32_t frame, int64_t& first, int64_t& end) {
+    const VideoTrack& v = *index_->video;
+    const int64_t f = frame;
+    if (f >= v.frameCount()) {
+        first = f;
+        end = f + 1;
+        return;
+    }
+    if (f == nextFrame_) {
+        first = f;
+        end = std::min<int64_t>(f + kChunk, v.frameCount());
+    } else {
+        int64_t from = v.groupStart(int(f));
+        // Further on in the group the decoder is in: it carries on from where it stands.
+        if (from <= nextFrame_ && nextFrame_ < f) from = nextFrame_;
+        first = std::max(from, f - kBackward + 1);
+        end = f + 1;
+    }
+    nextFrame_ = end;
+}
+
+FfmpegReadInstance::FfmpegReadInstance(const WString& fileName, const DecodeFormat& format, OpenType type,
+                                       std::shared_ptr<const MediaIndex> index)
+    : StreamingDecodeReader(fileName, format, type), index_(std::move(index)),
+      longGop_(index_->video && !index_->video->codecIsIntraOnly && !index_->video->allFramesKey) {
+    describe();
+}
+
+FfmpegReadInstance::~FfmpegReadInstance() { endStreamDecode(); }
+
+Zn::Ptr<FfmpegReadInstance> FfmpegReadInstance::open(const DecodeFormat& format, const WString& fileName,
+                                                     OpenType type, std::string& error) {
+    auto opened = FfmpegSource::open(toUTF8(fileName).c_str());
+    if (!opened) {
+        error = opened.error;
+        return nullptr;
+    }
+    const MediaIndex& index = *opened.value;
+    const bool video = index.video && index.video->frameCount() > 0;
+    const bool audio = !index.audio.empty();
+    const bool served = (type.hasVideo() && video) || (type.hasAudio() && audio) || (type == OpenType::kNone && (video || audio));
+    if (!served) {
+        error = type.hasVideo() ? "no video stream" : "no audio stream";
+        return nullptr;
+    }
+    return Zn::Ptr<FfmpegReadInstance>(new FfmpegReadInstance(fileName, format, type, opened.value));
+}
+
+void FfmpegReadInstance::describe() {
+    PlayFileMetadataRep& meta = *getMetadata();
+    if (const auto& v = index_->video; v && v->frameCount() > 0) {
+        meta.setFrameCount(uint32_t(v->frameCount()));
+        meta.setVideoStreamCount(1);
+        meta.setNativeFormat(Zn::Image::Core::Data(uint32_t(v->width), uint32_t(v->height),
+                                                   nativeHostFormat(v->pixelFormat)));
+        meta.setVideoCodec(avcodec_get_name(v->codec->codec_id));
+        if (v->frameRate.num > 0 && v->frameRate.den > 0)
+            meta.setFrameRate(FrameRate{uint32_t(v->frameRate.num), uint32_t(v->frameRate.den)});
+        FrameSizes sizes;
+        sizes.typical = uint32_t(std::max(v->packets.front().key.size, 0));
+        for (const VideoPacket& p : v->packets) sizes.largest = std::max(sizes.largest, uint32_t(std::max(p.key.size, 0)));
+        meta.setFrameSizes(sizes);
+        if (longGop_) {
+            // Runs vary in length, so the frame-range handler answers them; the group size
+            // only has to say "more than one frame at a time".
+            int longest = 2;
+            for (int k = 0; k < v->frameCount();) {
+                const auto [first, last] = v->groupOf(k);
+                longest = std::max(longest, last - first + 1);
+                k = std::max(last + 1, k + 1);
+            }
+            setStreamMetadata(Zn::makePtr<StreamMetadata>(false, uint16_t(std::min(longest, 65535))));
+            setFrameRangeHandler(Zn::makePtr<FrameRanges>(index_));
+        }
+    }
+    std::vector<Aud::Metadata> streams;
+    for (const AudioTrack& t : index_->audio) {
+        Aud::Metadata m;
+        const AVSampleFormat packed = av_get_packed_sample_fmt(t.sampleFormat);
+        const int bytes = std::max(av_get_bytes_per_sample(packed), 1);
+        m.sampleRate = uint32_t(t.sampleRate);
+        m.channels = uint32_t(t.channels);
+        m.bytesPerSample = m.bytesPerDecodedSample = uint32_t(bytes);
+        m.bitsPerSample = t.codec->bits_per_raw_sample > 0 ? uint32_t(t.codec->bits_per_raw_sample) : uint32_t(bytes * 8);
+        m.sampleType = packed == AV_SAMPLE_FMT_FLT || packed == AV_SAMPLE_FMT_DBL ? Aud::kSampleFloat : Aud::kSampleInt;
+        m.compressed = !t.plainPcm;
+        if (m.compressed) {
+            // The samples most packets decode to (the first and last may differ).
+            int typical = 0;
+            for (size_t i = t.packets.size() > 2 ? 1 : 0; i < t.packets.size() && !typical; ++i) typical = t.packets[i].decoded;
+            m.samplesPerBlock = uint32_t(std::max(typical, 0));
+        }
+        m.length = uint64_t(std::max<int64_t>(t.totalSamples, 0));
+        m.codec = avcodec_get_name(t.codec->codec_id);
+        m.streamIndex = t.stream;
+        if (t.codec->extradata_size > 0)
+            m.codecSetup = Zn::Ptr<iMemHolder>(new ByteBufferImpl(t.codec->extradata, uint32_t(t.codec->extradata_size)));
+        streams.push_back(std::move(m));
+    }
+    if (!streams.empty()) meta.setAudioLength(streams.front().length);
+    meta.setAudioMetadata(std::move(streams));
+}
+
+void FfmpegReadInstance::ZnFileIxCache_open(Zn::Ptr<IndexInfoRep>& index, unsigned frame) {
+    const auto& v = index_->video;
+    if (!v || frame >= unsigned(v->frameCount())) return;
+    const VideoFrame& f = v->frames[frame];
+    const VideoPacket& p = v->packets[size_t(f.packet)];
+    const uint32_t base = uint32_t(v->groupStart(int(frame)));
+    // One read delivers the frame itself: the run is the frame alone.
+    index = Zn::makePtr<IndexInfoRep>(base, frame - base, frame, uint64_t(std::max<int64_t>(p.key.pos, 0)),
+                                      uint32_t(std::max(p.key.size, 0)), f.isKey());
+}
+
+int FfmpegReadInstance::readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) {
+    // A frame past the end would make a run of its own that only fails.
+    if (!index_->video || request->getFrame() >= unsigned(index_->video->frameCount())) {
+        out = Zn::makePtr<FrameBufferRep>(request->getFrame(), Zn::Image::Surface());
+        return kReadFailed;
+    }
+    return StreamingDecodeReader::readVideoStreaming(out, request);
+}
+
+int FfmpegReadInstance::decodeFrames(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) {
+    if (buffer->isStreaming()) return decodeRun(buffer, frame);
+    return readPacket(buffer, frame);
+}
+
+int FfmpegReadInstance::decodeRun(Zn::Ptr<FrameBufferRep>& slot, uint32_t first) {
+    const int frames = index_->video ? index_->video->frameCount() : 0;
+    const int last = int(std::min<int64_t>(int64_t(first) + slot->getNumFrames() - 1, frames - 1));
+    if (!decoder_ && int(first) <= last) {
+        VideoDecoderOptions options;
+        options.threads = decoderThreads();
+        // The slots keep what was decoded; the decoder's own store only has to cover
+        // stepping back a little past them.
+        options.cacheBytes = size_t(config_int("FfmpegFrameCacheMB", 32)) << 20;
+        auto opened = FfmpegVideoDecoder::open(index_, options);
+        if (opened) decoder_ = std::move(opened.value);
+        else Log("FFmpeg cannot decode \"%ls\": %s\n", getFileName().c_str(), opened.error.c_str());
+    }
+    bool ok = false;
+    if (decoder_ && int(first) <= last) {
+        auto decoded = decoder_->decodeRange(int(first), last, [&](int k, const AVFrame* picture) {
+            // Counted before the picture is handed out, so whoever sees it sees the count.
+            streamedPictures_.store(uint64_t(decoder_->stats().picturesDecoded));
+            Zn::Image::Surface surface = slot->getSurface(uint32_t(k) - first);
+            std::string error;
+            if (surfaces_.fill(*picture, slot->getFormat(), surface, error)) surface.set();
+            else surface.fail();
+            return true;
+        });
+        ok = bool(decoded);
+        streamedPictures_.store(uint64_t(decoder_->stats().picturesDecoded));
+    }
+    // Nobody may wait for ever on a frame that did not come out.
+    for (uint32_t i = 0; i < slot->getNumFrames(); ++i) {
+        Zn::Image::Surface s = slot->getSurface(i);
+        if (s.state() == Zn::Image::Surface::kWaitTimedOut) s.fail();
+    }
+    return ok ? kReadDone : kReadFailed;
+}
+
+int FfmpegReadInstance::readPacket(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) {
+    const auto& v = index_->video;
+    if (!v || frame >= unsigned(v->frameCount())) return kReadFailed;
+    if (!packets_) {
+        auto opened = FfmpegPacketReader::open(index_);
+        if (!opened) {
+            Log("FFmpeg cannot read \"%ls\": %s\n", getFileName().c_str(), opened.error.c_str());
+            return kReadFailed;
+        }
+        packets_ = std::move(opened.value);
+        setup_ = Zn::makePtr<FfmpegCodecSetup>(v->codec);
+    }
+    auto packet = packets_->readPacket(int(frame));
+    if (!packet) return kReadFailed;
+    buffer->setCompressedData(0, Zn::Ptr<iMemHolder>(new PacketHolder(std::move(packet.value))));
+    VideoDecompressionInfo& info = buffer->getVideoDecompressionInfo();
+    info.codec = avcodec_get_name(v->codec->codec_id);
+    info.codecTag = v->codec->codec_tag;
+    info.core.setCoreData(uint32_t(v->width), uint32_t(v->height), nativeHostFormat(v->pixelFormat));
+    info.extraData = setup_;
+    buffer->getMetadata().image.setCoreData(uint32_t(v->width), uint32_t(v->height), Zn::Image::kFormatCompressed);
+    buffer->setDecompressComplete(FrameBufferRep::kCompressed);
+    return kReadDone;
+}
+
+void FfmpegReadInstance::readAudio(Zn::Ptr<AudioReadRequest>& request) {
+    RequestStatus status = Failed;
+    {
+        std::lock_guard<std::mutex> lock(audioMutex_);
+        const uint32_t s = request->stream;
+        if (s < index_->audio.size() && request->channel < uint32_t(index_->audio[s].channels)) {
+            if (audio_.size() < index_->audio.size()) audio_.resize(index_->audio.size());
+            if (!audio_[s]) {
+                auto opened = FfmpegAudioDecoder::open(index_, int(s));
+                if (opened) audio_[s] = std::move(opened.value);
+            }
+            AudioBlock block;
+            if (audio_[s]) {
+                auto read = audio_[s]->read(int64_t(request->start), int64_t(request->count), block);
+                if (read) {
+                    const int bytes = av_get_bytes_per_sample(block.format);
+                    const int64_t n = read.value;
+                    Zn::Ptr<iMemHolder> mem(new ByteBufferImpl(uint32_t(std::max<uint32_t>(request->count, 1) * uint32_t(bytes))));
+                    uint8_t* to = mem->getBuffer();
+                    if (n <= 0) {
+                    } else if (av_sample_fmt_is_planar(block.format)) {
+                        std::memcpy(to, block.planes[request->channel].data(), size_t(n) * size_t(bytes));
+                    } else {
+                        const uint8_t* from = block.planes[0].data() + size_t(request->channel) * size_t(bytes);
+                        const size_t step = size_t(bytes) * size_t(block.channels);
+                        for (int64_t i = 0; i < n; ++i, to += bytes, from += step) std::memcpy(to, from, size_t(bytes));
+                    }
+                    mem->setUsed(uint32_t(n) * uint32_t(bytes));
+                    request->setResult(Aud::StreamBuffer(mem, 1, request->count, uint32_t(n)));
+                    status = Complete;
+                }
+            }
+        }
+        request->setStatus(status);
+    }
+    Zn::Ptr<iObject> none;
+    request->doCallbacks(none);
+}
+
+bool FfmpegFileReader::accepts(const WString&, OpenType) { return true; }
+
+Zn::Ptr<FileReadInstance> FfmpegFileReader::open(const DecodeFormat& format, const WString& fileName, OpenType type) {
+    std::string error;
+    Zn::Ptr<FfmpegReadInstance> opened = FfmpegReadInstance::open(format, fileName, type, error);
+    if (!opened) Log("FFmpeg cannot open \"%ls\": %s\n", fileName.c_str(), error.c_str());
+    return opened;
+}
+
+unsigned FfmpegFileReader::capabilities(const DecodeFormat&, OpenType, const PlayFileMetadataRep& metadata,
+                                        const Aud::Metadata&, Zn::ReaderDetails& details) {
+    unsigned bits = 0;
+    if (metadata.getVideoStreamCount() > 0) bits |= OpenType::kVideo;
+    if (metadata.getAudioStreamCount() > 0) bits |= OpenType::kAudio;
+    details.videoStreams = metadata.getVideoStreamCount();
+    details.audioStreams = metadata.getAudioStreamCount();
+    details.codec = metadata.getVideoStreamCount() ? metadata.getVideoCodec()
+                    : metadata.getAudioStreamCount() ? metadata.getAudioMetadata().front().codec
+                                                     : String();
+    return bits;
+}
+
+} // namespace ffmpeg_backend

@@ -1,0 +1,174 @@
+// The streaming decode reader with a back-end whose "decoding" paints each frame's number
+// into a grey picture, and which can hold its decode thread at a gate: which runs are
+// decoded and when, what is served from the two slots, and the synchronous path.
+#include "FrameFileReader.h"
+#include "playfile/open/StreamingDecodeReader.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+
+using namespace test_backend;
+using Zn::Image::Surface;
+
+namespace {
+
+class PaintingReader : public StreamingDecodeReader {
+public:
+    PaintingReader() : StreamingDecodeReader(WString(L"/painted"), DecodeFormat(1), OpenType::kVideo) {}
+    ~PaintingReader() override { endStreamDecode(); }
+
+    String getReaderName() const override { return "painted"; }
+    using StreamingDecodeReader::isStreaming;
+    using StreamingDecodeReader::setFrameRangeHandler;
+    using StreamingDecodeReader::setStreamMetadata;
+
+    // Runs decoded: (first frame, frame count, decoded on the "Decode" thread).
+    struct Pass {
+        uint32_t first, count;
+        bool onDecodeThread;
+    };
+    std::vector<Pass> passes() {
+        std::lock_guard<std::mutex> l(m_);
+        return passes_;
+    }
+
+    Gate gate;
+
+protected:
+    int decodeFrames(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) override {
+        {
+            std::lock_guard<std::mutex> l(m_);
+            passes_.push_back({frame, buffer->getNumFrames(), BasicThread::current() == this});
+        }
+        for (uint32_t i = 0; i < buffer->getNumFrames(); ++i) {
+            gate.pass();
+            Surface s = buffer->getSurface(i);
+            s.allocatePixels(Zn::Image::Core::Data(4, 2, Zn::Image::kFormatGray8));
+            s.plane(0)[0] = uint8_t(buffer->getStartValidFrameIndex() + i);
+            s.set();
+            if (!buffer->isStreaming()) buffer->setSurface(i, s);
+        }
+        return kReadDone;
+    }
+
+private:
+    std::mutex m_;
+    std::vector<Pass> passes_;
+};
+
+class FixedRange : public iVariableFrameRateHandler {
+public:
+    FixedRange(int64_t first, int64_t end) : first_(first), end_(end) {}
+    void getFrameRange(uint32_t, int64_t& first, int64_t& end) override {
+        first = first_;
+        end = end_;
+    }
+
+private:
+    int64_t first_, end_;
+};
+
+struct Fixture {
+    Zn::Ptr<PaintingReader> reader = Zn::makePtr<PaintingReader>();
+    Zn::Ptr<FileReadInstance> file{reader};
+
+    // What the video queue's thread does: the frame-buffer read of one request.
+    Surface read(uint32_t frame, int* result = nullptr) {
+        Zn::Ptr<IndexInfoRep> none;
+        auto request = Zn::makePtr<VideoReadRequest>(file, none, frame, kResultDecoded, DecodeFormat(1), nullptr);
+        Zn::Ptr<FrameBufferRep> out;
+        const int rc = reader->readVideo(out, request);
+        if (result) *result = rc;
+        EXPECT_TRUE(out);
+        EXPECT_EQ(out->getStartValidFrameIndex(), frame);
+        return out ? out->getSurface(0) : Surface();
+    }
+};
+
+uint8_t paintedFrame(const Surface& s) {
+    EXPECT_EQ(s.wait(5000), Surface::kWaitComplete);
+    return s.plane(0) ? s.plane(0)[0] : 0xFF;
+}
+
+} // namespace
+
+TEST(StreamingDecodeReader, WithoutGroupsEveryFrameIsReadSynchronouslyAndNoThreadStarts) {
+    for (int groupSize : {-1, 0, 1}) {
+        Fixture f;
+        if (groupSize >= 0) f.reader->setStreamMetadata(Zn::makePtr<StreamingDecodeReader::StreamMetadata>(true, uint16_t(groupSize)));
+        int rc = 0;
+        Surface s = f.read(5, &rc);
+        EXPECT_EQ(rc, FileReadInstance::kReadDone);
+        EXPECT_EQ(s.state(), Surface::kWaitComplete);
+        EXPECT_EQ(paintedFrame(s), 5);
+        ASSERT_EQ(f.reader->passes().size(), 1u);
+        EXPECT_FALSE(f.reader->passes()[0].onDecodeThread);
+        EXPECT_FALSE(f.reader->isStreaming());
+        EXPECT_FALSE(f.reader->isRunning());
+    }
+}
+
+TEST(StreamingDecodeReader, GroupsAreDecodedOnTheDecodeThreadAndServedFromTheTwoSlots) {
+    Fixture f;
+    f.reader->setStreamMetadata(Zn::makePtr<StreamingDecodeReader::StreamMetadata>(true, 10));
+    f.reader->gate.close();
+
+    // Frame 23 answers at once with a surface still to come; 27 shares its run.
+    Surface s23 = f.read(23);
+    EXPECT_TRUE(f.reader->isRunning());
+    EXPECT_STREQ(f.reader->name(), "Decode");
+    EXPECT_EQ(s23.state(), Surface::kWaitTimedOut);
+    Surface s27 = f.read(27);
+    ASSERT_TRUE(f.reader->gate.waitForWaiters(1));
+
+    // Frame 35 waits for the run 20..29 to be complete before its own run starts.
+    auto s35 = std::async(std::launch::async, [&] { return f.read(35); });
+    EXPECT_EQ(s35.wait_for(std::chrono::milliseconds(150)), std::future_status::timeout);
+    f.reader->gate.open();
+    EXPECT_EQ(paintedFrame(s35.get()), 35);
+    EXPECT_EQ(paintedFrame(s23), 23);
+    EXPECT_EQ(paintedFrame(s27), 27);
+
+    // 21 is in the run before: served from the current slot, the same picture as before.
+    Surface s21 = f.read(21);
+    EXPECT_EQ(paintedFrame(s21), 21);
+    const auto passes = f.reader->passes();
+    ASSERT_EQ(passes.size(), 2u);
+    EXPECT_EQ(passes[0].first, 20u);
+    EXPECT_EQ(passes[0].count, 10u);
+    EXPECT_EQ(passes[1].first, 30u);
+    EXPECT_TRUE(passes[0].onDecodeThread && passes[1].onDecodeThread);
+
+    // A third run retires 20..29.
+    EXPECT_EQ(paintedFrame(f.read(41)), 41);
+    EXPECT_EQ(paintedFrame(f.read(21)), 21);
+    EXPECT_EQ(f.reader->passes().size(), 4u);
+}
+
+TEST(StreamingDecodeReader, RunsOfAFrameRangeHandler) {
+    Fixture f;
+    f.reader->setStreamMetadata(Zn::makePtr<StreamingDecodeReader::StreamMetadata>(false, 8));
+    int rc = 0;
+    // Without a handler the read fails with an empty surface.
+    Surface none = f.read(3, &rc);
+    EXPECT_EQ(rc, FileReadInstance::kReadFailed);
+    EXPECT_TRUE(none.empty());
+
+    f.reader->setFrameRangeHandler(Zn::makePtr<FixedRange>(0, 0));
+    EXPECT_EQ(paintedFrame(f.read(0)), 0);
+    ASSERT_EQ(f.reader->passes().size(), 1u);
+    EXPECT_EQ(f.reader->passes()[0].first, 0u);
+    EXPECT_EQ(f.reader->passes()[0].count, 1u);
+
+    f.reader->setFrameRangeHandler(Zn::makePtr<FixedRange>(-5, 7));
+    EXPECT_EQ(paintedFrame(f.read(4)), 4);
+    EXPECT_EQ(f.reader->passes().back().first, 0u);
+    EXPECT_EQ(f.reader->passes().back().count, 7u);
+}
+
+TEST(StreamingDecodeReader, EndingAReaderThatNeverStreamedDoesNothing) {
+    Fixture f;
+    f.reader->endStreamDecode();
+    EXPECT_FALSE(f.reader->isRunning());
+}
