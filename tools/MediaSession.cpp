@@ -149,8 +149,7 @@ Zn::Ptr<iObject> RequestWaiter::result() {
 // ---------------------------------------------------------------------------------------
 
 FrameRead::FrameRead(const Cookie& material, int frame, const DecodeFormat& format) : frame_(frame) {
-    Zn::Ptr<VideoReadRequest> request;
-    queued_ = PlayFileCache::Shared().videoReadRequest(request, material, frame, false, kResultDecoded, format,
+    queued_ = PlayFileCache::Shared().videoReadRequest(request_, material, frame, false, kResultDecoded, format,
                                                        waiter_.getProxy()) == PlayFileCache::kVideoQueued;
 }
 
@@ -170,6 +169,7 @@ Zn::Image::Surface FrameRead::picture(std::string& error, std::chrono::milliseco
         error = where + ": the read failed";
         return Surface();
     }
+    request_ = nullptr;
     Surface s = buffer->getSurface(0);
     const int state = s.wait(unsigned(limit.count()));
     if (state == Surface::kWaitTimedOut) {

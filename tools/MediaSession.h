@@ -10,6 +10,7 @@
 #include "host/media/Surface.h"
 #include "playfile/open/OpenType.h"
 #include "playfile/requests/ReadRequestIssuer.h"
+#include "playfile/requests/VideoReadRequest.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -91,6 +92,9 @@ public:
 
 private:
     RequestWaiter waiter_;
+    // Held until the picture is taken: the queue skips a request that only it holds,
+    // taking it for one its issuer gave up on.
+    Zn::Ptr<VideoReadRequest> request_;
     int frame_;
     bool queued_ = false;
 };
