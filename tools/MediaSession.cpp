@@ -4,13 +4,13 @@
 #include "host/media/BackendPlugins.h"
 #include "host/media/FileReaderInfo.h"
 #include "host/project/EditManager.h"
-#include "host/project/ProjectImporter.h"
 #include "playfile/EntryPoints.h"
 #include "playfile/open/FileReadInstance.h"
 #include "playfile/open/PlayFileCache.h"
 #include "playfile/requests/AudioReadRequest.h"
 #include "playfile/requests/VideoReadRequest.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -55,6 +55,30 @@ bool readersAvailable(std::string& error) {
     error = "no media back-ends were found (looked in " + (folders.empty() ? std::string("no folder") : folders) +
             "; PLAYFILE_BACKEND_PATH names others)";
     return false;
+}
+
+// The clip's layout as the reader that serves the file describes it; false when no reader
+// opens it.
+bool clipLayoutFromReaders(const std::string& file, ImportOptions& options, bool rateGiven, std::string& why) {
+    if (!checkMediaFile(file, why)) return false;
+    Zn::Ptr<FileReadInstance> f = MediaSession::openByName(file, OpenType::kVideoAndAudio);
+    if (!f) {
+        why = "no reader can open it (give --video and --audio to import it all the same)";
+        return false;
+    }
+    const PlayFileMetadataRep& m = *f->getMetadata();
+    const uint32_t caps = f->getCapabilities();
+    if (options.videoChannels < 0)
+        options.videoChannels = (caps & OpenType::kVideo) && (m.getFrameCount() > 0 || m.hasStillImage()) ? 1 : 0;
+    if (options.audioChannels < 0)
+        options.audioChannels = (caps & OpenType::kAudio) ? int(std::min(m.getTotalChannels(), 254u)) : 0;
+    if (!rateGiven && !m.getAudioMetadata().empty() && m.getAudioMetadata()[0].getSampleRate())
+        options.sampleRate = m.getAudioMetadata()[0].getSampleRate();
+    if (options.videoChannels == 0 && options.audioChannels == 0) {
+        why = "the reader finds neither video nor audio in it";
+        return false;
+    }
+    return true;
 }
 
 MediaSession::~MediaSession() {

@@ -8,6 +8,7 @@
 #include "host/core/RefCount.h"
 #include "host/media/DecodeFormat.h"
 #include "host/media/Surface.h"
+#include "host/project/ProjectImporter.h"
 #include "playfile/open/OpenType.h"
 #include "playfile/requests/ReadRequestIssuer.h"
 #include "playfile/requests/VideoReadRequest.h"
@@ -31,6 +32,12 @@ bool checkMediaFile(const std::string& path, std::string& why);
 // Whether any file reader is registered; otherwise error says where back-ends were
 // looked for.
 bool readersAvailable(std::string& error);
+
+// Fills what options leaves open (-1 channels; the sample rate unless rateGiven) from
+// the reader that serves the file, opened through the play file cache: one video channel
+// when it has video, one sound channel per channel of all its audio streams. False with
+// why set when no reader opens it or it has neither.
+bool clipLayoutFromReaders(const std::string& file, ImportOptions& options, bool rateGiven, std::string& why);
 
 class MediaSession {
 public:

@@ -8,7 +8,6 @@
 #include "host/project/DiskManager.h"
 #include "host/project/EditManager.h"
 #include "host/project/ProjectImporter.h"
-#include "playfile/open/FileReadInstance.h"
 
 #include <cstdio>
 #include <filesystem>
@@ -45,30 +44,6 @@ const char kImportUsage[] =
     "\n"
     "Prints one line per clip. Exit status: 0 every file imported, 1 a file or the project\n"
     "failed (each failure is one line on standard error), 2 a usage error.\n";
-
-// The clip's layout as the reader that serves the file describes it; false when no reader
-// opens it.
-bool askLayout(const std::string& file, ImportOptions& options, bool rateGiven, std::string& why) {
-    if (!checkMediaFile(file, why)) return false;
-    Zn::Ptr<FileReadInstance> f = MediaSession::openByName(file, OpenType::kVideoAndAudio);
-    if (!f) {
-        why = "no reader can open it (give --video and --audio to import it all the same)";
-        return false;
-    }
-    const PlayFileMetadataRep& m = *f->getMetadata();
-    const uint32_t caps = f->getCapabilities();
-    if (options.videoChannels < 0)
-        options.videoChannels = (caps & OpenType::kVideo) && (m.getFrameCount() > 0 || m.hasStillImage()) ? 1 : 0;
-    if (options.audioChannels < 0)
-        options.audioChannels = (caps & OpenType::kAudio) ? int(std::min(m.getTotalChannels(), 254u)) : 0;
-    if (!rateGiven && !m.getAudioMetadata().empty() && m.getAudioMetadata()[0].getSampleRate())
-        options.sampleRate = m.getAudioMetadata()[0].getSampleRate();
-    if (options.videoChannels == 0 && options.audioChannels == 0) {
-        why = "the reader finds neither video nor audio in it";
-        return false;
-    }
-    return true;
-}
 
 bool parseCount(const std::string& text, int limit, int& out) {
     if (text.empty() || text.size() > 6 || text.find_first_not_of("0123456789") != std::string::npos) return false;
@@ -157,7 +132,7 @@ int run(const std::vector<std::string>& args) {
         ImportOptions fileOptions = options;
         if (options.videoChannels < 0 || options.audioChannels < 0) {
             std::string why;
-            if (!askLayout(f, fileOptions, rateGiven, why)) {
+            if (!clipLayoutFromReaders(f, fileOptions, rateGiven, why)) {
                 fail(kFailure, "import: " + f + ": " + why);
                 status = kFailure;
                 continue;
