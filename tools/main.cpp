@@ -48,10 +48,7 @@ int main(int argc, char** argv) {
     using namespace tool;
     // Library diagnostics go to the log file; the program's own output owns the console.
     Logging::setConsole(false);
-    if (argc < 2) {
-        printCommands(stderr);
-        return kUsage;
-    }
+    if (argc < 2) return fail(kUsage, "no command given (see 'playfile --help')");
     std::string name = argv[1];
     if (name == "--help" || name == "-h" || name == "help") {
         printCommands(stdout);
