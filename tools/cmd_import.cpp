@@ -1,6 +1,7 @@
 // `playfile import`: registers media files as clips of a project, linked in place or
 // copied onto a media drive.
 #include "tools/Command.h"
+#include "tools/MediaSession.h"
 #include "tools/Progress.h"
 
 #include "host/core/Strings.h"
@@ -34,10 +35,12 @@ const char kImportUsage[] =
     "  --audio N           audio channels of each clip\n"
     "  --rate HZ           the clips' audio sample rate (default 48000)\n"
     "\n"
-    "The channel layout comes from --video and --audio, else from the file's kind (sound\n"
-    "files: 2 audio channels; still images: 1 video; anything else: 1 video and 2 audio).\n"
-    "It is not read from the file yet: once the library's file readers are available,\n"
-    "import will ask them.\n"
+    "The channel layout comes from --video and --audio when given; otherwise the library\n"
+    "is asked: the file is opened through the play file cache and the reader that serves\n"
+    "it tells whether it has video (1 video channel) and how many audio channels its\n"
+    "streams hold together (one sound channel each, at the first stream's sample rate\n"
+    "unless --rate is given). A file that no reader opens is not imported unless both\n"
+    "--video and --audio are given.\n"
     "\n"
     "Prints one line per clip. Exit status: 0 every file imported, 1 a file or the project\n"
     "failed (each failure is one line on standard error), 2 a usage error.\n";
@@ -52,6 +55,7 @@ int run(const std::vector<std::string>& args) {
     std::vector<std::string> files;
     std::string project, drive;
     ImportOptions options;
+    bool rateGiven = false;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         auto value = [&](std::string& out) {
@@ -78,6 +82,7 @@ int run(const std::vector<std::string>& args) {
             if (!value(v) || !parseCount(v, 768000, rate) || rate == 0)
                 return fail(kUsage, "import: --rate needs a sample rate in Hz");
             options.sampleRate = unsigned(rate);
+            rateGiven = true;
         } else if (a.size() > 1 && a[0] == '-') {
             return fail(kUsage, "import: unknown option '" + a + "' (see 'playfile import --help')");
         } else {
@@ -122,9 +127,18 @@ int run(const std::vector<std::string>& args) {
             bar.reset();
         }
     };
-    ProjectImporter importer(options);
     int status = kOk;
     for (const auto& f : files) {
+        ImportOptions fileOptions = options;
+        if (options.videoChannels < 0 || options.audioChannels < 0) {
+            std::string why;
+            if (!clipLayoutFromReaders(f, fileOptions, rateGiven, why)) {
+                fail(kFailure, "import: " + f + ": " + why);
+                status = kFailure;
+                continue;
+            }
+        }
+        ProjectImporter importer(fileOptions);
         ImportResult r = importer.importFile(fromUTF8(f.c_str()));
         if (bar) {
             bar->finish();
@@ -135,8 +149,10 @@ int run(const std::vector<std::string>& args) {
             status = kFailure;
             continue;
         }
-        std::printf("imported %s as clip %s (%s drive %c)\n", f.c_str(), r.clip.asString().c_str(),
-                    options.copy ? "copied to" : "linked on", used.getUniqueId());
+        std::printf("imported %s as clip %s (%s drive %c): %d video, %d audio channel%s at %u Hz\n", f.c_str(),
+                    r.clip.asString().c_str(), options.copy ? "copied to" : "linked on", used.getUniqueId(),
+                    fileOptions.videoChannels, fileOptions.audioChannels, fileOptions.audioChannels == 1 ? "" : "s",
+                    fileOptions.sampleRate);
     }
     return status;
 }

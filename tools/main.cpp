@@ -1,11 +1,14 @@
-// Entry point of the `playfile` program: finds the command and runs it.
+// Entry point of the `playfile` program: loads the media back-ends, finds the command
+// and runs it. Library diagnostics go to the log file only, unless --verbose is given.
 #include "tools/Command.h"
 
+#include "host/media/BackendPlugins.h"
 #include "host/os/Log.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 
 namespace tool {
 
@@ -16,9 +19,12 @@ std::vector<Command>& table() {
 }
 
 void printCommands(FILE* out) {
-    std::fprintf(out, "usage: playfile COMMAND [ARGS...]\n"
+    std::fprintf(out, "usage: playfile COMMAND [ARGS...] [--verbose]\n"
                       "       playfile COMMAND --help\n\ncommands:\n");
     for (const Command& c : commands()) std::fprintf(out, "  %-10s %s\n", c.name, c.summary);
+    std::fprintf(out, "\n--verbose shows the library's diagnostics on standard error as well as in the\n"
+                      "log file ($PLAYFILE_LOG, else $XDG_STATE_HOME/playfile/playfile.log).\n"
+                      "Exit status: 0 success, 1 a read or processing failure, 2 a usage error.\n");
 }
 } // namespace
 
@@ -42,10 +48,7 @@ int main(int argc, char** argv) {
     using namespace tool;
     // Library diagnostics go to the log file; the program's own output owns the console.
     Logging::setConsole(false);
-    if (argc < 2) {
-        printCommands(stderr);
-        return kUsage;
-    }
+    if (argc < 2) return fail(kUsage, "no command given (see 'playfile --help')");
     std::string name = argv[1];
     if (name == "--help" || name == "-h" || name == "help") {
         printCommands(stdout);
@@ -53,12 +56,29 @@ int main(int argc, char** argv) {
     }
     for (const Command& c : commands()) {
         if (name != c.name) continue;
-        std::vector<std::string> args(argv + 2, argv + argc);
+        std::vector<std::string> args;
+        for (int i = 2; i < argc; ++i) {
+            if (std::strcmp(argv[i], "--verbose") == 0)
+                Logging::setConsole(true);
+            else
+                args.push_back(argv[i]);
+        }
         if (std::find(args.begin(), args.end(), "--help") != args.end()) {
             std::fputs(c.usage, stdout);
             return kOk;
         }
-        return c.run(args);
+        // Back-ends that fail to load are logged and skipped; a command that needs a
+        // reader says so when it finds none.
+        Zn::BackendPlugins::loadAll();
+        // Back-ends and the host report failures by return values; whatever escapes is a
+        // fault, and still only one line for the person at the terminal.
+        try {
+            return c.run(args);
+        } catch (const std::exception& e) {
+            return fail(kFailure, name + ": internal error: " + e.what());
+        } catch (...) {
+            return fail(kFailure, name + ": internal error");
+        }
     }
     return fail(kUsage, "unknown command '" + name + "' (see 'playfile --help')");
 }

@@ -1,0 +1,203 @@
+// `playfile frames`: reads a run of frames of a file through PlayFileCache::videoReadRequest,
+// with several reads in flight, and hashes them, writes them as images, or just times them.
+#include "tools/Command.h"
+#include "tools/ImageFile.h"
+#include "tools/Md5.h"
+#include "tools/MediaSession.h"
+#include "tools/Options.h"
+#include "tools/Progress.h"
+
+#include "playfile/open/FileReadInstance.h"
+
+#include <nlohmann/json.hpp>
+
+#include <chrono>
+#include <cstdio>
+#include <deque>
+#include <filesystem>
+#include <memory>
+#include <unistd.h>
+
+namespace tool {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+const char kFramesUsage[] =
+    "usage: playfile frames FILE [--start N] [--count K] [--format NAME] [--inflight N]\n"
+    "                       [--md5] [--out DIR [--image png|ppm]] [--json]\n"
+    "\n"
+    "Reads frames START to START+K-1 of the video of FILE through the play file cache, in\n"
+    "order, keeping up to --inflight reads queued at once, and waits for each picture.\n"
+    "Frames are counted from 0.\n"
+    "\n"
+    "  --start N       first frame (default 0)\n"
+    "  --count K       number of frames (default: to the end of the file)\n"
+    "  --format NAME   pixel format the frames are delivered in: native (default: the\n"
+    "                  decoder's own), or a host format named as FFmpeg names it: gray8,\n"
+    "                  gray16le, rgb24, bgr24, rgba, bgra, argb, rgb48le, rgba64le,\n"
+    "                  yuv420p, yuv422p, yuv444p, yuv420p10le, yuv422p10le, yuv444p10le,\n"
+    "                  nv12, uyvy422, yuyv422, gbrp, p010le, ...\n"
+    "  --inflight N    reads queued at once (default 4, at most 64)\n"
+    "  --md5           prints one line per frame: FRAME SIZE MD5, where SIZE is the bytes\n"
+    "                  of the picture's planes packed without row padding and MD5 their\n"
+    "                  digest: the bytes `ffmpeg -i FILE -f framemd5 -` hashes for the\n"
+    "                  same frame in the same pixel format (add -pix_fmt NAME to FFmpeg's\n"
+    "                  command for --format NAME)\n"
+    "  --out DIR       writes each frame as an image DIR/frame_NNNNNN.EXT (DIR is made when\n"
+    "                  missing). Images hold gray or RGB pictures: with --out the format\n"
+    "                  defaults to rgb24, and must be gray8, gray16le, rgb24, rgb48le (PNG\n"
+    "                  or PPM/PGM), rgba or rgba64le (PNG only)\n"
+    "  --image KIND    png (default) or ppm (PPM for RGB, PGM for gray)\n"
+    "  --json          one JSON object on standard output instead of text: {file, start,\n"
+    "                  count, format, width, height, seconds, fps, frames: [{frame, size,\n"
+    "                  md5 (with --md5 only)}]}; members are only ever added\n"
+    "\n"
+    "Without --md5 or --json, prints one summary line: the frames read, their format and\n"
+    "size, the time taken and the frames per second (a progress bar on a terminal).\n"
+    "\n"
+    "Exit status: 0 every frame read; 1 the file cannot be read, has no video, has no such\n"
+    "frames, or a read failed (one line on standard error); 2 a usage error.\n";
+
+bool parseFormat(const std::string& name, Zn::Image::eDataFormat& out) {
+    if (name == "native") {
+        out = Zn::Image::kFormatUnknown;
+        return true;
+    }
+    for (int f = 1; f <= Zn::Image::kFormatLastRaw; ++f)
+        if (name == Zn::Image::formatName(Zn::Image::eDataFormat(f))) {
+            out = Zn::Image::eDataFormat(f);
+            return true;
+        }
+    return false;
+}
+
+int run(const std::vector<std::string>& args) {
+    Options o;
+    if (!o.parse("frames", args,
+                 {{"--start", true}, {"--count", true}, {"--format", true}, {"--inflight", true}, {"--md5", false},
+                  {"--out", true}, {"--image", true}, {"--json", false}}))
+        return fail(kUsage, o.error());
+    if (o.positional().size() != 1)
+        return fail(kUsage, o.positional().empty() ? "frames: no file given" : "frames: give one file");
+    const std::string path = o.positional()[0];
+    uint64_t start = 0, count = 0, inflight = 0;
+    if (!o.number("--start", 0, INT32_MAX, 0, start) || !o.number("--count", 1, INT32_MAX, 0, count) ||
+        !o.number("--inflight", 1, 64, 4, inflight))
+        return fail(kUsage, o.error());
+    const bool md5 = o.has("--md5"), json = o.has("--json"), out = o.has("--out");
+    const std::string kind = o.value("--image", "png");
+    if (kind != "png" && kind != "ppm") return fail(kUsage, "frames: --image is png or ppm, not '" + kind + "'");
+    if (o.has("--image") && !out) return fail(kUsage, "frames: --image goes with --out");
+    const ImageKind imageKind = kind == "png" ? ImageKind::kPng : ImageKind::kPnm;
+    Zn::Image::eDataFormat format = out ? Zn::Image::kFormatRGB24 : Zn::Image::kFormatUnknown;
+    if (o.has("--format") && !parseFormat(o.value("--format"), format))
+        return fail(kUsage, "frames: unknown pixel format '" + o.value("--format") + "' (see 'playfile frames --help')");
+    if (out && !imageHolds(imageKind, format))
+        return fail(kUsage, std::string("frames: ") + (kind == "png" ? "PNG" : "PPM/PGM") + " images cannot hold " +
+                                (format ? Zn::Image::formatName(format) : "native") + " pictures (see --help)");
+
+    std::string why;
+    if (!checkMediaFile(path, why)) return fail(kFailure, "frames: " + path + ": " + why);
+    if (!readersAvailable(why)) return fail(kFailure, "frames: " + why);
+    MediaSession session;
+    if (!session.openScratch(why)) return fail(kFailure, "frames: " + why);
+
+    // Width and height 0 keep the picture's own size; only the pixel format changes.
+    DecodeFormat decodeFormat(1);
+    if (format != Zn::Image::kFormatUnknown) decodeFormat = DecodeFormat(0, 0, format);
+    const auto opening = std::chrono::steady_clock::now();
+    // Opened by name first, with the format the reads want (a long-GOP reader decodes for
+    // the format it was opened with); the clip's reads below find this file in the cache.
+    Zn::Ptr<FileReadInstance> file = MediaSession::openByName(path, OpenType::kVideo, decodeFormat);
+    if (!file) return fail(kFailure, "frames: " + path + ": no reader can open it for video");
+    if (!(file->getCapabilities() & OpenType::kVideo)) return fail(kFailure, "frames: " + path + ": has no video");
+    const uint64_t frames = file->getMetadata()->getFrameCount();
+    file = nullptr;
+    if (frames == 0) return fail(kFailure, "frames: " + path + ": has no video frames");
+    if (start >= frames)
+        return fail(kFailure, "frames: " + path + " has " + std::to_string(frames) + " frames; --start " +
+                                  std::to_string(start) + " is past the end");
+    if (count == 0) count = frames - start;
+    if (start + count > frames)
+        return fail(kFailure, "frames: " + path + " has " + std::to_string(frames) + " frames; " +
+                                  std::to_string(start) + "+" + std::to_string(count) + " runs past the end");
+    const Cookie clip = session.addClip(path, true, 0, 0, why);
+    if (!clip.valid()) return fail(kFailure, "frames: " + why);
+    const Cookie material = convertCookie(clip, 'V', 0);
+
+    const std::string dir = o.value("--out");
+    if (out) {
+        std::error_code ec;
+        std::filesystem::create_directories(dir, ec);
+        if (!std::filesystem::is_directory(dir, ec)) return fail(kFailure, "frames: cannot make the folder " + dir);
+    }
+
+    std::unique_ptr<ProgressBar> bar;
+    if (!md5 && !json && isatty(fileno(stdout))) bar = std::make_unique<ProgressBar>("reading frames", count);
+    Json list = Json::array();
+    Zn::Image::eDataFormat got = Zn::Image::kFormatUnknown;
+    uint32_t width = 0, height = 0;
+    std::deque<std::unique_ptr<FrameRead>> window;
+    uint64_t next = start, done = 0;
+    const auto t0 = std::chrono::steady_clock::now();
+    while (done < count) {
+        while (next < start + count && window.size() < inflight)
+            window.push_back(std::make_unique<FrameRead>(material, int(next++), decodeFormat));
+        std::unique_ptr<FrameRead> read = std::move(window.front());
+        window.pop_front();
+        Zn::Image::Surface picture = read->picture(why);
+        if (picture.empty()) return fail(kFailure, "frames: " + path + ": " + why);
+        if (format != Zn::Image::kFormatUnknown && picture.getDataFormat() != format)
+            return fail(kFailure, "frames: " + path + ": the reader delivered " +
+                                      Zn::Image::formatName(picture.getDataFormat()) + ", not " +
+                                      Zn::Image::formatName(format));
+        got = picture.getDataFormat();
+        width = picture.getWidth();
+        height = picture.getHeight();
+        if (md5 || json) {
+            Json entry = {{"frame", read->frame()}};
+            size_t size = 0;
+            Md5 digest;
+            forEachPackedRow(picture, [&](const uint8_t* p, size_t n) {
+                if (md5) digest.add(p, n);
+                size += n;
+            });
+            entry["size"] = size;
+            if (md5) entry["md5"] = digest.hex();
+            if (json)
+                list.push_back(entry);
+            else
+                std::printf("%d %zu %s\n", read->frame(), size, entry["md5"].get<std::string>().c_str());
+        }
+        if (out) {
+            char name[32];
+            std::snprintf(name, sizeof name, "frame_%06d.%s", read->frame(), imageExtension(imageKind, got));
+            if (!writeImage((std::filesystem::path(dir) / name).string(), imageKind, picture, why))
+                return fail(kFailure, "frames: " + why);
+        }
+        ++done;
+        if (bar) bar->update(done);
+    }
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    if (bar) bar->finish();
+    const double fps = seconds > 0 ? double(count) / seconds : 0.0;
+    if (json) {
+        Json j = {{"file", path},   {"start", start},   {"count", count},     {"format", Zn::Image::formatName(got)},
+                  {"width", width}, {"height", height}, {"seconds", seconds}, {"fps", fps},
+                  {"frames", list}};
+        std::printf("%s\n", j.dump(2).c_str());
+    } else if (!md5) {
+        const double openSeconds = std::chrono::duration<double>(t0 - opening).count();
+        std::printf("%s: frames %llu-%llu (%llu) as %s %ux%u in %.3f s, %.1f fps (opening %.3f s)%s\n", path.c_str(),
+                    (unsigned long long)start, (unsigned long long)(start + count - 1), (unsigned long long)count,
+                    Zn::Image::formatName(got), width, height, seconds, fps, openSeconds,
+                    out ? ("; images in " + dir).c_str() : "");
+    }
+    return kOk;
+}
+
+CommandRegistration reg({"frames", "read frames through the cache: hash, save or time them", kFramesUsage, run});
+
+} // namespace
+} // namespace tool
