@@ -1,6 +1,7 @@
 // Entry point of the `playfile` program: finds the command and runs it.
 #include "tools/Command.h"
 
+#include "host/media/BackendPlugins.h"
 #include "host/os/Log.h"
 
 #include <algorithm>
@@ -42,6 +43,8 @@ int main(int argc, char** argv) {
     using namespace tool;
     // Library diagnostics go to the log file; the program's own output owns the console.
     Logging::setConsole(false);
+    // The decoder back-ends, from the plug-in folder, before any file is opened.
+    Zn::BackendPlugins::loadAll();
     if (argc < 2) {
         printCommands(stderr);
         return kUsage;
