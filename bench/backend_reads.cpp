@@ -75,12 +75,13 @@ public:
         done_ = true;
         cv_.notify_all();
     }
-    // The picture, once complete (an empty surface when the read failed).
-    Zn::Image::Surface picture() {
+    // The picture, once complete (an empty surface when the read failed). A request
+    // joined to an equal one that had already failed gets no callback: its status says so.
+    Zn::Image::Surface picture(const VideoReadRequest& request) {
         Zn::Ptr<FrameBufferRep> b;
         {
             std::unique_lock<std::mutex> l(m_);
-            cv_.wait(l, [&] { return done_; });
+            cv_.wait(l, [&] { return done_ || request.getStatus() == Failed; });
             b = buffer_;
         }
         Zn::Image::Surface s = b ? b->getSurface(0) : Zn::Image::Surface();
@@ -105,12 +106,13 @@ struct Read {
                                                 waiter.getProxy());
         file->queueReadRequest(request, false);
     }
+    Zn::Image::Surface picture() { return waiter.picture(*request); }
 };
 
 bool readOne(Zn::Ptr<FileReadInstance>& file, uint32_t frame, double* ms = nullptr) {
     const auto t = Clock::now();
     Read r(file, frame);
-    const bool ok = !r.waiter.picture().empty();
+    const bool ok = !r.picture().empty();
     if (ms) *ms = msSince(t);
     return ok;
 }
@@ -135,7 +137,7 @@ int sequential(const char* path, int inflight, int passes) {
         uint32_t next = 0;
         while (next < frames || !window.empty()) {
             while (next < frames && int(window.size()) < inflight) window.push_back(std::make_unique<Read>(file, next++));
-            if (window.front()->waiter.picture().empty()) ++failed;
+            if (window.front()->picture().empty()) ++failed;
             window.pop_front();
         }
     }

@@ -1,5 +1,7 @@
 #include "backends/ffmpeg/FfmpegReader.h"
 
+#include "backends/ffmpeg/FfmpegCompletionPool.h"
+
 #include "host/core/Strings.h"
 #include "host/os/Config.h"
 #include "host/os/Log.h"
@@ -125,6 +127,67 @@ void FfmpegReadInstance::ZnFileIxCache_open(Zn::Ptr<IndexInfoRep>& index, unsign
     // One read delivers the frame itself: the run is the frame alone.
     index = Zn::makePtr<IndexInfoRep>(base, frame - base, frame, uint64_t(std::max<int64_t>(p.key.pos, 0)),
                                       uint32_t(std::max(p.key.size, 0)), f.isKey());
+}
+
+bool FfmpegReadInstance::queueReadRequest(Zn::Ptr<VideoReadRequest>& request, bool flag) {
+    if (longGop_ || !request || !getVideoQueue() || !index_->video)
+        return StreamingDecodeReader::queueReadRequest(request, flag);
+    const int64_t frame = request->getFrame();
+    const int64_t frames = index_->video->frameCount();
+    std::vector<Zn::Ptr<VideoReadRequest>> queueNow;
+    std::vector<Zn::Ptr<VideoReadRequest>> released; // let go after the lock
+    {
+        std::lock_guard<std::mutex> lock(aheadMutex_);
+        // In order: the frame after the last one, or one of those already queued ahead.
+        const bool inOrder = frame > lastQueued_ && frame <= lastQueued_ + 1 + int64_t(kReadAhead);
+        lastQueued_ = frame;
+        auto kept = ahead_.begin();
+        for (auto& r : ahead_) {
+            if (inOrder && int64_t(r->getFrame()) > frame) *kept++ = std::move(r);
+            else released.push_back(std::move(r));
+        }
+        ahead_.erase(kept, ahead_.end());
+        for (int64_t f = frame + 1; inOrder && f <= frame + int64_t(kReadAhead) && f < frames; ++f) {
+            if (std::any_of(ahead_.begin(), ahead_.end(), [&](const auto& r) { return r->getFrame() == f; })) continue;
+            Zn::Ptr<IndexInfoRep> index;
+            ZnFileIxCache_open(index, uint32_t(f));
+            Zn::Ptr<FileReadInstance> self = request->getFile();
+            auto ahead = Zn::makePtr<VideoReadRequest>(self, index, uint32_t(f), request->getResultType(),
+                                                       static_cast<const DecodeFormat&>(*request), nullptr);
+            ahead_.push_back(ahead);
+            queueNow.push_back(std::move(ahead));
+        }
+    }
+    const bool queued = StreamingDecodeReader::queueReadRequest(request, flag);
+    // The queue may answer with an equal request it already had (the issuer's own); the one
+    // kept in ahead_ was then never queued and only waits to be let go.
+    for (auto& r : queueNow) StreamingDecodeReader::queueReadRequest(r, false);
+    return queued;
+}
+
+void FfmpegReadInstance::purge() {
+    std::vector<Zn::Ptr<VideoReadRequest>> released;
+    {
+        std::lock_guard<std::mutex> lock(aheadMutex_);
+        released.swap(ahead_);
+        lastQueued_ = -2;
+    }
+    released.clear();
+    StreamingDecodeReader::purge();
+}
+
+int FfmpegReadInstance::readVideo(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) {
+    if (longGop_) return StreamingDecodeReader::readVideo(out, request);
+    int rc;
+    {
+        CriticalSection::Lock lock(getLock());
+        out = Zn::makePtr<FrameBufferRep>(getDecodeFormat(), request->getIndexInfo(), request->getFrame());
+        rc = readPacket(out, request->getFrame());
+    }
+    // The request decodes the packet as it completes: on a worker, so that the frames
+    // queued behind this one are read and decoded meanwhile.
+    if (rc == kReadDone && FfmpegCompletionPool::complete(request, out)) return kReadPending;
+    return rc;
 }
 
 int FfmpegReadInstance::readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) {

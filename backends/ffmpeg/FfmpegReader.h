@@ -5,9 +5,12 @@
 // - long-GOP video streams: the reader is a StreamingDecodeReader whose "Decode" thread
 //   decodes runs of frames with an FfmpegVideoDecoder; FrameRanges (below) answers the run
 //   for a frame. Frames come out in the file's decode format (native when none is set).
-// - intra-only video (every frame decodes on its own) is read synchronously as compressed
-//   packets; the request decodes them on completion through the decoder this back-end
-//   registers with Zn::DecoderInfo, in the request's format.
+// - intra-only video (every frame decodes on its own) is read as compressed packets on the
+//   video queue's thread; the request decodes them on completion through the decoder this
+//   back-end registers with Zn::DecoderInfo, in the request's format, on a worker of
+//   FfmpegCompletionPool so that frames queued ahead decode side by side. When requests
+//   come in order, the reader queues requests of its own for the next frames (read-ahead),
+//   which the queue then hands to the issuer's requests for them.
 // Audio streams are read by sample position from an FfmpegAudioDecoder per stream.
 #pragma once
 
@@ -47,10 +50,17 @@ private:
     int64_t nextFrame_ = 0; // the frame after the last run answered
 };
 
-// Locks: the FileReadInstance lock guards the packet reader of the intra-only road (the
-// synchronous path takes it around decodeFrames). audioMutex_ guards the audio decoders;
-// it is taken on the audio queue's thread with no other lock held. The video decoder and
-// its SurfaceMaker belong to the "Decode" thread alone; the index is immutable.
+// Locks: the FileReadInstance lock guards the packet reader of the intra-only road (taken
+// on the video queue's thread around reading a packet). aheadMutex_ guards the read-ahead
+// (lastQueued_, ahead_); it is a leaf lock, taken in queueReadRequest on the issuer's
+// thread and in purge, and released before anything is queued. audioMutex_ guards the
+// audio decoders; it is taken on the audio queue's thread with no other lock held. The
+// video decoder and its SurfaceMaker belong to the "Decode" thread alone; the index is
+// immutable.
+//
+// Read-ahead requests refer to this file (as every request does) while it holds them, so
+// a file left with some is kept alive until purge() releases them; the play file cache
+// purges a file before it lets it go.
 class FfmpegReadInstance : public StreamingDecodeReader {
 public:
     // Opens and indexes the file; null with a reason when FFmpeg cannot read it or it has
@@ -61,7 +71,15 @@ public:
 
     String getReaderName() const override { return "FFmpeg"; }
     void ZnFileIxCache_open(Zn::Ptr<IndexInfoRep>& index, unsigned frame) override;
+    bool queueReadRequest(Zn::Ptr<VideoReadRequest>& request, bool flag) override;
+    using StreamingDecodeReader::queueReadRequest;
+    int readVideo(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) override;
+    using StreamingDecodeReader::readVideo;
     void readAudio(Zn::Ptr<AudioReadRequest>& request) override;
+    void purge() override;
+
+    // Frames queued ahead of an issuer reading an intra-only file in order.
+    static constexpr uint32_t kReadAhead = 3;
 
     const ffmpeg_engine::MediaIndex& mediaIndex() const { return *index_; }
     // True when video goes through the "Decode" thread (long-GOP), false for intra-only.
@@ -91,6 +109,10 @@ private:
     // Under the FileReadInstance lock.
     std::unique_ptr<ffmpeg_engine::FfmpegPacketReader> packets_;
     Zn::Ptr<FfmpegCodecSetup> setup_;
+
+    std::mutex aheadMutex_;
+    int64_t lastQueued_ = -2; // the frame an issuer queued last
+    std::vector<Zn::Ptr<VideoReadRequest>> ahead_;
 
     std::mutex audioMutex_;
     std::vector<std::unique_ptr<ffmpeg_engine::FfmpegAudioDecoder>> audio_;

@@ -15,6 +15,28 @@ Registry& registry() {
 }
 } // namespace
 
+FileWriterParams FileWriterParams::forVideo(const ShotVideoMetadata& shot, Image::eDataFormat pixels) {
+    FileWriterParams p;
+    p.kind = kVideo;
+    p.video = shot;
+    if (const DigitalVideoFormat* f = DigitalVideoFormats::findByUID(shot.getVideoFormatUID()))
+        p.core.setCoreData(f->storedWidth(), f->storedHeight(), pixels);
+    getFrameRateFraction(shot.getFrameRate(), p.rateNum, p.rateDen);
+    return p;
+}
+
+FileWriterParams FileWriterParams::forAudio(const Aud::Metadata& layout) {
+    FileWriterParams p;
+    p.kind = kAudio;
+    p.audio = layout;
+    return p;
+}
+
+ShotVideoMetadata FileWriterParams::videoMetadata() const {
+    if (video.isSet()) return video;
+    return ShotVideoMetadata::fromPicture(core.getWidth(), core.getHeight(), rateNum, rateDen);
+}
+
 FileWriteInstance::FileWriteInstance(const WString& fileName, const FileWriterParams& params)
     : fileName_(fileName), params_(params) {
     metadata_.audioStream = params.audio;

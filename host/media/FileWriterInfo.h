@@ -11,6 +11,7 @@
 #include "host/media/ImageCore.h"
 #include "host/media/MemHolder.h"
 #include "host/media/RequestStatus.h"
+#include "host/media/ShotVideoMetadata.h"
 #include "host/media/Surface.h"
 
 #include <atomic>
@@ -29,12 +30,22 @@ struct FileWriterParams {
     Image::Core::Data core;   // frames handed to the writer
     int32_t rateNum = 25;     // frame rate of video
     int32_t rateDen = 1;
+    ShotVideoMetadata video;  // the shot's format and rate code, for the play header
     Aud::Metadata audio;      // audio layout (sample rate, channels, bytes per sample, type)
     String codec;
     String container;
-    configb options;          // writer-specific settings
+    configb options;          // writer-specific settings (an FFmpeg writer passes them to
+                              // its encoder as options)
+
+    // Video of a shot: the picture its format stores, in the given pixel format, at its
+    // rate; core and rate are taken from the shot, so the two always agree.
+    static FileWriterParams forVideo(const ShotVideoMetadata& shot, Image::eDataFormat pixels);
+    static FileWriterParams forAudio(const Aud::Metadata& layout);
 
     double framesPerSecond() const { return rateDen ? double(rateNum) / rateDen : 0.0; }
+    // The shot metadata for the header: video when set, else what the table says of
+    // the picture size and rate (which may be unset for a size it does not list).
+    ShotVideoMetadata videoMetadata() const;
 };
 
 using WriteDoneFn = void (*)(RequestStatus);

@@ -17,6 +17,7 @@
 #include "host/core/RefCount.h"
 #include "host/core/ValObserver.h"
 #include "host/media/DecodeFormat.h"
+#include "host/media/FileWriterInfo.h"
 #include "host/os/Reclaimable.h"
 #include "host/threads/CriticalSection.h"
 #include "ole/Zn/ZnMultipleAccessQueue.h"
@@ -134,6 +135,19 @@ public:
     // Has the open files of a clip's growing material (and of its proxies) re-read their
     // length, passing flags and newSize on to FileReadInstance::recalculateSize.
     void recalculateSize(const Cookie& clip, unsigned flags, unsigned& newSize);
+
+    // Creates the material file of a clip ('V' or 'S' cookie) under the clip's material
+    // file name with the writer's extension, registers it with the project and stores its
+    // play header there and beside the file. Null, with a log line, on failure.
+    // (PlayFileWriting.cpp, like the renames.)
+    Zn::Ptr<Zn::FileWriteInstance> create(const Cookie& cookie, Zn::FileWriterParams& params);
+    // Moves every file of the clip `from` to the names of the clip `to`: each is closed
+    // here, renamed on disk (its name's material cookie text replaced), and its record,
+    // header and start offset move to the same material of `to`. A file whose name does
+    // not carry the cookie keeps its name; only its record moves. 1 when all moved.
+    // Both names do the same, as callers have always used either.
+    int renameMediaFile(const Cookie& from, const Cookie& to);
+    int renameMediaFiles(const Cookie& from, const Cookie& to);
 
     // Makes and queues the request for one frame of a video material: frame counts from
     // the material's start in its file. kVideoQueued, or kNotAvailable when the file

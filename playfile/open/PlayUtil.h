@@ -8,11 +8,16 @@
 #include "host/core/LightweightString.h"
 #include "host/core/RefCount.h"
 #include "host/media/DecodeFormat.h"
+#include "host/media/FileWriterInfo.h"
+#include "host/media/MemHolder.h"
+#include "host/media/RequestStatus.h"
 #include "host/media/PlayFileMetadataRep.h"
+#include "playfile/open/MediaTypes.h"
 #include "playfile/open/OpenType.h"
 
 #include <cstddef>
 
+class CapturePacket;
 class FileReadInstance;
 
 class PlayUtil {
@@ -41,4 +46,27 @@ public:
     static bool checkAudioMetadata(const Cookie& cookie);
     // Adds the size in bytes of the material's file to *total when the file exists.
     static void get_total_size(const Cookie& material, size_t* total);
+
+    // Creating, writing and deleting play files (PlayFileWriting.cpp).
+    //
+    // A new file written by the first registered writer that accepts params; null when
+    // none does or its create fails.
+    static Zn::Ptr<Zn::FileWriteInstance> openWrite(const WString& fileName, Zn::FileWriterParams& params);
+    // Writes video frame sampleId, which must be the next one (the count of frames written
+    // so far): else "Bad sample ID %d" is logged and 0 returned without writing. While the
+    // writer has more than 32 frames pending, waits in 100 ms steps, giving up after 49
+    // waits. done (may be null) hears Complete or Failed. 1 when the frame was taken.
+    // Called on the caller's thread (one writer per thread); takes no lock of its own.
+    static int ZnVideoSample_write(Zn::Ptr<Zn::FileWriteInstance>& writer, int sampleId,
+                                   Zn::Ptr<CapturePacket>& packet, void (*done)(RequestStatus));
+    // Writes a block of audio; the writer calls done. On 1, the block's whole sample
+    // frames are added to the audio frames written.
+    static int ZnAudioSamples_write(Zn::Ptr<Zn::FileWriteInstance>& writer, Zn::Ptr<iMemHolder>& samples,
+                                    void (*done)(RequestStatus));
+    // Deletes a material's file (types: kMediaHighRes, kMediaProxy or both), closing it in
+    // the play file cache first. 1 on success.
+    static int deletePlayFile(const Cookie& cookie, eMediaTypes types);
+    // Deletes every video variant (0-23) and sound channel (1 to "max_audio_chans_in_shot",
+    // read on every call) of a clip that the project knows; 1, or the last failure.
+    static int delete_material_files(Cookie cookie, eMediaTypes types);
 };

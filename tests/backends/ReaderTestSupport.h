@@ -96,6 +96,8 @@ inline std::string readFrameMd5(Zn::Ptr<FileReadInstance>& file, uint32_t frame,
     file->ZnFileIxCache_open(index, frame);
     auto request = Zn::makePtr<VideoReadRequest>(file, index, frame, kResultDecoded, format, waiter.getProxy());
     file->queueReadRequest(request, false);
+    // Joined to an equal request that has already failed: no callback comes.
+    if (request->getStatus() == Failed) return "failed";
     if (!waiter.wait()) return "timed out";
     if (waiter.status() != Complete || !waiter.buffer()) return "failed";
     Zn::Image::Surface s = waiter.buffer()->getSurface(0);

@@ -30,8 +30,14 @@ TEST(ImportCommand, ImportsLinkedOrCopiedAndReportsFailuresInOneLineEach) {
     std::string a = makeFile(tmp.path() / "my clip.mov", 700), b = makeFile(tmp.path() / "voice.wav", 300);
     std::string project = "'" + (tmp.path() / "proj").string() + "'";
 
-    ToolRun linked = playfile(tmp, "import '" + a + "' '" + b + "' --project " + project);
+    // The files are not real media, so the channel layout is given rather than asked for.
+    ToolRun linked = playfile(tmp, "import '" + a + "' --video 1 --audio 2 --project " + project);
     EXPECT_EQ(linked.status, 0) << linked.err;
+    ToolRun sound = playfile(tmp, "import '" + b + "' --video 0 --audio 2 --project " + project);
+    EXPECT_EQ(sound.status, 0) << sound.err;
+    ToolRun unknown = playfile(tmp, "import '" + a + "' --project " + project);
+    EXPECT_EQ(unknown.status, 1);
+    EXPECT_EQ(std::count(unknown.err.begin(), unknown.err.end(), '\n'), 1) << unknown.err;
     EXPECT_NE(linked.out.find("my clip.mov as clip E"), std::string::npos) << linked.out;
     EXPECT_NE(linked.out.find("(linked on drive A)"), std::string::npos) << linked.out;
 
@@ -49,7 +55,7 @@ TEST(ImportCommand, ImportsLinkedOrCopiedAndReportsFailuresInOneLineEach) {
     }
     ToolRun help = playfile(tmp, "import --help");
     EXPECT_EQ(help.status, 0);
-    EXPECT_NE(help.out.find("will ask them"), std::string::npos);
+    EXPECT_NE(help.out.find("otherwise the library\nis asked"), std::string::npos);
 
     ASSERT_TRUE(EditManager::openProject(W((tmp.path() / "proj").string()), false));
     CookieVec clips = EditManager::getProjdb()->search(1, Edit::eLogClip);

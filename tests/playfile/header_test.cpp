@@ -1,6 +1,7 @@
 // The play header: key lookup, the two parsers, the writer and the self-test program.
 #include "playfile/Version.h"
 #include "playfile/header/PlayHeader.h"
+#include "playfile/header/PlayPriv.h"
 
 #include <gtest/gtest.h>
 
@@ -90,6 +91,13 @@ TEST(HeaderWriter, SoundRecordsOmitVisionKeysAndEmptyNames) {
     }
 }
 
+TEST(HeaderWriter, PrintHeaderPrintsTheTextAndANewline) {
+    SAV_HEADER h = visionRecord();
+    testing::internal::CaptureStdout();
+    print_header(&h);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), written(h) + "\n");
+}
+
 TEST(HeaderWriter, ZnVersionIsAlwaysTheWritersOwn) {
     SAV_HEADER h = visionRecord();
     std::snprintf(h.zn_ver, sizeof h.zn_ver, "0.0.0.0");
@@ -136,6 +144,15 @@ TEST(HeaderParseV2, DefaultChainsAndVersionRules) {
     EXPECT_STREQ(v4.vision_type, "NTSC");
     EXPECT_STREQ(v4.reelid, "ABCDEFGH");
     EXPECT_EQ(v4.sequence, -1);
+
+    // A medium that is not exactly "sound" or "vision" reads no keys of either.
+    SAV_HEADER odd;
+    odd.number_of_channels = odd.width = 7;
+    parse_header_v2(&odd, std::string("medium Sound\nnumber_of_channels 2\nwidth 5\nvideo_field first\n").data());
+    EXPECT_STREQ(odd.medium, "Sound");
+    EXPECT_EQ(odd.number_of_channels, 7);
+    EXPECT_EQ(odd.width, 7);
+    EXPECT_STREQ(odd.video_field, "");
 
     SAV_HEADER keep;
     keep.number_of_channels = 5;
@@ -188,4 +205,48 @@ TEST(HeaderSelfTest, LooksUpFromTheLastHit) {
     std::string out = run({"selftest", "x", "novalue"}, rc);
     EXPECT_NE(out.find("Item \"novalue\" not found.\n"), std::string::npos);
     EXPECT_EQ(rc, 1);
+}
+
+TEST(NewFileHeaders, VisionHeaderFromTheShotsFormatAndRate) {
+    Zn::Ptr<PlayFile> file = Zn::makePtr<PlayFile>(WString(L"/media/A/video/V0001e240_000003e8_00.mkv"));
+    SAV_HEADER h;
+    PlayPriv::make_vision_header(file, ShotVideoMetadata(Zn::Image::FormatUID{5}, Zn::kFrameRate25), &h);
+    std::string v = playfileDllVersionStr();
+    EXPECT_EQ(written(h),
+              "header_version 6\n\rmedium vision\n\rinput_rate 25.00000000\n\rreplay_rate 25.00000000\n\r"
+              "format data\n\rdrop_frame 0\n\rtimecode_rate 0.00000000\n\rstart_time_code 0.00000000\n\r"
+              "end_time_code 0.00000000\n\rstart_offset 0\n\rvision_type PAL\n\rwidth 1920\n\rheight 1080\n\r"
+              "sequence -1\n\rtransfer_type -1\n\rreelid \n\r"
+              "orig_fname /media/A/video/V0001e240_000003e8_00.mkv\n\rzn_ver " + v + "\n\rvideo_field both\n\r");
+
+    // Only 25 frames per second is PAL. The quarter-size variant of 1080 stores 480 x 270.
+    for (Zn::FrameRate r : {Zn::kFrameRate24, Zn::kFrameRate29_97, Zn::kFrameRate30, Zn::kFrameRate50}) {
+        PlayPriv::make_vision_header(file, ShotVideoMetadata(Zn::Image::FormatUID{102}, r), &h);
+        EXPECT_STREQ(h.vision_type, "NTSC") << r;
+        EXPECT_DOUBLE_EQ(h.input_rate, Zn::getFramesPerSecond(r));
+        EXPECT_EQ(h.width, 480);
+        EXPECT_EQ(h.height, 270);
+    }
+    EXPECT_DOUBLE_EQ(h.replay_rate, 50.0);
+    PlayPriv::make_vision_header(nullptr, ShotVideoMetadata(Zn::Image::FormatUID{999}, Zn::kFrameRate29_97), &h);
+    EXPECT_EQ(h.width, 0);
+    EXPECT_DOUBLE_EQ(h.input_rate, 30000.0 / 1001.0);
+    EXPECT_EQ(written(h).find("orig_fname"), std::string::npos);
+}
+
+TEST(NewFileHeaders, SoundHeaderIsMonoLinearSamples) {
+    Zn::Ptr<PlayFile> file = Zn::makePtr<PlayFile>(WString(L"/media/A/audio/S1.wav"));
+    SAV_HEADER h;
+    PlayPriv::make_audio_header(file, &h, 48000.0, 3);
+    std::string v = playfileDllVersionStr();
+    EXPECT_EQ(written(h),
+              "header_version 6\n\rmedium sound\n\rinput_rate 48000.00000000\n\rreplay_rate 48000.00000000\n\r"
+              "format linear_uncompressed\n\rdrop_frame 0\n\rtimecode_rate 0.00000000\n\r"
+              "start_time_code 0.00000000\n\rend_time_code 0.00000000\n\rstart_offset 0\n\r"
+              "number_of_channels 1\n\rbytes_per_sample 3\n\rreelid \n\rorig_fname /media/A/audio/S1.wav\n\r"
+              "zn_ver " + v + "\n\r");
+    EXPECT_STREQ(h.vision_type, "unknown");
+    EXPECT_STREQ(h.video_field, "");
+    EXPECT_EQ(h.transfer_type, -1);
+    EXPECT_EQ(h.sequence, -1);
 }
