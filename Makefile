@@ -13,7 +13,7 @@ BUILD_DIR ?= build-$(subst $(comma),-,$(SANITIZE))
 endif
 comma := ,
 
-.PHONY: all bootstrap configure build test demo bench clean format fuzz
+.PHONY: all bootstrap configure build test demo bench compare clean format fuzz
 
 all: build
 
@@ -37,6 +37,11 @@ demo: build
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done
+
+# The side-by-side comparison with ffmpeg, melt and libopenshot (bench/compare).
+compare: build
+	@scripts/bootstrap --compare
+	bench/compare $(BUILD_DIR)
 
 format:
 	find host ole playfile backends tools tests bench -name '*.h' -o -name '*.cpp' | xargs clang-format -i

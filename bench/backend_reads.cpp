@@ -1,5 +1,5 @@
 // Frame reads through the library and the back-ends, as the comparison script
-// (compare_backends.sh) measures them beside FFmpeg on the same files. Each mode prints
+// (bench/compare --library) measures them beside FFmpeg on the same files. Each mode prints
 // one line of "name=value" figures:
 //   sequential FILE [INFLIGHT] [PASSES]
 //                                every frame in order; the next request is queued as soon

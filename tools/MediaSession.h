@@ -47,7 +47,7 @@ public:
     MediaSession(const MediaSession&) = delete;
     MediaSession& operator=(const MediaSession&) = delete;
 
-    // A scratch project in a new folder below $TMPDIR.
+    // A scratch project in a new folder below $TMPDIR, else /dev/shm, else /tmp.
     bool openScratch(std::string& error);
     // The project in folder (made when it holds none); kept afterwards.
     bool openProject(const std::filesystem::path& folder, std::string& error);
