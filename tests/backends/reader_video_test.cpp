@@ -71,9 +71,14 @@ TEST_F(ReaderVideo, LongGopCodecsStreamEveryFrameAsFfmpegShowsIt) {
     EXPECT_TRUE(streams(file(video(clip(closed)))));
     expectEveryFrame(make(dir, "open.mkv", h264 + " -x264-params open_gop=1"), "FFmpeg");
     expectEveryFrame(make(dir, "hevc.mkv", "-c:v libx265 -preset ultrafast -x265-params log-level=error:keyint=12:bframes=3 -pix_fmt yuv420p"), "FFmpeg");
-    expectEveryFrame(make(dir, "mpeg2.ts", "-c:v mpeg2video -g 12 -bf 2 -q:v 4"), "FFmpeg");
+    // A transport stream that does not start at time 0.
+    expectEveryFrame(make(dir, "mpeg2.ts", "-c:v mpeg2video -g 12 -bf 2 -q:v 4 -output_ts_offset 10"), "FFmpeg");
     // Variable frame rate: frames kept at irregular times.
     expectEveryFrame(make(dir, "vfr.mp4", "-vf \"select='not(mod(n\\,3))+not(mod(n\\,7))'\" -fps_mode vfr " + h264), "FFmpeg");
+    // An edit list: a stream-copied cut that starts inside a group.
+    const std::string cut = dir.file("cut.mp4");
+    ASSERT_TRUE(ffmpeg("-ss 0.7 -i " + shellQuote(closed) + " -c copy " + shellQuote(cut)));
+    expectEveryFrame(cut, "FFmpeg");
 }
 
 TEST_F(ReaderVideo, IntraCodecsDecodeThroughTheDecoderRegistry) {
