@@ -1,11 +1,13 @@
 // The FFmpeg back-end's plug-in entry: registers the file reader (last of the back-ends,
-// since it accepts anything), the video decoder and the audio codec, and sends FFmpeg's
-// own error lines to the host's log file rather than to standard error.
+// since it accepts anything), the file writer (FFV1 and ProRes), the video decoder and the
+// audio codec, and sends FFmpeg's own error lines to the host's log file rather than to
+// standard error.
 #include "backends/ffmpeg/FfmpegBackend.h"
 
 #include "backends/ffmpeg/FfmpegAudioCodec.h"
 #include "backends/ffmpeg/FfmpegReader.h"
 #include "backends/ffmpeg/FfmpegVideoCodec.h"
+#include "backends/ffmpeg/FfmpegWriter.h"
 #include "host/media/BackendPlugins.h"
 #include "host/os/Log.h"
 
@@ -18,6 +20,7 @@ void registerBackend() {
     std::call_once(once, [] {
         ffmpeg_engine::routeFfmpegLog(AV_LOG_ERROR, [](int, const std::string& line) { Log("FFmpeg: %s\n", line.c_str()); });
         Zn::FileReaderInfo::registerFileReader(Zn::makePtr<FfmpegFileReader>());
+        Zn::FileWriterInfo::registerFileWriter(Zn::makePtr<FfmpegFileWriter>());
         Zn::DecoderInfo::instance().registerFactory(Zn::makePtr<FfmpegDecoderFactory>());
         Zn::AudioDecoderInfo::instance().registerFactory(Zn::makePtr<FfmpegAudioDecoderFactory>());
     });
