@@ -11,7 +11,7 @@ bool parseNumber(const std::string& text, uint64_t min, uint64_t max, uint64_t& 
 }
 
 bool Options::parse(const std::string& command, const std::vector<std::string>& args,
-                    std::initializer_list<OptionSpec> known) {
+                    std::initializer_list<OptionDef> known) {
     command_ = command;
     bool optionsEnded = false;
     for (size_t i = 0; i < args.size(); ++i) {
@@ -26,11 +26,11 @@ bool Options::parse(const std::string& command, const std::vector<std::string>& 
         }
         const size_t equals = a.find('=');
         const std::string name = a.substr(0, equals);
-        const OptionSpec* spec = nullptr;
-        for (const OptionSpec& s : known)
-            if (name == s.name) spec = &s;
-        if (!spec) return reject("unknown option '" + name + "' (see 'playfile " + command + " --help')");
-        if (!spec->takesValue) {
+        const OptionDef* def = nullptr;
+        for (const OptionDef& s : known)
+            if (name == s.name) def = &s;
+        if (!def) return reject("unknown option '" + name + "' (see 'playfile " + command + " --help')");
+        if (!def->takesValue) {
             if (equals != std::string::npos) return reject(name + " takes no value");
             values_[name] = "";
         } else if (equals != std::string::npos) {

@@ -11,7 +11,7 @@
 
 namespace tool {
 
-struct OptionSpec {
+struct OptionDef {
     const char* name; // with its dashes: "--count"
     bool takesValue;
 };
@@ -21,7 +21,7 @@ public:
     // Parses args against the options the command knows; false with error() set when an
     // option is unknown or lacks its value. "--" ends the options.
     bool parse(const std::string& command, const std::vector<std::string>& args,
-               std::initializer_list<OptionSpec> known);
+               std::initializer_list<OptionDef> known);
 
     bool has(const std::string& name) const { return values_.count(name) != 0; }
     // The option's value (the last one given), or fallback when absent.

@@ -1,5 +1,6 @@
 #include "backends/ffmpeg/FfmpegReader.h"
 
+#include "backends/ffmpeg/FfmpegAudioCodec.h"
 #include "backends/ffmpeg/FfmpegCompletionPool.h"
 
 #include "host/core/Strings.h"
@@ -38,9 +39,14 @@ void FrameRanges::getFrameRange(uint32_t frame, int64_t& first, int64_t& end) {
 
 FfmpegReadInstance::FfmpegReadInstance(const WString& fileName, const DecodeFormat& format, OpenType type,
                                        std::shared_ptr<const MediaIndex> index)
-    : StreamingDecodeReader(fileName, format, type), index_(std::move(index)),
+    : StreamingDecodeReader(fileName, format, type), Zn::AudioReader(getMetadata()->getAudioMetadata()),
+      index_(std::move(index)),
       longGop_(index_->video && !index_->video->codecIsIntraOnly && !index_->video->allFramesKey) {
     describe();
+    for (size_t s = 0; s < index_->audio.size(); ++s) {
+        if (!index_->audio[s].plainPcm)
+            initAudioCodec(unsigned(s), Zn::makePtr<FfmpegAudioSetup>(index_, int(s)));
+    }
 }
 
 FfmpegReadInstance::~FfmpegReadInstance() { endStreamDecode(); }
@@ -180,7 +186,7 @@ int FfmpegReadInstance::readVideo(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoRea
     if (longGop_) return StreamingDecodeReader::readVideo(out, request);
     int rc;
     {
-        CriticalSection::Lock lock(getLock());
+        CriticalSection::Lock lock(FileReadInstance::getLock());
         out = Zn::makePtr<FrameBufferRep>(getDecodeFormat(), request->getIndexInfo(), request->getFrame());
         rc = readPacket(out, request->getFrame());
     }
@@ -264,43 +270,36 @@ int FfmpegReadInstance::readPacket(Zn::Ptr<FrameBufferRep>& buffer, uint32_t fra
     return kReadDone;
 }
 
-void FfmpegReadInstance::readAudio(Zn::Ptr<AudioReadRequest>& request) {
-    RequestStatus status = Failed;
-    {
-        std::lock_guard<std::mutex> lock(audioMutex_);
-        const uint32_t s = request->stream;
-        if (s < index_->audio.size() && request->channel < uint32_t(index_->audio[s].channels)) {
-            if (audio_.size() < index_->audio.size()) audio_.resize(index_->audio.size());
-            if (!audio_[s]) {
-                auto opened = FfmpegAudioDecoder::open(index_, int(s));
-                if (opened) audio_[s] = std::move(opened.value);
-            }
-            AudioBlock block;
-            if (audio_[s]) {
-                auto read = audio_[s]->read(int64_t(request->start), int64_t(request->count), block);
-                if (read) {
-                    const int bytes = av_get_bytes_per_sample(block.format);
-                    const int64_t n = read.value;
-                    Zn::Ptr<iMemHolder> mem(new ByteBufferImpl(uint32_t(std::max<uint32_t>(request->count, 1) * uint32_t(bytes))));
-                    uint8_t* to = mem->getBuffer();
-                    if (n <= 0) {
-                    } else if (av_sample_fmt_is_planar(block.format)) {
-                        std::memcpy(to, block.planes[request->channel].data(), size_t(n) * size_t(bytes));
-                    } else {
-                        const uint8_t* from = block.planes[0].data() + size_t(request->channel) * size_t(bytes);
-                        const size_t step = size_t(bytes) * size_t(block.channels);
-                        for (int64_t i = 0; i < n; ++i, to += bytes, from += step) std::memcpy(to, from, size_t(bytes));
-                    }
-                    mem->setUsed(uint32_t(n) * uint32_t(bytes));
-                    request->setResult(Aud::StreamBuffer(mem, 1, request->count, uint32_t(n)));
-                    status = Complete;
-                }
-            }
-        }
-        request->setStatus(status);
+void FfmpegReadInstance::readAudio(Zn::Ptr<AudioReadRequest>& request) { Zn::AudioReader::readAudio(request); }
+
+int FfmpegReadInstance::readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
+                                         uint32_t& delivered) {
+    delivered = 0;
+    if (stream >= index_->audio.size()) return kFailed;
+    if (pcm_.size() < index_->audio.size()) pcm_.resize(index_->audio.size());
+    if (!pcm_[stream]) {
+        auto opened = FfmpegAudioDecoder::open(index_, int(stream));
+        if (!opened) return kFailed;
+        pcm_[stream] = std::move(opened.value);
     }
-    Zn::Ptr<iObject> none;
-    request->doCallbacks(none);
+    auto read = pcm_[stream]->read(int64_t(position), int64_t(samples), pcmBlock_);
+    if (!read) return kFailed;
+    // Plain PCM comes interleaved, in the layout the stream's metadata gives.
+    const size_t bytes = size_t(read.value) * size_t(pcmBlock_.channels) * size_t(av_get_bytes_per_sample(pcmBlock_.format));
+    if (read.value > 0 && !av_sample_fmt_is_planar(pcmBlock_.format) && pcmBlock_.planes[0].size() >= bytes)
+        std::memcpy(into, pcmBlock_.planes[0].data(), bytes);
+    else if (read.value > 0)
+        return kFailed;
+    delivered = uint32_t(read.value);
+    return kSuccess;
+}
+
+int FfmpegReadInstance::readAudioBlock(uint32_t stream, uint64_t block, std::vector<uint8_t>& data) {
+    if (stream >= index_->audio.size()) return kFailed;
+    const uint32_t perBlock = getMetadata()->getAudioMetadata()[stream].getSamplesPerBlock();
+    if (!perBlock || block * perBlock >= uint64_t(index_->audio[stream].totalSamples)) return kEndedEarly;
+    data = encodeBlock(block);
+    return kSuccess;
 }
 
 bool FfmpegFileReader::accepts(const WString&, OpenType) { return true; }

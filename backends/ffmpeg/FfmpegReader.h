@@ -11,13 +11,16 @@
 //   FfmpegCompletionPool so that frames queued ahead decode side by side. When requests
 //   come in order, the reader queues requests of its own for the next frames (read-ahead),
 //   which the queue then hands to the issuer's requests for them.
-// Audio streams are read by sample position from an FfmpegAudioDecoder per stream.
+// Audio goes through the audio reader (Zn::AudioReader): plain PCM streams as samples read
+// by position (FfmpegAudioDecoder reads them straight from the file), compressed ones
+// through FfmpegAudioCodec (see FfmpegAudioCodec.h for what its blocks are).
 #pragma once
 
 #include "backends/ffmpeg/FfmpegEngine.h"
 #include "backends/ffmpeg/FfmpegSurfaces.h"
 #include "backends/ffmpeg/FfmpegVideoCodec.h"
 #include "host/media/FileReaderInfo.h"
+#include "playfile/audio/AudioReader.h"
 #include "playfile/open/StreamingDecodeReader.h"
 
 #include <atomic>
@@ -53,15 +56,15 @@ private:
 // Locks: the FileReadInstance lock guards the packet reader of the intra-only road (taken
 // on the video queue's thread around reading a packet). aheadMutex_ guards the read-ahead
 // (lastQueued_, ahead_); it is a leaf lock, taken in queueReadRequest on the issuer's
-// thread and in purge, and released before anything is queued. audioMutex_ guards the
-// audio decoders; it is taken on the audio queue's thread with no other lock held. The
-// video decoder and its SurfaceMaker belong to the "Decode" thread alone; the index is
-// immutable.
+// thread and in purge, and released before anything is queued. The audio reader's lock
+// (taken by Zn::AudioReader::readAudio on the audio queue's thread) guards pcm_, the
+// decoders of the plain streams. The video decoder and its SurfaceMaker belong to the
+// "Decode" thread alone; the index is immutable.
 //
 // Read-ahead requests refer to this file (as every request does) while it holds them, so
 // a file left with some is kept alive until purge() releases them; the play file cache
 // purges a file before it lets it go.
-class FfmpegReadInstance : public StreamingDecodeReader {
+class FfmpegReadInstance : public StreamingDecodeReader, public Zn::AudioReader {
 public:
     // Opens and indexes the file; null with a reason when FFmpeg cannot read it or it has
     // no stream of the kind asked for.
@@ -90,6 +93,9 @@ public:
 protected:
     int decodeFrames(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) override;
     int readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) override;
+    int readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
+                         uint32_t& delivered) override;
+    int readAudioBlock(uint32_t stream, uint64_t block, std::vector<uint8_t>& data) override;
 
 private:
     FfmpegReadInstance(const WString& fileName, const DecodeFormat& format, OpenType type,
@@ -114,8 +120,8 @@ private:
     int64_t lastQueued_ = -2; // the frame an issuer queued last
     std::vector<Zn::Ptr<VideoReadRequest>> ahead_;
 
-    std::mutex audioMutex_;
-    std::vector<std::unique_ptr<ffmpeg_engine::FfmpegAudioDecoder>> audio_;
+    std::vector<std::unique_ptr<ffmpeg_engine::FfmpegAudioDecoder>> pcm_;
+    ffmpeg_engine::AudioBlock pcmBlock_;
 };
 
 // The registry entry: accepts any file (it is registered last), opens FfmpegReadInstance,

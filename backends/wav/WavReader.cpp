@@ -64,7 +64,8 @@ Aud::Metadata audioMetadataOf(const Info& info) {
 
 WavReadInstance::WavReadInstance(const WString& fileName, const DecodeFormat& format, OpenType type, int fd,
                                  const Info& info)
-    : FileReadInstance(fileName, format, type), fd_(fd), info_(info) {
+    : FileReadInstance(fileName, format, type), Zn::AudioReader(getMetadata()->getAudioMetadata()), fd_(fd),
+      info_(info) {
     PlayFileMetadataRep& meta = *getMetadata();
     meta.setAudioMetadata({audioMetadataOf(info)});
     meta.setAudioLength(info.frames());
@@ -107,25 +108,16 @@ int64_t WavReadInstance::readSamples(uint64_t position, uint32_t count, uint8_t*
     return preadSome(fd_, to, size_t(n * info_.blockAlign), info_.dataOffset + position * info_.blockAlign);
 }
 
-void WavReadInstance::readAudio(Zn::Ptr<AudioReadRequest>& request) {
-    RequestStatus status = Failed;
-    if (request->stream == 0 && request->channel < info_.channels) {
-        const uint32_t bytes = info_.bytesPerSample();
-        std::vector<uint8_t> interleaved(size_t(request->count) * info_.blockAlign);
-        const int64_t got = readSamples(request->start, request->count, interleaved.data());
-        if (got >= 0) {
-            const uint32_t n = uint32_t(uint64_t(got) / info_.blockAlign);
-            Zn::Ptr<iMemHolder> mem(new ByteBufferImpl(std::max<uint32_t>(request->count, 1) * bytes));
-            const uint8_t* from = interleaved.data() + size_t(request->channel) * bytes;
-            for (uint32_t i = 0; i < n; ++i) std::memcpy(mem->getBuffer() + size_t(i) * bytes, from + size_t(i) * info_.blockAlign, bytes);
-            mem->setUsed(n * bytes);
-            request->setResult(Aud::StreamBuffer(mem, 1, request->count, n));
-            status = Complete;
-        }
-    }
-    request->setStatus(status);
-    Zn::Ptr<iObject> none;
-    request->doCallbacks(none);
+void WavReadInstance::readAudio(Zn::Ptr<AudioReadRequest>& request) { Zn::AudioReader::readAudio(request); }
+
+int WavReadInstance::readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
+                                      uint32_t& delivered) {
+    delivered = 0;
+    if (stream != 0) return kFailed;
+    const int64_t got = readSamples(position, samples, into);
+    if (got < 0) return kFailed;
+    delivered = uint32_t(uint64_t(got) / info_.blockAlign);
+    return kSuccess;
 }
 
 bool WavFileReader::accepts(const WString& fileName, OpenType type) {

@@ -6,6 +6,7 @@
 
 #include "backends/wav/WavFormat.h"
 #include "host/media/FileReaderInfo.h"
+#include "playfile/audio/AudioReader.h"
 #include "playfile/open/FileReadInstance.h"
 
 #include <string>
@@ -16,8 +17,8 @@ namespace wav {
 Aud::Metadata audioMetadataOf(const Info& info);
 
 // Threads: the header and descriptor are fixed at open; samples are read with pread, so
-// reads need no lock.
-class WavReadInstance : public FileReadInstance {
+// reads need no lock of their own (requests run through the audio reader, under its lock).
+class WavReadInstance : public FileReadInstance, public Zn::AudioReader {
 public:
     // Opens the file; null with a reason when it is not a WAVE file this reader reads.
     static Zn::Ptr<WavReadInstance> open(const DecodeFormat& format, const WString& fileName, OpenType type,
@@ -34,6 +35,10 @@ public:
     int64_t readSamples(uint64_t position, uint32_t count, uint8_t* to) const;
 
     const Info& info() const { return info_; }
+
+protected:
+    int readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
+                         uint32_t& delivered) override;
 
 private:
     WavReadInstance(const WString& fileName, const DecodeFormat& format, OpenType type, int fd, const Info& info);

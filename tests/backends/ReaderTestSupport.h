@@ -1,15 +1,18 @@
-// For the back-end reader tests: the back-ends registered as the host registers them,
-// files opened through the reader registry, frames and samples read through the files'
-// queues by an issuer that waits for its callback, and what the pictures hash to.
+// For the back-end reader tests: the back-ends registered as the host registers them, a
+// project whose clips keep their material in files the ffmpeg program made, frames and
+// samples read as the host reads them (PlayFileCache::videoReadRequest and
+// audioReadRequest, through the files' queues) by an issuer that waits for its callback,
+// and what the pictures hash to.
 #pragma once
 
 #include "backends/ffmpeg/FfmpegBackend.h"
 #include "backends/ffmpeg/FfmpegPicture.h"
 #include "backends/wav/WavReader.h"
 #include "backends/y4m/Y4mReader.h"
+#include "host/ProjectFixture.h"
 #include "host/core/Strings.h"
-#include "host/media/FileReaderInfo.h"
-#include "playfile/open/FileReadInstance.h"
+#include "host/project/ProjectImporter.h"
+#include "playfile/open/PlayFileCache.h"
 #include "playfile/requests/AudioReadRequest.h"
 #include "playfile/requests/ReadRequestIssuer.h"
 #include "playfile/requests/VideoReadRequest.h"
@@ -26,19 +29,6 @@ inline void registerBackends() {
     y4m::registerBackend();
     wav::registerBackend();
     ffmpeg_backend::registerBackend();
-}
-
-// The first registered reader that accepts and opens the file (what opening for read
-// tries first); null when none does.
-inline Zn::Ptr<FileReadInstance> openFile(const std::string& path, OpenType type,
-                                          const DecodeFormat& format = DecodeFormat::getDefault()) {
-    registerBackends();
-    const WString name = fromUTF8(path.c_str());
-    for (const auto& reader : Zn::FileReaderInfo::getAll()) {
-        if (!reader->accepts(name, type)) continue;
-        if (Zn::Ptr<FileReadInstance> file = reader->open(format, name, type)) return file;
-    }
-    return nullptr;
 }
 
 // An issuer that waits for its one callback.
@@ -86,44 +76,78 @@ inline std::string surfaceMd5(const Zn::Image::Surface& s) {
     return ffmpeg_engine::md5Hex(bytes.data(), bytes.size());
 }
 
-// Reads one frame through the file's video queue and waits for its picture. Answers its
-// MD5, or "failed" / "timed out".
-inline std::string readFrameMd5(Zn::Ptr<FileReadInstance>& file, uint32_t frame,
-                                const DecodeFormat& format = DecodeFormat::getDefault(),
-                                Zn::Image::Surface* picture = nullptr) {
-    Waiter waiter;
-    Zn::Ptr<IndexInfoRep> index;
-    file->ZnFileIxCache_open(index, frame);
-    auto request = Zn::makePtr<VideoReadRequest>(file, index, frame, kResultDecoded, format, waiter.getProxy());
-    file->queueReadRequest(request, false);
-    // Joined to an equal request that has already failed: no callback comes.
-    if (request->getStatus() == Failed) return "failed";
-    if (!waiter.wait()) return "timed out";
-    if (waiter.status() != Complete || !waiter.buffer()) return "failed";
-    Zn::Image::Surface s = waiter.buffer()->getSurface(0);
-    const int state = s.wait(30000);
-    if (state == Zn::Image::Surface::kWaitTimedOut) return "timed out";
-    if (state != Zn::Image::Surface::kWaitComplete || !s.valid()) return "failed";
-    if (picture) *picture = s;
-    return surfaceMd5(s);
-}
+// A project whose clips keep their material in media files, read through the cache.
+class CacheReads : public project_test::ProjectTest {
+protected:
+    void SetUp() override {
+        ProjectTest::SetUp();
+        registerBackends();
+    }
+    void TearDown() override {
+        PlayFileCache::Shared().closeAll();
+        ProjectTest::TearDown();
+    }
 
-// Samples of one channel read through the file's audio queue; the request's status
-// says how it ended.
-inline std::string readChannel(Zn::Ptr<FileReadInstance>& file, uint32_t stream, uint32_t channel, uint64_t start,
-                               uint32_t count, RequestStatus* status = nullptr) {
-    Waiter waiter;
-    AudioRequest r;
-    r.stream = stream;
-    r.channel = channel;
-    r.start = start;
-    r.count = count;
-    auto request = Zn::makePtr<AudioReadRequest>(file, r, 1, waiter.getProxy());
-    file->queueReadRequest(request, false);
-    const bool done = waiter.wait();
-    if (status) *status = done ? request->getStatus() : Queued;
-    if (!done || request->getStatus() != Complete || !request->getBuffer()) return {};
-    return std::string(reinterpret_cast<const char*>(request->getBuffer()), request->getUsed());
-}
+    // A clip with one video channel and audioChannels sound channels in the file.
+    Cookie clip(const std::string& path, int audioChannels = 0) {
+        ClipRecord r;
+        r.name = project_test::W(path.substr(path.rfind('/') + 1));
+        r.videoChannels = 1;
+        r.audioChannels = audioChannels;
+        r.file = MediaFileInfo(MaterialFilename(DriveId(), project_test::W(path)), 100);
+        std::vector<Cookie> made = ProjectImporter::registerClips({r});
+        EXPECT_EQ(made.size(), 1u) << path;
+        return made.empty() ? Cookie() : made.front();
+    }
+    static Cookie video(const Cookie& clip) { return convertCookie(clip, 'V', 0); }
+    static Cookie sound(const Cookie& clip, unsigned channel) { return convertCookie(clip, 'S', uint8_t(channel)); }
+
+    // The file the cache has open (or opens now) for the material.
+    static Zn::Ptr<FileReadInstance> file(const Cookie& material, const DecodeFormat& format = DecodeFormat(1)) {
+        return PlayFileCache::Shared().open(material, format, 0);
+    }
+
+    // One frame through videoReadRequest, waited for. Its MD5, or "not available",
+    // "failed", "timed out".
+    static std::string frameMd5(const Cookie& material, int frame, const DecodeFormat& format = DecodeFormat(1),
+                                Zn::Image::Surface* picture = nullptr) {
+        Waiter waiter;
+        Zn::Ptr<VideoReadRequest> request;
+        if (PlayFileCache::Shared().videoReadRequest(request, material, frame, false, kResultDecoded, format,
+                                                     waiter.getProxy()) != PlayFileCache::kVideoQueued)
+            return "not available";
+        // Joined to an equal request that has already failed: no callback comes.
+        if (request->getStatus() == Failed) return "failed";
+        if (!waiter.wait()) return "timed out";
+        if (waiter.status() != Complete || !waiter.buffer()) return "failed";
+        Zn::Image::Surface s = waiter.buffer()->getSurface(0);
+        const int state = s.wait(30000);
+        if (state == Zn::Image::Surface::kWaitTimedOut) return "timed out";
+        if (state != Zn::Image::Surface::kWaitComplete || !s.valid()) return "failed";
+        if (picture) *picture = s;
+        return surfaceMd5(s);
+    }
+
+    // Samples of one sound channel through audioReadRequest, queued on the file and waited
+    // for: the bytes of the count samples from start that came (fewer at the end). status
+    // says how the read ended (Queued when it could not be made, or did not end).
+    static std::string samples(const Cookie& sound, uint64_t start, uint32_t count, uint32_t bytesPerSample,
+                               RequestStatus* status = nullptr) {
+        Waiter waiter;
+        Zn::Ptr<AudioReadRequest> request;
+        if (status) *status = Queued;
+        if (PlayFileCache::Shared().audioReadRequest(request, sound, start, count, kProxyLevelHighRes,
+                                                     waiter.getProxy(), true) != PlayFileCache::kAudioCreated)
+            return {};
+        request->getFile()->queueReadRequest(request, false);
+        const bool done = waiter.wait();
+        if (status) *status = done ? request->getStatus() : Queued;
+        if (!done || request->getStatus() != Complete || !request->getBuffer()) return {};
+        // The result may run on past the span (to the end of what the reader decoded).
+        const size_t asked = size_t(request->tag) * bytesPerSample;
+        return std::string(reinterpret_cast<const char*>(request->getBuffer()),
+                           std::min<size_t>(asked, request->getUsed()));
+    }
+};
 
 } // namespace reader_test
