@@ -192,8 +192,9 @@ int preopen(MediaSession& session, const std::vector<std::string>& paths, bool j
     PlayFileCache& cache = PlayFileCache::Shared();
     playfile_close_all_files();
     auto t = Clock::now();
-    for (const Cookie& m : materials)
-        if (!cache.open(m, DecodeFormat(1), 0)) return fail(kFailure, "bench: a file could not be opened for video");
+    for (size_t i = 0; i < materials.size(); ++i)
+        if (!cache.open(materials[i], DecodeFormat(1), 0))
+            return fail(kFailure, "bench: " + paths[i] + ": no reader can open it for video");
     const double inTurn = msSince(t);
 
     playfile_close_all_files();
@@ -205,8 +206,9 @@ int preopen(MediaSession& session, const std::vector<std::string>& paths, bool j
     for (const auto& r : requests)
         while (!r->isDone()) std::this_thread::sleep_for(std::chrono::microseconds(200));
     const double preopened = msSince(t);
-    for (const auto& r : requests)
-        if (r->getState() != Zn::PreOpenRequest::kOpen) return fail(kFailure, "bench: a pre-open failed");
+    for (size_t i = 0; i < requests.size(); ++i)
+        if (requests[i]->getState() != Zn::PreOpenRequest::kOpen)
+            return fail(kFailure, "bench: " + paths[i] + ": pre-opening it failed");
     emit({{"files", paths.size()},
           {"in_turn_ms", inTurn},
           {"preopen_ms", preopened},

@@ -10,14 +10,21 @@
 
 #include "host/core/Strings.h"
 #include "host/media/BackendPlugins.h"
+#include "host/media/CapturePacket.h"
 #include "host/media/FileWriterInfo.h"
+#include "host/media/ShotVideoMetadata.h"
 #include "host/os/OS.h"
+#include "host/project/Edit.h"
+#include "host/project/EditManager.h"
+#include "host/project/MaterialInfo.h"
 #include "host/project/ProjectImporter.h"
 #include "playfile/Configuration.h"
 #include "playfile/EntryPoints.h"
 #include "playfile/Version.h"
 #include "playfile/open/FileReadInstance.h"
+#include "playfile/header/PlayHeader.h"
 #include "playfile/open/PlayFileCache.h"
+#include "playfile/open/PlayUtil.h"
 #include "playfile/requests/PreOpen.h"
 
 #include <chrono>
@@ -47,8 +54,9 @@ const char kDemoUsage[] =
     "  4. plays every clip through the play file cache: each frame, and each sound\n"
     "     channel's samples for that frame, with reads in flight and a progress bar,\n"
     "  5. scrubs: frames at random across the clips,\n"
-    "  6. writes a new file through a file writer from frames read through the cache,\n"
-    "     imports it and reads it back,\n"
+    "  6. writes a new clip through the library (PlayFileCache::create and the sample\n"
+    "     writers): frames read through the cache into a Y4M file, a sound channel into\n"
+    "     a WAV file, each with its play header, and reads both back through the cache,\n"
     "and prints what it did with figures (frames per second, audio speed against real\n"
     "time, cache hits, opens and files open).\n"
     "\n"
@@ -69,7 +77,7 @@ struct Sample {
 
 std::vector<Sample> samples(unsigned seconds) {
     const std::string d = std::to_string(seconds);
-    const std::string picture = "-f lavfi -i testsrc2=size=640x360:rate=25:duration=" + d + " ";
+    const std::string picture = "-f lavfi -i testsrc2=size=1280x720:rate=25:duration=" + d + " ";
     // Each channel its own tone, so that a channel read is recognisable.
     auto tones = [&](int channels, const char* layout) {
         std::string e;
@@ -77,10 +85,10 @@ std::vector<Sample> samples(unsigned seconds) {
         return "-f lavfi -i \"aevalsrc=" + e + ":s=48000:d=" + d + ":c=" + layout + "\" ";
     };
     return {
-        {"interview.mp4", "H.264 640x360 25 fps, 5.1 AAC",
+        {"interview.mp4", "H.264 1280x720 25 fps, 5.1 AAC",
          picture + tones(6, "5.1") + "-c:v libx264 -preset veryfast -g 25 -bf 2 -pix_fmt yuv420p -c:a aac -b:a 384k"},
-        {"closeup.mov", "ProRes 422 640x360 25 fps, 4 channels of 24-bit PCM",
-         "-f lavfi -i testsrc=size=640x360:rate=25:duration=" + d + " " + tones(4, "quad") +
+        {"closeup.mov", "ProRes 422 1280x720 25 fps, 4 channels of 24-bit PCM",
+         "-f lavfi -i testsrc=size=1280x720:rate=25:duration=" + d + " " + tones(4, "quad") +
              "-c:v prores_ks -profile:v 2 -c:a pcm_s24le"},
         {"music.wav", "stereo 16-bit PCM at 48 kHz", tones(2, "stereo") + "-c:a pcm_s16le"},
     };
@@ -277,24 +285,23 @@ int run(const std::vector<std::string>& args) {
     }
     std::printf("   %d frames: %.1f ms on average, %.1f ms at worst\n", jumps, sum / jumps, worst);
 
-    // 6. Write a new file from frames read through the cache, then read it back.
-    std::printf("\n6. write a new file through a file writer and read it back\n");
+    // 6. A new clip's material, written through the library from what the cache read:
+    // the video by the first writer that takes the pictures as they are (the Y4M writer),
+    // one sound channel into WAV.
+    std::printf("\n6. write a new clip through the library's file writers and read it back\n");
     const Clip& source = *video.front();
+    EditPtr render = EditManager::createEdit(fromUTF8(("render of " + source.name).c_str()), 4);
+    if (!render) return fail(kFailure, "demo: cannot make a clip for the render");
+    const Cookie renderVideo = convertCookie(render->getCookie(), 'V', 0);
+    const Cookie renderSound = convertCookie(render->getCookie(), 'S', 1);
     FrameRead first(source.videoMaterial(), 0, DecodeFormat(1));
     Zn::Image::Surface picture = first.picture(why);
     if (picture.empty()) return fail(kFailure, "demo: " + source.name + ": " + why);
-    Zn::FileWriterParams params;
-    params.kind = Zn::FileWriterParams::kVideo;
-    params.core.setCoreData(picture.getWidth(), picture.getHeight(), picture.getDataFormat());
-    params.rateNum = 25;
-    Zn::Ptr<Zn::iFileWriter> writer = Zn::FileWriterInfo::getFileWriterFor(params);
-    if (!writer) return fail(kFailure, "demo: no file writer takes the frames of " + source.name);
-    std::vector<WString> extensions = Zn::FileWriterInfo::getExtensionsForFormat(params);
-    const fs::path rendered =
-        dir / "media" / ("render." + (extensions.empty() ? std::string("out") : toUTF8(extensions.front()).str()));
-    Zn::Ptr<Zn::FileWriteInstance> out;
-    if (writer->create(fromUTF8(rendered.c_str()), params, out) != 1 || !out)
-        return fail(kFailure, "demo: " + writer->name().str() + " cannot create " + rendered.string());
+    Zn::FileWriterParams params = Zn::FileWriterParams::forVideo(
+        ShotVideoMetadata::fromPicture(picture.getWidth(), picture.getHeight(), 25, 1), picture.getDataFormat());
+    if (!params.video.isSet()) params.core.setCoreData(picture.getWidth(), picture.getHeight(), picture.getDataFormat());
+    Zn::Ptr<Zn::FileWriteInstance> out = cache.create(renderVideo, params);
+    if (!out) return fail(kFailure, "demo: no file writer takes the pictures of " + source.name);
     const uint32_t toWrite = std::min<uint32_t>(source.frames, 50);
     std::vector<std::string> written;
     t = Clock::now();
@@ -302,28 +309,80 @@ int run(const std::vector<std::string>& args) {
         FrameRead read(source.videoMaterial(), int(k), DecodeFormat(1));
         Zn::Image::Surface s = read.picture(why);
         if (s.empty()) return fail(kFailure, "demo: " + source.name + ": " + why);
-        const int rc = out->takesSurfaces() ? out->writeSurface(s, int(k)) : out->writeFrame(s, int(k));
-        if (rc != 1) return fail(kFailure, "demo: writing frame " + std::to_string(k) + " failed");
+        Zn::Ptr<CapturePacket> packet = Zn::makePtr<CapturePacket>(s, int64_t(k));
+        if (PlayUtil::ZnVideoSample_write(out, int(k), packet, nullptr) != 1)
+            return fail(kFailure, "demo: writing frame " + std::to_string(k) + " failed");
         written.push_back(md5Of(s));
     }
-    if (out->close() != 1) return fail(kFailure, "demo: cannot finish " + rendered.string());
+    if (out->close() != 1) return fail(kFailure, "demo: cannot finish " + toUTF8(out->getFileName()).str());
     const double writeMs = msSince(t);
+    const fs::path rendered = toUTF8(out->getFileName()).str();
     out = nullptr;
-    std::printf("   %u frames of %s written by the %s writer to %s in %.0f ms (%.0f fps), %.1f MiB\n", toWrite,
-                source.name.c_str(), writer->name().c_str(), rendered.filename().c_str(), writeMs,
-                toWrite * 1000.0 / writeMs, double(fs::file_size(rendered, ec)) / 1048576);
-    const Cookie renderClip = session.addClip(rendered.string(), true, 0, 0, why);
-    if (!renderClip.valid()) return fail(kFailure, "demo: " + why);
+    std::printf("   %u frames of %s written to %s in %.0f ms (%.0f fps), %.1f MiB\n", toWrite,
+                source.name.c_str(), rendered.filename().c_str(), writeMs, toWrite * 1000.0 / writeMs,
+                double(fs::file_size(rendered, ec)) / 1048576);
+
+    // Its sound: the source's first channel, as many seconds as the frames last.
+    const Clip* withSound = nullptr;
+    for (const Clip& c : clips)
+        if (c.audio) withSound = withSound ? withSound : &c;
+    std::string soundMd5;
+    uint64_t soundSamples = 0;
+    if (withSound) {
+        const uint64_t count = std::min<uint64_t>(withSound->samples, uint64_t(toWrite) * 1920);
+        AudioRead all(withSound->sound(1), 0, uint32_t(count));
+        const uint8_t* data;
+        size_t bytes;
+        if (!all.samples(data, bytes, why)) return fail(kFailure, "demo: " + withSound->name + ": " + why);
+        Zn::FileWriterParams sound = Zn::FileWriterParams::forAudio(
+            Aud::Metadata(all.sampleRate(), 1, all.bytesPerSample(), all.isFloat() ? Aud::kSampleFloat : Aud::kSampleInt));
+        Zn::Ptr<Zn::FileWriteInstance> wav = cache.create(renderSound, sound);
+        if (!wav) return fail(kFailure, "demo: no file writer takes the sound of " + withSound->name);
+        for (size_t at = 0; at < bytes; at += 16384) {
+            Zn::Ptr<iMemHolder> block =
+                Zn::makePtr<ByteBufferImpl>(data + at, uint32_t(std::min<size_t>(16384, bytes - at)));
+            if (PlayUtil::ZnAudioSamples_write(wav, block, nullptr) != 1)
+                return fail(kFailure, "demo: writing the sound failed");
+        }
+        soundSamples = wav->getMetadata().audioFramesWritten;
+        if (wav->close() != 1) return fail(kFailure, "demo: cannot finish " + toUTF8(wav->getFileName()).str());
+        Md5 d;
+        d.add(data, bytes);
+        soundMd5 = d.hex();
+        std::printf("   %llu samples of %s channel 1 written to %s\n", (unsigned long long)soundSamples,
+                    withSound->name.c_str(), fs::path(toUTF8(wav->getFileName()).str()).filename().c_str());
+    }
+
+    // Read back through the cache, by the new clip's material cookies.
     uint32_t same = 0;
     for (uint32_t k = 0; k < toWrite; ++k) {
-        FrameRead back(convertCookie(renderClip, 'V', 0), int(k), DecodeFormat(1));
+        FrameRead back(renderVideo, int(k), DecodeFormat(1));
         Zn::Image::Surface s = back.picture(why);
         if (s.empty()) return fail(kFailure, "demo: reading back " + rendered.string() + ": " + why);
         same += md5Of(s) == written[k];
     }
     if (same != toWrite)
         return fail(kFailure, "demo: " + std::to_string(toWrite - same) + " frames read back differ from those written");
-    std::printf("   read back through the cache: all %u frames identical to those written\n", toWrite);
+    std::printf("   read back through the cache: all %u frames identical to those written", toWrite);
+    if (withSound) {
+        AudioRead back(renderSound, 0, uint32_t(soundSamples));
+        const uint8_t* data;
+        size_t bytes;
+        if (!back.samples(data, bytes, why)) return fail(kFailure, "demo: reading back the sound: " + why);
+        Md5 d;
+        d.add(data, bytes);
+        if (d.hex() != soundMd5) return fail(kFailure, "demo: the sound read back differs from what was written");
+        std::printf(", and every sample");
+    }
+    std::printf("\n");
+    const std::string header = MaterialInfo::read_header(renderVideo).str();
+    if (header.empty()) return fail(kFailure, "demo: the new video file has no play header");
+    std::string copy = header;
+    SAV_HEADER hdr;
+    parse_header_v2(&hdr, copy.data());
+    std::printf("   its play header, in the project and in %s beside it: %s %dx%d %s at %.2f fps\n",
+                fs::path(toUTF8(MaterialInfo::headerFileName(renderVideo)).str()).filename().c_str(), hdr.medium,
+                hdr.width, hdr.height, hdr.vision_type, hdr.input_rate);
 
     const auto end = cache.statistics();
     std::printf("\ndemo finished: %zu clips, %llu frames played at %.0f fps, cache %llu hits / %llu opens, "

@@ -48,21 +48,23 @@ int main(int argc, char** argv) {
     using namespace tool;
     // Library diagnostics go to the log file; the program's own output owns the console.
     Logging::setConsole(false);
-    if (argc < 2) return fail(kUsage, "no command given (see 'playfile --help')");
-    std::string name = argv[1];
+    // --verbose may stand anywhere; everything else is the command and its arguments.
+    std::vector<std::string> words;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--verbose") == 0)
+            Logging::setConsole(true);
+        else
+            words.push_back(argv[i]);
+    }
+    if (words.empty()) return fail(kUsage, "no command given (see 'playfile --help')");
+    const std::string name = words[0];
     if (name == "--help" || name == "-h" || name == "help") {
         printCommands(stdout);
         return kOk;
     }
     for (const Command& c : commands()) {
         if (name != c.name) continue;
-        std::vector<std::string> args;
-        for (int i = 2; i < argc; ++i) {
-            if (std::strcmp(argv[i], "--verbose") == 0)
-                Logging::setConsole(true);
-            else
-                args.push_back(argv[i]);
-        }
+        const std::vector<std::string> args(words.begin() + 1, words.end());
         if (std::find(args.begin(), args.end(), "--help") != args.end()) {
             std::fputs(c.usage, stdout);
             return kOk;

@@ -216,3 +216,34 @@ TEST(Import, AsksTheReadersForTheLayoutAndTheDemoTourSucceeds) {
     EXPECT_NE(r.out.find("all 25 frames identical to those written"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("demo finished"), std::string::npos);
 }
+
+TEST(Bench, PrintsTheFiguresTheComparisonReadsAndVerboseShowsTheLibrarysLog) {
+    TempDir dir;
+    const std::string a = make(dir, "a.mp4", kPicture + "-c:v libx264 -g 6 -pix_fmt yuv420p");
+    const std::string b = make(dir, "b.mov", kPicture + "-f lavfi -i sine=r=48000:d=0.6 -c:v prores_ks -c:a pcm_s16le");
+    const std::pair<std::string, std::vector<const char*>> modes[] = {
+        {"sequential " + shellQuote(a) + " --inflight 3 --passes 2", {"frames=15 ", "passes=2 ", "fps=", "failed=0"}},
+        {"random " + shellQuote(b) + " --count 20", {"count=20 ", "random_mean_ms=", "first_ms=", "failed=0"}},
+        {"audio " + shellQuote(b), {"samples=28800 ", "samples_per_s=", "realtime="}},
+        {"preopen " + shellQuote(a) + " " + shellQuote(b), {"files=2 ", "in_turn_ms=", "preopen_ms="}}};
+    for (const auto& [args, figures] : modes) {
+        const Outcome r = playfile(dir, "bench " + args);
+        EXPECT_EQ(r.status, 0) << args << (r.err.empty() ? "" : ": " + r.err[0]);
+        for (const char* f : figures) EXPECT_NE(r.out.find(f), std::string::npos) << args << ": " << r.out;
+    }
+    // The library's own lines go to the log only, unless --verbose asks for them.
+    Outcome quiet = playfile(dir, "probe " + shellQuote(a));
+    EXPECT_TRUE(quiet.err.empty());
+    Outcome verbose = playfile(dir, "--verbose probe " + shellQuote(a));
+    EXPECT_EQ(verbose.status, 0);
+    EXPECT_NE(std::find_if(verbose.err.begin(), verbose.err.end(),
+                           [](const std::string& l) { return l.rfind("Open \"", 0) == 0; }),
+              verbose.err.end());
+    // A file that fails leaves the others' answers in place, and an entry saying why.
+    Outcome mixed = playfile(dir, "probe --json " + shellQuote(a) + " " + shellQuote(dir.file("gone.mov")));
+    EXPECT_EQ(mixed.status, 1);
+    auto j = nlohmann::json::parse(mixed.out);
+    ASSERT_EQ(j.size(), 2u);
+    EXPECT_EQ(j[0]["video"]["frames"], 15);
+    EXPECT_EQ(j[1]["error"], "no such file");
+}
