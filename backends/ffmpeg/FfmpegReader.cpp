@@ -136,10 +136,14 @@ void FfmpegReadInstance::ZnFileIxCache_open(Zn::Ptr<IndexInfoRep>& index, unsign
 }
 
 bool FfmpegReadInstance::queueReadRequest(Zn::Ptr<VideoReadRequest>& request, bool flag) {
-    if (longGop_ || !request || !getVideoQueue() || !index_->video)
-        return StreamingDecodeReader::queueReadRequest(request, flag);
+    if (!request || !getVideoQueue() || !index_->video) return StreamingDecodeReader::queueReadRequest(request, flag);
     const int64_t frame = request->getFrame();
     const int64_t frames = index_->video->frameCount();
+    // Intra-only: the next frames, to decode side by side. Long-GOP: the frame a run
+    // ahead, whose read starts the next run as soon as the decoding one is done, so that
+    // the decode thread does not wait for the issuer between runs.
+    const int64_t from = longGop_ ? frame + FrameRanges::kChunk : frame + 1;
+    const int64_t to = longGop_ ? from : frame + int64_t(kReadAhead);
     std::vector<Zn::Ptr<VideoReadRequest>> queueNow;
     std::vector<Zn::Ptr<VideoReadRequest>> released; // let go after the lock
     {
@@ -153,7 +157,7 @@ bool FfmpegReadInstance::queueReadRequest(Zn::Ptr<VideoReadRequest>& request, bo
             else released.push_back(std::move(r));
         }
         ahead_.erase(kept, ahead_.end());
-        for (int64_t f = frame + 1; inOrder && f <= frame + int64_t(kReadAhead) && f < frames; ++f) {
+        for (int64_t f = from; inOrder && f <= to && f < frames; ++f) {
             if (std::any_of(ahead_.begin(), ahead_.end(), [&](const auto& r) { return r->getFrame() == f; })) continue;
             Zn::Ptr<IndexInfoRep> index;
             ZnFileIxCache_open(index, uint32_t(f));

@@ -8,9 +8,11 @@
 // - intra-only video (every frame decodes on its own) is read as compressed packets on the
 //   video queue's thread; the request decodes them on completion through the decoder this
 //   back-end registers with Zn::DecoderInfo, in the request's format, on a worker of
-//   FfmpegCompletionPool so that frames queued ahead decode side by side. When requests
-//   come in order, the reader queues requests of its own for the next frames (read-ahead),
-//   which the queue then hands to the issuer's requests for them.
+//   FfmpegCompletionPool so that frames queued ahead decode side by side.
+// When an issuer's requests come in order, the reader queues requests of its own ahead of
+// them (read-ahead), which the queue then hands to the issuer's requests for the same
+// frames: for intra-only video the next few frames, for long-GOP video the frame a run
+// ahead, so that the next run is decoded while the issuer takes the frames of this one.
 // Audio goes through the audio reader (Zn::AudioReader): plain PCM streams as samples read
 // by position (FfmpegAudioDecoder reads them straight from the file), compressed ones
 // through FfmpegAudioCodec (see FfmpegAudioCodec.h for what its blocks are).
