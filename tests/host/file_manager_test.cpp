@@ -120,8 +120,6 @@ TEST(PosixFileManager, ListsByPatternSortedWithNonAsciiNames) {
         (std::vector<WString>{L"b.mov", L"clip one.mov", L"folder.mov", L"\x65E5\x672C.mov"}));
     EXPECT_EQ(fm.listDirectory(W(tmp.path()), L"cl?p*"),
               (std::vector<WString>{L"clip one.mov", L"cl\xEDp two.MOV"}));
-    for (const WString& n : fm.listDirectory(W(tmp.path()), L"*"))
-        EXPECT_TRUE(fm.fileExists(joinPaths(W(tmp.path()), n))) << toUTF8(n).c_str();
     EXPECT_EQ(fm.listDirectory(W(tmp.path()), L"").size(), names.size() + 1); // hidden too
     EXPECT_TRUE(fm.listDirectory(W(tmp.file("missing")), L"*").empty());
 }

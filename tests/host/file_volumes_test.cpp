@@ -46,8 +46,7 @@ TEST(MountTable, ClassifiesNetworkMounts) {
     auto fuse = [](const char* type, const char* source) {
         return isNetworkFuse(MountEntry{0, "/m", type, source});
     };
-    EXPECT_TRUE(fuse("fuse.sshfs", "user@host:") && fuse("fuse.rclone", "r:") &&
-                fuse("fuse", "sshfs#u@h:/"));
+    EXPECT_TRUE(fuse("fuse.sshfs", "user@host:") && fuse("fuse", "sshfs#u@h:/"));
     EXPECT_FALSE(fuse("fuseblk", "/dev/sdb1") || fuse("fuse.bindfs", "/srv") ||
                  fuse("fuse.sshfsx", "x"));
     EXPECT_FALSE(fuse("nfs", "server:/")); // network, but not FUSE

@@ -82,8 +82,7 @@ TEST_F(ProjectDirectory, CopiedImportHoldsItsOwnCopyAndFileKindsDecideTheLayout)
     ImportOptions o;
     o.videoChannels = 0;
     o.audioChannels = 0;
-    ImportResult none = ProjectImporter(o).importFile(W(src));
-    EXPECT_FALSE(none.ok);
+    EXPECT_FALSE(ProjectImporter(o).importFile(W(src)).ok); // no channels at all
     EXPECT_FALSE(ProjectImporter().importFile(W((sources / "missing.mov").string())).ok);
     o.audioChannels = 1;
     o.drive = DriveId('Q');
@@ -248,11 +247,8 @@ TEST_F(ProjectDirectory, DrivesAnswerByIdTaskPathAndCharacter) {
     ASSERT_TRUE(DiskManager::addDrive(DriveId('C'), W((tmp.path() / "c").string() + "/"), W(""), "render", &error));
     auto a = DiskManager::getDriveWithUniqueId(DriveId('A'));
     ASSERT_TRUE(a);
-    EXPECT_EQ(U(a->getLocation('V')), (driveRoot / "video/").string());
-    EXPECT_EQ(U(a->getLocation('S')), (driveRoot / "sound/").string());
     EXPECT_EQ(U(a->getLocation(0)), driveRoot.string() + "/");
-    EXPECT_EQ(a->getFolder(Cookie('S', 1, 2, 1)), a->getLocation('S'));
-    EXPECT_EQ(a->getFolder(Cookie('E', 1, 2)), a->getLocation('V'));
+    EXPECT_EQ(U(a->getFolder(Cookie('E', 1, 2))), (driveRoot / "video/").string()); // edits go with video
     EXPECT_GT(DiskManager::getSpaceForRecording(DriveId('A')), 0);
     EXPECT_EQ(DiskManager::getDriveForTask("render", false), DriveId('A'));
     EXPECT_TRUE(DiskManager::removeDrive(DriveId('A')));
