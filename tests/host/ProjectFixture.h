@@ -11,7 +11,6 @@
 #include "host/project/ProjectDatabase.h"
 #include "host/project/SystemCache.h"
 #include "support/TempDir.h"
-#include "tests/host/file_test_support.h"
 
 #include <gtest/gtest.h>
 
@@ -21,8 +20,7 @@
 
 namespace project_test {
 
-using file_test::W;
-using file_test::readFile;
+inline WString W(const std::string& utf8) { return fromUTF8(utf8.c_str()); }
 inline std::string U(const WString& w) { return toUTF8(w).str(); }
 
 // A file of n bytes whose content depends on seed, so that copies can be told apart.
@@ -32,6 +30,11 @@ inline std::string makeFile(const std::filesystem::path& path, size_t n, char se
     for (size_t i = 0; i < n; ++i) content[i] = char(seed + i % 23);
     std::ofstream(path, std::ios::binary) << content;
     return path.string();
+}
+
+inline std::string readAll(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // Failures (as text) of the project's cross-table rules: every imported clip has one

@@ -19,7 +19,7 @@ ToolRun playfile(const testing_support::TempDir& tmp, const std::string& args) {
     std::string tool = std::string(PLAYFILE_BUILD_DIR) + "/tools/playfile";
     std::string out = tmp.file("out.txt"), err = tmp.file("err.txt");
     int rc = std::system((tool + " " + args + " >'" + out + "' 2>'" + err + "'").c_str());
-    return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, readFile(out), readFile(err)};
+    return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, readAll(out), readAll(err)};
 }
 
 } // namespace
@@ -65,7 +65,7 @@ TEST(ImportCommand, ImportsLinkedOrCopiedAndReportsFailuresInOneLineEach) {
     EXPECT_EQ(Edit::findCookiesForShot(clips[2]).size(), 5u);
     auto copy = SystemCache::findEntryForCookie(convertCookie(clips[2], 'S', 4));
     ASSERT_TRUE(copy);
-    EXPECT_EQ(readFile(U(copy->getPhysicalFilename(false))), readFile(a));
+    EXPECT_EQ(readAll(U(copy->getPhysicalFilename(false))), readAll(a));
     EXPECT_EQ(U(getPath(copy->getPhysicalFilename(false))), drive + "/video/");
     EXPECT_EQ(inconsistencies(*EditManager::getProjdb()), "");
     EditManager::closeProject();
