@@ -28,16 +28,6 @@ inline FrameFileLayout layout(uint32_t frames, uint32_t audioChannels = 0, uint6
     return l;
 }
 
-// Retries until done() holds, for states that a queue's thread reaches just after it has
-// called the issuer (it lets go of the request and its file a moment later).
-template <class F> bool eventually(F done) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (!done())
-        if (std::chrono::steady_clock::now() > end) return false;
-        else std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return true;
-}
-
 class FramePlugin : public Zn::iFileReader {
 public:
     explicit FramePlugin(const char* name, unsigned caps = OpenType::kVideoAndAudio) : name_(name), caps_(caps) {}

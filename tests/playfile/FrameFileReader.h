@@ -65,6 +65,16 @@ inline std::string writeFrameFile(const testing_support::TempDir& dir, const std
 
 inline WString wide(const std::string& s) { return WString(std::wstring(s.begin(), s.end())); }
 
+// Retries until done() holds, for states that a queue's thread reaches just after it has
+// called the issuer (it lets go of the request and its file a moment later).
+template <class F> bool eventually(F done) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!done())
+        if (std::chrono::steady_clock::now() > end) return false;
+        else std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return true;
+}
+
 // Holds threads at pass() while closed.
 class Gate {
 public:

@@ -126,8 +126,7 @@ TEST_F(VideoQueue, FinishedRequestServesLaterIssuersAtOnceUntilReleasedByAll) {
     r1.reset();
     r2.reset();
     // The queue's thread lets go of its own references just after the callbacks.
-    for (int i = 0; i < 2000 && frame7.refCount() != 4; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    EXPECT_EQ(frame7.refCount(), 4);
+    EXPECT_TRUE(eventually([&] { return frame7.refCount() == 4; }));
     RecordingIssuer c, d;
     auto other = f.request(8, &c);
     f.file->queueReadRequest(other, false);
@@ -163,7 +162,7 @@ TEST_F(VideoQueue, BackEndThatCompletesLaterLeavesTheRequestInProgressAndAThrowF
     RecordingIssuer a;
     auto r = f.request(2, &a);
     f.file->queueReadRequest(r, false);
-    while (f.reader->reads.load() < 1) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    ASSERT_TRUE(eventually([&] { return f.reader->reads.load() == 1; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(r->getStatus(), InProgress);
     EXPECT_EQ(a.calls(), 0);
@@ -227,7 +226,5 @@ TEST_F(VideoQueue, FileLetGoWhileItsRequestIsQueuedIsDestroyedOnceTheRequestIsRe
     EXPECT_EQ(FrameFileReader::alive.load(), before + 1); // the request holds the file
     r.reset();
     // Only the queue's finished list holds the file now; the thread's next idle poll lets it go.
-    for (int n = 0; n < 2000 && FrameFileReader::alive.load() != before; ++n)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    EXPECT_EQ(FrameFileReader::alive.load(), before);
+    EXPECT_TRUE(eventually([&] { return FrameFileReader::alive.load() == before; }));
 }
