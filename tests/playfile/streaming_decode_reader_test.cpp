@@ -166,9 +166,3 @@ TEST(StreamingDecodeReader, RunsOfAFrameRangeHandler) {
     EXPECT_EQ(f.reader->passes().back().first, 0u);
     EXPECT_EQ(f.reader->passes().back().count, 7u);
 }
-
-TEST(StreamingDecodeReader, EndingAReaderThatNeverStreamedDoesNothing) {
-    Fixture f;
-    f.reader->endStreamDecode();
-    EXPECT_FALSE(f.reader->isRunning());
-}

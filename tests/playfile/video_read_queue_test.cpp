@@ -206,25 +206,3 @@ TEST_F(VideoQueue, EndingTheThreadReadsTheWantedRequestsFirst) {
     EXPECT_EQ(wanted.calls(), 1); // read before the queue was gone
     EXPECT_EQ(f.reader->readFrames(), (std::vector<uint32_t>{1, 2}));
 }
-
-TEST_F(VideoQueue, FileLetGoWhileItsRequestIsQueuedIsDestroyedOnceTheRequestIsReleased) {
-    int before = FrameFileReader::alive.load();
-    RecordingIssuer a;
-    Zn::Ptr<VideoReadRequest> r;
-    FrameFileReader* reader;
-    {
-        OpenFile f(dir, "orphan.frames");
-        holdThread(f);
-        reader = f.reader.get();
-        r = f.request(5, &a);
-        f.file->queueReadRequest(r, false);
-        blocker.reset();
-        // The cache's close (purge, then let go) with the request still queued.
-    }
-    reader->gate.open(); // the queued request keeps the reader alive
-    ASSERT_TRUE(a.waitForCalls(1));
-    EXPECT_EQ(FrameFileReader::alive.load(), before + 1); // the request holds the file
-    r.reset();
-    // Only the queue's finished list holds the file now; the thread's next idle poll lets it go.
-    EXPECT_TRUE(eventually([&] { return FrameFileReader::alive.load() == before; }));
-}
