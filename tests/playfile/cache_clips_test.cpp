@@ -6,8 +6,6 @@
 
 #include "host/media/AudioMetadata.h"
 #include "host/project/MaterialInfo.h"
-#include "host/os/OS.h"
-#include "playfile/Configuration.h"
 #include "playfile/EntryPoints.h"
 #include "playfile/open/PlayUtil.h"
 #include "playfile/requests/AudioReadRequest.h"
@@ -115,7 +113,6 @@ TEST_F(Clips, PreOpeningLandsTheFileInTheCacheAndAnOpenFileAnswersAtOnce) {
     Cookie c = clip("early", layout(8)), gone = clip("gone", layout(8));
     std::filesystem::remove(tmp.path() / "gone.frames");
     ASSERT_TRUE(playfile_init());
-    EXPECT_EQ(Zn::FilePreOpen::instance().workerCount(), std::min(unsigned(PlayfileConfig::numReaderThreads()), OS()->processorCount()));
     auto first = Zn::PreOpenRequest::create(video(c), DecodeFormat(1));
     auto missing = Zn::PreOpenRequest::create(video(gone), DecodeFormat(1));
     EXPECT_TRUE(eventually([&] { return first->isDone() && missing->isDone(); }));
