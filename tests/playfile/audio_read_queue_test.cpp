@@ -50,15 +50,9 @@ TEST_F(AudioQueue, ReadsForwardsByStartThenChannelAndDeliversTheChannelsSamples)
     EXPECT_EQ(a.calls() + b.calls() + c.calls() + d.calls(), 4);
 }
 
-TEST_F(AudioQueue, ReleasedRequestIsNotReadAndDeferredOneWaitsForThePoll) {
-    holdThread(*f.file);
-    RecordingIssuer gone;
-    auto dropped = f.audio(0, 2, 0, 16, &gone);
-    f.file->queueReadRequest(dropped, false);
-    dropped.reset();
-    f.reader->gate.open();
+TEST_F(AudioQueue, ADeferredRequestWaitsForThePoll) {
+    f.file->queueReadRequest(blocker, false);
     ASSERT_TRUE(first.waitForCalls(1));
-
     // Deferred: nothing wakes the thread, its poll finds the request.
     RecordingIssuer late;
     auto deferred = f.audio(0, 1, 100, 16, &late);
@@ -68,7 +62,6 @@ TEST_F(AudioQueue, ReleasedRequestIsNotReadAndDeferredOneWaitsForThePoll) {
     EXPECT_LT(std::chrono::steady_clock::now() - start,
               std::chrono::milliseconds(PlayfileConfig::readPollDelay() * 4 + 100));
     EXPECT_EQ(f.reader->audioOrder(), (std::vector<Read>{{0, 0}, {100, 1}}));
-    EXPECT_EQ(gone.calls(), 0);
 }
 
 TEST_F(AudioQueue, EndingTheThreadReadsTheWantedRequestsFirst) {
@@ -85,5 +78,5 @@ TEST_F(AudioQueue, EndingTheThreadReadsTheWantedRequestsFirst) {
     f.reader->gate.open();
     ender.join();
     EXPECT_EQ(wanted.calls(), 1);
-    EXPECT_EQ(f.reader->audioOrder().size(), 2u);
+    EXPECT_EQ(f.reader->audioOrder().size(), 2u); // the one nobody holds is not read
 }

@@ -1,6 +1,7 @@
 // The video read queue with a real back-end and its real thread: matching and reuse,
-// dropping of requests nobody wants, finished requests kept while held, draining at the
-// thread's end.
+// finished requests kept while held, failures, draining at the thread's end (where a
+// request nobody holds is dropped unread; that it is not kept either the stress test
+// shows).
 #include "FrameFileReader.h"
 
 #include "playfile/requests/VideoReadQueue.h"
@@ -84,23 +85,6 @@ TEST_F(VideoQueue, MatchingCoversGroupsAndIndexRunsAndAWiderDecodeServesANarrowe
     f.reader->gate.open();
     g.reader->gate.open();
     ASSERT_TRUE(blockerIssuer.waitForCalls(2));
-}
-
-TEST_F(VideoQueue, RequestNobodyHoldsAnyMoreIsNeitherReadNorKept) {
-    OpenFile f(dir, "dropped.frames");
-    holdThread(f);
-    RecordingIssuer gone, kept;
-    auto dropped = f.request(1, &gone);
-    f.file->queueReadRequest(dropped, false);
-    dropped.reset();
-    auto wanted = f.request(2, &kept);
-    f.file->queueReadRequest(wanted, false);
-    f.reader->gate.open();
-    ASSERT_TRUE(kept.waitForCalls(1));
-    EXPECT_EQ(f.reader->readFrames(), (std::vector<uint32_t>{63, 2}));
-    EXPECT_EQ(gone.calls(), 0);
-    EXPECT_EQ(f.file->getVideoQueue()->pendingCount(), 0u);
-    EXPECT_EQ(f.file->getVideoQueue()->inProgressCount(), 2u); // the blocker and the wanted one
 }
 
 TEST_F(VideoQueue, FinishedRequestServesLaterIssuersAtOnceUntilReleasedByAll) {
@@ -204,5 +188,5 @@ TEST_F(VideoQueue, EndingTheThreadReadsTheWantedRequestsFirst) {
     f.reader->gate.open();
     ender.join();
     EXPECT_EQ(wanted.calls(), 1); // read before the queue was gone
-    EXPECT_EQ(f.reader->readFrames(), (std::vector<uint32_t>{1, 2}));
+    EXPECT_EQ(f.reader->readFrames(), (std::vector<uint32_t>{1, 2})); // the one nobody holds is not read
 }
