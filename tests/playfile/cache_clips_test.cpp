@@ -1,7 +1,8 @@
 // The cache as the host uses it, by the clips of a real project: frame and audio reads
 // counted from the material's start, channels mapped onto audio streams, reads past the
-// ends, closing a clip's files, the entry points, pre-opening, and the small PlayUtil
-// questions about a clip's media.
+// ends, closing a clip's files, the entry points, pre-opening, the small PlayUtil
+// questions about a clip's media, and deleting and renaming a clip's material (which
+// close its files first, so that no reader keeps a deleted or moved file open).
 #include "CacheTestSupport.h"
 
 #include "host/media/AudioMetadata.h"
@@ -141,4 +142,34 @@ TEST_F(Clips, AnImportedClipKeepsItsAudioMetadataAndItsSizeIsCounted) {
     PlayUtil::get_total_size(video(c), &total);
     EXPECT_EQ(total, 5u + 16 * 8 * 2 + 50 * 2 * 2);
     playfile_close_all_files();
+}
+
+TEST_F(Clips, DeletingAndRenamingCloseTheFilesInTheCacheFirst) {
+    PlayFileCache& cache = PlayFileCache::Shared();
+    const Cookie doomed = clip("doomed", layout(4)), moved = clip("moved", layout(4));
+    const Cookie renamed{moved.type(), moved.id1(), moved.id2() + 77, moved.index()};
+    const std::string doomedPath = project_test::U(SystemCache::findFileForCookie(video(doomed)));
+    const std::string movedPath = project_test::U(SystemCache::findFileForCookie(video(moved)));
+    ASSERT_TRUE(cache.open(video(doomed), DecodeFormat(1), 0));
+    ASSERT_TRUE(cache.open(video(moved), DecodeFormat(1), 0));
+    const unsigned open = cache.openFileCount();
+
+    // A reader still holding the instance keeps it alive, but the cache lets it go.
+    Zn::Ptr<FileReadInstance> held = cache.isOpen(video(doomed), DecodeFormat(1));
+    ASSERT_TRUE(held);
+    EXPECT_EQ(PlayUtil::deletePlayFile(video(doomed), kMediaHighRes), 1);
+    EXPECT_FALSE(cache.isOpen(video(doomed), DecodeFormat(1)));
+    EXPECT_EQ(cache.openFileCount(), open - 1);
+    EXPECT_FALSE(std::filesystem::exists(doomedPath));
+    held = nullptr;
+
+    // The frame file's name does not carry the clip's identifier: it stays where it is and
+    // only its record moves, after the cache has closed it.
+    EXPECT_EQ(cache.renameMediaFile(moved, renamed), 1);
+    EXPECT_FALSE(cache.isOpen(video(moved), DecodeFormat(1)));
+    EXPECT_EQ(cache.openFileCount(), open - 2);
+    EXPECT_TRUE(std::filesystem::exists(movedPath));
+    EXPECT_EQ(project_test::U(SystemCache::findFileForCookie(video(renamed))), movedPath);
+    EXPECT_FALSE(SystemCache::fileExists(video(moved)));
+    EXPECT_TRUE(cache.open(video(renamed), DecodeFormat(1), 0));
 }

@@ -97,18 +97,9 @@ TEST(HeaderParseV2, RoundTripsWhatTheWriterWrites) {
     in.start_time_code = 3600.5;
     std::snprintf(in.reelid, sizeof in.reelid, "REEL01");
     SAV_HEADER out = parsedV2(written(in));
-    EXPECT_STREQ(out.medium, "vision");
-    EXPECT_STREQ(out.format, "data");
-    EXPECT_STREQ(out.vision_type, "PAL");
-    EXPECT_EQ(out.width, 1920);
-    EXPECT_EQ(out.height, 1080);
-    EXPECT_EQ(out.start_offset, 12);
-    EXPECT_DOUBLE_EQ(out.start_time_code, 3600.5);
-    EXPECT_STREQ(out.reelid, "REEL01");
-    EXPECT_EQ(out.orig_fname, in.orig_fname); // blanks and non-ASCII survive
-    EXPECT_STREQ(out.video_field, "both");
-    EXPECT_STREQ(out.zn_ver, playfileDllVersionStr());
     EXPECT_EQ(out.transfer_type, 0); // written but never read
+    out.transfer_type = in.transfer_type;
+    EXPECT_EQ(written(out), written(in)); // every other field, blanks and non-ASCII included
 }
 
 TEST(HeaderParseV2, DefaultChainsAndVersionRules) {
