@@ -99,9 +99,7 @@ TEST(AudioReader, StreamsNotPlayedShareGrowingSilenceAndABadStreamFailsWithItsLo
 
 TEST(AudioReader, CompressedReadsDecodeOnForwardsAndResetWithPreRollForAJump) {
     testing_support::TempDir dir;
-    CodedLayout layout;
-    layout.samples = 10000;
-    writeCoded(dir.file("c.tbc"), layout);
+    writeCoded(dir.file("c.tbc"), {.samples = 10000});
     Opened f(dir.file("c.tbc"));
     TbcCodec& codec = f.reader->codec();
 
@@ -127,10 +125,7 @@ TEST(AudioReader, CompressedReadsDecodeOnForwardsAndResetWithPreRollForAJump) {
 
 TEST(AudioReader, ACodecThatGivesNothingForNineStepsFailsTheRead) {
     testing_support::TempDir dir;
-    CodedLayout layout;
-    layout.samples = 4096;
-    layout.mute = true;
-    writeCoded(dir.file("m.tbc"), layout);
+    writeCoded(dir.file("m.tbc"), {.samples = 4096, .mute = true});
     Opened f(dir.file("m.tbc"));
     testing_support::LogCapture log;
 
