@@ -1,5 +1,6 @@
-// The audio read queue with a real back-end: read order, dropping, deferred wakes served
-// by the poll, draining at the thread's end.
+// The audio read queue with a real back-end: read order, deferred wakes served by the
+// poll, draining at the thread's end (dropping what nobody holds). The samples a read
+// delivers the stress tests check.
 #include "FrameFileReader.h"
 
 #include "playfile/Configuration.h"
@@ -30,7 +31,7 @@ struct AudioQueue : ::testing::Test {
 
 } // namespace
 
-TEST_F(AudioQueue, ReadsForwardsByStartThenChannelAndDeliversTheChannelsSamples) {
+TEST_F(AudioQueue, ReadsForwardsByStartThenChannel) {
     holdThread(*f.file);
     RecordingIssuer a, b, c, d;
     auto r1 = f.audio(0, 1, 1000, 32, &a);
@@ -43,10 +44,6 @@ TEST_F(AudioQueue, ReadsForwardsByStartThenChannelAndDeliversTheChannelsSamples)
     ASSERT_TRUE(d.waitForCalls(1));
     EXPECT_EQ(f.reader->audioOrder(), (std::vector<Read>{{0, 0}, {0, 3}, {1000, 0}, {1000, 1}, {1000, 1}}));
     EXPECT_EQ(r4->getStatus(), Complete);
-    ASSERT_EQ(r1->getUsed(), 64u);
-    const int16_t* samples = reinterpret_cast<const int16_t*>(r1->getBuffer());
-    EXPECT_EQ(samples[0], sampleOf(1000, 1));
-    EXPECT_EQ(samples[31], sampleOf(1031, 1));
     EXPECT_EQ(a.calls() + b.calls() + c.calls() + d.calls(), 4);
 }
 
