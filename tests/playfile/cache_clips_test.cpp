@@ -167,4 +167,5 @@ TEST_F(Clips, DeletingAndRenamingCloseTheFilesInTheCacheFirst) {
     EXPECT_EQ(project_test::U(SystemCache::findFileForCookie(video(renamed))), movedPath);
     EXPECT_FALSE(SystemCache::fileExists(video(moved)));
     EXPECT_TRUE(cache.open(video(renamed), DecodeFormat(1), 0));
+    playfile_close_all_files();
 }
