@@ -82,7 +82,7 @@ TEST(HeaderWriter, ExactTextOfAVisionRecordAlwaysWithTheWritersOwnVersionAndPrin
     EXPECT_EQ(testing::internal::GetCapturedStdout(), expected + "\n");
 }
 
-TEST(HeaderWriter, AMediumThatIsNeitherWordExactlyGetsNoBranchSpecificKeys) {
+TEST(HeaderWriter, AMediumThatIsNeitherWordExactlyGetsTheKeysOfNeitherBranch) {
     for (const char* m : {"visionx", "Sound"}) {
         SAV_HEADER odd = make_header(m, "", 1, 1, 0, 1, 0, 0, 2, 2, "PAL", 10, 10, WString(L""), -1, 0, "both", -1);
         std::string o = written(odd);
