@@ -1,6 +1,6 @@
 // Support for the play file cache tests: FramePlugin, a real reader of the frame files of
 // FrameFileReader.h that a test registers in the host's reader registry for its length
-// (and can make slow, failing, throwing or limited in what it serves, and count), and a
+// (and can hold at a gate, make failing, throwing or limited in what it serves, and count), and a
 // project whose clips keep their material in such files.
 #pragma once
 
@@ -28,16 +28,6 @@ inline FrameFileLayout layout(uint32_t frames, uint32_t audioChannels = 0, uint6
     return l;
 }
 
-// Retries until done() holds, for states that a queue's thread reaches just after it has
-// called the issuer (it lets go of the request and its file a moment later).
-template <class F> bool eventually(F done) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (!done())
-        if (std::chrono::steady_clock::now() > end) return false;
-        else std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return true;
-}
-
 class FramePlugin : public Zn::iFileReader {
 public:
     explicit FramePlugin(const char* name, unsigned caps = OpenType::kVideoAndAudio) : name_(name), caps_(caps) {}
@@ -47,7 +37,6 @@ public:
     Zn::Ptr<FileReadInstance> open(const DecodeFormat& format, const WString& file, OpenType type) override {
         ++opens;
         gate.pass();
-        if (delayMs) std::this_thread::sleep_for(std::chrono::milliseconds(delayMs.load()));
         if (throws) throw std::runtime_error("unreadable");
         if (fails) return nullptr;
         auto reader = Zn::makePtr<FrameFileReader>(toUTF8(file).str(), format, type, layoutOf(file));
@@ -66,7 +55,6 @@ public:
     }
 
     std::atomic<int> opens{0};
-    std::atomic<int> delayMs{0};
     std::atomic<bool> fails{false}, throws{false}, sawDefaultStream{false};
     std::function<void(PlayFileMetadataRep&)> tweak; // set before the plug-in is used
     Gate gate;

@@ -65,18 +65,21 @@ inline std::string writeFrameFile(const testing_support::TempDir& dir, const std
 
 inline WString wide(const std::string& s) { return WString(std::wstring(s.begin(), s.end())); }
 
+// Retries until done() holds, for states that a queue's thread reaches just after it has
+// called the issuer (it lets go of the request and its file a moment later).
+template <class F> bool eventually(F done) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!done())
+        if (std::chrono::steady_clock::now() > end) return false;
+        else std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return true;
+}
+
 // Holds threads at pass() while closed.
 class Gate {
 public:
-    void close() {
-        std::lock_guard<std::mutex> l(m_);
-        closed_ = true;
-    }
-    void open() {
-        std::lock_guard<std::mutex> l(m_);
-        closed_ = false;
-        cv_.notify_all();
-    }
+    void close() { set(true); }
+    void open() { set(false); }
     void pass() {
         std::unique_lock<std::mutex> l(m_);
         ++waiting_;
@@ -90,6 +93,11 @@ public:
     }
 
 private:
+    void set(bool closed) {
+        std::lock_guard<std::mutex> l(m_);
+        closed_ = closed;
+        cv_.notify_all();
+    }
     std::mutex m_;
     std::condition_variable cv_;
     bool closed_ = false;
@@ -189,18 +197,9 @@ public:
         request->doCallbacks(none);
     }
 
-    std::vector<uint32_t> readFrames() {
-        std::lock_guard<std::mutex> l(readsMutex_);
-        return readFrames_;
-    }
-    std::vector<Zn::Ptr<VideoReadRequest>> takePendingRequests() {
-        std::lock_guard<std::mutex> l(readsMutex_);
-        return std::move(pending_);
-    }
-    std::vector<std::pair<uint64_t, uint32_t>> audioOrder() {
-        std::lock_guard<std::mutex> l(readsMutex_);
-        return audioOrder_;
-    }
+    std::vector<uint32_t> readFrames() { return locked([&] { return readFrames_; }); }
+    std::vector<Zn::Ptr<VideoReadRequest>> takePendingRequests() { return locked([&] { return std::move(pending_); }); }
+    std::vector<std::pair<uint64_t, uint32_t>> audioOrder() { return locked([&] { return audioOrder_; }); }
 
     std::atomic<int> reads{0};
     std::atomic<eMode> mode{kRaw};
@@ -208,6 +207,10 @@ public:
     static inline std::atomic<int> alive{0};
 
 private:
+    template <class F> auto locked(F f) -> decltype(f()) {
+        std::lock_guard<std::mutex> l(readsMutex_);
+        return f();
+    }
     FrameFileLayout layout_;
     int fd_ = -1;
     std::mutex readsMutex_;
@@ -236,32 +239,18 @@ public:
         std::unique_lock<std::mutex> l(m_);
         return cv_.wait_for(l, timeout, [&] { return calls_ >= n; });
     }
-    int calls() {
-        std::lock_guard<std::mutex> l(m_);
-        return calls_;
-    }
-    RequestStatus status() {
-        std::lock_guard<std::mutex> l(m_);
-        return status_;
-    }
-    Zn::Ptr<FrameBufferRep> buffer() {
-        std::lock_guard<std::mutex> l(m_);
-        return Zn::dynamicPtrCast<FrameBufferRep>(result_);
-    }
-    std::thread::id thread() {
-        std::lock_guard<std::mutex> l(m_);
-        return thread_;
-    }
-    void watch(VideoReadRequest* r) {
-        std::lock_guard<std::mutex> l(m_);
-        watched_ = r;
-    }
-    RequestStatus statusAtCall() {
-        std::lock_guard<std::mutex> l(m_);
-        return statusAtCall_;
-    }
+    int calls() { return locked([&] { return calls_; }); }
+    RequestStatus status() { return locked([&] { return status_; }); }
+    Zn::Ptr<FrameBufferRep> buffer() { return locked([&] { return Zn::dynamicPtrCast<FrameBufferRep>(result_); }); }
+    std::thread::id thread() { return locked([&] { return thread_; }); }
+    void watch(VideoReadRequest* r) { locked([&] { watched_ = r; }); }
+    RequestStatus statusAtCall() { return locked([&] { return statusAtCall_; }); }
 
 private:
+    template <class F> auto locked(F f) -> decltype(f()) {
+        std::lock_guard<std::mutex> l(m_);
+        return f();
+    }
     std::mutex m_;
     std::condition_variable cv_;
     int calls_ = 0;
@@ -318,12 +307,8 @@ struct OpenFile {
     }
     Zn::Ptr<AudioReadRequest> audio(uint32_t stream, uint32_t channel, uint64_t start, uint32_t count,
                                     RecordingIssuer* issuer) {
-        AudioRequest r;
-        r.stream = stream;
-        r.channel = channel;
-        r.start = start;
-        r.count = count;
-        return Zn::makePtr<AudioReadRequest>(file, r, 1, issuer ? issuer->getProxy() : nullptr);
+        return Zn::makePtr<AudioReadRequest>(file, AudioRequest{.stream = stream, .channel = channel, .start = start, .count = count},
+                                             1, issuer ? issuer->getProxy() : nullptr);
     }
 
     FrameFileLayout layout;

@@ -45,7 +45,6 @@ TEST(MultipleAccessQueue, EndingAKeyNobodyHoldsThrowsAndOtherKeysStayHeldAndInde
     } catch (const Zn::Exception::RuntimeError& e) {
         EXPECT_STREQ(e.what(), "Uncontrolled object passed to endAccess");
         EXPECT_EQ(e.file(), "ole/Zn/ZnMultipleAccessQueue");
-        EXPECT_EQ(e.line(), 136);
         EXPECT_FALSE(e.callStack().empty());
     }
     EXPECT_TRUE(queue.isAccessed(L"held"));

@@ -7,12 +7,7 @@
 namespace {
 
 AudioRequest request(uint32_t stream, uint32_t channel, uint64_t start, uint32_t count) {
-    AudioRequest r;
-    r.stream = stream;
-    r.channel = channel;
-    r.start = start;
-    r.count = count;
-    return r;
+    return {.stream = stream, .channel = channel, .start = start, .count = count};
 }
 
 // channels buffers of 16-bit samples, channel c's sample i holding c * 1000 + i; the

@@ -19,12 +19,8 @@ struct Opened {
 
     Zn::Ptr<AudioReadRequest> request(uint32_t stream, uint32_t channel, uint64_t start,
                                       uint32_t count, RecordingIssuer* by) {
-        AudioRequest r;
-        r.stream = stream;
-        r.channel = channel;
-        r.start = start;
-        r.count = count;
-        return Zn::makePtr<AudioReadRequest>(file, r, count, by ? by->getProxy() : nullptr);
+        return Zn::makePtr<AudioReadRequest>(file, AudioRequest{.stream = stream, .channel = channel, .start = start, .count = count},
+                                             count, by ? by->getProxy() : nullptr);
     }
     // Reads on this thread, as the queue's thread would. The issuer keeps the last result.
     Zn::Ptr<AudioReadRequest> read(uint32_t channel, uint64_t start, uint32_t count,
@@ -59,29 +55,19 @@ using Blocks = std::vector<uint64_t>;
 
 } // namespace
 
-TEST(AudioReader, FourChannelsOfOneSpanCostOneReadAndLaterOnesAreViewsIntoTheBlock) {
+// (That every channel of a span costs one read is checked by AudioReaderJoins below.)
+TEST(AudioReader, ARequestInsideTheLastBlockIsServedFromItAndOnePastTheEndGetsWhatThereIs) {
     testing_support::TempDir dir;
     writeWav(dir.file("a.wav"), 4, 2, 10000);
     Opened f(dir.file("a.wav"));
-
-    std::vector<Zn::Ptr<AudioReadRequest>> done;
-    for (uint32_t c = 0; c < 4; ++c) {
-        done.push_back(f.read(c, 1000, 500));
-        expectStream(*done.back(), 500, 2);
-    }
-    EXPECT_EQ(f.reader->sampleReads, 1);
-    EXPECT_EQ(f.issuer.calls(), 4);
-
-    auto inside = f.read(2, 1010, 100);
-    expectStream(*inside, 100, 2);
-    EXPECT_EQ(inside->getBuffer(), done[2]->getBuffer() + 20);
-    EXPECT_EQ(inside->getResult().getSampleCount(), 490u);
+    expectStream(*f.read(2, 1000, 500), 500, 2);
+    expectStream(*f.read(2, 1010, 100), 100, 2);
     EXPECT_EQ(f.reader->sampleReads, 1);
 
-    // Past the end: completes with the 100 samples there are.
     auto last = f.read(1, 9900, 500);
     expectStream(*last, 100, 2);
     EXPECT_EQ(last->getResult().getSampleCount(), 100u);
+    EXPECT_EQ(f.issuer.calls(), 3);
 }
 
 TEST(AudioReader, StreamsNotPlayedShareGrowingSilenceAndABadStreamFailsWithItsLogLine) {
@@ -113,9 +99,7 @@ TEST(AudioReader, StreamsNotPlayedShareGrowingSilenceAndABadStreamFailsWithItsLo
 
 TEST(AudioReader, CompressedReadsDecodeOnForwardsAndResetWithPreRollForAJump) {
     testing_support::TempDir dir;
-    CodedLayout layout;
-    layout.samples = 10000;
-    writeCoded(dir.file("c.tbc"), layout);
+    writeCoded(dir.file("c.tbc"), {.samples = 10000});
     Opened f(dir.file("c.tbc"));
     TbcCodec& codec = f.reader->codec();
 
@@ -141,10 +125,7 @@ TEST(AudioReader, CompressedReadsDecodeOnForwardsAndResetWithPreRollForAJump) {
 
 TEST(AudioReader, ACodecThatGivesNothingForNineStepsFailsTheRead) {
     testing_support::TempDir dir;
-    CodedLayout layout;
-    layout.samples = 4096;
-    layout.mute = true;
-    writeCoded(dir.file("m.tbc"), layout);
+    writeCoded(dir.file("m.tbc"), {.samples = 4096, .mute = true});
     Opened f(dir.file("m.tbc"));
     testing_support::LogCapture log;
 

@@ -111,16 +111,8 @@ TEST_F(CacheStress, EightThreadsReadTwelveClipsThroughFourIdleFiles) {
 }
 
 TEST_F(CacheStress, FiveHundredClipsPlayWithALowDescriptorLimitAndCloseReleasesEveryFile) {
-    std::vector<ClipRecord> records(500);
-    for (size_t i = 0; i < records.size(); ++i) {
-        std::string path = writeFrameFile(tmp, "h" + std::to_string(i) + ".frames", layout(2));
-        plugin->setLayout(path, layout(2));
-        records[i].name = project_test::W("h" + std::to_string(i));
-        records[i].audioChannels = 0;
-        records[i].file = MediaFileInfo(MaterialFilename(DriveId(), project_test::W(path)), 100);
-    }
-    std::vector<Cookie> clips = ProjectImporter::registerClips(records);
-    ASSERT_EQ(clips.size(), records.size());
+    std::vector<Cookie> clips;
+    for (int i = 0; i < 500; ++i) ASSERT_TRUE(clips.emplace_back(clip("h" + std::to_string(i), layout(2))).valid());
 
     struct Limit {
         Limit() {

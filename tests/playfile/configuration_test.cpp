@@ -1,11 +1,8 @@
 // When the library reads each configuration key.
 #include "host/os/Config.h"
 #include "playfile/Configuration.h"
-#include "playfile/Version.h"
 
 #include <gtest/gtest.h>
-
-#include <regex>
 
 TEST(Configuration, LoadTimeKeysKeepTheValueReadWhenTheLibraryWasLoaded) {
     // The test program sets nothing before load, so the defaults were read.
@@ -26,8 +23,4 @@ TEST(Configuration, MaxAudioChannelsInShotIsReadOnEveryUse) {
     EXPECT_EQ(PlayfileConfig::maxAudioChansInShot(), 0);
     clearConfigValue("max_audio_chans_in_shot");
     EXPECT_EQ(PlayfileConfig::maxAudioChansInShot(), 32);
-}
-
-TEST(Version, IsFourDottedNumbers) {
-    EXPECT_TRUE(std::regex_match(playfileDllVersionStr(), std::regex(R"(\d+\.\d+\.\d+\.\d+)")));
 }

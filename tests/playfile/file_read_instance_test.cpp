@@ -1,7 +1,7 @@
 // File read instances: the queues an open type gets and gives back through the pools,
 // instances without one of the queues, the defaults a back-end inherits, the reader
 // registry, and the pools at shutdown.
-#include "FrameFileReader.h"
+#include "CacheTestSupport.h"
 
 #include "host/media/FileReaderInfo.h"
 #include "host/threads/Shutdown.h"
@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-using namespace test_backend;
+using namespace cache_test;
 
 namespace {
 
@@ -53,21 +53,6 @@ TEST(FileReadInstance, ClosingAFileReturnsItsQueuesAndTheNextOpenTakesThem) {
     EXPECT_EQ(second->getVideoQueue().get(), video);
     EXPECT_EQ(second->getAudioQueue().get(), audio);
     EXPECT_EQ(Pool<Zn::VideoReadQueue>::instance().idleCount(), 0u);
-
-    // The recycled queues work for the new file.
-    RecordingIssuer v, a;
-    Zn::Ptr<FileReadInstance> file(second);
-    Zn::Ptr<IndexInfoRep> none;
-    auto frame = Zn::makePtr<VideoReadRequest>(file, none, 3, kResultDecoded, DecodeFormat(1), v.getProxy());
-    file->queueReadRequest(frame, false);
-    AudioRequest ar;
-    ar.count = 8;
-    auto samples = Zn::makePtr<AudioReadRequest>(file, ar, 1, a.getProxy());
-    file->queueReadRequest(samples, false);
-    ASSERT_TRUE(v.waitForCalls(1));
-    ASSERT_TRUE(a.waitForCalls(1));
-    EXPECT_EQ(v.buffer()->getSurface(0).plane(0)[0], pixelOf(3, 0, 0));
-    file->purge();
 }
 
 TEST(FileReadInstance, AnInstanceWithoutAQueueFailsRequestsOfThatKindAndNothingElse) {
@@ -116,9 +101,7 @@ public:
 TEST(FileReadInstance, DefaultsAndStoredDecodeOptionsMerge) {
     testing_support::TempDir dir;
     OpenFile plain(dir, "plain.frames");
-    EXPECT_TRUE(plain.file->getDecodeOptions(plain.file).empty());
-    EXPECT_TRUE(plain.file->initDecodeOptionValues(configb::fromText("gamma=1.0")).empty());
-    EXPECT_EQ(plain.file->getLastUse(), UINT64_MAX);
+    EXPECT_TRUE(plain.file->initDecodeOptionValues(configb::fromText("gamma=1.0")).empty()); // offers none
 
     auto reader = Zn::makePtr<OptionsReader>(plain.path, DecodeFormat(1), OpenType::kVideo, plain.layout);
     configb stored;
@@ -129,43 +112,14 @@ TEST(FileReadInstance, DefaultsAndStoredDecodeOptionsMerge) {
     EXPECT_EQ(reader->applied, merged);
 }
 
-namespace {
-
-// Opens ".frames" files for video, as a registered back-end would.
-class FrameFileOpener : public Zn::iFileReader {
-public:
-    String name() const override { return "frames"; }
-    bool accepts(const WString& fileName, OpenType type) override {
-        return fileName.endsWith(L".frames") && !type.hasAudio();
-    }
-    Zn::Ptr<FileReadInstance> open(const DecodeFormat& format, const WString& fileName, OpenType type) override {
-        std::string path(fileName.begin(), fileName.end());
-        return Zn::makePtr<FrameFileReader>(path, format, type, FrameFileLayout{});
-    }
-    unsigned capabilities(const DecodeFormat&, OpenType, const PlayFileMetadataRep&, const Aud::Metadata&,
-                          Zn::ReaderDetails&) override {
-        return OpenType::kVideo;
-    }
-};
-
-} // namespace
-
-TEST(FileReaderInfo, RegisteredReadersAreFoundInOrderAndOpenFiles) {
-    testing_support::TempDir dir;
-    std::string path = writeFrameFile(dir, "reg.frames", FrameFileLayout{});
-    Zn::Ptr<Zn::iFileReader> opener(new FrameFileOpener);
-    Zn::FileReaderInfo::registerFileReader(opener, 0);
-    ASSERT_EQ(Zn::FileReaderInfo::getFileReaders(0).get(), opener.get());
-
-    Zn::Ptr<FileReadInstance> file;
-    for (unsigned i = 0; i < Zn::FileReaderInfo::getNumFileReaders() && !file; ++i) {
-        Zn::Ptr<Zn::iFileReader> r = Zn::FileReaderInfo::getFileReaders(uint8_t(i));
-        if (r->accepts(wide(path), OpenType::kVideo)) file = r->open(DecodeFormat(1), wide(path), OpenType::kVideo);
-    }
-    ASSERT_TRUE(file);
-    EXPECT_EQ(file->getReaderName(), "frames");
-    EXPECT_TRUE(Zn::FileReaderInfo::unregisterFileReader(opener));
-    EXPECT_FALSE(Zn::FileReaderInfo::unregisterFileReader(opener));
+TEST(FileReaderInfo, AReaderRegisteredAtAPositionIsFoundThereAndUnregistersOnce) {
+    Registered last{Zn::makePtr<FramePlugin>("last")};
+    Zn::Ptr<Zn::iFileReader> first(Zn::makePtr<FramePlugin>("first"));
+    Zn::FileReaderInfo::registerFileReader(first, 0);
+    ASSERT_EQ(Zn::FileReaderInfo::getFileReaders(0).get(), first.get());
+    EXPECT_EQ(Zn::FileReaderInfo::getFileReaders(1)->name(), "last");
+    EXPECT_TRUE(Zn::FileReaderInfo::unregisterFileReader(first));
+    EXPECT_FALSE(Zn::FileReaderInfo::unregisterFileReader(first));
 }
 
 TEST(FileReadInstanceDeathTest, AtShutdownThePoolsReleaseIdleQueuesAndStopTakingThemBack) {

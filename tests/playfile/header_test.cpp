@@ -29,6 +29,15 @@ SAV_HEADER visionRecord() {
                        WString(L"/media/My Clips/\xE9t\xE9.mov"), -1, 0, "both", -1);
 }
 
+// The text of a 25 frames per second PAL 1920 x 1080 vision record.
+std::string visionText(const std::string& origFname) {
+    return "header_version 6\n\rmedium vision\n\rinput_rate 25.00000000\n\rreplay_rate 25.00000000\n\r"
+           "format data\n\rdrop_frame 0\n\rtimecode_rate 0.00000000\n\rstart_time_code 0.00000000\n\r"
+           "end_time_code 0.00000000\n\rstart_offset 0\n\rvision_type PAL\n\rwidth 1920\n\rheight 1080\n\r"
+           "sequence -1\n\rtransfer_type -1\n\rreelid \n\rorig_fname " + origFname + "\n\rzn_ver " +
+           playfileDllVersionStr() + "\n\rvideo_field both\n\r";
+}
+
 } // namespace
 
 TEST(HeaderLookup, OnlyTheFirstWordOfALineIsAKey) {
@@ -63,26 +72,17 @@ TEST(HeaderCopy, StopsAtFourCharactersOrTheLimitAndKeepsTabs) {
     EXPECT_STREQ(buf, "");
 }
 
-TEST(HeaderWriter, ExactTextOfAVisionRecord) {
-    std::string v = playfileDllVersionStr();
-    EXPECT_EQ(written(visionRecord()),
-              "header_version 6\n\rmedium vision\n\rinput_rate 25.00000000\n\rreplay_rate 25.00000000\n\r"
-              "format data\n\rdrop_frame 0\n\rtimecode_rate 0.00000000\n\rstart_time_code 0.00000000\n\r"
-              "end_time_code 0.00000000\n\rstart_offset 0\n\rvision_type PAL\n\rwidth 1920\n\rheight 1080\n\r"
-              "sequence -1\n\rtransfer_type -1\n\rreelid \n\r"
-              "orig_fname /media/My Clips/\xC3\xA9t\xC3\xA9.mov\n\rzn_ver " + v + "\n\rvideo_field both\n\r");
+TEST(HeaderWriter, ExactTextOfAVisionRecordAlwaysWithTheWritersOwnVersionAndPrinted) {
+    SAV_HEADER h = visionRecord();
+    std::snprintf(h.zn_ver, sizeof h.zn_ver, "0.0.0.0");
+    const std::string expected = visionText("/media/My Clips/\xC3\xA9t\xC3\xA9.mov");
+    EXPECT_EQ(written(h), expected);
+    testing::internal::CaptureStdout();
+    print_header(&h);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), expected + "\n");
 }
 
-TEST(HeaderWriter, SoundRecordsOmitVisionKeysAndEmptyNames) {
-    SAV_HEADER h = make_header("sound", "linear_uncompressed", 48000, 48000, 0, 0, 0, 0, 3, 1, "unknown", 0, 0,
-                               WString(L""), -1, 0, "", -1);
-    std::string t = written(h);
-    EXPECT_NE(t.find("number_of_channels 1\n\rbytes_per_sample 3\n\r"), std::string::npos);
-    EXPECT_EQ(t.find("orig_fname"), std::string::npos);
-    EXPECT_EQ(t.find("width"), std::string::npos);
-    EXPECT_EQ(t.find("video_field"), std::string::npos);
-
-    // A medium that is neither word exactly gets no branch-specific keys.
+TEST(HeaderWriter, AMediumThatIsNeitherWordExactlyGetsTheKeysOfNeitherBranch) {
     for (const char* m : {"visionx", "Sound"}) {
         SAV_HEADER odd = make_header(m, "", 1, 1, 0, 1, 0, 0, 2, 2, "PAL", 10, 10, WString(L""), -1, 0, "both", -1);
         std::string o = written(odd);
@@ -91,38 +91,15 @@ TEST(HeaderWriter, SoundRecordsOmitVisionKeysAndEmptyNames) {
     }
 }
 
-TEST(HeaderWriter, PrintHeaderPrintsTheTextAndANewline) {
-    SAV_HEADER h = visionRecord();
-    testing::internal::CaptureStdout();
-    print_header(&h);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), written(h) + "\n");
-}
-
-TEST(HeaderWriter, ZnVersionIsAlwaysTheWritersOwn) {
-    SAV_HEADER h = visionRecord();
-    std::snprintf(h.zn_ver, sizeof h.zn_ver, "0.0.0.0");
-    std::string t = written(h);
-    EXPECT_NE(t.find(std::string("zn_ver ") + playfileDllVersionStr() + "\n\r"), std::string::npos);
-}
-
 TEST(HeaderParseV2, RoundTripsWhatTheWriterWrites) {
     SAV_HEADER in = visionRecord();
     in.start_offset = 12;
     in.start_time_code = 3600.5;
     std::snprintf(in.reelid, sizeof in.reelid, "REEL01");
     SAV_HEADER out = parsedV2(written(in));
-    EXPECT_STREQ(out.medium, "vision");
-    EXPECT_STREQ(out.format, "data");
-    EXPECT_STREQ(out.vision_type, "PAL");
-    EXPECT_EQ(out.width, 1920);
-    EXPECT_EQ(out.height, 1080);
-    EXPECT_EQ(out.start_offset, 12);
-    EXPECT_DOUBLE_EQ(out.start_time_code, 3600.5);
-    EXPECT_STREQ(out.reelid, "REEL01");
-    EXPECT_EQ(out.orig_fname, in.orig_fname); // blanks and non-ASCII survive
-    EXPECT_STREQ(out.video_field, "both");
-    EXPECT_STREQ(out.zn_ver, playfileDllVersionStr());
     EXPECT_EQ(out.transfer_type, 0); // written but never read
+    out.transfer_type = in.transfer_type;
+    EXPECT_EQ(written(out), written(in)); // every other field, blanks and non-ASCII included
 }
 
 TEST(HeaderParseV2, DefaultChainsAndVersionRules) {
@@ -211,13 +188,7 @@ TEST(NewFileHeaders, VisionHeaderFromTheShotsFormatAndRate) {
     Zn::Ptr<PlayFile> file = Zn::makePtr<PlayFile>(WString(L"/media/A/video/V0001e240_000003e8_00.mkv"));
     SAV_HEADER h;
     PlayPriv::make_vision_header(file, ShotVideoMetadata(Zn::Image::FormatUID{5}, Zn::kFrameRate25), &h);
-    std::string v = playfileDllVersionStr();
-    EXPECT_EQ(written(h),
-              "header_version 6\n\rmedium vision\n\rinput_rate 25.00000000\n\rreplay_rate 25.00000000\n\r"
-              "format data\n\rdrop_frame 0\n\rtimecode_rate 0.00000000\n\rstart_time_code 0.00000000\n\r"
-              "end_time_code 0.00000000\n\rstart_offset 0\n\rvision_type PAL\n\rwidth 1920\n\rheight 1080\n\r"
-              "sequence -1\n\rtransfer_type -1\n\rreelid \n\r"
-              "orig_fname /media/A/video/V0001e240_000003e8_00.mkv\n\rzn_ver " + v + "\n\rvideo_field both\n\r");
+    EXPECT_EQ(written(h), visionText("/media/A/video/V0001e240_000003e8_00.mkv"));
 
     // Only 25 frames per second is PAL. The quarter-size variant of 1080 stores 480 x 270.
     for (Zn::FrameRate r : {Zn::kFrameRate24, Zn::kFrameRate29_97, Zn::kFrameRate30, Zn::kFrameRate50}) {
@@ -245,8 +216,4 @@ TEST(NewFileHeaders, SoundHeaderIsMonoLinearSamples) {
               "start_time_code 0.00000000\n\rend_time_code 0.00000000\n\rstart_offset 0\n\r"
               "number_of_channels 1\n\rbytes_per_sample 3\n\rreelid \n\rorig_fname /media/A/audio/S1.wav\n\r"
               "zn_ver " + v + "\n\r");
-    EXPECT_STREQ(h.vision_type, "unknown");
-    EXPECT_STREQ(h.video_field, "");
-    EXPECT_EQ(h.transfer_type, -1);
-    EXPECT_EQ(h.sequence, -1);
 }

@@ -24,37 +24,14 @@ constexpr int kIssuers = 8;
 constexpr int kFiles = 3;
 constexpr uint32_t kFrameRange = 12; // small, so requests overlap
 
-// One issue of one request. The callback only counts and keeps the result; the issuing
-// thread checks it.
-class Ticket : public ReadRequestIssuer {
-public:
-    explicit Ticket(std::atomic<int>& violations) : violations_(violations) {}
+// One issue of one request; called twice counts as a violation when it goes.
+struct Ticket : RecordingIssuer {
+    explicit Ticket(std::atomic<int>& violations) : violations(violations) {}
     ~Ticket() override {
         detachProxy();
-        if (calls.load() > 1) ++violations_;
+        if (calls() > 1) ++violations;
     }
-    void readRequestComplete(Zn::Ptr<iObject>& r, RequestStatus s) override {
-        if (calls.load(std::memory_order_relaxed) == 0) {
-            result = r;
-            status = s;
-        }
-        calls.fetch_add(1, std::memory_order_release);
-    }
-    bool waitCalled() {
-        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (calls.load(std::memory_order_acquire) == 0) {
-            if (std::chrono::steady_clock::now() > end) return false;
-            std::this_thread::sleep_for(std::chrono::microseconds(50));
-        }
-        return true;
-    }
-
-    std::atomic<int> calls{0};
-    Zn::Ptr<iObject> result;
-    RequestStatus status = Queued;
-
-private:
-    std::atomic<int>& violations_;
+    std::atomic<int>& violations;
 };
 
 struct Outstanding {
@@ -87,11 +64,11 @@ struct Shared {
 };
 
 void check(Shared& s, Outstanding& o) {
-    if (!o.ticket->waitCalled()) {
+    if (!o.ticket->waitForCalls(1, std::chrono::seconds(10))) {
         ++s.lost;
         return;
     }
-    if (o.ticket->status != Complete) {
+    if (o.ticket->status() != Complete) {
         ++s.wrong;
         return;
     }
@@ -100,7 +77,7 @@ void check(Shared& s, Outstanding& o) {
         if (!samples || samples[0] != sampleOf(o.audio->start, o.audio->channel)) ++s.wrong;
         return;
     }
-    auto buffer = Zn::dynamicPtrCast<FrameBufferRep>(o.ticket->result);
+    auto buffer = o.ticket->buffer();
     Zn::Image::Surface surface = buffer ? buffer->getSurface(0) : Zn::Image::Surface();
     if (!surface.valid()) ++s.wrong;
     else if (!o.grouped && surface.plane(0)[5] != pixelOf(o.frame, 5, 0)) ++s.wrong;
@@ -116,10 +93,7 @@ void issuer(Shared& s, unsigned seed) {
         Outstanding o;
         o.ticket = std::make_unique<Ticket>(s.violations);
         if (i == 2 && rng() % 3 == 0) {
-            AudioRequest ar;
-            ar.channel = rng() % 2;
-            ar.start = rng() % 4000;
-            ar.count = 64;
+            AudioRequest ar{.channel = uint32_t(rng() % 2), .start = rng() % 4000, .count = 64};
             o.audio = Zn::makePtr<AudioReadRequest>(file, ar, 1, o.ticket->getProxy());
             file->queueReadRequest(o.audio, rng() % 4 == 0);
         } else {
@@ -200,22 +174,14 @@ TEST(ReadQueueStress, OverlappingRequestsFromManyThreadsLoseNothingAndLeakNothin
             Zn::Ptr<FileReadInstance> file = s.file(i);
             auto& video = file->getVideoQueue();
             // Requests nobody wants are dropped as the thread reaches them.
-            for (int n = 0; n < 2000 && video->pendingCount() != 0; ++n)
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            EXPECT_EQ(video->pendingCount(), 0u);
+            EXPECT_TRUE(eventually([&] { return video->pendingCount() == 0; }));
             file->limitUsage();
             EXPECT_EQ(video->inProgressCount(), 0u);
-            if (auto& audio = file->getAudioQueue()) {
-                for (int n = 0; n < 2000 && audio->pendingCount() != 0; ++n)
-                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-                EXPECT_EQ(audio->pendingCount(), 0u);
-            }
+            if (auto& audio = file->getAudioQueue()) EXPECT_TRUE(eventually([&] { return audio->pendingCount() == 0; }));
             file->purge();
         }
     }
     // Replaced instances whose last requests finished after they were purged are let go by
-    // their queue's next idle poll.
-    for (int n = 0; n < 2000 && FrameFileReader::alive.load() != aliveBefore; ++n)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    EXPECT_EQ(FrameFileReader::alive.load(), aliveBefore); // every instance was destroyed
+    // their queue's next idle poll: every instance is destroyed.
+    EXPECT_TRUE(eventually([&] { return FrameFileReader::alive.load() == aliveBefore; }));
 }

@@ -117,7 +117,6 @@ TEST(StreamingDecodeReader, GroupsAreDecodedOnTheDecodeThreadAndServedFromTheTwo
     // Frame 23 answers at once with a surface still to come; 27 shares its run.
     Surface s23 = f.read(23);
     EXPECT_TRUE(f.reader->isRunning());
-    EXPECT_STREQ(f.reader->name(), "Decode");
     EXPECT_EQ(s23.state(), Surface::kWaitTimedOut);
     Surface s27 = f.read(27);
     ASSERT_TRUE(f.reader->gate.waitForWaiters(1));
@@ -165,10 +164,4 @@ TEST(StreamingDecodeReader, RunsOfAFrameRangeHandler) {
     EXPECT_EQ(paintedFrame(f.read(4)), 4);
     EXPECT_EQ(f.reader->passes().back().first, 0u);
     EXPECT_EQ(f.reader->passes().back().count, 7u);
-}
-
-TEST(StreamingDecodeReader, EndingAReaderThatNeverStreamedDoesNothing) {
-    Fixture f;
-    f.reader->endStreamDecode();
-    EXPECT_FALSE(f.reader->isRunning());
 }
