@@ -3,43 +3,12 @@
 #include "backends/y4m/Y4mWriter.h"
 #include "host/core/Strings.h"
 #include "support/Command.h"
+#include "support/PatternFrames.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
-
 using namespace testing_support;
-
-namespace {
-
-// A frame whose every byte depends on its position and the frame number.
-Zn::Image::Surface patternFrame(Zn::Image::eDataFormat f, uint32_t w, uint32_t h, int n) {
-    Zn::Image::Surface s = Zn::Image::Surface::allocate(Zn::Image::Core::Data(w, h, f));
-    for (unsigned p = 0; p < s.planeCount(); ++p) {
-        const uint32_t rowBytes = Zn::Image::minimumStride(f, p, w);
-        for (uint32_t y = 0; y < Zn::Image::planeHeight(f, p, h); ++y)
-            for (uint32_t x = 0; x < rowBytes; ++x) s.plane(p)[y * s.stride(p) + x] = uint8_t(x * 3 + y * 7 + p * 50 + n);
-    }
-    s.set();
-    return s;
-}
-
-std::string packedMd5(const Zn::Image::Surface& s) {
-    std::string bytes;
-    for (unsigned p = 0; p < s.planeCount(); ++p) {
-        const uint32_t rowBytes = Zn::Image::minimumStride(s.getDataFormat(), p, s.getWidth());
-        for (uint32_t y = 0; y < Zn::Image::planeHeight(s.getDataFormat(), p, s.getHeight()); ++y)
-            bytes.append(reinterpret_cast<const char*>(s.plane(p) + y * s.stride(p)), rowBytes);
-    }
-    TempDir dir;
-    std::ofstream(dir.file("f.raw"), std::ios::binary) << bytes;
-    std::string out = runCommand("md5sum " + shellQuote(dir.file("f.raw"))).out;
-    return out.substr(0, 32);
-}
-
-} // namespace
 
 TEST(Y4mWriter, FramesReadBackByFfmpegWithTheSamePixels) {
     TempDir dir;
@@ -52,19 +21,18 @@ TEST(Y4mWriter, FramesReadBackByFfmpegWithTheSamePixels) {
     WString name = fromUTF8(dir.file("clip.y4m").c_str());
     Zn::Ptr<Zn::FileWriteInstance> out;
     ASSERT_EQ(writer.create(name, params, out), 1);
-    std::vector<std::string> expected;
+    std::string written;
     for (int n = 0; n < 3; ++n) {
         Zn::Image::Surface f = patternFrame(Zn::Image::kFormatYUV420P, 35, 17, n);
-        expected.push_back(packedMd5(f));
+        written += packedBytes(f);
         ASSERT_EQ(out->writeFrame(f, n), 1);
     }
     // A frame of another size is refused.
     EXPECT_EQ(out->writeFrame(patternFrame(Zn::Image::kFormatYUV420P, 36, 17, 0), 3), 0);
     EXPECT_EQ(out->close(), 1);
 
-    std::string md5 = runCommand("ffmpeg -nostdin -loglevel error -i " + shellQuote(dir.file("clip.y4m")) +
-                                 " -f framemd5 -").out;
-    for (const std::string& e : expected) EXPECT_NE(md5.find(e), std::string::npos) << md5;
+    EXPECT_TRUE(runCommand("ffmpeg -nostdin -loglevel error -i " + shellQuote(dir.file("clip.y4m")) +
+                           " -f rawvideo -").out == written);
     EXPECT_NE(runCommand("ffprobe -v error -show_entries stream=r_frame_rate -of csv=p=0 " +
                          shellQuote(dir.file("clip.y4m"))).out.find("30000/1001"),
               std::string::npos);
