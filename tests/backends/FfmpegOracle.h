@@ -1,11 +1,12 @@
-// What FFmpeg's own program says about a file, for the FFmpeg engine's tests: the MD5 of
-// every video frame it shows (framemd5, native pixel format, no frame dropped or
-// repeated) and the samples it decodes from an audio stream.
+// What FFmpeg's own program says about a file, for the back-end tests: the MD5 of every
+// video frame it shows (framemd5, native pixel format, no frame dropped or repeated) and
+// the samples it decodes from an audio stream.
 #pragma once
 
 #include "backends/ffmpeg/FfmpegCommon.h"
 #include "support/Command.h"
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -22,18 +23,10 @@ inline std::vector<std::string> frameMd5s(const std::string& path, const std::st
     auto r = runCommand("ffmpeg -nostdin -v error -i " + shellQuote(path) + " -map 0:v:0 -fps_mode passthrough " +
                         outputArgs + " -f framemd5 - 2>/dev/null");
     std::vector<std::string> md5s;
-    size_t at = 0;
-    while (at < r.out.size()) {
-        size_t end = r.out.find('\n', at);
-        if (end == std::string::npos) end = r.out.size();
-        std::string line = r.out.substr(at, end - at);
-        at = end + 1;
-        if (line.empty() || line[0] == '#') continue;
-        size_t comma = line.rfind(',');
-        if (comma == std::string::npos) continue;
-        size_t b = line.find_first_not_of(' ', comma + 1);
-        md5s.push_back(line.substr(b));
-    }
+    std::istringstream lines(r.out);
+    for (std::string line; std::getline(lines, line);)
+        if (!line.empty() && line[0] != '#' && line.rfind(',') != std::string::npos)
+            md5s.push_back(line.substr(line.find_first_not_of(' ', line.rfind(',') + 1)));
     return md5s;
 }
 

@@ -16,6 +16,7 @@
 #include "playfile/requests/AudioReadRequest.h"
 #include "playfile/requests/ReadRequestIssuer.h"
 #include "playfile/requests/VideoReadRequest.h"
+#include "support/PatternFrames.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -24,21 +25,15 @@
 
 namespace reader_test {
 
-// The three back-ends, in the host's order.
-inline void registerBackends() {
-    y4m::registerBackend();
-    wav::registerBackend();
-    ffmpeg_backend::registerBackend();
-}
-
-// An issuer that waits for its one callback.
+// An issuer that waits for its one callback; what the callback brought is read after
+// the wait.
 class Waiter : public ReadRequestIssuer {
 public:
     ~Waiter() override { detachProxy(); }
-    void readRequestComplete(Zn::Ptr<iObject>& result, RequestStatus status) override {
+    void readRequestComplete(Zn::Ptr<iObject>& r, RequestStatus s) override {
         std::lock_guard<std::mutex> l(m_);
-        result_ = result;
-        status_ = status;
+        result = r;
+        status = s;
         done_ = true;
         cv_.notify_all();
     }
@@ -46,33 +41,19 @@ public:
         std::unique_lock<std::mutex> l(m_);
         return cv_.wait_for(l, limit, [&] { return done_; });
     }
-    RequestStatus status() {
-        std::lock_guard<std::mutex> l(m_);
-        return status_;
-    }
-    Zn::Ptr<FrameBufferRep> buffer() {
-        std::lock_guard<std::mutex> l(m_);
-        return Zn::dynamicPtrCast<FrameBufferRep>(result_);
-    }
+    RequestStatus status = Queued;
+    Zn::Ptr<iObject> result;
 
 private:
     std::mutex m_;
     std::condition_variable cv_;
     bool done_ = false;
-    RequestStatus status_ = Queued;
-    Zn::Ptr<iObject> result_;
 };
 
 // The surface's planes packed without padding: the bytes `ffmpeg -f framemd5` hashes for
 // a picture in the same pixel format.
 inline std::string surfaceMd5(const Zn::Image::Surface& s) {
-    std::string bytes;
-    const Zn::Image::eDataFormat f = s.getDataFormat();
-    for (unsigned p = 0; p < s.planeCount(); ++p) {
-        const uint32_t row = Zn::Image::minimumStride(f, p, s.getWidth());
-        for (uint32_t y = 0; y < Zn::Image::planeHeight(f, p, s.getHeight()); ++y)
-            bytes.append(reinterpret_cast<const char*>(s.plane(p) + size_t(y) * s.stride(p)), row);
-    }
+    const std::string bytes = testing_support::packedBytes(s);
     return ffmpeg_engine::md5Hex(bytes.data(), bytes.size());
 }
 
@@ -81,7 +62,10 @@ class CacheReads : public project_test::ProjectTest {
 protected:
     void SetUp() override {
         ProjectTest::SetUp();
-        registerBackends();
+        // The three back-ends, in the host's order.
+        y4m::registerBackend();
+        wav::registerBackend();
+        ffmpeg_backend::registerBackend();
     }
     void TearDown() override {
         PlayFileCache::Shared().closeAll();
@@ -119,8 +103,9 @@ protected:
         // Joined to an equal request that has already failed: no callback comes.
         if (request->getStatus() == Failed) return "failed";
         if (!waiter.wait()) return "timed out";
-        if (waiter.status() != Complete || !waiter.buffer()) return "failed";
-        Zn::Image::Surface s = waiter.buffer()->getSurface(0);
+        auto buffer = Zn::dynamicPtrCast<FrameBufferRep>(waiter.result);
+        if (waiter.status != Complete || !buffer) return "failed";
+        Zn::Image::Surface s = buffer->getSurface(0);
         const int state = s.wait(30000);
         if (state == Zn::Image::Surface::kWaitTimedOut) return "timed out";
         if (state != Zn::Image::Surface::kWaitComplete || !s.valid()) return "failed";

@@ -1,7 +1,7 @@
 // Creating, writing, deleting and renaming play files in a real project with the real
 // back-ends: what is written reads back through the cache with the same pixels and
-// samples, the header is kept by the project and beside the file, and the sample writer's
-// checks and back-pressure rule hold.
+// samples (which FFmpeg reads too), the header is kept by the project and beside the
+// file, and the sample writer's checks and back-pressure rule hold.
 #include "ReaderTestSupport.h"
 
 #include "host/media/CapturePacket.h"
@@ -10,6 +10,7 @@
 #include "playfile/header/PlayPriv.h"
 #include "playfile/open/PlayFileCache.h"
 #include "playfile/open/PlayUtil.h"
+#include "support/Command.h"
 #include "support/LogCapture.h"
 #include "support/PatternFrames.h"
 
@@ -169,6 +170,7 @@ TEST_F(WritingTest, SoundFileWrittenBlockByBlockCountsWholeSampleFrames) {
 
     const std::string path = materialPath(s, ".wav");
     EXPECT_TRUE(samples(s, 0, 900, 3) == all);
+    EXPECT_TRUE(runCommand("ffmpeg -nostdin -v error -i " + shellQuote(path) + " -f s24le -").out == all);
     SAV_HEADER h = parsed(MaterialInfo::read_header(s));
     EXPECT_STREQ(h.medium, "sound");
     EXPECT_STREQ(h.format, "linear_uncompressed");

@@ -1,8 +1,9 @@
 // The readers on files that are not what they claim: empty, garbage with a media
-// extension, cut short (also in the middle of a frame), damaged in the middle, and Y4M or
-// WAV headers with absurd sizes, read as the host reads them (through the play file
+// extension, cut short (also in the middle of a frame), damaged in the middle, and WAV
+// headers with absurd sizes, read as the host reads them (through the play file
 // cache). Either the open fails with the "failed to open" line, or every read ends
-// (Complete with what could be read, or Failed); never a crash or a hang.
+// (Complete with what could be read, or Failed); never a crash or a hang. What a cut file
+// still shows, it shows as FFmpeg does.
 #include "FfmpegOracle.h"
 #include "ReaderTestSupport.h"
 #include "support/Command.h"
@@ -11,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <random>
 
@@ -31,7 +33,11 @@ std::string readBytes(const std::string& path) {
 struct Outcome {
     bool opened = false;
     uint32_t frames = 0;
-    uint32_t intact = 0;
+    std::vector<std::string> md5s; // of the frames read in order ("failed" where none came)
+    size_t sampleBytes = 0;
+    uint32_t intact() const {
+        return uint32_t(std::count_if(md5s.begin(), md5s.end(), [](const std::string& m) { return m.size() == 32; }));
+    }
 };
 
 class ReaderBadInput : public CacheReads {
@@ -56,9 +62,8 @@ protected:
             if (material.type() == 'V') {
                 o.frames = f->getMetadata()->getFrameCount();
                 for (uint32_t k = 0; k < o.frames; ++k) {
-                    const std::string md5 = frameMd5(material, int(k));
-                    EXPECT_NE(md5, "timed out") << "frame " << k;
-                    if (md5.size() == 32) ++o.intact;
+                    o.md5s.push_back(frameMd5(material, int(k)));
+                    EXPECT_NE(o.md5s.back(), "timed out") << "frame " << k;
                 }
                 EXPECT_EQ(frameMd5(material, int(o.frames)), "not available");
                 for (uint32_t k = o.frames; k-- > 0;) EXPECT_NE(frameMd5(material, int(k)), "timed out") << "frame " << k;
@@ -67,7 +72,7 @@ protected:
                 const uint32_t bytes = f->getMetadata()->getAudioMetadata().at(0).getBytesPerDecodedSample();
                 for (uint64_t at = 0; at < length; at += 7919) {
                     RequestStatus status;
-                    samples(material, at, 7919, bytes, &status);
+                    o.sampleBytes += samples(material, at, 7919, bytes, &status).size();
                     EXPECT_TRUE(status == Complete || status == Failed) << "at " << at;
                 }
             }
@@ -81,12 +86,18 @@ protected:
 TEST_F(ReaderBadInput, EmptyAndGarbageFilesDoNotOpen) {
     TempDir dir;
     std::mt19937 rng(5);
-    std::string garbage(20000, '\0');
+    std::string garbage(200000, '\0');
     for (char& c : garbage) c = char(rng());
-    for (const char* name : {"empty.mp4", "empty.y4m", "empty.wav", "noise.mov", "noise.mkv", "noise.y4m", "noise.wav"}) {
-        const std::string path = dir.file(name);
-        writeBytes(path, std::string(name).starts_with("empty") ? std::string() : garbage);
-        EXPECT_FALSE(readEverything(path).opened) << name;
+    for (const char* ext : {"mp4", "mov", "mkv", "ts", "avi", "mpg", "y4m", "wav", "mp3", "m4a", "ogg", "aac"}) {
+        writeBytes(dir.file(std::string("empty.") + ext), "");
+        EXPECT_FALSE(readEverything(dir.file(std::string("empty.") + ext)).opened) << ext;
+        // Random bytes may pass for raw MP3 or AAC frames to a demuxer; then whatever it
+        // found must read without harm.
+        writeBytes(dir.file(std::string("noise.") + ext), garbage);
+        const bool opened = readEverything(dir.file(std::string("noise.") + ext)).opened;
+        if (std::string("mp3 aac").find(ext) == std::string::npos) {
+            EXPECT_FALSE(opened) << ext;
+        }
     }
     // Signatures followed by nonsense.
     writeBytes(dir.file("sig.y4m"), "YUV4MPEG2 " + garbage);
@@ -95,15 +106,9 @@ TEST_F(ReaderBadInput, EmptyAndGarbageFilesDoNotOpen) {
     EXPECT_FALSE(readEverything(dir.file("sig.wav")).opened);
 }
 
-TEST_F(ReaderBadInput, AbsurdHeaderSizes) {
+// (Hostile Y4M headers are refused by the parser before any reader allocates.)
+TEST_F(ReaderBadInput, AbsurdWavHeaderSizes) {
     TempDir dir;
-    const std::string frame = "FRAME\n" + std::string(38016, 'x');
-    for (const char* header : {"YUV4MPEG2 W99999999 H144 F25:1\n", "YUV4MPEG2 W32000 H32000 F25:1 C444p16\n",
-                               "YUV4MPEG2 W0 H144\n", "YUV4MPEG2 W176 H-144\n", "YUV4MPEG2 W176 H144 Cbogus\n"}) {
-        writeBytes(dir.file("absurd.y4m"), header + frame);
-        EXPECT_FALSE(readEverything(dir.file("absurd.y4m")).opened) << header;
-    }
-
     // A real WAV file with its header's sizes and counts made absurd one at a time.
     const std::string wavPath = dir.file("real.wav");
     ASSERT_TRUE(ffmpeg("-f lavfi -i sine=duration=0.5 -c:a pcm_s16le " + shellQuote(wavPath)));
@@ -137,41 +142,48 @@ TEST_F(ReaderBadInput, FilesCutShortOrDamagedAnswerWhatCanBeRead) {
     TempDir dir;
     const std::string source = "-f lavfi -i testsrc2=size=176x144:rate=25:duration=1.2 "
                                "-f lavfi -i sine=frequency=440:sample_rate=48000:duration=1.2 ";
-    struct Case {
-        std::string name, args;
-    };
-    for (const Case& c : {Case{"h264.mkv", "-c:v libx264 -preset veryfast -g 12 -bf 3 -c:a aac"},
-                          Case{"h264.ts", "-c:v libx264 -preset veryfast -g 12 -bf 3 -c:a mp2"},
-                          Case{"prores.mov", "-c:v prores_ks -profile:v 0 -c:a pcm_s16le -movflags faststart"},
-                          Case{"raw.y4m", "-pix_fmt yuv420p -an"},
-                          Case{"pcm.wav", "-vn -c:a pcm_s16le"}}) {
-        SCOPED_TRACE(c.name);
-        const std::string whole = dir.file("whole-" + c.name);
-        ASSERT_TRUE(ffmpeg(source + c.args + " " + shellQuote(whole)));
+    const std::string h264 = "-c:v libx264 -preset veryfast -g 12 -bf 3 -pix_fmt yuv420p ";
+    for (const auto& [name, args] : std::vector<std::pair<std::string, std::string>>{
+             {"moov-last.mp4", h264 + "-c:a aac"}, {"faststart.mp4", h264 + "-c:a aac -movflags +faststart"},
+             {"h264.mkv", h264 + "-c:a libopus"}, {"h264.ts", h264 + "-c:a mp2"}, {"mpeg2.ts", "-c:v mpeg2video -g 12 -c:a mp2"},
+             {"prores.mov", "-c:v prores_ks -profile:v 0 -c:a pcm_s16le -movflags faststart"},
+             {"raw.y4m", "-pix_fmt yuv420p -an"}, {"pcm.wav", "-vn -c:a pcm_s16le"}, {"sound.mp3", "-vn -c:a libmp3lame"}}) {
+        SCOPED_TRACE(name);
+        const std::string whole = dir.file("whole-" + name);
+        ASSERT_TRUE(ffmpeg(source + args + " " + shellQuote(whole)));
         const std::string bytes = readBytes(whole);
         const Outcome full = readEverything(whole);
         ASSERT_TRUE(full.opened);
 
-        // Cut at 57% (mid-frame for all of them) and at 3 bytes.
-        writeBytes(dir.file("cut-" + c.name), bytes.substr(0, bytes.size() * 57 / 100));
-        const Outcome cut = readEverything(dir.file("cut-" + c.name));
-        if (cut.opened) {
-            EXPECT_LE(cut.frames, full.frames);
+        // Cut at 57%, in the middle of a frame: the file's index at its end is gone, or
+        // what is there reads as FFmpeg reads it.
+        const std::string cut = dir.file("cut-" + name);
+        writeBytes(cut, bytes.substr(0, bytes.size() * 57 / 100));
+        const Outcome o = readEverything(cut);
+        EXPECT_EQ(o.opened, name != "moov-last.mp4");
+        if (o.opened) {
+            EXPECT_LE(o.frames, full.frames);
+            EXPECT_LE(o.sampleBytes, full.sampleBytes);
+            EXPECT_GT(o.frames + o.sampleBytes, 0u);
+            // The last few pictures before the cut lack data or references: FFmpeg may show
+            // them otherwise, or not at all.
+            const std::vector<std::string> want = o.frames ? ffmpeg_oracle::frameMd5s(cut) : std::vector<std::string>();
+            for (size_t k = 0; k + 3 < std::min(o.md5s.size(), want.size()); ++k) EXPECT_EQ(o.md5s[k], want[k]) << "frame " << k;
         }
-        writeBytes(dir.file("stub-" + c.name), bytes.substr(0, 3));
-        EXPECT_FALSE(readEverything(dir.file("stub-" + c.name)).opened);
+        writeBytes(dir.file("stub-" + name), bytes.substr(0, 3));
+        EXPECT_FALSE(readEverything(dir.file("stub-" + name)).opened);
 
         // Noise over a stretch in the middle.
         std::string damaged = bytes;
         std::mt19937 rng(11);
         for (size_t i = damaged.size() / 2; i < damaged.size() / 2 + 3000 && i < damaged.size(); ++i) damaged[i] = char(rng());
-        writeBytes(dir.file("damaged-" + c.name), damaged);
-        readEverything(dir.file("damaged-" + c.name));
+        writeBytes(dir.file("damaged-" + name), damaged);
+        readEverything(dir.file("damaged-" + name));
     }
     // A Y4M file cut inside its last frame keeps its complete frames, all intact.
     const std::string y4m = readBytes(dir.file("whole-raw.y4m"));
     writeBytes(dir.file("partial.y4m"), y4m.substr(0, y4m.size() - 1000));
     const Outcome partial = readEverything(dir.file("partial.y4m"));
     EXPECT_EQ(partial.frames, 29u);
-    EXPECT_EQ(partial.intact, 29u);
+    EXPECT_EQ(partial.intact(), 29u);
 }

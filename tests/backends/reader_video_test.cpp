@@ -2,8 +2,8 @@
 // program makes in every family the readers serve, each frame read as the host reads it
 // (PlayFileCache::videoReadRequest) in native pixel format has the MD5 that
 // `ffmpeg -f framemd5` prints for it, read in order, in reverse and at random (each from
-// a newly opened file), and frames asked for in another format match FFmpeg's own
-// conversion.
+// a newly opened file), and frames asked for in another format or size match FFmpeg's
+// own conversion.
 #include "FfmpegOracle.h"
 #include "ReaderTestSupport.h"
 #include "backends/ffmpeg/FfmpegReader.h"
@@ -22,11 +22,21 @@ using namespace reader_test;
 namespace {
 
 const std::string kSource = "-f lavfi -i testsrc2=size=176x144:rate=25:duration=2 ";
+const std::string kH264 = "-c:v libx264 -preset veryfast -g 12 -bf 3 -pix_fmt yuv420p";
+const std::string kOpenGop = kH264 + " -x264-params open_gop=1";
 
 std::string make(const TempDir& dir, const std::string& name, const std::string& args,
                  const std::string& source = kSource) {
     const std::string path = dir.file(name);
     EXPECT_TRUE(ffmpeg(source + args + " " + shellQuote(path))) << name;
+    return path;
+}
+
+// A copy of `from` made by the ffmpeg program without re-encoding: inputArgs go before the
+// input (a cut with -ss, an offset with -itsoffset).
+std::string copied(const TempDir& dir, const std::string& name, const std::string& inputArgs, const std::string& from) {
+    const std::string path = dir.file(name);
+    EXPECT_TRUE(ffmpeg(inputArgs + " -i " + shellQuote(from) + " -c copy " + shellQuote(path))) << name;
     return path;
 }
 
@@ -39,7 +49,7 @@ class ReaderVideo : public CacheReads {
 protected:
     // Every frame in order, in reverse and in a shuffled order, each order from a newly
     // opened file, through the reader the registry picks, which must be `reader`.
-    void expectEveryFrame(const std::string& path, const char* reader) {
+    void expectEveryFrame(const std::string& path, const char* reader = "FFmpeg") {
         SCOPED_TRACE(path);
         const std::vector<std::string> want = ffmpeg_oracle::frameMd5s(path);
         ASSERT_FALSE(want.empty());
@@ -63,63 +73,102 @@ protected:
 
 } // namespace
 
+// H.264 with B-frames in closed and open groups, in MP4, Matroska and a transport stream
+// that does not start at time 0; HEVC (open groups, x265's default); MPEG-2 in MPEG-TS.
 TEST_F(ReaderVideo, LongGopCodecsStreamEveryFrameAsFfmpegShowsIt) {
     TempDir dir;
-    const std::string h264 = "-c:v libx264 -preset veryfast -g 12 -bf 3 -pix_fmt yuv420p";
-    const std::string closed = make(dir, "closed.mp4", h264);
-    expectEveryFrame(closed, "FFmpeg");
+    const std::string closed = make(dir, "closed.mp4", kH264);
+    expectEveryFrame(closed);
     EXPECT_TRUE(streams(file(video(clip(closed)))));
-    expectEveryFrame(make(dir, "open.mkv", h264 + " -x264-params open_gop=1"), "FFmpeg");
-    expectEveryFrame(make(dir, "hevc.mkv", "-c:v libx265 -preset ultrafast -x265-params log-level=error:keyint=12:bframes=3 -pix_fmt yuv420p"), "FFmpeg");
-    // A transport stream that does not start at time 0.
-    expectEveryFrame(make(dir, "mpeg2.ts", "-c:v mpeg2video -g 12 -bf 2 -q:v 4 -output_ts_offset 10"), "FFmpeg");
-    // Variable frame rate: frames kept at irregular times.
-    expectEveryFrame(make(dir, "vfr.mp4", "-vf \"select='not(mod(n\\,3))+not(mod(n\\,7))'\" -fps_mode vfr " + h264), "FFmpeg");
-    // An edit list: a stream-copied cut that starts inside a group.
-    const std::string cut = dir.file("cut.mp4");
-    ASSERT_TRUE(ffmpeg("-ss 0.7 -i " + shellQuote(closed) + " -c copy " + shellQuote(cut)));
-    expectEveryFrame(cut, "FFmpeg");
+    expectEveryFrame(make(dir, "open.mp4", kOpenGop));
+    expectEveryFrame(make(dir, "open.mkv", kOpenGop));
+    expectEveryFrame(make(dir, "open.ts", kOpenGop + " -output_ts_offset 10"));
+    expectEveryFrame(make(dir, "hevc.mkv", "-c:v libx265 -preset ultrafast -x265-params log-level=error:keyint=12:bframes=3 -pix_fmt yuv420p"));
+    expectEveryFrame(make(dir, "mpeg2.ts", "-c:v mpeg2video -g 12 -bf 2 -q:v 4 -output_ts_offset 10"));
+}
+
+// Frame numbering where timestamps are not simply 0, 1, 2...: variable frame rate (MP4,
+// and Matroska's millisecond times), edit lists (a stream-copied cut that starts inside
+// a group, an offset), and a transport stream that starts mid-group, whose first packets
+// cannot decode.
+TEST_F(ReaderVideo, IrregularTimestampsNumberFramesAsFfmpegShowsThem) {
+    TempDir dir;
+    const std::string vfr = "-vf \"select='not(mod(n\\,3))+not(mod(n\\,7))'\" -fps_mode vfr " + kOpenGop;
+    expectEveryFrame(make(dir, "vfr.mp4", vfr));
+    expectEveryFrame(make(dir, "vfr.mkv", vfr));
+
+    const std::string source = make(dir, "source.mp4", kOpenGop + " -c:a aac -b:a 64k",
+                                    "-f lavfi -i testsrc2=size=176x144:rate=25:duration=3 "
+                                    "-f lavfi -i sine=frequency=440:sample_rate=48000:duration=3 ");
+    expectEveryFrame(copied(dir, "cut.mp4", "-ss 1.3", source));
+    expectEveryFrame(copied(dir, "cut.mkv", "-ss 1.3", source));
+    expectEveryFrame(copied(dir, "offset.mp4", "-itsoffset 0.5", source));
+
+    const std::string ts = make(dir, "whole.ts", kOpenGop + " -bf 2");
+    const std::string tail = dir.file("tail.ts");
+    ASSERT_EQ(runCommand("tail -c +" + std::to_string(188 * 60 + 1) + " " + shellQuote(ts) + " > " + shellQuote(tail))
+                  .exitCode,
+              0);
+    expectEveryFrame(tail);
 }
 
 TEST_F(ReaderVideo, IntraCodecsDecodeThroughTheDecoderRegistry) {
     TempDir dir;
     const std::string prores = make(dir, "prores.mov", "-c:v prores_ks -profile:v 0");
-    expectEveryFrame(prores, "FFmpeg");
+    expectEveryFrame(prores);
     EXPECT_FALSE(streams(file(video(clip(prores)))));
+    // DNxHR needs at least 256x120.
     expectEveryFrame(make(dir, "dnxhr.mov", "-c:v dnxhd -profile:v dnxhr_lb -pix_fmt yuv422p",
-                          "-f lavfi -i testsrc2=size=256x144:rate=25:duration=1 "),
-                     "FFmpeg");
-    expectEveryFrame(make(dir, "mjpeg.avi", "-c:v mjpeg -q:v 4 -pix_fmt yuvj420p"), "FFmpeg");
-    expectEveryFrame(make(dir, "ffv1.mkv", "-c:v ffv1 -level 3 -g 1 -slices 4"), "FFmpeg");
+                          "-f lavfi -i testsrc2=size=256x144:rate=25:duration=1 "));
+    expectEveryFrame(make(dir, "mjpeg.avi", "-c:v mjpeg -q:v 4 -pix_fmt yuvj420p"));
+    expectEveryFrame(make(dir, "ffv1.mkv", "-c:v ffv1 -level 3 -g 1 -slices 4"));
 }
 
+// Every layout and depth ffmpeg writes. Odd widths check that chroma planes round up;
+// above 8 bits ffmpeg's own writer rounds odd widths in bytes rather than samples, so
+// those use an even width.
 TEST_F(ReaderVideo, Y4mLayoutsAndDepths) {
     TempDir dir;
-    const std::string shortSource = "-f lavfi -i testsrc2=size=176x144:rate=25:duration=0.6 ";
-    for (const char* pixfmt : {"yuv420p", "yuv422p", "yuv444p", "gray", "yuv420p10le", "yuv444p12le", "gray16le"})
-        expectEveryFrame(make(dir, std::string(pixfmt) + ".y4m", std::string("-pix_fmt ") + pixfmt + " -strict -1", shortSource),
+    for (const std::string pixfmt : {"yuv420p", "yuv422p", "yuv444p", "yuv411p", "gray", "yuva444p", "yuv420p10le",
+                                     "yuv422p12le", "yuv444p16le", "gray16le"}) {
+        const std::string size = pixfmt.find("le") != std::string::npos ? "34x17" : "33x17";
+        expectEveryFrame(make(dir, pixfmt + ".y4m", "-pix_fmt " + pixfmt + " -strict -1",
+                              "-f lavfi -i testsrc2=size=" + size + ":rate=25:duration=0.6 "),
                          "Y4M");
+    }
 }
 
-// Frames asked for in RGB come out as FFmpeg's own conversion makes them: on the
-// streaming road (the file's format), the decoder registry's (the request's format) and
-// the Y4M reader's raw frames handed to the registry for conversion.
+// Frames asked for in another format come out as FFmpeg's own conversion makes them: on
+// the streaming road (the file's format), the decoder registry's (the request's format)
+// and the Y4M reader's raw frames handed to the registry for conversion. A request of
+// another size is scaled as FFmpeg's program scales.
 TEST_F(ReaderVideo, FramesInARequestedFormatMatchFfmpegsConversion) {
     TempDir dir;
     const std::string source = "-f lavfi -i testsrc2=size=176x144:rate=25:duration=0.4 ";
-    const DecodeFormat rgb(176, 144, Zn::Image::kFormatRGB24);
-    for (const auto& [name, args] : {std::pair<std::string, std::string>{"h264.mp4", "-c:v libx264 -g 5 -pix_fmt yuv420p"},
+    for (const auto& [name, args] : {std::pair<std::string, std::string>{"h264.mp4", "-c:v libx264 -g 5 -pix_fmt yuv422p"},
                                      {"prores.mov", "-c:v prores_ks -profile:v 2"},
-                                     {"raw.y4m", "-pix_fmt yuv420p"}}) {
+                                     {"raw.y4m", "-pix_fmt yuv444p"}}) {
         const std::string path = make(dir, name, args, source);
-        const std::vector<std::string> want = ffmpeg_oracle::frameMd5s(path, "-pix_fmt rgb24");
-        ASSERT_GE(want.size(), 8u) << name;
         const Cookie material = video(clip(path));
-        for (uint32_t k : {0u, 7u, 3u}) {
-            Zn::Image::Surface picture;
-            const std::string md5 = frameMd5(material, int(k), rgb, &picture);
-            EXPECT_EQ(picture.getDataFormat(), Zn::Image::kFormatRGB24) << name;
-            EXPECT_EQ(md5, want[k]) << name << " frame " << k;
+        for (const auto& [format, pixFmt] : {std::pair{Zn::Image::kFormatRGB24, "rgb24"}, {Zn::Image::kFormatRGBA32, "rgba"},
+                                             {Zn::Image::kFormatGray8, "gray"}, {Zn::Image::kFormatYUV420P, "yuv420p"}}) {
+            SCOPED_TRACE(name + " in " + pixFmt);
+            PlayFileCache::Shared().closeAll(); // the streaming road decodes in the format the file opened with
+            const std::vector<std::string> want = ffmpeg_oracle::frameMd5s(path, std::string("-pix_fmt ") + pixFmt);
+            ASSERT_GE(want.size(), 8u);
+            for (uint32_t k : {0u, 7u, 3u}) {
+                Zn::Image::Surface picture;
+                EXPECT_EQ(frameMd5(material, int(k), DecodeFormat(176, 144, format), &picture), want[k]) << "frame " << k;
+                EXPECT_EQ(picture.getDataFormat(), format);
+            }
         }
     }
+    const std::string h264 = dir.file("h264.mp4");
+    const std::vector<std::string> want = ffmpeg_oracle::frameMd5s(h264, "-s 88x72 -pix_fmt rgb24");
+    ASSERT_GE(want.size(), 3u);
+    Zn::Image::Surface small;
+    PlayFileCache::Shared().closeAll();
+    EXPECT_EQ(frameMd5(video(clip(h264)), 2, DecodeFormat(88, 72, Zn::Image::kFormatRGB24), &small), want[2]);
+    EXPECT_EQ(small.getWidth(), 88u);
+    EXPECT_EQ(small.getHeight(), 72u);
 }
