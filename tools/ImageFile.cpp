@@ -66,7 +66,7 @@ void chunk(std::FILE* f, const char type[4], const std::vector<uint8_t>& data) {
     put32(head, uint32_t(data.size()));
     head.insert(head.end(), type, type + 4);
     std::fwrite(head.data(), 1, head.size(), f);
-    std::fwrite(data.data(), 1, data.size(), f);
+    if (!data.empty()) std::fwrite(data.data(), 1, data.size(), f);
     uint32_t crc = crc32(0, reinterpret_cast<const uint8_t*>(type), 4);
     crc = crc32(crc, data.data(), data.size());
     std::vector<uint8_t> tail;
