@@ -2,7 +2,6 @@
 
 #include "host/os/Log.h"
 
-#include <algorithm>
 #include <exception>
 
 namespace Zn {
@@ -28,7 +27,7 @@ AudioDecoderInfo& AudioDecoderInfo::instance() {
 
 Zn::Ptr<AudioCodecInstance> AudioDecoderInfo::getDecodersFor(const Aud::Metadata& stream,
                                                              const Zn::Ptr<iMemHolder>& header) {
-    for (const auto& factory : instance().factories()) {
+    for (const auto& factory : instance().factories_.snapshot()) {
         Zn::Ptr<AudioCodecInstance> made;
         try {
             if (!factory->canDecode(stream)) continue;
@@ -41,35 +40,6 @@ Zn::Ptr<AudioCodecInstance> AudioDecoderInfo::getDecodersFor(const Aud::Metadata
         if (made) return made;
     }
     return nullptr;
-}
-
-void AudioDecoderInfo::registerFactory(Zn::Ptr<iAudioDecoderFactory> factory, int position) {
-    if (!factory) return;
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (position < 0 || size_t(position) >= factories_.size())
-        factories_.push_back(std::move(factory));
-    else
-        factories_.insert(factories_.begin() + position, std::move(factory));
-}
-
-bool AudioDecoderInfo::unregisterFactory(const Zn::Ptr<iAudioDecoderFactory>& factory) {
-    Zn::Ptr<iAudioDecoderFactory> dropped; // released after the lock
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto it = std::find(factories_.begin(), factories_.end(), factory);
-    if (it == factories_.end()) return false;
-    dropped = std::move(*it);
-    factories_.erase(it);
-    return true;
-}
-
-unsigned AudioDecoderInfo::numFactories() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return unsigned(factories_.size());
-}
-
-std::vector<Zn::Ptr<iAudioDecoderFactory>> AudioDecoderInfo::factories() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return factories_;
 }
 
 } // namespace Zn

@@ -6,11 +6,11 @@
 
 #include "host/core/LightweightString.h"
 #include "host/core/RefCount.h"
+#include "host/core/Registry.h"
 #include "host/media/AudioMetadata.h"
 #include "host/media/MemHolder.h"
 
 #include <cstdint>
-#include <mutex>
 #include <vector>
 
 namespace Zn {
@@ -66,9 +66,9 @@ public:
                                                     const Zn::Ptr<iMemHolder>& header) = 0;
 };
 
-// A thread-safe singleton made on first use. Lock: mutex_ guards the factory list. It is
-// a leaf lock, held only to copy or edit the list (factories are called without it), so
-// it may be taken with any other lock held (the audio reader's, when a reader makes a
+// A thread-safe singleton made on first use. Its factory list is a Registry: a leaf lock,
+// held only to copy or edit the list (factories are called without it), so it may be
+// taken with any other lock held (the audio reader's, when a reader makes a
 // codec). Codec instances are not pooled: each holds the decoding state of one stream.
 class AudioDecoderInfo {
 public:
@@ -79,16 +79,16 @@ public:
     static Zn::Ptr<AudioCodecInstance> getDecodersFor(const Aud::Metadata& stream,
                                                       const Zn::Ptr<iMemHolder>& header);
 
-    void registerFactory(Zn::Ptr<iAudioDecoderFactory> factory, int position = -1);
-    bool unregisterFactory(const Zn::Ptr<iAudioDecoderFactory>& factory);
-    unsigned numFactories() const;
+    void registerFactory(Zn::Ptr<iAudioDecoderFactory> factory, int position = -1) {
+        factories_.add(std::move(factory), position);
+    }
+    bool unregisterFactory(const Zn::Ptr<iAudioDecoderFactory>& factory) { return factories_.remove(factory); }
+    unsigned numFactories() const { return unsigned(factories_.size()); }
 
 private:
     AudioDecoderInfo() = default;
-    std::vector<Zn::Ptr<iAudioDecoderFactory>> factories() const;
 
-    mutable std::mutex mutex_;
-    std::vector<Zn::Ptr<iAudioDecoderFactory>> factories_;
+    Registry<iAudioDecoderFactory> factories_;
 };
 
 } // namespace Zn

@@ -3,7 +3,6 @@
 #include "host/media/CodecPool.h"
 #include "host/os/Log.h"
 
-#include <algorithm>
 #include <exception>
 
 namespace Zn {
@@ -33,7 +32,7 @@ DecoderInfo& DecoderInfo::instance() {
 
 Zn::Ptr<iDecoder> DecoderInfo::getDecoderFor(const VideoDecompressionInfo& info) {
     if (Zn::Ptr<iDecoder> pooled = CodecPool::instance().take(info)) return pooled;
-    for (const auto& factory : instance().factories()) {
+    for (const auto& factory : instance().factories_.snapshot()) {
         if (!factory->canDecode(info)) continue;
         Zn::Ptr<iDecoder> made;
         try {
@@ -48,33 +47,6 @@ Zn::Ptr<iDecoder> DecoderInfo::getDecoderFor(const VideoDecompressionInfo& info)
         return made;
     }
     return nullptr;
-}
-
-void DecoderInfo::registerFactory(Zn::Ptr<iDecoderFactory> factory, int position) {
-    if (!factory) return;
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (position < 0 || size_t(position) >= factories_.size()) factories_.push_back(std::move(factory));
-    else factories_.insert(factories_.begin() + position, std::move(factory));
-}
-
-bool DecoderInfo::unregisterFactory(const Zn::Ptr<iDecoderFactory>& factory) {
-    Zn::Ptr<iDecoderFactory> dropped; // released after the lock
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto it = std::find(factories_.begin(), factories_.end(), factory);
-    if (it == factories_.end()) return false;
-    dropped = std::move(*it);
-    factories_.erase(it);
-    return true;
-}
-
-unsigned DecoderInfo::numFactories() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return unsigned(factories_.size());
-}
-
-std::vector<Zn::Ptr<iDecoderFactory>> DecoderInfo::factories() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return factories_;
 }
 
 } // namespace Zn

@@ -6,9 +6,9 @@
 
 #include "host/core/LightweightString.h"
 #include "host/core/RefCount.h"
+#include "host/core/Registry.h"
 #include "host/media/FrameBufferRep.h"
 
-#include <mutex>
 #include <vector>
 
 namespace Zn {
@@ -38,8 +38,8 @@ public:
     virtual Zn::Ptr<iDecoder> createDecoder(const VideoDecompressionInfo& info) = 0;
 };
 
-// A thread-safe singleton made on first use. Lock: mutex_ guards the factory list; it is
-// a leaf lock, held only to copy or edit the list (factories are called without it).
+// A thread-safe singleton made on first use. Its factory list is a Registry (a leaf lock,
+// held only to copy or edit the list; factories are called without it).
 class DecoderInfo {
 public:
     static DecoderInfo& instance();
@@ -48,16 +48,14 @@ public:
     // factory (in registration order) that can decode it and makes one; null when none.
     static Zn::Ptr<iDecoder> getDecoderFor(const VideoDecompressionInfo& info);
 
-    void registerFactory(Zn::Ptr<iDecoderFactory> factory, int position = -1);
-    bool unregisterFactory(const Zn::Ptr<iDecoderFactory>& factory);
-    unsigned numFactories() const;
+    void registerFactory(Zn::Ptr<iDecoderFactory> factory, int position = -1) { factories_.add(std::move(factory), position); }
+    bool unregisterFactory(const Zn::Ptr<iDecoderFactory>& factory) { return factories_.remove(factory); }
+    unsigned numFactories() const { return unsigned(factories_.size()); }
 
 private:
     DecoderInfo() = default;
-    std::vector<Zn::Ptr<iDecoderFactory>> factories() const;
 
-    mutable std::mutex mutex_;
-    std::vector<Zn::Ptr<iDecoderFactory>> factories_;
+    Registry<iDecoderFactory> factories_;
 };
 
 } // namespace Zn

@@ -10,9 +10,9 @@
 
 #include "host/core/LightweightString.h"
 #include "host/core/RefCount.h"
+#include "host/core/Registry.h"
 
 #include <cstdint>
-#include <mutex>
 #include <vector>
 
 class DecodeFormat;
@@ -50,8 +50,8 @@ public:
                                   const Aud::Metadata& stream, ReaderDetails& details) = 0;
 };
 
-// Lock: the list is guarded by a mutex of its own, a leaf lock held only to copy or edit
-// the list; readers are called without it, through references taken under it.
+// The list is a Registry: a leaf lock held only to copy or edit it; readers are called
+// without it, through references taken under it.
 class FileReaderInfo {
 public:
     static unsigned getNumFileReaders();
@@ -64,11 +64,7 @@ public:
     static std::vector<Zn::Ptr<iFileReader>> getAll();
 
 private:
-    struct Registry {
-        std::mutex mutex;
-        std::vector<Zn::Ptr<iFileReader>> readers;
-    };
-    static Registry& registry();
+    static Registry<iFileReader>& registry();
 };
 
 } // namespace Zn

@@ -1,16 +1,10 @@
 #include "host/media/FileWriterInfo.h"
 
-#include <algorithm>
-
 namespace Zn {
 
 namespace {
-struct Registry {
-    std::mutex mutex;
-    std::vector<Zn::Ptr<iFileWriter>> writers;
-};
-Registry& registry() {
-    static Registry* r = new Registry; // never destroyed: writers may be asked for at exit
+Registry<iFileWriter>& registry() {
+    static auto* r = new Registry<iFileWriter>; // never destroyed: writers may be asked for at exit
     return *r;
 }
 } // namespace
@@ -50,10 +44,7 @@ int FileWriteInstance::writeAudio(Zn::Ptr<iMemHolder>&, WriteDoneFn done) {
     return 0;
 }
 
-std::vector<Zn::Ptr<iFileWriter>> FileWriterInfo::getAll() {
-    std::lock_guard<std::mutex> lock(registry().mutex);
-    return registry().writers;
-}
+std::vector<Zn::Ptr<iFileWriter>> FileWriterInfo::getAll() { return registry().snapshot(); }
 
 Zn::Ptr<iFileWriter> FileWriterInfo::getFileWriterFor(const FileWriterParams& params) {
     for (auto& w : getAll())
@@ -67,19 +58,9 @@ std::vector<WString> FileWriterInfo::getExtensionsForFormat(const FileWriterPara
 }
 
 void FileWriterInfo::registerFileWriter(Zn::Ptr<iFileWriter> writer, int position) {
-    std::lock_guard<std::mutex> lock(registry().mutex);
-    auto& v = registry().writers;
-    if (position < 0 || size_t(position) >= v.size()) v.push_back(std::move(writer));
-    else v.insert(v.begin() + position, std::move(writer));
+    registry().add(std::move(writer), position);
 }
 
-bool FileWriterInfo::unregisterFileWriter(const Zn::Ptr<iFileWriter>& writer) {
-    std::lock_guard<std::mutex> lock(registry().mutex);
-    auto& v = registry().writers;
-    auto it = std::find(v.begin(), v.end(), writer);
-    if (it == v.end()) return false;
-    v.erase(it);
-    return true;
-}
+bool FileWriterInfo::unregisterFileWriter(const Zn::Ptr<iFileWriter>& writer) { return registry().remove(writer); }
 
 } // namespace Zn

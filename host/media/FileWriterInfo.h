@@ -6,6 +6,7 @@
 
 #include "host/core/LightweightString.h"
 #include "host/core/RefCount.h"
+#include "host/core/Registry.h"
 #include "host/core/configb.h"
 #include "host/media/AudioMetadata.h"
 #include "host/media/ImageCore.h"
@@ -16,7 +17,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <vector>
 
 namespace Zn {
@@ -98,8 +98,8 @@ public:
     virtual int create(const WString& fileName, FileWriterParams& params, Zn::Ptr<FileWriteInstance>& out) = 0;
 };
 
-// Lock: the list is guarded by a mutex of its own, a leaf lock held only to copy or edit
-// it; writers are called without it.
+// The list is a Registry: a leaf lock held only to copy or edit it; writers are called
+// without it.
 class FileWriterInfo {
 public:
     static Zn::Ptr<iFileWriter> getFileWriterFor(const FileWriterParams& params);

@@ -23,7 +23,7 @@ struct AudioQueue : ::testing::Test {
     }
 
     testing_support::TempDir dir;
-    OpenFile f{dir, "audio.frames", FrameFileLayout{.frames = 0, .audioChannels = 4, .audioSamples = 4096},
+    OpenFile f{dir, "audio.frames", FrameFileLayout{.frames = 0, .audioChannels = 4, .audioSamples = 4096, .extraStreamChannels = {}},
                OpenType::kAudio};
     RecordingIssuer first;
     Zn::Ptr<AudioReadRequest> blocker = f.audio(0, 0, 0, 16, &first);

@@ -177,7 +177,9 @@ TEST(ReadQueueStress, OverlappingRequestsFromManyThreadsLoseNothingAndLeakNothin
             EXPECT_TRUE(eventually([&] { return video->pendingCount() == 0; }));
             file->limitUsage();
             EXPECT_EQ(video->inProgressCount(), 0u);
-            if (auto& audio = file->getAudioQueue()) EXPECT_TRUE(eventually([&] { return audio->pendingCount() == 0; }));
+            if (auto& audio = file->getAudioQueue()) {
+                EXPECT_TRUE(eventually([&] { return audio->pendingCount() == 0; }));
+            }
             file->purge();
         }
     }
