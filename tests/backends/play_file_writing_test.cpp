@@ -136,7 +136,7 @@ TEST_F(WritingTest, VideoFileWrittenFrameByFrameReadsBackWithItsHeader) {
     PlayPriv::make_vision_header(Zn::makePtr<PlayFile>(W(path)), params.video, &expected);
     String stored = MaterialInfo::read_header(v);
     EXPECT_EQ(stored.str(), textOf(expected));
-    EXPECT_EQ(project_test::readAll(fs::path(path).replace_extension(".hdr")), textOf(expected));
+    EXPECT_EQ(project_test::readFile(fs::path(path).replace_extension(".hdr")), textOf(expected));
     SAV_HEADER h = parsed(stored);
     EXPECT_EQ(h.transfer_type, 0); // written, but no parser takes it
     h.transfer_type = expected.transfer_type;
@@ -308,7 +308,7 @@ TEST_F(WritingTest, RenamingMovesFilesRecordsAndHeadersToTheOtherClip) {
     EXPECT_TRUE(fs::exists(outside));
     EXPECT_TRUE(SystemCache::getClipMediaFiles(clip).empty());
     EXPECT_EQ(MaterialInfo::read_header(v2).str(), header.str());
-    EXPECT_EQ(project_test::readAll(materialPath(v2, ".hdr")), header.str());
+    EXPECT_EQ(project_test::readFile(materialPath(v2, ".hdr")), header.str());
     EXPECT_EQ(MaterialInfo::get_start_offset(v2), 2);
     EXPECT_EQ(frameMd5(v2, 0), frames[1]);
 }

@@ -10,12 +10,12 @@
 #include "host/project/EditManager.h"
 #include "host/project/ProjectDatabase.h"
 #include "host/project/SystemCache.h"
+#include "support/Files.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 namespace project_test {
@@ -28,14 +28,11 @@ inline std::string makeFile(const std::filesystem::path& path, size_t n, char se
     std::filesystem::create_directories(path.parent_path());
     std::string content(n, seed);
     for (size_t i = 0; i < n; ++i) content[i] = char(seed + i % 23);
-    std::ofstream(path, std::ios::binary) << content;
+    testing_support::writeFile(path, content);
     return path.string();
 }
 
-inline std::string readAll(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
+using testing_support::readFile;
 
 // Failures (as text) of the project's cross-table rules: every imported clip has one
 // material entry per channel (video variant 0, sound channels 1..n) with a file, and

@@ -12,14 +12,14 @@ namespace {
 // left exactly as it was (also when asked to create a project).
 void expectRefused(const fs::path& folder, const std::string& why) {
     fs::path file = folder / ProjectDatabase::kFileName;
-    std::string before = readAll(file);
+    std::string before = readFile(file);
     for (bool create : {false, true}) {
         WString error;
         EXPECT_FALSE(EditManager::openProject(W(folder.string()), create, &error));
         EXPECT_NE(U(error).find(why), std::string::npos) << U(error);
         EXPECT_EQ(U(error).find('\n'), std::string::npos) << U(error);
     }
-    EXPECT_EQ(readAll(file), before) << "the refused file was changed";
+    EXPECT_EQ(readFile(file), before) << "the refused file was changed";
     EXPECT_EQ(EditManager::getProjdb(), nullptr);
 }
 
@@ -106,7 +106,7 @@ TEST(ProjectDatabase, RefusesFilesThatAreNotIntactProjectsOfThisSchemaWithoutTou
 
     // Damage inside the file: a page overwritten, and the file cut short.
     fs::path damaged = makeProject(tmp, "damaged", 20);
-    std::string bytes = readAll(fileOf(damaged));
+    std::string bytes = readFile(fileOf(damaged));
     ASSERT_GT(bytes.size(), 5u * 4096);
     for (size_t i = 4 * 4096 + 8; i < 5 * 4096; ++i) bytes[i] = char(0xA5);
     std::ofstream(fileOf(damaged), std::ios::binary) << bytes;

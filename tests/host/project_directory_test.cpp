@@ -70,7 +70,7 @@ TEST_F(ProjectDirectory, CopiedImportHoldsItsOwnCopyAndFileKindsDecideTheLayout)
     WString copy = entry->getPhysicalFilename(false);
     EXPECT_EQ(copy, entry->getMaterialFilename().getOsPath());
     EXPECT_EQ(U(getPath(copy)), (driveRoot / "sound/").string());
-    EXPECT_EQ(readAll(U(copy)), readAll(src));
+    EXPECT_EQ(readFile(U(copy)), readFile(src));
     EXPECT_FALSE(fs::is_symlink(U(copy)));
 
     Cookie still = importOne(source("frame.png"));
@@ -204,7 +204,7 @@ TEST_F(ProjectDirectory, HeadersLiveInTheProjectAndBesideTheMediaAndStartOffsets
     EXPECT_EQ(MaterialInfo::write_header(v0, text), text.size());
     WString sidecar = MaterialInfo::headerFileName(v0);
     EXPECT_EQ(U(sidecar), U(stripExtension(SystemCache::findFileForCookie(v0))) + ".hdr");
-    EXPECT_EQ(readAll(U(sidecar)), text.str());
+    EXPECT_EQ(readFile(U(sidecar)), text.str());
     EXPECT_TRUE(MaterialInfo::set_start_offset(v0, 200));
     reopen();
     EXPECT_EQ(MaterialInfo::read_header(v0), text);
@@ -310,7 +310,7 @@ TEST_F(ProjectDirectory, UnusualNamesRoundTripThroughImportAndReopening) {
             EXPECT_EQ(U(entry->getPhysicalFilename(false)), src);
             EXPECT_EQ(U(entry->getPhysicalFilename(true)), fs::canonical(src).string());
         } else {
-            EXPECT_EQ(readAll(U(entry->getPhysicalFilename(false))), readAll(src));
+            EXPECT_EQ(readFile(U(entry->getPhysicalFilename(false))), readFile(src));
         }
         EXPECT_EQ(entry->updateStatus(1), MediaFileInfo::eStatusAvailable);
     }

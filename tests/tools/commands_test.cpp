@@ -4,7 +4,7 @@
 // samples, and what --out writes decodes to the same pictures and samples. Then probe's
 // JSON, the header commands on a header written beside a file, import's layout and the
 // demo's tour.
-#include "ProgramRun.h"
+#include "support/ProgramRun.h"
 #include "backends/ffmpeg/FfmpegEngine.h"
 
 #include <gtest/gtest.h>
@@ -13,7 +13,6 @@
 #include <nlohmann/json.hpp>
 
 using namespace testing_support;
-using namespace tool_test;
 
 namespace {
 
