@@ -1,22 +1,16 @@
 // PosixFileManager on real files: reading through iFile, descriptor release, folder and
 // name operations, listing, and replacing the manager behind OS().
 #include "host/os/OS.h"
-#include "host/os/PosixFileManager.h"
-#include "support/TempDir.h"
 #include "tests/host/file_test_support.h"
 
 #include <chrono>
 #include <filesystem>
-#include <gtest/gtest.h>
 #include <memory>
 #include <sys/stat.h>
 
 using namespace file_test;
-using testing_support::TempDir;
 
-TEST(PosixFileManager, ReadsSequentiallyAndAtPositions) {
-    TempDir tmp;
-    PosixFileManager fm;
+TEST_F(PosixFiles, ReadsSequentiallyAndAtPositions) {
     writeFile(tmp.file("f"), "0123456789");
     EXPECT_EQ(fm.fileSize(W(tmp.file("f"))), 10);
     EXPECT_EQ(fm.fileSize(W(tmp.path())), -1);
@@ -42,9 +36,7 @@ TEST(PosixFileManager, ReadsSequentiallyAndAtPositions) {
     EXPECT_FALSE(fm.openForRead(W(tmp.path())));
 }
 
-TEST(PosixFileManager, DescriptorsAreReleasedWithTheLastReference) {
-    TempDir tmp;
-    PosixFileManager fm;
+TEST_F(PosixFiles, DescriptorsAreReleasedWithTheLastReference) {
     writeFile(tmp.file("f"), "x");
     const int before = openDescriptorCount();
     {
@@ -58,9 +50,7 @@ TEST(PosixFileManager, DescriptorsAreReleasedWithTheLastReference) {
     EXPECT_EQ(openDescriptorCount(), before);
 }
 
-TEST(PosixFileManager, RenameCreateAndDelete) {
-    TempDir tmp;
-    PosixFileManager fm;
+TEST_F(PosixFiles, RenameCreateAndDelete) {
     writeFile(tmp.file("new"), "new");
     writeFile(tmp.file("old"), "old");
     EXPECT_TRUE(fm.renameFile(W(tmp.file("new")), W(tmp.file("old"))));
@@ -81,16 +71,13 @@ TEST(PosixFileManager, RenameCreateAndDelete) {
     EXPECT_TRUE(fm.fileExists(W(tmp.file("a/b"))));
 }
 
-TEST(PosixFileManager, RenameAcrossFileSystemsCopiesKeepsTimesAndRemovesTheSource) {
-    TempDir tmp;
+TEST_F(PosixFiles, RenameAcrossFileSystemsCopiesKeepsTimesAndRemovesTheSource) {
     std::string other = "/dev/shm/playfile-test-XXXXXX";
     struct stat here, there;
     if (stat("/dev/shm", &there) != 0 || stat(tmp.path().c_str(), &here) != 0 ||
         here.st_dev == there.st_dev || !mkdtemp(other.data()))
         GTEST_SKIP() << "no second file system at /dev/shm";
     std::shared_ptr<void> remove(nullptr, [&](void*) { std::filesystem::remove_all(other); });
-
-    PosixFileManager fm;
     writeFile(tmp.file("clip.mov"), "moved");
     const auto past = std::filesystem::file_time_type(std::chrono::seconds(1200000000)) +
                       std::chrono::nanoseconds(500);
@@ -105,9 +92,7 @@ TEST(PosixFileManager, RenameAcrossFileSystemsCopiesKeepsTimesAndRemovesTheSourc
     EXPECT_TRUE(fm.isDirectory(W(tmp.file("folder"))));
 }
 
-TEST(PosixFileManager, ListsByPatternSortedWithNonAsciiNames) {
-    TempDir tmp;
-    PosixFileManager fm;
+TEST_F(PosixFiles, ListsByPatternSortedWithNonAsciiNames) {
     const std::vector<std::string> names = {
         "clip one.mov", "cl\xC3\xADp two.MOV", "\xE6\x97\xA5\xE6\x9C\xAC.mov",
         ".hidden.mov",  "notes.txt",           "b.mov"};

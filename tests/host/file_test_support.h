@@ -1,12 +1,15 @@
-// Helpers shared by the file manager tests: wide paths, whole-file reads and writes, and
-// a count of the process's open descriptors.
+// Helpers shared by the file manager tests: wide paths, whole-file reads and writes, a
+// count of the process's open descriptors, and a manager with a temporary folder.
 #pragma once
 
 #include "host/core/Strings.h"
+#include "host/os/PosixFileManager.h"
+#include "support/Files.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
 
 #include <dirent.h>
-#include <fstream>
-#include <iterator>
 #include <ostream>
 #include <string>
 
@@ -16,14 +19,8 @@ inline WString W(const std::string& utf8) {
     return fromUTF8(utf8.c_str(), int(utf8.size()));
 }
 
-inline void writeFile(const std::string& path, const std::string& data) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << data;
-}
-
-inline std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
+using testing_support::readFile;
+using testing_support::writeFile;
 
 inline int openDescriptorCount() {
     int n = 0;
@@ -33,6 +30,12 @@ inline int openDescriptorCount() {
     if (d) closedir(d);
     return n;
 }
+
+class PosixFiles : public ::testing::Test {
+protected:
+    testing_support::TempDir tmp;
+    PosixFileManager fm;
+};
 
 } // namespace file_test
 

@@ -1,11 +1,7 @@
 // Volume questions: the mount table parser, mount points, free space and I/O unit,
 // mounted-volume names and remote locations (by configured prefix and by mount type).
 #include "host/os/MountTable.h"
-#include "host/os/PosixFileManager.h"
-#include "support/TempDir.h"
 #include "tests/host/file_test_support.h"
-
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <memory>
@@ -14,7 +10,6 @@
 #include <unistd.h>
 
 using namespace file_test;
-using testing_support::TempDir;
 
 namespace {
 // Sets an environment variable until the answer is dropped.
@@ -55,9 +50,7 @@ TEST(MountTable, ClassifiesNetworkMounts) {
     EXPECT_FALSE(isNetworkFsMagic(0xEF53) || isNetworkFsMagic(kFuseSuperMagic));
 }
 
-TEST(PosixFileManager, VolumeQuestionsAcceptPathsThatDoNotExistYet) {
-    TempDir tmp;
-    PosixFileManager fm;
+TEST_F(PosixFiles, VolumeQuestionsAcceptPathsThatDoNotExistYet) {
     const WString missing = W(tmp.file("not/yet/clip.mov"));
     EXPECT_EQ(fm.volumeOf(L"/"), L"/");
     EXPECT_EQ(fm.volumeOf(missing), fm.volumeOf(W(tmp.path())));
@@ -86,9 +79,7 @@ TEST(PosixFileManager, MapsMountedNamesFromTheTableAndTheEnvironment) {
     EXPECT_EQ(fm.mapMountedName(L"vol:CARD/p"), L"/env/card/p");
 }
 
-TEST(PosixFileManager, RemoteByConfiguredPrefixOrEnvironment) {
-    TempDir tmp;
-    PosixFileManager fm;
+TEST_F(PosixFiles, RemoteByConfiguredPrefixOrEnvironment) {
     ASSERT_EQ(mkdir(tmp.file("net").c_str(), 0755), 0);
     ASSERT_EQ(mkdir(tmp.file("network").c_str(), 0755), 0);
     EXPECT_FALSE(fm.isRemoteLocation(W(tmp.path()))); // local disk or tmpfs
