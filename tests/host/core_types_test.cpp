@@ -4,11 +4,11 @@
 #include "host/core/Strings.h"
 #include "host/core/configb.h"
 #include "support/LogCapture.h"
+#include "support/Threads.h"
 
 #include <gtest/gtest.h>
 
 #include <set>
-#include <thread>
 #include <vector>
 
 TEST(Cookie, TextIsSafeInFileNamesAndParsesBackFromMaterialNames) {
@@ -77,12 +77,9 @@ TEST(configb, KeysInOrderTypedValuesAndTextRoundTrip) {
 
 TEST(IdStamp, FreshStampsAreUniqueAcrossThreads) {
     std::vector<std::vector<uint64_t>> made(4);
-    std::vector<std::thread> threads;
-    for (auto& out : made)
-        threads.emplace_back([&out] {
-            for (int i = 0; i < 10000; ++i) out.push_back(IdStamp::make().value());
-        });
-    for (auto& t : threads) t.join();
+    testing_support::inThreads(4, [&](int t) {
+        for (int i = 0; i < 10000; ++i) made[size_t(t)].push_back(IdStamp::make().value());
+    });
     std::set<uint64_t> all;
     for (auto& out : made) all.insert(out.begin(), out.end());
     EXPECT_EQ(all.size(), 40000u);

@@ -3,11 +3,11 @@
 #include "host/os/OS.h"
 #include "host/threads/CriticalSection.h"
 #include "host/threads/Mutex.h"
+#include "support/Threads.h"
 
 #include <gtest/gtest.h>
 
 #include <thread>
-#include <vector>
 
 namespace {
 
@@ -55,17 +55,13 @@ TEST(CriticalSection, IsReentrantAndFreeOnlyAfterTheLastLeaveOrAGuardsUnlock) {
 TEST(CriticalSection, SerialisesIncrementsFromManyThreads) {
     CriticalSection cs;
     long counter = 0;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&] {
-            for (int i = 0; i < 20000; ++i) {
-                CriticalSection::Lock lock(cs);
-                CriticalSection::Lock nested(cs);
-                counter = counter + 1;
-            }
-        });
-    for (auto& t : threads)
-        t.join();
+    testing_support::inThreads(4, [&](int) {
+        for (int i = 0; i < 20000; ++i) {
+            CriticalSection::Lock lock(cs);
+            CriticalSection::Lock nested(cs);
+            counter = counter + 1;
+        }
+    });
     EXPECT_EQ(counter, 80000);
 }
 

@@ -1,13 +1,13 @@
 // The shutdown sequence: level order, once only, and callbacks that change the sequence
 // while it runs.
 #include "host/threads/Shutdown.h"
+#include "support/Threads.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -81,19 +81,11 @@ TEST(Shutdown, CallbacksMayAddAndRemoveCallbacksWhileItRuns) {
 TEST(Shutdown, ConcurrentRegistrationAndRunsCallEachCallbackOnce) {
     Shutdown::Sequence seq;
     std::atomic<int> calls{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 8; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 100; ++i)
-                seq.addCallback(call([&](Shutdown::eExitType) { calls++; }), unsigned(t));
-        });
-    for (auto& t : threads)
-        t.join();
-    threads.clear();
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&] { seq.run(Shutdown::eNormalExit); });
-    for (auto& t : threads)
-        t.join();
+    testing_support::inThreads(8, [&](int t) {
+        for (int i = 0; i < 100; ++i)
+            seq.addCallback(call([&](Shutdown::eExitType) { calls++; }), unsigned(t));
+    });
+    testing_support::inThreads(4, [&](int) { seq.run(Shutdown::eNormalExit); });
     EXPECT_EQ(calls, 800);
 }
 

@@ -3,6 +3,7 @@
 #include "host/threads/BasicThread.h"
 
 #include "host/os/OS.h"
+#include "support/Threads.h"
 
 #include <gtest/gtest.h>
 
@@ -57,14 +58,10 @@ TEST(BasicThread, EndThreadReturnsOnlyAfterThreadFnHasReturnedForEveryCaller) {
     ASSERT_TRUE(t->beginThread("endthread"));
     EXPECT_FALSE(t->beginThread("again")); // already running
     std::atomic<int> sawUnfinished{0};
-    std::vector<std::thread> enders; // concurrent callers all wait for the end
-    for (int i = 0; i < 3; ++i)
-        enders.emplace_back([&] {
-            t->endThread();
-            if (!finished) sawUnfinished++;
-        });
-    for (auto& e : enders)
-        e.join();
+    testing_support::inThreads(3, [&](int) { // concurrent callers all wait for the end
+        t->endThread();
+        if (!finished) sawUnfinished++;
+    });
     EXPECT_EQ(sawUnfinished, 0);
     EXPECT_FALSE(t->isRunning());
     t->endThread(); // twice

@@ -3,6 +3,7 @@
 #include "host/os/OS.h"
 #include "host/threads/TimedTask.h"
 #include "support/Allocators.h"
+#include "support/Threads.h"
 
 #include <gtest/gtest.h>
 
@@ -20,12 +21,17 @@ const TimedTaskManager::Record* find(const std::vector<TimedTaskManager::Record>
     return nullptr;
 }
 
+uint64_t countOf(const TimedTaskManager& manager, const char* task, const char* activity) {
+    auto records = manager.stats();
+    const auto* r = find(records, task, activity);
+    return r ? r->count : 0;
+}
+
 } // namespace
 
 TEST(TimedTask, StepsAddUpPerTaskAndActivity) {
     TimedTaskManager manager;
     auto task = manager.createTimedTask("read");
-    EXPECT_STREQ(task->name(), "read");
     task->step("seek");
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
     task->step("decode");
@@ -49,9 +55,8 @@ TEST(TimedTask, StepsAddUpPerTaskAndActivity) {
     EXPECT_EQ(seek->count, 2u);
     EXPECT_GE(seek->maxNs, 5000000u);
     EXPECT_LE(seek->maxNs, seek->totalNs);
-    ASSERT_TRUE(find(records, "read", "decode"));
-    EXPECT_EQ(find(records, "read", "decode")->count, 2u);
-    EXPECT_EQ(find(records, "read", "convert")->count, 1u);
+    EXPECT_EQ(countOf(manager, "read", "decode"), 2u);
+    EXPECT_EQ(countOf(manager, "read", "convert"), 1u);
 
     EXPECT_NE(manager.report().find("convert"), std::string::npos);
     manager.reset();
@@ -62,34 +67,21 @@ TEST(TimedTask, CountsStayExactUnderEightThreads) {
     TimedTaskManager manager;
     auto shared = manager.createTimedTask("shared");
     constexpr int kThreads = 8, kRounds = 2000;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([&] {
-            auto own = manager.getTimedTask("frame");
-            for (int i = 0; i < kRounds; ++i) {
-                own->step("open");
-                own->step("read");
-                TimedActivity activity(shared, "decode");
-            }
-            own->end();
-        });
-    for (auto& t : threads)
-        t.join();
-    auto records = manager.stats();
-    for (const char* activity : {"open", "read"}) {
-        ASSERT_TRUE(find(records, "frame", activity));
-        EXPECT_EQ(find(records, "frame", activity)->count, uint64_t(kThreads * kRounds));
-    }
-    ASSERT_TRUE(find(records, "shared", "decode"));
-    EXPECT_EQ(find(records, "shared", "decode")->count, uint64_t(kThreads * kRounds));
+    testing_support::inThreads(kThreads, [&](int) {
+        auto own = manager.getTimedTask("frame");
+        for (int i = 0; i < kRounds; ++i) {
+            own->step("open");
+            own->step("read");
+            TimedActivity activity(shared, "decode");
+        }
+        own->end();
+    });
+    for (auto [task, activity] : {std::pair{"frame", "open"}, {"frame", "read"}, {"shared", "decode"}})
+        EXPECT_EQ(countOf(manager, task, activity), uint64_t(kThreads * kRounds)) << activity;
 }
 
 TEST(TimedTask, StepsAllocateNothingOnceTheActivityIsKnown) {
-    auto countOfA = [] {
-        auto records = TimedTaskManager::instance().stats();
-        auto* r = find(records, "timed-task-test-allocation", "a");
-        return r ? r->count : 0;
-    };
+    auto countOfA = [] { return countOf(TimedTaskManager::instance(), "timed-task-test-allocation", "a"); };
     auto task = TimedTaskManager::instance().createTimedTask("timed-task-test-allocation");
     const uint64_t before = countOfA();
     task->step("a");
