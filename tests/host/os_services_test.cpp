@@ -4,6 +4,7 @@
 #include "host/os/Log.h"
 #include "host/os/OS.h"
 #include "host/os/Resources.h"
+#include "support/Files.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
@@ -11,7 +12,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 
 TEST(Config, PrecedenceIsSetValueThenEnvironmentThenFileThenDefault) {
     testing_support::TempDir dir;
@@ -59,10 +59,7 @@ TEST(Log, LinesReachSinksExactlyAndWideNamesPrintAsUtf8) {
     Logging::setConsole(true);
     unsetenv("PLAYFILE_LOG");
     Logging::reopen();
-    std::ifstream in(path);
-    std::stringstream content;
-    content << in.rdbuf();
-    EXPECT_EQ(content.str().substr(0, 15), "failed to open ");
+    EXPECT_EQ(testing_support::readFile(path).substr(0, 15), "failed to open ");
 }
 
 TEST(Resources, TextsByNumberAndPlaceholderSubstitution) {

@@ -38,19 +38,12 @@ int waitFor(pid_t pid) {
 
 size_t clipCount() { return EditManager::getProjdb()->search(1, Edit::eLogClip).size(); }
 
-class ProjectStress : public ::testing::Test {
+class ProjectStress : public ProjectTest {
 protected:
     void SetUp() override {
-        folder = tmp.path() / "project";
-        ASSERT_TRUE(EditManager::openProject(W(folder.string()), true));
-        ASSERT_TRUE(DiskManager::addDrive(DriveId('A'), W((tmp.path() / "drive").string()), W(""), "import"));
-        for (int i = 0; i < 60; ++i) files.push_back(makeFile(tmp.path() / "src" / (std::to_string(i) + ".mov"), 200));
+        ProjectTest::SetUp();
+        for (int i = 0; i < 60; ++i) files.push_back(source(std::to_string(i) + ".mov", 200));
     }
-    void TearDown() override { EditManager::closeProject(); }
-    void open() { ASSERT_TRUE(EditManager::openProject(W(folder.string()), false)); }
-
-    testing_support::TempDir tmp{"playfile-stress"};
-    fs::path folder;
     std::vector<std::string> files;
 };
 
@@ -63,7 +56,7 @@ TEST_F(ProjectStress, AProcessKilledBeforeTheCommitLeavesNoneOfItsClip) {
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
     pid_t pid = inChild([&] {
-        EditManager::openProject(W(folder.string()), false);
+        EditManager::openProject(W(projectDir.string()), false);
         ImportOptions o;
         o.copy = true;
         o.progress = [&](const ImportProgress& p) {
@@ -81,7 +74,7 @@ TEST_F(ProjectStress, AProcessKilledBeforeTheCommitLeavesNoneOfItsClip) {
     close(ready[0]);
     close(ready[1]);
 
-    open();
+    reopen();
     EXPECT_EQ(clipCount(), 3u);
     EXPECT_EQ(inconsistencies(*EditManager::getProjdb()), "");
     // The project still takes writes after the crash.
@@ -97,7 +90,7 @@ TEST_F(ProjectStress, ProcessesKilledAtRandomMomentsLeaveWholeClipsOnly) {
         int imported[2];
         ASSERT_EQ(pipe(imported), 0);
         pid_t pid = inChild([&] {
-            EditManager::openProject(W(folder.string()), false);
+            EditManager::openProject(W(projectDir.string()), false);
             ImportOptions o;
             o.copy = round % 2 == 1;
             for (;;) // until killed
@@ -114,7 +107,7 @@ TEST_F(ProjectStress, ProcessesKilledAtRandomMomentsLeaveWholeClipsOnly) {
         waitFor(pid);
         close(imported[0]);
         close(imported[1]);
-        open();
+        reopen();
         EXPECT_EQ(inconsistencies(*EditManager::getProjdb()), "") << "round " << round;
         size_t now = clipCount();
         EXPECT_GT(now, before); // the child did get some clips in
@@ -157,7 +150,7 @@ TEST_F(ProjectStress, AnotherProcessWritingIsSeenWholeByReadingThreads) {
     EditManager::closeProject();
     const int kClips = 150;
     pid_t pid = inChild([&] {
-        EditManager::openProject(W(folder.string()), false);
+        EditManager::openProject(W(projectDir.string()), false);
         ClipRecord r;
         r.file = MediaFileInfo(MaterialFilename(DriveId('A'), W("video/shared.mov")), 200);
         for (int i = 0; i < kClips; ++i) {
@@ -165,7 +158,7 @@ TEST_F(ProjectStress, AnotherProcessWritingIsSeenWholeByReadingThreads) {
             ProjectImporter::registerClips({r});
         }
     });
-    open();
+    reopen();
     std::atomic<int> failures{0};
     std::atomic<bool> childDone{false};
     auto reader = [&] {

@@ -76,13 +76,10 @@ TEST(ProjectDatabase, RefusesFilesThatAreNotIntactProjectsOfThisSchemaWithoutTou
     testing_support::TempDir tmp;
     auto fileOf = [](const fs::path& folder) { return folder / ProjectDatabase::kFileName; };
 
-    fs::path garbage = tmp.path() / "garbage";
-    makeFile(fileOf(garbage), 5000, '!');
-    expectRefused(garbage, "is not a database file");
-
-    fs::path empty = tmp.path() / "empty";
-    makeFile(fileOf(empty), 0);
-    expectRefused(empty, "is empty");
+    for (auto [name, size, why] : {std::tuple{"garbage", 5000, "is not a database file"}, {"empty", 0, "is empty"}}) {
+        makeFile(fileOf(tmp.path() / name), size_t(size), '!');
+        expectRefused(tmp.path() / name, why);
+    }
 
     fs::path other = tmp.path() / "other";
     {
@@ -109,7 +106,7 @@ TEST(ProjectDatabase, RefusesFilesThatAreNotIntactProjectsOfThisSchemaWithoutTou
     std::string bytes = readFile(fileOf(damaged));
     ASSERT_GT(bytes.size(), 5u * 4096);
     for (size_t i = 4 * 4096 + 8; i < 5 * 4096; ++i) bytes[i] = char(0xA5);
-    std::ofstream(fileOf(damaged), std::ios::binary) << bytes;
+    testing_support::writeFile(fileOf(damaged), bytes);
     expectRefused(damaged, "is damaged");
 
     fs::path cut = makeProject(tmp, "cut", 20);
