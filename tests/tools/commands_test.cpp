@@ -54,6 +54,18 @@ std::string ffmpegChannel(const std::string& path, int stream, int channel, int 
 
 std::string md5(const std::string& bytes) { return ffmpeg_engine::md5Hex(bytes.data(), bytes.size()); }
 
+// The MD5 on line n of framemd5's answer.
+std::string md5At(const std::vector<std::string>& framemd5Lines, size_t n) {
+    return n < framemd5Lines.size() ? framemd5Lines[n].substr(framemd5Lines[n].rfind(' ') + 1) : "";
+}
+
+// Whether j holds every member of want with the same value (objects member by member).
+bool includes(const nlohmann::json& j, const nlohmann::json& want) {
+    nlohmann::json merged = j;
+    merged.merge_patch(want);
+    return merged == j;
+}
+
 } // namespace
 
 // The command's own contract; that every codec family reads as FFmpeg shows it is checked
@@ -85,28 +97,21 @@ TEST(Frames, Md5LinesEqualFfmpegsFramemd5InAnyFormatRunAndNumberInFlight) {
 TEST(Frames, ImagesHoldThePicturesReadAndJsonDescribesTheRun) {
     TempDir dir;
     const std::string f = make(dir, "h264.mp4", kPicture + "-c:v libx264 -g 6 -pix_fmt yuv420p");
-    const auto rgb = framemd5(f, "-pix_fmt rgb24");
-    const auto gray = framemd5(f, "-pix_fmt gray8");
     Outcome r = playfile(dir, "frames " + shellQuote(f) + " --start 3 --count 2 --out " + shellQuote(dir.file("png")));
     ASSERT_EQ(r.status, 0);
     r = playfile(dir, "frames " + shellQuote(f) + " --start 3 --count 1 --format gray8 --image ppm --out " +
                           shellQuote(dir.file("pgm")));
     ASSERT_EQ(r.status, 0);
     // FFmpeg decodes each image back to the picture it read in the same format.
-    auto decoded = [&](const std::string& image, const char* format) {
-        auto md5s = framemd5(image, std::string("-pix_fmt ") + format);
-        return md5s.empty() ? std::string() : md5s[0].substr(md5s[0].rfind(' ') + 1);
-    };
-    EXPECT_EQ(decoded(dir.file("png/frame_000003.png"), "rgb24"), rgb[3].substr(rgb[3].rfind(' ') + 1));
-    EXPECT_EQ(decoded(dir.file("png/frame_000004.png"), "rgb24"), rgb[4].substr(rgb[4].rfind(' ') + 1));
-    EXPECT_EQ(decoded(dir.file("pgm/frame_000003.pgm"), "gray8"), gray[3].substr(gray[3].rfind(' ') + 1));
+    for (auto [image, format, n] : {std::tuple{"png/frame_000003.png", "-pix_fmt rgb24", 3},
+                                    {"png/frame_000004.png", "-pix_fmt rgb24", 4},
+                                    {"pgm/frame_000003.pgm", "-pix_fmt gray8", 3}})
+        EXPECT_EQ(md5At(framemd5(dir.file(image), format), 0), md5At(framemd5(f, format), size_t(n))) << image;
 
     r = playfile(dir, "frames " + shellQuote(f) + " --json --md5 --count 2");
     ASSERT_EQ(r.status, 0);
     auto j = nlohmann::json::parse(r.out);
-    EXPECT_EQ(j["count"], 2);
-    EXPECT_EQ(j["format"], "yuv420p");
-    EXPECT_EQ(j["width"], 176);
+    EXPECT_TRUE(includes(j, {{"count", 2}, {"format", "yuv420p"}, {"width", 176}})) << r.out;
     ASSERT_EQ(j["frames"].size(), 2u);
     EXPECT_EQ(std::to_string(j["frames"][1]["frame"].get<int>()) + " " +
                   std::to_string(j["frames"][1]["size"].get<int>()) + " " + j["frames"][1]["md5"].get<std::string>(),
@@ -165,15 +170,10 @@ TEST(Probe, JsonDescribesStreamsAndHeaderAndTheHeaderCommandsReadIt) {
     Outcome r = playfile(dir, "probe --json " + shellQuote(mov));
     ASSERT_EQ(r.status, 0);
     auto j = nlohmann::json::parse(r.out).at(0);
-    EXPECT_EQ(j["reader"], "FFmpeg");
-    EXPECT_EQ(j["serves"], nlohmann::json({"video", "audio"}));
-    EXPECT_EQ(j["video"]["frames"], 15);
-    EXPECT_EQ(j["video"]["rate"], nlohmann::json({25, 1}));
-    EXPECT_EQ(j["video"]["format"], "yuv422p10le");
-    EXPECT_EQ(j["audio"][0]["channels"], 3);
-    EXPECT_EQ(j["audio"][0]["bytesPerSample"], 2);
-    EXPECT_EQ(j["audio"][0]["compressed"], false);
-    EXPECT_EQ(j["header"]["version"], 6);
+    EXPECT_TRUE(includes(j, {{"reader", "FFmpeg"}, {"serves", nlohmann::json::array({"video", "audio"})},
+                             {"video", {{"frames", 15}, {"rate", {25, 1}}, {"format", "yuv422p10le"}}},
+                             {"header", {{"version", 6}}}})) << r.out;
+    EXPECT_TRUE(includes(j["audio"][0], {{"channels", 3}, {"bytesPerSample", 2}, {"compressed", false}})) << r.out;
 
     // The header's own parsing is the library's; these check that each command reaches it.
     r = playfile(dir, "header show " + shellQuote(mov));
