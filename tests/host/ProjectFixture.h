@@ -17,6 +17,7 @@
 
 #include <filesystem>
 #include <string>
+#include <utility>
 
 namespace project_test {
 
@@ -38,27 +39,26 @@ using testing_support::readFile;
 // material entry per channel (video variant 0, sound channels 1..n) with a file, and
 // no material entry, file or channel is left without its owner.
 inline std::string inconsistencies(ProjectDatabase& db) {
+    static const std::pair<const char*, const char*> kRules[] = { // what breaking it means; its breaches
+        {"material without its clip; ", "SELECT count(*) FROM material m WHERE NOT EXISTS "
+                                        "(SELECT 1 FROM edits e WHERE e.id1 = m.id1 AND e.id2 = m.id2)"},
+        {"file without its entry; ", "SELECT count(*) FROM files f WHERE NOT EXISTS (SELECT 1 FROM material m "
+                                     "WHERE m.id1 = f.id1 AND m.id2 = f.id2 AND m.type = f.type AND m.idx = f.idx)"},
+        {"clip whose channels and material files differ; ",
+         "SELECT count(*) FROM edits e WHERE (e.flags & 1) <> 0 AND "
+         "(SELECT count(*) FROM channels c WHERE c.id1 = e.id1 AND c.id2 = e.id2) <> "
+         "(SELECT count(*) FROM material m JOIN files f ON f.id1 = m.id1 AND f.id2 = m.id2 AND "
+         "f.type = m.type AND f.idx = m.idx AND f.role = 0 WHERE m.id1 = e.id1 AND m.id2 = e.id2)"},
+        {"clip whose references and channels differ; ",
+         "SELECT count(*) FROM edits e WHERE (e.flags & 1) <> 0 AND "
+         "(SELECT count(*) FROM refs x WHERE x.id1 = e.id1 AND x.id2 = e.id2 AND x.selector = 2) <> "
+         "(SELECT count(*) FROM channels c WHERE c.id1 = e.id1 AND c.id2 = e.id2)"}};
     std::string out;
     ProjectDatabase::Read r(db);
-    auto count = [&](const char* sql) {
+    for (auto [broken, sql] : kRules) {
         sqlite::Query q(r.db(), sql);
-        return q.next() ? q.int64(0) : -1;
-    };
-    if (count("SELECT count(*) FROM material m WHERE NOT EXISTS "
-              "(SELECT 1 FROM edits e WHERE e.id1 = m.id1 AND e.id2 = m.id2)") != 0)
-        out += "material without its clip; ";
-    if (count("SELECT count(*) FROM files f WHERE NOT EXISTS (SELECT 1 FROM material m WHERE m.id1 = f.id1 "
-              "AND m.id2 = f.id2 AND m.type = f.type AND m.idx = f.idx)") != 0)
-        out += "file without its entry; ";
-    if (count("SELECT count(*) FROM edits e WHERE (e.flags & 1) <> 0 AND "
-              "(SELECT count(*) FROM channels c WHERE c.id1 = e.id1 AND c.id2 = e.id2) <> "
-              "(SELECT count(*) FROM material m JOIN files f ON f.id1 = m.id1 AND f.id2 = m.id2 AND "
-              "f.type = m.type AND f.idx = m.idx AND f.role = 0 WHERE m.id1 = e.id1 AND m.id2 = e.id2)") != 0)
-        out += "clip whose channels and material files differ; ";
-    if (count("SELECT count(*) FROM edits e WHERE (e.flags & 1) <> 0 AND "
-              "(SELECT count(*) FROM refs x WHERE x.id1 = e.id1 AND x.id2 = e.id2 AND x.selector = 2) <> "
-              "(SELECT count(*) FROM channels c WHERE c.id1 = e.id1 AND c.id2 = e.id2)") != 0)
-        out += "clip whose references and channels differ; ";
+        if (!q.next() || q.int64(0) != 0) out += broken;
+    }
     return out;
 }
 
