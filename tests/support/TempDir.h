@@ -2,7 +2,10 @@
 #pragma once
 
 #include <filesystem>
+#include <fstream>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace testing_support {
 
@@ -19,5 +22,15 @@ public:
 private:
     std::filesystem::path path_;
 };
+
+// A whole file written or read at once.
+inline void writeFile(const std::string& path, std::string_view bytes) {
+    if (!std::ofstream(path, std::ios::binary).write(bytes.data(), std::streamsize(bytes.size())))
+        throw std::runtime_error("cannot write " + path);
+}
+inline std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
 
 } // namespace testing_support
