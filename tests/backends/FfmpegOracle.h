@@ -5,6 +5,9 @@
 
 #include "backends/ffmpeg/FfmpegCommon.h"
 #include "support/Command.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
 
 #include <sstream>
 #include <string>
@@ -15,6 +18,14 @@ namespace ffmpeg_oracle {
 // FFmpeg's complaints about the damaged files the tests make are expected: keep them out
 // of the test output.
 inline const bool kQuiet = (ffmpeg_engine::routeFfmpegLog(AV_LOG_QUIET, nullptr), true);
+
+// Makes dir/name with the ffmpeg program from its input and output arguments.
+inline std::string made(const testing_support::TempDir& dir, const std::string& name, const std::string& input,
+                        const std::string& output) {
+    const std::string path = dir.file(name);
+    EXPECT_TRUE(testing_support::ffmpeg(input + " " + output + " " + testing_support::shellQuote(path))) << name;
+    return path;
+}
 
 // One framemd5 line per shown frame of the first video stream: its MD5. outputArgs
 // (such as "-pix_fmt rgb24") go before the output.
