@@ -9,7 +9,6 @@
 
 #include "host/core/Strings.h"
 #include "host/media/FileReaderInfo.h"
-#include "host/project/ProjectImporter.h"
 #include "playfile/open/PlayFileCache.h"
 
 #include <functional>
@@ -93,16 +92,8 @@ protected:
     Cookie clip(const std::string& name, const FrameFileLayout& layout, int audioChannels = 0) {
         std::string path = writeFrameFile(tmp, name + ".frames", layout);
         plugin->setLayout(path, layout);
-        ClipRecord r;
-        r.name = project_test::W(name);
-        r.videoChannels = 1;
-        r.audioChannels = audioChannels;
-        r.file = MediaFileInfo(MaterialFilename(DriveId(), project_test::W(path)), 100);
-        std::vector<Cookie> made = ProjectImporter::registerClips({r});
-        return made.empty() ? Cookie() : made.front();
+        return importClip(name, path, audioChannels);
     }
-    static Cookie video(const Cookie& clip) { return convertCookie(clip, 'V', 0); }
-    static Cookie sound(const Cookie& clip, unsigned channel) { return convertCookie(clip, 'S', uint8_t(channel)); }
 
     Zn::Ptr<FramePlugin> plugin = Zn::makePtr<FramePlugin>("frames");
     Registered registered{plugin};

@@ -2,8 +2,7 @@
 // every pixel derived from the frame number) and 16-bit audio of one stream from a file
 // that writeFrameFile makes in a temporary folder. Tests steer it (hold reads at a gate,
 // answer "pending", fail, throw, hand out compressed frames) and look at what it read.
-// Also here: an issuer that records its callbacks, and a decoder for the compressed
-// frames.
+// Also here: a decoder for the compressed frames.
 #pragma once
 
 #include "host/media/DecoderInfo.h"
@@ -11,6 +10,7 @@
 #include "playfile/requests/AudioReadRequest.h"
 #include "playfile/requests/ReadRequestIssuer.h"
 #include "playfile/requests/VideoReadRequest.h"
+#include "support/RecordingIssuer.h"
 #include "support/TempDir.h"
 
 #include <atomic>
@@ -27,6 +27,8 @@
 #include <vector>
 
 namespace test_backend {
+
+using testing_support::RecordingIssuer;
 
 struct FrameFileLayout {
     uint32_t width = 16;
@@ -201,41 +203,6 @@ private:
     std::vector<uint32_t> readFrames_;
     std::vector<Zn::Ptr<VideoReadRequest>> pending_;
     std::vector<std::pair<uint64_t, uint32_t>> audioOrder_;
-};
-
-// Records its callbacks. watch() names a request whose status the callback notes, to see
-// what a reader of the status would see at that moment.
-class RecordingIssuer : public ReadRequestIssuer, Locking {
-public:
-    ~RecordingIssuer() override { detachProxy(); }
-
-    void readRequestComplete(Zn::Ptr<iObject>& result, RequestStatus status) override {
-        locked([&] {
-            ++calls_, status_ = status, result_ = result, thread_ = std::this_thread::get_id();
-            if (watched_) statusAtCall_ = watched_->getStatus();
-            cv_.notify_all();
-        });
-    }
-
-    bool waitForCalls(int n, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
-        std::unique_lock<std::mutex> l(m_);
-        return cv_.wait_for(l, timeout, [&] { return calls_ >= n; });
-    }
-    int calls() { return locked([&] { return calls_; }); }
-    RequestStatus status() { return locked([&] { return status_; }); }
-    Zn::Ptr<FrameBufferRep> buffer() { return locked([&] { return Zn::dynamicPtrCast<FrameBufferRep>(result_); }); }
-    std::thread::id thread() { return locked([&] { return thread_; }); }
-    void watch(VideoReadRequest* r) { locked([&] { watched_ = r; }); }
-    RequestStatus statusAtCall() { return locked([&] { return statusAtCall_; }); }
-
-private:
-    std::condition_variable cv_;
-    int calls_ = 0;
-    RequestStatus status_ = Queued;
-    RequestStatus statusAtCall_ = Queued;
-    Zn::Ptr<iObject> result_;
-    std::thread::id thread_;
-    VideoReadRequest* watched_ = nullptr;
 };
 
 // Decodes the one-byte frames of kCompressed into full grey pictures of the frame's size.
