@@ -41,6 +41,21 @@ inline std::vector<std::string> frameMd5s(const std::string& path, const std::st
     return md5s;
 }
 
+// The pictures FFmpeg decodes from the first video stream, packed one after the other in
+// pixel format pixFmt; and what ffprobe says of the stream's entries ("stream=codec_name").
+inline std::string decodedFrames(const std::string& path, const std::string& pixFmt) {
+    using namespace testing_support;
+    return runCommand("ffmpeg -nostdin -v error -i " + shellQuote(path) + " -f rawvideo -pix_fmt " + pixFmt +
+                      " - 2>/dev/null")
+        .out;
+}
+inline std::string probe(const std::string& path, const std::string& entries) {
+    using namespace testing_support;
+    return runCommand("ffprobe -v error -select_streams v:0 -show_entries " + entries + " -of default=nw=1 " +
+                      shellQuote(path))
+        .out;
+}
+
 // The raw samples FFmpeg decodes from audio stream `stream`, interleaved, in the raw
 // format `format` ("f32le", "s16le", "s32le", "u8", "f64le").
 inline std::string decodedSamples(const std::string& path, int stream, const std::string& format) {
