@@ -20,11 +20,7 @@ namespace cache_test {
 using namespace test_backend;
 
 inline FrameFileLayout layout(uint32_t frames, uint32_t audioChannels = 0, uint64_t samples = 0) {
-    FrameFileLayout l;
-    l.frames = frames;
-    l.audioChannels = audioChannels;
-    l.audioSamples = samples;
-    return l;
+    return {.frames = frames, .audioChannels = audioChannels, .audioSamples = samples, .extraStreamChannels = {}};
 }
 
 class FramePlugin : public Zn::iFileReader {

@@ -31,9 +31,7 @@ namespace test_backend {
 using testing_support::RecordingIssuer;
 
 struct FrameFileLayout {
-    uint32_t width = 16;
-    uint32_t height = 8;
-    uint32_t frames = 64;
+    uint32_t width = 16, height = 8, frames = 64;
     uint16_t groupSize = 0;       // frames stored in groups of this size (0: not grouped)
     uint32_t audioChannels = 0;   // channels of the one readable audio stream (0: no audio)
     uint64_t audioSamples = 0;

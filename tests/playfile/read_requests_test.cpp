@@ -143,10 +143,7 @@ TEST(ReadRequestIssuer, DetachWaitsForARunningCallbackAndDetachedIssuersAreSkipp
 
 TEST(AudioReadRequest, ByteArithmeticIsSixtyFourBitAndChannelIndexUsesTheOwnStreamsCount) {
     testing_support::TempDir dir;
-    FrameFileLayout layout;
-    layout.frames = 0;
-    layout.extraStreamChannels = {2, 6};
-    OpenFile f(dir, "audio.frames", layout, OpenType::kAudio);
+    OpenFile f(dir, "audio.frames", {.frames = 0, .extraStreamChannels = {2, 6}}, OpenType::kAudio);
     // Stream 1 channel 0 is 1 * 6 + 0: the stream's own channel count, not the 2 before it.
     auto r = f.audio(1, 0, 0, 10, nullptr);
     EXPECT_EQ(r->getChannelIndex(), 6u);
