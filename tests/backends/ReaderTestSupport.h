@@ -11,44 +11,18 @@
 #include "backends/y4m/Y4mReader.h"
 #include "host/ProjectFixture.h"
 #include "host/core/Strings.h"
-#include "host/project/ProjectImporter.h"
 #include "playfile/open/PlayFileCache.h"
 #include "playfile/requests/AudioReadRequest.h"
-#include "playfile/requests/ReadRequestIssuer.h"
-#include "playfile/requests/VideoReadRequest.h"
 #include "support/PatternFrames.h"
+#include "support/RecordingIssuer.h"
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string>
 
 namespace reader_test {
 
-// An issuer that waits for its one callback; what the callback brought is read after
-// the wait.
-class Waiter : public ReadRequestIssuer {
-public:
-    ~Waiter() override { detachProxy(); }
-    void readRequestComplete(Zn::Ptr<iObject>& r, RequestStatus s) override {
-        std::lock_guard<std::mutex> l(m_);
-        result = r;
-        status = s;
-        done_ = true;
-        cv_.notify_all();
-    }
-    bool wait(std::chrono::seconds limit = std::chrono::seconds(30)) {
-        std::unique_lock<std::mutex> l(m_);
-        return cv_.wait_for(l, limit, [&] { return done_; });
-    }
-    RequestStatus status = Queued;
-    Zn::Ptr<iObject> result;
-
-private:
-    std::mutex m_;
-    std::condition_variable cv_;
-    bool done_ = false;
-};
+using testing_support::RecordingIssuer;
+constexpr std::chrono::seconds kReadLimit{30};
 
 // The surface's planes packed without padding: the bytes `ffmpeg -f framemd5` hashes for
 // a picture in the same pixel format.
@@ -74,17 +48,10 @@ protected:
 
     // A clip with one video channel and audioChannels sound channels in the file.
     Cookie clip(const std::string& path, int audioChannels = 0) {
-        ClipRecord r;
-        r.name = project_test::W(path.substr(path.rfind('/') + 1));
-        r.videoChannels = 1;
-        r.audioChannels = audioChannels;
-        r.file = MediaFileInfo(MaterialFilename(DriveId(), project_test::W(path)), 100);
-        std::vector<Cookie> made = ProjectImporter::registerClips({r});
-        EXPECT_EQ(made.size(), 1u) << path;
-        return made.empty() ? Cookie() : made.front();
+        const Cookie c = importClip(path.substr(path.rfind('/') + 1), path, audioChannels);
+        EXPECT_TRUE(c.valid()) << path;
+        return c;
     }
-    static Cookie video(const Cookie& clip) { return convertCookie(clip, 'V', 0); }
-    static Cookie sound(const Cookie& clip, unsigned channel) { return convertCookie(clip, 'S', uint8_t(channel)); }
 
     // The file the cache has open (or opens now) for the material.
     static Zn::Ptr<FileReadInstance> file(const Cookie& material, const DecodeFormat& format = DecodeFormat(1)) {
@@ -95,16 +62,16 @@ protected:
     // "failed", "timed out".
     static std::string frameMd5(const Cookie& material, int frame, const DecodeFormat& format = DecodeFormat(1),
                                 Zn::Image::Surface* picture = nullptr) {
-        Waiter waiter;
+        RecordingIssuer waiter;
         Zn::Ptr<VideoReadRequest> request;
         if (PlayFileCache::Shared().videoReadRequest(request, material, frame, false, kResultDecoded, format,
                                                      waiter.getProxy()) != PlayFileCache::kVideoQueued)
             return "not available";
         // Joined to an equal request that has already failed: no callback comes.
         if (request->getStatus() == Failed) return "failed";
-        if (!waiter.wait()) return "timed out";
-        auto buffer = Zn::dynamicPtrCast<FrameBufferRep>(waiter.result);
-        if (waiter.status != Complete || !buffer) return "failed";
+        if (!waiter.waitForCalls(1, kReadLimit)) return "timed out";
+        auto buffer = waiter.buffer();
+        if (waiter.status() != Complete || !buffer) return "failed";
         Zn::Image::Surface s = buffer->getSurface(0);
         const int state = s.wait(30000);
         if (state == Zn::Image::Surface::kWaitTimedOut) return "timed out";
@@ -118,14 +85,14 @@ protected:
     // says how the read ended (Queued when it could not be made, or did not end).
     static std::string samples(const Cookie& sound, uint64_t start, uint32_t count, uint32_t bytesPerSample,
                                RequestStatus* status = nullptr) {
-        Waiter waiter;
+        RecordingIssuer waiter;
         Zn::Ptr<AudioReadRequest> request;
         if (status) *status = Queued;
         if (PlayFileCache::Shared().audioReadRequest(request, sound, start, count, kProxyLevelHighRes,
                                                      waiter.getProxy(), true) != PlayFileCache::kAudioCreated)
             return {};
         request->getFile()->queueReadRequest(request, false);
-        const bool done = waiter.wait();
+        const bool done = waiter.waitForCalls(1, kReadLimit);
         if (status) *status = done ? request->getStatus() : Queued;
         if (!done || request->getStatus() != Complete || !request->getBuffer()) return {};
         // The result may run on past the span (to the end of what the reader decoded).

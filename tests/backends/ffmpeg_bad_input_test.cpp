@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <random>
 
 using namespace testing_support;
@@ -19,7 +18,7 @@ TEST(FfmpegBadInput, MissingFoldersAndEmptyFilesFailToOpenWithAReason) {
     TempDir dir;
     EXPECT_EQ(FfmpegSource::open(dir.file("nothing-here.mp4")).error, "file not found");
     EXPECT_EQ(FfmpegSource::open(dir.path().string()).error, "not a regular file");
-    std::ofstream(dir.file("empty.mp4"));
+    writeFile(dir.file("empty.mp4"), "");
     EXPECT_EQ(FfmpegSource::open(dir.file("empty.mp4")).error, "empty file");
 }
 
@@ -31,13 +30,9 @@ TEST(FfmpegBadInput, DamageInTheMiddleIsReportedAndSurvived) {
         const std::string path = dir.file(name);
         ASSERT_TRUE(ffmpeg("-f lavfi -i testsrc2=size=160x120:rate=25:duration=2 "
                            "-c:v libx264 -preset veryfast -g 12 -bf 2 -pix_fmt yuv420p " + shellQuote(path)));
-        std::string bytes;
-        {
-            std::ifstream in(path, std::ios::binary);
-            bytes.assign(std::istreambuf_iterator<char>(in), {});
-        }
+        std::string bytes = readFile(path);
         for (size_t i = bytes.size() / 2; i < bytes.size() / 2 + 6000; ++i) bytes[i] = char(rng());
-        std::ofstream(path, std::ios::binary) << bytes;
+        writeFile(path, bytes);
         std::vector<std::string> complaints;
         routeFfmpegLog(AV_LOG_ERROR, [&](int level, const std::string& line) {
             EXPECT_LE(level, AV_LOG_ERROR);

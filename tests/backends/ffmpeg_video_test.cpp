@@ -63,9 +63,7 @@ void expectEveryFrame(const std::string& path) {
 
 std::string make(const TempDir& dir, const std::string& name, const std::string& args,
                  const std::string& source = kSource) {
-    const std::string path = dir.file(name);
-    EXPECT_TRUE(ffmpeg(source + args + " " + shellQuote(path))) << name;
-    return path;
+    return ffmpeg_oracle::made(dir, name, source, args);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // The FFmpeg writer: what it encodes is what FFmpeg decodes back, frames in other pixel
 // formats are converted on the way, and its queue to the encoder stays bounded.
+#include "FfmpegOracle.h"
 #include "backends/ffmpeg/FfmpegWriter.h"
 #include "host/core/Strings.h"
 #include "support/Command.h"
@@ -11,6 +12,7 @@
 #include <cstdlib>
 
 using namespace testing_support;
+using namespace ffmpeg_oracle;
 using Zn::Image::eDataFormat;
 
 namespace {
@@ -21,29 +23,6 @@ Zn::FileWriterParams videoParams(eDataFormat f, uint32_t w, uint32_t h, const ch
     p.codec = codec;
     p.container = container;
     return p;
-}
-
-// Writes n pattern frames; answers their packed bytes one after the other.
-std::string writeFrames(Zn::FileWriteInstance& out, eDataFormat f, uint32_t w, uint32_t h, int n) {
-    std::string all;
-    for (int i = 0; i < n; ++i) {
-        Zn::Image::Surface frame = patternFrame(f, w, h, i);
-        all += packedBytes(frame);
-        EXPECT_EQ(out.writeFrame(frame, i), 1);
-    }
-    return all;
-}
-
-std::string decoded(const std::string& path, const char* pixFmt) {
-    return runCommand("ffmpeg -nostdin -v error -i " + shellQuote(path) + " -f rawvideo -pix_fmt " + pixFmt +
-                      " - 2>/dev/null")
-        .out;
-}
-
-std::string probe(const std::string& path, const char* entries) {
-    return runCommand(std::string("ffprobe -v error -select_streams v:0 -show_entries ") + entries +
-                      " -of default=nw=1 " + shellQuote(path))
-        .out;
 }
 
 } // namespace
@@ -61,14 +40,12 @@ TEST(FfmpegWriter, Ffv1InMatroskaIsLosslessFrameForFrame) {
         std::string path = dir.file(std::string("clip-") + Zn::Image::formatName(f) + ".mkv");
         Zn::Ptr<Zn::FileWriteInstance> out;
         ASSERT_EQ(writer.create(fromUTF8(path.c_str()), params, out), 1);
-        std::string written = writeFrames(*out, f, 66, 38, 7);
+        std::string written = writePatternFrames(*out, f, 66, 38, 7);
         // A frame of another size is refused, and nothing of it reaches the file.
         EXPECT_EQ(out->writeFrame(patternFrame(f, 64, 38, 0), 7), 0);
         ASSERT_EQ(out->close(), 1);
         EXPECT_EQ(out->pendingFrames(), 0u);
-        std::string back = decoded(path, Zn::Image::formatName(f));
-        EXPECT_EQ(back.size(), written.size()) << Zn::Image::formatName(f);
-        EXPECT_TRUE(back == written) << Zn::Image::formatName(f);
+        EXPECT_TRUE(decodedFrames(path, Zn::Image::formatName(f)) == written) << Zn::Image::formatName(f);
         EXPECT_NE(probe(path, "stream=codec_name,r_frame_rate").find("codec_name=ffv1\nr_frame_rate=30000/1001"),
                   std::string::npos);
     }
@@ -98,7 +75,7 @@ TEST(FfmpegWriter, ProresInQuickTimeFromEightBitFramesThroughLibswscale) {
     ASSERT_EQ(out->close(), 1);
     EXPECT_NE(probe(path, "stream=codec_name,pix_fmt").find("codec_name=prores\npix_fmt=yuv422p10le"),
               std::string::npos);
-    std::string back = decoded(path, "yuv420p");
+    std::string back = decodedFrames(path, "yuv420p");
     ASSERT_EQ(back.size(), written.size());
     int worst = 0;
     for (size_t i = 0; i < back.size(); ++i) worst = std::max(worst, std::abs(int(uint8_t(back[i])) - int(uint8_t(written[i]))));

@@ -30,9 +30,7 @@ const std::string kStereo = "-f lavfi -i sine=frequency=440:sample_rate=48000:du
 
 std::string make(const TempDir& dir, const std::string& name, const std::string& args,
                  const std::string& source = kStereo) {
-    const std::string path = dir.file(name);
-    EXPECT_TRUE(ffmpeg(source + args + " " + shellQuote(path))) << name;
-    return path;
+    return ffmpeg_oracle::made(dir, name, source, args);
 }
 
 // FFmpeg's raw format for samples as the stream's metadata describes them.

@@ -27,17 +27,13 @@ const std::string kOpenGop = kH264 + " -x264-params open_gop=1";
 
 std::string make(const TempDir& dir, const std::string& name, const std::string& args,
                  const std::string& source = kSource) {
-    const std::string path = dir.file(name);
-    EXPECT_TRUE(ffmpeg(source + args + " " + shellQuote(path))) << name;
-    return path;
+    return ffmpeg_oracle::made(dir, name, source, args);
 }
 
 // A copy of `from` made by the ffmpeg program without re-encoding: inputArgs go before the
 // input (a cut with -ss, an offset with -itsoffset).
 std::string copied(const TempDir& dir, const std::string& name, const std::string& inputArgs, const std::string& from) {
-    const std::string path = dir.file(name);
-    EXPECT_TRUE(ffmpeg(inputArgs + " -i " + shellQuote(from) + " -c copy " + shellQuote(path))) << name;
-    return path;
+    return ffmpeg_oracle::made(dir, name, inputArgs + " -i " + shellQuote(from), "-c copy");
 }
 
 bool streams(const Zn::Ptr<FileReadInstance>& file) {

@@ -20,18 +20,23 @@ bool parseBytes(const std::vector<uint8_t>& bytes, wav::Info& info, std::string&
     return wav::parseHeader(read, bytes.size(), info, error);
 }
 
-void put32(std::vector<uint8_t>& v, size_t at, uint32_t x) {
-    for (int i = 0; i < 4; ++i) v[at + i] = uint8_t(x >> (8 * i));
+void put(std::vector<uint8_t>& v, size_t at, uint32_t x, int bytes = 4) {
+    for (int i = 0; i < bytes; ++i) v[at + i] = uint8_t(x >> (8 * i));
+}
+
+wav::Info format(uint16_t channels, uint32_t rate, uint16_t bits) {
+    wav::Info f;
+    f.channels = channels;
+    f.sampleRate = rate;
+    f.bitsPerSample = bits;
+    f.blockAlign = uint16_t(channels * bits / 8);
+    return f;
 }
 
 } // namespace
 
 TEST(WavFormat, WrittenHeadersParseBackAndSwitchToRf64PastFourGigabytes) {
-    wav::Info f;
-    f.channels = 8;
-    f.sampleRate = 48000;
-    f.bitsPerSample = 24;
-    f.blockAlign = 24;
+    const wav::Info f = format(8, 48000, 24);
     auto small = wav::makeHeader(f, 240);
     auto large = wav::makeHeader(f, 5ull << 30);
     EXPECT_EQ(small.size(), large.size()); // rewritable in place
@@ -54,17 +59,12 @@ TEST(WavFormat, WrittenHeadersParseBackAndSwitchToRf64PastFourGigabytes) {
 }
 
 TEST(WavFormat, DataOfUnknownSizeOrCutShortRunsToTheEndInWholeFrames) {
-    wav::Info f;
-    f.channels = 2;
-    f.sampleRate = 44100;
-    f.bitsPerSample = 16;
-    f.blockAlign = 4;
-    auto header = wav::makeHeader(f, 400);
+    auto header = wav::makeHeader(format(2, 44100, 16), 400);
     std::vector<uint8_t> file(header);
     file.resize(header.size() + 402); // 100 frames and half of another
     size_t sizeAt = header.size() - 4;
     for (uint32_t said : {0u, 0xFFFFFFFFu, 4000u}) {
-        put32(file, sizeAt, said);
+        put(file, sizeAt, said);
         wav::Info info;
         std::string error;
         ASSERT_TRUE(parseBytes(file, info, error)) << error;
@@ -74,17 +74,12 @@ TEST(WavFormat, DataOfUnknownSizeOrCutShortRunsToTheEndInWholeFrames) {
 }
 
 TEST(WavFormat, BrokenHeadersAreRefusedWithAReason) {
-    wav::Info f;
-    f.channels = 2;
-    f.sampleRate = 48000;
-    f.bitsPerSample = 16;
-    f.blockAlign = 4;
-    const auto good = wav::makeHeader(f, 16);
+    const auto good = wav::makeHeader(format(2, 48000, 16), 16);
     const size_t fmtAt = 12 + 36 + 8; // RIFF header, JUNK chunk, fmt chunk header
     auto with = [&](size_t at, uint32_t value, int bytes) {
         std::vector<uint8_t> v(good);
         v.resize(good.size() + 16);
-        for (int i = 0; i < bytes; ++i) v[at + i] = uint8_t(value >> (8 * i));
+        put(v, at, value, bytes);
         return v;
     };
     struct Case { std::vector<uint8_t> bytes; std::string reason; };

@@ -9,8 +9,8 @@
 #include "host/project/Edit.h"
 #include "host/project/EditManager.h"
 #include "host/project/ProjectDatabase.h"
+#include "host/project/ProjectImporter.h"
 #include "host/project/SystemCache.h"
-#include "support/Files.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -79,6 +79,19 @@ protected:
         return makeFile(sources / name, n, seed);
     }
     Zn::Ptr<ProjectDatabase> db() { return EditManager::getProjdb(); }
+    // A clip with one video channel and audioChannels sound channels, all its material in
+    // the file at path; its video material and the material of its sound channels.
+    static Cookie importClip(const std::string& name, const std::string& path, int audioChannels) {
+        ClipRecord r;
+        r.name = W(name);
+        r.videoChannels = 1;
+        r.audioChannels = audioChannels;
+        r.file = MediaFileInfo(MaterialFilename(DriveId(), W(path)), 100);
+        std::vector<Cookie> made = ProjectImporter::registerClips({r});
+        return made.empty() ? Cookie() : made.front();
+    }
+    static Cookie video(const Cookie& clip) { return convertCookie(clip, 'V', 0); }
+    static Cookie sound(const Cookie& clip, unsigned channel) { return convertCookie(clip, 'S', uint8_t(channel)); }
     void reopen() {
         EditManager::closeProject();
         WString error;

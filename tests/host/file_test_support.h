@@ -4,7 +4,6 @@
 
 #include "host/core/Strings.h"
 #include "host/os/PosixFileManager.h"
-#include "support/Files.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>

@@ -4,7 +4,6 @@
 #include "host/os/Log.h"
 #include "host/os/OS.h"
 #include "host/os/Resources.h"
-#include "support/Files.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 

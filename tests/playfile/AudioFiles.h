@@ -16,7 +16,6 @@
 #include <atomic>
 #include <cstring>
 #include <fcntl.h>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <unistd.h>
@@ -32,32 +31,22 @@ inline uint32_t sampleOf(uint64_t pos, uint32_t ch) {
     return uint32_t(x >> 29);
 }
 
-inline void put(std::vector<uint8_t>& out, uint32_t v, unsigned bytes) {
-    for (unsigned i = 0; i < bytes; ++i)
-        out.push_back(uint8_t(v >> (8 * i)));
-}
-
-inline void writeAll(const std::string& path, const std::vector<uint8_t>& bytes) {
-    FILE* f = std::fopen(path.c_str(), "wb");
-    if (!f || std::fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size())
-        throw std::runtime_error("cannot write " + path);
-    std::fclose(f);
+inline void put(std::string& out, uint32_t v, unsigned bytes) {
+    for (unsigned i = 0; i < bytes; ++i) out += char(v >> (8 * i));
 }
 
 // A 44-byte RIFF header and the samples, interleaved.
 inline void writeWav(const std::string& path, uint32_t channels, uint32_t bytes, uint64_t samples) {
-    std::vector<uint8_t> f;
+    std::string f;
     const uint32_t frame = channels * bytes, data = uint32_t(samples * frame);
     const std::pair<uint32_t, unsigned> header[] = {
         {0x46464952, 4}, {36 + data, 4},  {0x45564157, 4}, {0x20746d66, 4},    {16, 4},
         {1, 2},          {channels, 2},   {48000, 4},      {48000 * frame, 4}, {frame, 2},
         {bytes * 8, 2},  {0x61746164, 4}, {data, 4}};
-    for (auto [value, size] : header)
-        put(f, value, size);
+    for (auto [value, size] : header) put(f, value, size);
     for (uint64_t s = 0; s < samples; ++s)
-        for (uint32_t c = 0; c < channels; ++c)
-            put(f, sampleOf(s, c), bytes);
-    writeAll(path, f);
+        for (uint32_t c = 0; c < channels; ++c) put(f, sampleOf(s, c), bytes);
+    testing_support::writeFile(path, f);
 }
 
 struct CodedLayout {
@@ -76,7 +65,7 @@ struct CodedLayout {
 inline void writeCoded(const std::string& path, const CodedLayout& l) {
     const uint64_t total = l.delay + l.samples;
     const uint32_t blocks = uint32_t((total + l.perBlock - 1) / l.perBlock);
-    std::vector<uint8_t> f{'T', 'B', 'C', '1'};
+    std::string f = "TBC1";
     for (uint32_t v : {l.channels, l.perBlock, l.delay, l.priming,
                        uint32_t(l.interleaved) | uint32_t(l.mute) << 1, blocks})
         put(f, v, 4);
@@ -92,14 +81,11 @@ inline void writeCoded(const std::string& path, const CodedLayout& l) {
                 put(f, uint16_t(x - prev), 2);
                 prev = x;
             }
-            put(f, prev, 2);
-            key[c] = prev;
+            put(f, key[c] = prev, 2);
         }
-    writeAll(path, f);
+    testing_support::writeFile(path, f);
 }
-inline uint32_t codedBlockBytes(uint32_t channels, uint32_t perBlock) {
-    return channels * (perBlock + 1) * 2;
-}
+inline uint32_t codedBlockBytes(uint32_t channels, uint32_t perBlock) { return channels * (perBlock + 1) * 2; }
 inline constexpr uint32_t kCodedHeaderBytes = 28;
 
 class TbcCodec : public Zn::AudioCodecInstance {
@@ -113,16 +99,11 @@ public:
     uint32_t getDelaySamples() const override { return delay_; }
     bool producesInterleaved() const override { return flags_ & 1; }
     const uint8_t* getOutput(uint32_t channel) const override {
-        return reinterpret_cast<const uint8_t*>(
-            out_.data() + (producesInterleaved() ? 0 : size_t(channel) * perBlock_));
+        return reinterpret_cast<const uint8_t*>(out_.data() + (producesInterleaved() ? 0 : size_t(channel) * perBlock_));
     }
-    void resetToStart() override {
-        ++resets;
-        std::fill(key_.begin(), key_.end(), 0);
-    }
+    void resetToStart() override { ++resets, std::fill(key_.begin(), key_.end(), 0); }
 
-    std::atomic<int> decodes{0};
-    std::atomic<int> resets{0};
+    std::atomic<int> decodes{0}, resets{0};
 
 protected:
     int decode(const uint8_t* data, uint32_t size, uint32_t& samples) override {
@@ -147,8 +128,7 @@ protected:
 
 private:
     const uint32_t channels_, perBlock_, delay_, priming_, flags_;
-    std::vector<uint16_t> key_;
-    std::vector<uint16_t> out_;
+    std::vector<uint16_t> key_, out_;
 };
 
 // Makes codecs for "tbc" streams from the file header handed to it.
@@ -156,8 +136,7 @@ class TbcFactory : public Zn::iAudioDecoderFactory {
 public:
     String name() const override { return "tbc"; }
     bool canDecode(const Aud::Metadata& m) const override { return m.codec == "tbc"; }
-    Zn::Ptr<Zn::AudioCodecInstance> createCodec(const Aud::Metadata& m,
-                                                const Zn::Ptr<iMemHolder>& header) override {
+    Zn::Ptr<Zn::AudioCodecInstance> createCodec(const Aud::Metadata& m, const Zn::Ptr<iMemHolder>& header) override {
         if (!header || header->getUsed() < kCodedHeaderBytes) return nullptr;
         uint32_t v[6];
         std::memcpy(v, header->getBuffer() + 4, sizeof v);
@@ -167,15 +146,14 @@ public:
 
 // Opens a file made by writeWav or writeCoded: one readable audio stream, then
 // extraStreams more that are described but cannot be read.
-class AudioFileReader : public FileReadInstance, public Zn::AudioReader {
+class AudioFileReader : public FileReadInstance, public Zn::AudioReader, test_backend::Locking {
 public:
     AudioFileReader(const std::string& path, uint32_t extraStreams = 0)
         : FileReadInstance(test_backend::wide(path), DecodeFormat::getDefault(), OpenType::kAudio),
           Zn::AudioReader(getMetadata()->getAudioMetadata()) {
         fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
         uint8_t head[44] = {};
-        if (fd_ < 0 || ::pread(fd_, head, sizeof head, 0) < 28)
-            throw std::runtime_error("cannot open " + path);
+        if (fd_ < 0 || ::pread(fd_, head, sizeof head, 0) < 28) throw std::runtime_error("cannot open " + path);
         auto field = [&](int at, int size) {
             uint32_t v = 0;
             std::memcpy(&v, head + at, size);
@@ -185,8 +163,7 @@ public:
         if (std::memcmp(head, "RIFF", 4) == 0) {
             frameBytes_ = field(32, 2);
             dataAt_ = 44;
-            streams.emplace_back(48000, field(22, 2), field(34, 2) / 8, Aud::kSampleInt,
-                                 field(40, 4) / frameBytes_);
+            streams.emplace_back(48000, field(22, 2), field(34, 2) / 8, Aud::kSampleInt, field(40, 4) / frameBytes_);
         } else {
             Aud::Metadata m(48000, field(4, 4), 2);
             m.compressed = true;
@@ -197,41 +174,31 @@ public:
             blocks_ = field(24, 4);
             dataAt_ = kCodedHeaderBytes;
         }
-        for (uint32_t i = 0; i < extraStreams; ++i)
-            streams.emplace_back(48000, 2, 2);
+        for (uint32_t i = 0; i < extraStreams; ++i) streams.emplace_back(48000, 2, 2);
         getMetadata()->setAudioMetadata(std::move(streams));
         if (blockBytes_) {
-            static const bool registered =
+            [[maybe_unused]] static const bool registered =
                 (Zn::AudioDecoderInfo::instance().registerFactory(new TbcFactory), true);
-            (void)registered;
-            if (!initAudioCodec(0,
-                                Zn::Ptr<iMemHolder>(new ByteBufferImpl(head, kCodedHeaderBytes))))
+            if (!initAudioCodec(0, Zn::Ptr<iMemHolder>(new ByteBufferImpl(head, kCodedHeaderBytes))))
                 throw std::runtime_error("no tbc codec");
         }
     }
     ~AudioFileReader() override { ::close(fd_); }
 
     String getReaderName() const override { return "audio-test"; }
-    void readAudio(Zn::Ptr<AudioReadRequest>& request) override {
-        Zn::AudioReader::readAudio(request);
-    }
+    void readAudio(Zn::Ptr<AudioReadRequest>& request) override { Zn::AudioReader::readAudio(request); }
 
     TbcCodec& codec() { return static_cast<TbcCodec&>(*getCodec(0)); }
-    std::vector<uint64_t> takeBlocksRead() {
-        std::lock_guard<std::mutex> l(m_);
-        return std::move(blocksRead_);
-    }
+    std::vector<uint64_t> takeBlocksRead() { return locked([&] { return std::move(blocksRead_); }); }
 
     std::atomic<int> sampleReads{0};
 
 protected:
-    int readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
-                         uint32_t& delivered) override {
+    int readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into, uint32_t& delivered) override {
         delivered = 0;
         if (stream != 0 || !frameBytes_) return kFailed;
         ++sampleReads;
-        ssize_t got = ::pread(fd_, into, size_t(samples) * frameBytes_,
-                              off_t(dataAt_ + position * frameBytes_));
+        ssize_t got = ::pread(fd_, into, size_t(samples) * frameBytes_, off_t(dataAt_ + position * frameBytes_));
         if (got < 0) return kFailed;
         delivered = uint32_t(got / frameBytes_);
         return kSuccess;
@@ -239,24 +206,17 @@ protected:
     int readAudioBlock(uint32_t stream, uint64_t block, std::vector<uint8_t>& data) override {
         if (stream != 0 || !blockBytes_) return kFailed;
         if (block >= blocks_) return kEndedEarly;
-        {
-            std::lock_guard<std::mutex> l(m_);
-            blocksRead_.push_back(block);
-        }
+        locked([&] { blocksRead_.push_back(block); });
         data.resize(blockBytes_);
-        return ::pread(fd_, data.data(), blockBytes_, off_t(dataAt_ + block * blockBytes_)) ==
-                       ssize_t(blockBytes_)
-                   ? kSuccess
-                   : kFailed;
+        const ssize_t got = ::pread(fd_, data.data(), blockBytes_, off_t(dataAt_ + block * blockBytes_));
+        return got == ssize_t(blockBytes_) ? kSuccess : kFailed;
     }
 
 private:
     int fd_ = -1;
     uint64_t dataAt_ = 0;
-    uint32_t frameBytes_ = 0;
-    uint32_t blockBytes_ = 0;
+    uint32_t frameBytes_ = 0, blockBytes_ = 0;
     uint64_t blocks_ = 0;
-    std::mutex m_;
     std::vector<uint64_t> blocksRead_;
 };
 

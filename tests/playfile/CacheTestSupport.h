@@ -9,7 +9,6 @@
 
 #include "host/core/Strings.h"
 #include "host/media/FileReaderInfo.h"
-#include "host/project/ProjectImporter.h"
 #include "playfile/open/PlayFileCache.h"
 
 #include <functional>
@@ -21,11 +20,7 @@ namespace cache_test {
 using namespace test_backend;
 
 inline FrameFileLayout layout(uint32_t frames, uint32_t audioChannels = 0, uint64_t samples = 0) {
-    FrameFileLayout l;
-    l.frames = frames;
-    l.audioChannels = audioChannels;
-    l.audioSamples = samples;
-    return l;
+    return {.frames = frames, .audioChannels = audioChannels, .audioSamples = samples, .extraStreamChannels = {}};
 }
 
 class FramePlugin : public Zn::iFileReader {
@@ -93,16 +88,8 @@ protected:
     Cookie clip(const std::string& name, const FrameFileLayout& layout, int audioChannels = 0) {
         std::string path = writeFrameFile(tmp, name + ".frames", layout);
         plugin->setLayout(path, layout);
-        ClipRecord r;
-        r.name = project_test::W(name);
-        r.videoChannels = 1;
-        r.audioChannels = audioChannels;
-        r.file = MediaFileInfo(MaterialFilename(DriveId(), project_test::W(path)), 100);
-        std::vector<Cookie> made = ProjectImporter::registerClips({r});
-        return made.empty() ? Cookie() : made.front();
+        return importClip(name, path, audioChannels);
     }
-    static Cookie video(const Cookie& clip) { return convertCookie(clip, 'V', 0); }
-    static Cookie sound(const Cookie& clip, unsigned channel) { return convertCookie(clip, 'S', uint8_t(channel)); }
 
     Zn::Ptr<FramePlugin> plugin = Zn::makePtr<FramePlugin>("frames");
     Registered registered{plugin};

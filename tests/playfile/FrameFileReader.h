@@ -2,8 +2,7 @@
 // every pixel derived from the frame number) and 16-bit audio of one stream from a file
 // that writeFrameFile makes in a temporary folder. Tests steer it (hold reads at a gate,
 // answer "pending", fail, throw, hand out compressed frames) and look at what it read.
-// Also here: an issuer that records its callbacks, and a decoder for the compressed
-// frames.
+// Also here: a decoder for the compressed frames.
 #pragma once
 
 #include "host/media/DecoderInfo.h"
@@ -11,12 +10,12 @@
 #include "playfile/requests/AudioReadRequest.h"
 #include "playfile/requests/ReadRequestIssuer.h"
 #include "playfile/requests/VideoReadRequest.h"
+#include "support/RecordingIssuer.h"
 #include "support/TempDir.h"
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>
@@ -29,10 +28,10 @@
 
 namespace test_backend {
 
+using testing_support::RecordingIssuer;
+
 struct FrameFileLayout {
-    uint32_t width = 16;
-    uint32_t height = 8;
-    uint32_t frames = 64;
+    uint32_t width = 16, height = 8, frames = 64;
     uint16_t groupSize = 0;       // frames stored in groups of this size (0: not grouped)
     uint32_t audioChannels = 0;   // channels of the one readable audio stream (0: no audio)
     uint64_t audioSamples = 0;
@@ -45,22 +44,17 @@ inline int16_t sampleOf(uint64_t position, uint32_t channel) { return int16_t((p
 // Video frames one after another, then the interleaved audio.
 inline std::string writeFrameFile(const testing_support::TempDir& dir, const std::string& name,
                                   const FrameFileLayout& layout) {
-    std::string path = dir.file(name);
-    FILE* f = std::fopen(path.c_str(), "wb");
-    if (!f) throw std::runtime_error("cannot write " + path);
-    std::vector<uint8_t> frame(size_t(layout.width) * layout.height);
-    for (uint32_t n = 0; n < layout.frames; ++n) {
+    std::string bytes;
+    for (uint32_t n = 0; n < layout.frames; ++n)
         for (uint32_t y = 0; y < layout.height; ++y)
-            for (uint32_t x = 0; x < layout.width; ++x) frame[y * layout.width + x] = pixelOf(n, x, y);
-        std::fwrite(frame.data(), 1, frame.size(), f);
-    }
+            for (uint32_t x = 0; x < layout.width; ++x) bytes += char(pixelOf(n, x, y));
     for (uint64_t s = 0; s < layout.audioSamples; ++s)
         for (uint32_t c = 0; c < layout.audioChannels; ++c) {
             int16_t v = sampleOf(s, c);
-            std::fwrite(&v, 2, 1, f);
+            bytes.append(reinterpret_cast<const char*>(&v), 2);
         }
-    std::fclose(f);
-    return path;
+    testing_support::writeFile(dir.file(name), bytes);
+    return dir.file(name);
 }
 
 inline WString wide(const std::string& s) { return WString(std::wstring(s.begin(), s.end())); }
@@ -74,6 +68,15 @@ template <class F> bool eventually(F done) {
         else std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return true;
 }
+
+// A mutex, and f() run under it.
+struct Locking {
+    template <class F> auto locked(F f) -> decltype(f()) {
+        std::lock_guard<std::mutex> l(m_);
+        return f();
+    }
+    std::mutex m_;
+};
 
 // Holds threads at pass() while closed.
 class Gate {
@@ -104,7 +107,7 @@ private:
     int waiting_ = 0;
 };
 
-class FrameFileReader : public FileReadInstance {
+class FrameFileReader : public FileReadInstance, Locking {
 public:
     enum eMode { kRaw, kPending, kFail, kThrow, kCompressed };
 
@@ -133,16 +136,12 @@ public:
 
     int readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request) override {
         gate.pass();
-        uint32_t frame = request->getFrame();
-        eMode m = mode.load();
+        const uint32_t frame = request->getFrame();
+        const eMode m = mode.load();
         struct Count { // counted on the way out, so a test that sees the count sees the read's effects
             FrameFileReader* r;
             uint32_t frame;
-            ~Count() {
-                std::lock_guard<std::mutex> l(r->readsMutex_);
-                r->readFrames_.push_back(frame);
-                ++r->reads;
-            }
+            ~Count() { r->locked([&] { r->readFrames_.push_back(frame), ++r->reads; }); }
         } count{this, frame};
         if (m == kFail || frame >= layout_.frames) return kReadFailed;
         if (m == kThrow) throw std::runtime_error("broken frame");
@@ -161,36 +160,26 @@ public:
                                                 m == kCompressed ? Zn::Image::kFormatCompressed
                                                                  : Zn::Image::kFormatGray8);
         buffer->setDecompressComplete(FrameBufferRep::kCompressed);
-        if (m == kPending) {
-            std::lock_guard<std::mutex> l(readsMutex_);
-            pending_.push_back(request); // completed by the test
-            return kReadPending;
-        }
-        return kReadDone;
+        if (m != kPending) return kReadDone;
+        locked([&] { pending_.push_back(request); }); // completed by the test
+        return kReadPending;
     }
 
     // Reads the samples of one channel of stream 0; any other stream fails.
     void readAudio(Zn::Ptr<AudioReadRequest>& request) override {
         gate.pass();
-        {
-            std::lock_guard<std::mutex> l(readsMutex_);
-            audioOrder_.emplace_back(request->start, request->getChannelIndex());
-        }
+        locked([&] { audioOrder_.emplace_back(request->start, request->getChannelIndex()); });
         ++reads;
-        bool ok = request->stream == 0 && layout_.audioChannels && request->channel < layout_.audioChannels;
+        const uint32_t mcs = request->getBytesPerMCS(), n = request->count;
+        std::vector<uint8_t> in(size_t(mcs) * n);
+        const off_t at = off_t(layout_.width) * layout_.height * layout_.frames + off_t(request->getStartByte());
+        const bool ok = request->stream == 0 && request->channel < layout_.audioChannels &&
+                        ::pread(fd_, in.data(), in.size(), at) == ssize_t(in.size());
         if (ok) {
-            uint32_t mcs = request->getBytesPerMCS();
-            std::vector<uint8_t> interleaved(size_t(mcs) * request->count);
-            off_t at = off_t(layout_.width) * layout_.height * layout_.frames + off_t(request->getStartByte());
-            ssize_t got = ::pread(fd_, interleaved.data(), interleaved.size(), at);
-            ok = got == ssize_t(interleaved.size());
-            if (ok) {
-                Zn::Ptr<iMemHolder> mem(new ByteBufferImpl(request->count * 2));
-                for (uint32_t i = 0; i < request->count; ++i)
-                    std::memcpy(mem->getBuffer() + i * 2, &interleaved[i * mcs + request->channel * 2], 2);
-                mem->setUsed(request->count * 2);
-                request->setResult(Aud::StreamBuffer(mem, 1, request->count, request->count));
-            }
+            Zn::Ptr<iMemHolder> mem(new ByteBufferImpl(n * 2));
+            for (uint32_t i = 0; i < n; ++i) std::memcpy(mem->getBuffer() + i * 2, &in[i * mcs + request->channel * 2], 2);
+            mem->setUsed(n * 2);
+            request->setResult(Aud::StreamBuffer(mem, 1, n, n));
         }
         request->setStatus(ok ? Complete : Failed);
         Zn::Ptr<iObject> none;
@@ -207,58 +196,11 @@ public:
     static inline std::atomic<int> alive{0};
 
 private:
-    template <class F> auto locked(F f) -> decltype(f()) {
-        std::lock_guard<std::mutex> l(readsMutex_);
-        return f();
-    }
     FrameFileLayout layout_;
     int fd_ = -1;
-    std::mutex readsMutex_;
     std::vector<uint32_t> readFrames_;
     std::vector<Zn::Ptr<VideoReadRequest>> pending_;
     std::vector<std::pair<uint64_t, uint32_t>> audioOrder_;
-};
-
-// Records its callbacks. watch() names a request whose status the callback notes, to see
-// what a reader of the status would see at that moment.
-class RecordingIssuer : public ReadRequestIssuer {
-public:
-    ~RecordingIssuer() override { detachProxy(); }
-
-    void readRequestComplete(Zn::Ptr<iObject>& result, RequestStatus status) override {
-        std::lock_guard<std::mutex> l(m_);
-        ++calls_;
-        status_ = status;
-        result_ = result;
-        thread_ = std::this_thread::get_id();
-        if (watched_) statusAtCall_ = watched_->getStatus();
-        cv_.notify_all();
-    }
-
-    bool waitForCalls(int n, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
-        std::unique_lock<std::mutex> l(m_);
-        return cv_.wait_for(l, timeout, [&] { return calls_ >= n; });
-    }
-    int calls() { return locked([&] { return calls_; }); }
-    RequestStatus status() { return locked([&] { return status_; }); }
-    Zn::Ptr<FrameBufferRep> buffer() { return locked([&] { return Zn::dynamicPtrCast<FrameBufferRep>(result_); }); }
-    std::thread::id thread() { return locked([&] { return thread_; }); }
-    void watch(VideoReadRequest* r) { locked([&] { watched_ = r; }); }
-    RequestStatus statusAtCall() { return locked([&] { return statusAtCall_; }); }
-
-private:
-    template <class F> auto locked(F f) -> decltype(f()) {
-        std::lock_guard<std::mutex> l(m_);
-        return f();
-    }
-    std::mutex m_;
-    std::condition_variable cv_;
-    int calls_ = 0;
-    RequestStatus status_ = Queued;
-    RequestStatus statusAtCall_ = Queued;
-    Zn::Ptr<iObject> result_;
-    std::thread::id thread_;
-    VideoReadRequest* watched_ = nullptr;
 };
 
 // Decodes the one-byte frames of kCompressed into full grey pictures of the frame's size.
@@ -269,10 +211,10 @@ public:
 protected:
     int decode(Zn::Ptr<FrameBufferRep>& buffer) override {
         if (buffer->getCompressedSize(0) != 1) return 0;
-        const VideoDecompressionInfo& info = buffer->getVideoDecompressionInfo();
-        Zn::Image::Surface s = Zn::Image::Surface::allocate(info.core);
-        for (uint32_t y = 0; y < info.core.getHeight(); ++y)
-            std::memset(s.plane(0) + y * s.stride(0), buffer->getCompressedData(0)[0], info.core.getWidth());
+        const auto& core = buffer->getVideoDecompressionInfo().core;
+        Zn::Image::Surface s = Zn::Image::Surface::allocate(core);
+        for (uint32_t y = 0; y < core.getHeight(); ++y)
+            std::memset(s.plane(0) + y * s.stride(0), buffer->getCompressedData(0)[0], core.getWidth());
         buffer->setSurface(0, s);
         return 1;
     }

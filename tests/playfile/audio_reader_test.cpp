@@ -149,11 +149,10 @@ TEST_P(AudioReaderJoins, NoSampleIsLostOrDuplicatedBetweenRequests) {
     if (GetParam() == 0) {
         writeWav(path, channels, bytes, length);
     } else {
-        CodedLayout layout;
-        layout.samples = length;
-        layout.delay = GetParam() == 1 ? 100 : 300; // within the first block, or past it
-        layout.priming = GetParam() == 1 ? 1 : 2;
-        layout.interleaved = GetParam() == 2;
+        const CodedLayout layout{.samples = length,
+                                 .delay = GetParam() == 1 ? 100u : 300u, // within the first block, or past it
+                                 .priming = GetParam() == 1 ? 1u : 2u,
+                                 .interleaved = GetParam() == 2};
         writeCoded(path, layout);
         channels = layout.channels;
         bytes = 2;

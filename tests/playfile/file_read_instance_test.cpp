@@ -35,9 +35,7 @@ TEST(FileReadInstance, ClosingAFileReturnsItsQueuesAndTheNextOpenTakesThem) {
     testing_support::TempDir dir;
     ParkedPool<Zn::VideoReadQueue> videoPool;
     ParkedPool<Zn::AudioReadQueue> audioPool;
-    FrameFileLayout layout;
-    layout.audioChannels = 2;
-    layout.audioSamples = 64;
+    const FrameFileLayout layout = cache_test::layout(64, 2, 64);
     std::string path = writeFrameFile(dir, "both.frames", layout);
 
     auto first = Zn::makePtr<FrameFileReader>(path, DecodeFormat(1), OpenType::kVideoAndAudio, layout);
@@ -57,10 +55,7 @@ TEST(FileReadInstance, ClosingAFileReturnsItsQueuesAndTheNextOpenTakesThem) {
 
 TEST(FileReadInstance, AnInstanceWithoutAQueueFailsRequestsOfThatKindAndNothingElse) {
     testing_support::TempDir dir;
-    FrameFileLayout layout;
-    layout.audioChannels = 1;
-    layout.audioSamples = 64;
-    OpenFile audioOnly(dir, "audio.frames", layout, OpenType::kAudio);
+    OpenFile audioOnly(dir, "audio.frames", cache_test::layout(64, 1, 64), OpenType::kAudio);
     EXPECT_FALSE(audioOnly.file->getVideoQueue());
     EXPECT_TRUE(audioOnly.file->getAudioQueue());
     audioOnly.file->purge();

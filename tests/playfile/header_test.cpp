@@ -61,15 +61,13 @@ TEST(HeaderLookup, EmptyTextsKeysAtTheEndAndIndentation) {
 }
 
 TEST(HeaderCopy, StopsAtFourCharactersOrTheLimitAndKeepsTabs) {
-    char buf[32];
-    hdr_string_copy(buf, "PAL\tx rest", 20);
-    EXPECT_STREQ(buf, "PAL\tx");
-    hdr_string_copy(buf, "ABCDEFGHIJ", 8);
-    EXPECT_STREQ(buf, "ABCDEFGH");
-    hdr_string_copy(buf, "word\r\n", 20);
-    EXPECT_STREQ(buf, "word");
-    hdr_string_copy(buf, "anything", 0);
-    EXPECT_STREQ(buf, "");
+    struct { const char *in; int limit; const char* out; } cases[] = {
+        {"PAL\tx rest", 20, "PAL\tx"}, {"ABCDEFGHIJ", 8, "ABCDEFGH"}, {"word\r\n", 20, "word"}, {"anything", 0, ""}};
+    for (auto [in, limit, out] : cases) {
+        char buf[32];
+        hdr_string_copy(buf, in, limit);
+        EXPECT_STREQ(buf, out) << in;
+    }
 }
 
 TEST(HeaderWriter, ExactTextOfAVisionRecordAlwaysWithTheWritersOwnVersionAndPrinted) {

@@ -11,12 +11,13 @@ using namespace test_backend;
 
 namespace {
 
-// Has the reader fill a buffer for frame as the video queue's thread would, without the
-// queue: the frame-buffer read, then completion.
-Zn::Ptr<FrameBufferRep> readInto(OpenFile& f, Zn::Ptr<VideoReadRequest>& r) {
+// Has the reader fill a buffer for the request as the video queue's thread would, without
+// the queue: the frame-buffer read, then (with a status) completion.
+Zn::Ptr<FrameBufferRep> readInto(OpenFile& f, Zn::Ptr<VideoReadRequest> r, RequestStatus completion = Queued) {
     Zn::Ptr<FrameBufferRep> buffer;
     EXPECT_EQ(f.reader->readVideo(buffer, r), FileReadInstance::kReadDone);
     r->setResultBuffer(buffer);
+    if (completion != Queued) r->requestHasCompleted(completion);
     return buffer;
 }
 
@@ -65,9 +66,7 @@ TEST_F(DecoderRegistered, CompressedFrameIsDecodedOnlyWhenWantedAndOnlyByTheThre
 
     // Wanted decoded: decoded through the registry.
     RecordingIssuer a;
-    auto r = f.request(9, &a, 8);
-    Zn::Ptr<FrameBufferRep> decoded = readInto(f, r);
-    r->requestHasCompleted(Complete);
+    Zn::Ptr<FrameBufferRep> decoded = readInto(f, f.request(9, &a, 8), Complete);
     EXPECT_EQ(a.status(), Complete);
     EXPECT_EQ(decoded->getDecompressionState(), FrameBufferRep::kDecompressed);
     EXPECT_EQ(decoded->getFormat().getWidth(), 8u); // the request's format was copied on
@@ -75,8 +74,7 @@ TEST_F(DecoderRegistered, CompressedFrameIsDecodedOnlyWhenWantedAndOnlyByTheThre
 
     // Wanted compressed: left claimable for a later decode.
     auto kept = f.request(9, nullptr, 8, kResultCompressed);
-    Zn::Ptr<FrameBufferRep> compressed = readInto(f, kept);
-    kept->requestHasCompleted(Complete);
+    Zn::Ptr<FrameBufferRep> compressed = readInto(f, kept, Complete);
     EXPECT_EQ(kept->getStatus(), Complete);
     EXPECT_EQ(compressed->getDecompressionState(), FrameBufferRep::kCompressed);
     EXPECT_FALSE(compressed->getSurface(0).valid());
@@ -91,9 +89,7 @@ TEST_F(DecoderRegistered, CompressedFrameIsDecodedOnlyWhenWantedAndOnlyByTheThre
 
     // A failed read never decodes.
     RecordingIssuer b;
-    auto failed = f.request(11, &b);
-    Zn::Ptr<FrameBufferRep> untouched = readInto(f, failed);
-    failed->requestHasCompleted(Failed);
+    Zn::Ptr<FrameBufferRep> untouched = readInto(f, f.request(11, &b), Failed);
     EXPECT_EQ(b.status(), Failed);
     EXPECT_EQ(untouched->getDecompressionState(), FrameBufferRep::kCompressed);
 
@@ -102,8 +98,7 @@ TEST_F(DecoderRegistered, CompressedFrameIsDecodedOnlyWhenWantedAndOnlyByTheThre
     CodecPool::flushAllUnreferenced();
     RecordingIssuer c;
     auto undecodable = f.request(12, &c);
-    Zn::Ptr<FrameBufferRep> broken = readInto(f, undecodable);
-    undecodable->requestHasCompleted(Complete);
+    Zn::Ptr<FrameBufferRep> broken = readInto(f, undecodable, Complete);
     EXPECT_EQ(c.status(), Failed);
     EXPECT_EQ(undecodable->getStatus(), Failed);
     EXPECT_EQ(broken->getDecompressionState(), FrameBufferRep::kDecompressFailed);
@@ -148,10 +143,7 @@ TEST(ReadRequestIssuer, DetachWaitsForARunningCallbackAndDetachedIssuersAreSkipp
 
 TEST(AudioReadRequest, ByteArithmeticIsSixtyFourBitAndChannelIndexUsesTheOwnStreamsCount) {
     testing_support::TempDir dir;
-    FrameFileLayout layout;
-    layout.frames = 0;
-    layout.extraStreamChannels = {2, 6};
-    OpenFile f(dir, "audio.frames", layout, OpenType::kAudio);
+    OpenFile f(dir, "audio.frames", {.frames = 0, .extraStreamChannels = {2, 6}}, OpenType::kAudio);
     // Stream 1 channel 0 is 1 * 6 + 0: the stream's own channel count, not the 2 before it.
     auto r = f.audio(1, 0, 0, 10, nullptr);
     EXPECT_EQ(r->getChannelIndex(), 6u);

@@ -61,9 +61,7 @@ TEST_F(VideoQueue, EqualRequestJoinsTheFirstAndIsReadOnceForAllItsIssuersEachCal
 }
 
 TEST_F(VideoQueue, MatchingCoversGroupsAndIndexRunsAndAWiderDecodeServesANarrowerOne) {
-    FrameFileLayout grouped;
-    grouped.groupSize = 4;
-    OpenFile f(dir, "grouped.frames", grouped);
+    OpenFile f(dir, "grouped.frames", {.groupSize = 4, .extraStreamChannels = {}});
     holdThread(f);
     VideoReadRequest* six = queue(f, 6);
     EXPECT_EQ(queue(f, 5), six); // group 4..7 of frame 6

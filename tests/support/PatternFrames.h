@@ -1,9 +1,13 @@
 // Frames with known pixels for the writer tests, and their bytes packed plane after plane
 // without padding: the layout `ffmpeg -f rawvideo` produces, so that what FFmpeg decodes
-// from a written file compares with what was written byte for byte.
+// from a written file compares with what was written byte for byte. Also: such frames
+// written one after another.
 #pragma once
 
+#include "host/media/FileWriterInfo.h"
 #include "host/media/Surface.h"
+
+#include <gtest/gtest.h>
 
 #include <cstdint>
 #include <string>
@@ -37,6 +41,19 @@ inline std::string packedBytes(const Zn::Image::Surface& s) {
             bytes.append(reinterpret_cast<const char*>(s.plane(p) + size_t(y) * s.stride(p)), rowBytes);
     }
     return bytes;
+}
+
+// Writes n pattern frames (numbered from 0), each of which must be taken; answers their
+// packed bytes one after the other.
+inline std::string writePatternFrames(Zn::FileWriteInstance& out, Zn::Image::eDataFormat f, uint32_t w, uint32_t h,
+                                      int n) {
+    std::string all;
+    for (int i = 0; i < n; ++i) {
+        Zn::Image::Surface frame = patternFrame(f, w, h, i);
+        all += packedBytes(frame);
+        EXPECT_EQ(out.writeFrame(frame, i), 1) << "frame " << i;
+    }
+    return all;
 }
 
 } // namespace testing_support

@@ -4,7 +4,6 @@
 #pragma once
 
 #include "support/Command.h"
-#include "support/Files.h"
 #include "support/TempDir.h"
 
 #include <sstream>

@@ -2,7 +2,11 @@
 #pragma once
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace testing_support {
 
@@ -19,5 +23,15 @@ public:
 private:
     std::filesystem::path path_;
 };
+
+// A whole file written or read at once.
+inline void writeFile(const std::filesystem::path& path, std::string_view bytes) {
+    if (!std::ofstream(path, std::ios::binary | std::ios::trunc).write(bytes.data(), std::streamsize(bytes.size())))
+        throw std::runtime_error("cannot write " + path.string());
+}
+inline std::string readFile(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
 
 } // namespace testing_support
