@@ -148,8 +148,11 @@ FramePtr FfmpegVideoDecoder::pumpTo(int frame, std::string& error) {
             skipBefore_ = -1;
             return picture;
         }
-        if (got < 0 || got > frame) return nullptr;
+        if (got < 0) return nullptr;
+        // Kept either way: past the frame wanted, the picture is the next one a run asks for
+        // when the frame wanted never comes out (its packet is damaged).
         cacheKeep(got, picture.get());
+        if (got > frame) return nullptr;
     }
 }
 
@@ -199,12 +202,24 @@ Result<int> FfmpegVideoDecoder::decodeRange(int first, int last, const Deliver& 
     if (k > last) return R::ok(delivered);
     std::string error;
     if (!prepare(k, last, error)) return R::fail(error);
+    // A frame that does not come out (a damaged or missing packet) is left out and the run
+    // goes on, as FFmpeg's own program shows the pictures after it; the run fails only
+    // when none came out at all. After such a frame the decode only carries on forward:
+    // trying earlier starts again for every frame of a broken run would decode its group
+    // over and over.
+    std::string firstError;
     for (; k <= last; ++k) {
-        FramePtr picture = reach(k, error);
-        if (!picture) return R::fail(error);
+        FramePtr picture = cacheFind(k);
+        if (!picture) picture = firstError.empty() ? reach(k, error) : pumpTo(k, error);
+        if (!picture) {
+            if (firstError.empty()) firstError = error;
+            error.clear();
+            continue;
+        }
         ++delivered;
         if (!deliver(k, picture.get())) break;
     }
+    if (delivered == 0 && !firstError.empty()) return R::fail(firstError);
     return R::ok(delivered);
 }
 

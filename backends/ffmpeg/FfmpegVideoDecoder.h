@@ -43,7 +43,8 @@ public:
 
     // Decodes frames first..last and hands each to deliver in order (the picture is valid
     // during the call; take a reference to keep it). Stops early when deliver answers
-    // false. Answers the number of frames delivered.
+    // false. A frame that cannot be decoded is skipped; answers the number of frames
+    // delivered, and fails only when none could be.
     using Deliver = std::function<bool(int frame, const AVFrame* picture)>;
     Result<int> decodeRange(int first, int last, const Deliver& deliver);
 

@@ -28,10 +28,12 @@ inline std::string made(const testing_support::TempDir& dir, const std::string& 
 }
 
 // One framemd5 line per shown frame of the first video stream: its MD5. outputArgs
-// (such as "-pix_fmt rgb24") go before the output.
-inline std::vector<std::string> frameMd5s(const std::string& path, const std::string& outputArgs = "") {
+// (such as "-pix_fmt rgb24") go before the output, inputArgs (such as "-threads 1")
+// before the input.
+inline std::vector<std::string> frameMd5s(const std::string& path, const std::string& outputArgs = "",
+                                          const std::string& inputArgs = "") {
     using namespace testing_support;
-    auto r = runCommand("ffmpeg -nostdin -v error -i " + shellQuote(path) + " -map 0:v:0 -fps_mode passthrough " +
+    auto r = runCommand("ffmpeg -nostdin -v error " + inputArgs + " -i " + shellQuote(path) + " -map 0:v:0 -fps_mode passthrough " +
                         outputArgs + " -f framemd5 - 2>/dev/null");
     std::vector<std::string> md5s;
     std::istringstream lines(r.out);

@@ -149,10 +149,19 @@ TEST_F(ReaderBadInput, FilesCutShortOrDamagedAnswerWhatCanBeRead) {
             EXPECT_LE(o.frames, full.frames);
             EXPECT_LE(o.sampleBytes, full.sampleBytes);
             EXPECT_GT(o.frames + o.sampleBytes, 0u);
-            // The last few pictures before the cut lack data or references: FFmpeg may show
-            // them otherwise, or not at all.
-            const std::vector<std::string> want = o.frames ? ffmpeg_oracle::frameMd5s(cut) : std::vector<std::string>();
-            for (size_t k = 0; k + 3 < std::min(o.md5s.size(), want.size()); ++k) EXPECT_EQ(o.md5s[k], want[k]) << "frame " << k;
+            // A frame whose packet is cut or lost fails alone: every picture FFmpeg shows
+            // comes out, in order. A picture decoded from damaged data is concealment,
+            // which in FFmpeg differs with its threading: those it shows alike with one
+            // thread and with several must be the same here.
+            std::vector<std::string> shown;
+            for (const std::string& m : o.md5s)
+                if (m.size() == 32) shown.push_back(m);
+            const auto want = o.frames ? ffmpeg_oracle::frameMd5s(cut) : std::vector<std::string>();
+            const auto single = o.frames ? ffmpeg_oracle::frameMd5s(cut, "", "-threads 1") : std::vector<std::string>();
+            ASSERT_EQ(shown.size(), want.size());
+            ASSERT_EQ(single.size(), want.size());
+            for (size_t k = 0; k < want.size(); ++k)
+                EXPECT_TRUE(want[k] != single[k] || shown[k] == want[k]) << "frame " << k;
         }
         EXPECT_FALSE(readAs(dir.file("stub-" + name), bytes.substr(0, 3)).opened);
 
