@@ -35,8 +35,8 @@ inline void put(std::string& out, uint32_t v, unsigned bytes) {
     for (unsigned i = 0; i < bytes; ++i) out += char(v >> (8 * i));
 }
 
-// A 44-byte RIFF header and the samples, interleaved.
-inline void writeWav(const std::string& path, uint32_t channels, uint32_t bytes, uint64_t samples) {
+// A 44-byte RIFF header and the samples, interleaved. Returns path.
+inline std::string writeWav(const std::string& path, uint32_t channels, uint32_t bytes, uint64_t samples) {
     std::string f;
     const uint32_t frame = channels * bytes, data = uint32_t(samples * frame);
     const std::pair<uint32_t, unsigned> header[] = {
@@ -47,6 +47,7 @@ inline void writeWav(const std::string& path, uint32_t channels, uint32_t bytes,
     for (uint64_t s = 0; s < samples; ++s)
         for (uint32_t c = 0; c < channels; ++c) put(f, sampleOf(s, c), bytes);
     testing_support::writeFile(path, f);
+    return path;
 }
 
 struct CodedLayout {
@@ -61,8 +62,8 @@ struct CodedLayout {
 
 // "TBC1", channels, samples per block, delay, priming, flags, blocks; then the blocks:
 // per channel the 16-bit differences and the key (the channel's last sample). The last
-// block is padded with zeros.
-inline void writeCoded(const std::string& path, const CodedLayout& l) {
+// block is padded with zeros. Returns path.
+inline std::string writeCoded(const std::string& path, const CodedLayout& l) {
     const uint64_t total = l.delay + l.samples;
     const uint32_t blocks = uint32_t((total + l.perBlock - 1) / l.perBlock);
     std::string f = "TBC1";
@@ -84,6 +85,7 @@ inline void writeCoded(const std::string& path, const CodedLayout& l) {
             put(f, key[c] = prev, 2);
         }
     testing_support::writeFile(path, f);
+    return path;
 }
 inline uint32_t codedBlockBytes(uint32_t channels, uint32_t perBlock) { return channels * (perBlock + 1) * 2; }
 inline constexpr uint32_t kCodedHeaderBytes = 28;
