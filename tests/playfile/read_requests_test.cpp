@@ -30,12 +30,12 @@ protected:
     }
     Zn::Ptr<Zn::iDecoderFactory> factory{new ByteDecoderFactory};
     testing_support::TempDir dir;
+    OpenFile f{dir, "test.frames"};
 };
 
 } // namespace
 
 TEST_F(DecoderRegistered, RawFrameBecomesASurfaceOverTheReadDataWithoutACopy) {
-    OpenFile f(dir, "raw.frames");
     RecordingIssuer issuer;
     auto r = f.request(5, &issuer);
     issuer.watch(r.get());
@@ -61,7 +61,6 @@ TEST_F(DecoderRegistered, RawFrameBecomesASurfaceOverTheReadDataWithoutACopy) {
 }
 
 TEST_F(DecoderRegistered, CompressedFrameIsDecodedOnlyWhenWantedAndOnlyByTheThreadThatClaimsIt) {
-    OpenFile f(dir, "byte.frames");
     f.reader->mode = FrameFileReader::kCompressed;
 
     // Wanted decoded: decoded through the registry.
