@@ -90,8 +90,7 @@ inline std::string writeCoded(const std::string& path, const CodedLayout& l) {
 inline uint32_t codedBlockBytes(uint32_t channels, uint32_t perBlock) { return channels * (perBlock + 1) * 2; }
 inline constexpr uint32_t kCodedHeaderBytes = 28;
 
-class TbcCodec : public Zn::AudioCodecInstance {
-public:
+struct TbcCodec : Zn::AudioCodecInstance {
     TbcCodec(uint32_t channels, uint32_t perBlock, uint32_t delay, uint32_t priming, uint32_t flags)
         : channels_(channels), perBlock_(perBlock), delay_(delay), priming_(priming), flags_(flags),
           key_(channels), out_(size_t(channels) * perBlock) {}
@@ -107,7 +106,6 @@ public:
 
     std::atomic<int> decodes{0}, resets{0};
 
-protected:
     int decode(const uint8_t* data, uint32_t size, uint32_t& samples) override {
         ++decodes;
         if (flags_ & 2) return 1; // takes nothing, gives nothing
@@ -134,8 +132,7 @@ private:
 };
 
 // Makes codecs for "tbc" streams from the file header handed to it.
-class TbcFactory : public Zn::iAudioDecoderFactory {
-public:
+struct TbcFactory : Zn::iAudioDecoderFactory {
     String name() const override { return "tbc"; }
     bool canDecode(const Aud::Metadata& m) const override { return m.codec == "tbc"; }
     Zn::Ptr<Zn::AudioCodecInstance> createCodec(const Aud::Metadata& m, const Zn::Ptr<iMemHolder>& header) override {
@@ -148,8 +145,7 @@ public:
 
 // Opens a file made by writeWav or writeCoded: one readable audio stream, then
 // extraStreams more that are described but cannot be read.
-class AudioFileReader : public FileReadInstance, public Zn::AudioReader, test_backend::Locking {
-public:
+struct AudioFileReader : FileReadInstance, Zn::AudioReader, test_backend::Locking {
     AudioFileReader(const std::string& path, uint32_t extraStreams = 0)
         : FileReadInstance(test_backend::wide(path), DecodeFormat::getDefault(), OpenType::kAudio),
           Zn::AudioReader(getMetadata()->getAudioMetadata()) {
@@ -195,7 +191,6 @@ public:
 
     std::atomic<int> sampleReads{0};
 
-protected:
     int readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into, uint32_t& delivered) override {
         delivered = 0;
         if (stream != 0 || !frameBytes_) return kFailed;

@@ -16,8 +16,7 @@ using namespace cache_test;
 namespace {
 
 // Empties a pool's idle list for a test and gives the queues back afterwards.
-template <class T> class ParkedPool {
-public:
+template <class T> struct ParkedPool {
     ParkedPool() {
         while (Pool<T>::instance().idleCount()) parked_.push_back(Pool<T>::take());
     }
@@ -78,8 +77,7 @@ TEST(FileReadInstance, AnInstanceWithoutAQueueFailsRequestsOfThatKindAndNothingE
 
 namespace {
 
-class OptionsReader : public FrameFileReader {
-public:
+struct OptionsReader : FrameFileReader {
     using FrameFileReader::FrameFileReader;
     configb getDecodeOptionValues() override {
         configb defaults;

@@ -22,8 +22,7 @@ Zn::Ptr<FrameBufferRep> readInto(OpenFile& f, Zn::Ptr<VideoReadRequest> r, Reque
 }
 
 // With the decoder of the compressed test frames registered.
-class ReadRequests : public ::testing::Test {
-protected:
+struct ReadRequests : ::testing::Test {
     void SetUp() override { Zn::DecoderInfo::instance().registerFactory(factory); }
     void TearDown() override {
         Zn::DecoderInfo::instance().unregisterFactory(factory);

@@ -13,8 +13,7 @@ using Zn::Image::Surface;
 
 namespace {
 
-class PaintingReader : public StreamingDecodeReader, Locking {
-public:
+struct PaintingReader : StreamingDecodeReader, Locking {
     PaintingReader() : StreamingDecodeReader(WString(L"/painted"), DecodeFormat(1), OpenType::kVideo) {}
     ~PaintingReader() override { endStreamDecode(); }
 
@@ -33,7 +32,6 @@ public:
 
     Gate gate;
 
-protected:
     int decodeFrames(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) override {
         locked([&] { passes_.push_back({frame, buffer->getNumFrames(), BasicThread::current() == this}); });
         for (uint32_t i = 0; i < buffer->getNumFrames(); ++i) {

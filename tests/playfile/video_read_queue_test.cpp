@@ -13,8 +13,7 @@ using namespace test_backend;
 
 namespace {
 
-class VideoQueue : public ::testing::Test {
-protected:
+struct VideoQueue : ::testing::Test {
     // Closes the reader's gate and queues a request for frame 63 that the thread takes and
     // then waits at the gate with, so that what is queued next stays pending.
     template <class Queue> void holdThread(OpenFile& f, Queue& queue) {
