@@ -120,23 +120,20 @@ TEST_F(VideoQueue, FinishedRequestServesLaterIssuersAtOnceUntilReleasedByAll) {
     EXPECT_EQ(f.file->getVideoQueue()->inProgressCount(), 2u);
 }
 
-TEST_F(VideoQueue, FailedRequestIsJoinedWithoutACallback) {
-    OpenFile f(dir, "failed.frames");
+TEST_F(VideoQueue, FailedRequestIsJoinedWithoutACallbackAPendingOneStaysInProgressAndAThrowFails) {
+    OpenFile f(dir, "outcomes.frames");
     f.reader->mode = FrameFileReader::kFail;
-    RecordingIssuer a, b;
-    auto r1 = issue(f, 3, a);
-    ASSERT_TRUE(a.waitForCalls(1));
-    EXPECT_EQ(a.status(), Failed);
-    EXPECT_EQ(issue(f, 3, b).get(), r1.get());
-    EXPECT_EQ(b.calls(), 0);
-}
+    RecordingIssuer failer, joiner, a;
+    auto failed = issue(f, 3, failer);
+    ASSERT_TRUE(failer.waitForCalls(1));
+    EXPECT_EQ(failer.status(), Failed);
+    EXPECT_EQ(issue(f, 3, joiner).get(), failed.get());
+    EXPECT_EQ(joiner.calls(), 0);
 
-TEST_F(VideoQueue, BackEndThatCompletesLaterLeavesTheRequestInProgressAndAThrowFailsIt) {
-    OpenFile f(dir, "later.frames");
+    // A back-end that completes later.
     f.reader->mode = FrameFileReader::kPending;
-    RecordingIssuer a;
     auto r = issue(f, 2, a);
-    ASSERT_TRUE(eventually([&] { return f.reader->reads.load() == 1; }));
+    ASSERT_TRUE(eventually([&] { return f.reader->reads.load() == 2; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(r->getStatus(), InProgress);
     EXPECT_EQ(a.calls(), 0);
