@@ -55,9 +55,7 @@ void expectStream(const AudioReadRequest& r, uint32_t n, uint32_t bytes) {
 
 using Blocks = std::vector<uint64_t>;
 
-struct AudioReader : testing::Test {
-    testing_support::TempDir dir;
-};
+struct AudioReader : testing::Test { testing_support::TempDir dir; };
 
 } // namespace
 

@@ -30,8 +30,9 @@ private:
 
 } // namespace
 
-TEST(FileReadInstance, ClosingAFileReturnsItsQueuesAndTheNextOpenTakesThem) {
-    testing_support::TempDir dir;
+struct ReadInstance : ::testing::Test { testing_support::TempDir dir; };
+
+TEST_F(ReadInstance, ClosingAFileReturnsItsQueuesAndTheNextOpenTakesThem) {
     ParkedPool<Zn::VideoReadQueue> videoPool;
     ParkedPool<Zn::AudioReadQueue> audioPool;
     const FrameFileLayout layout = cache_test::layout(64, 2, 64);
@@ -51,8 +52,7 @@ TEST(FileReadInstance, ClosingAFileReturnsItsQueuesAndTheNextOpenTakesThem) {
     EXPECT_EQ(second->getAudioQueue().get(), audio);
 }
 
-TEST(FileReadInstance, AnInstanceWithoutAQueueFailsRequestsOfThatKindAndNothingElse) {
-    testing_support::TempDir dir;
+TEST_F(ReadInstance, AnInstanceWithoutAQueueFailsRequestsOfThatKindAndNothingElse) {
     OpenFile audioOnly(dir, "audio.frames", cache_test::layout(64, 1, 64), OpenType::kAudio);
     EXPECT_FALSE(audioOnly.file->getVideoQueue());
     EXPECT_TRUE(audioOnly.file->getAudioQueue());
@@ -90,8 +90,7 @@ struct OptionsReader : FrameFileReader {
 
 } // namespace
 
-TEST(FileReadInstance, DefaultsAndStoredDecodeOptionsMerge) {
-    testing_support::TempDir dir;
+TEST_F(ReadInstance, DefaultsAndStoredDecodeOptionsMerge) {
     OpenFile plain(dir, "plain.frames");
     EXPECT_TRUE(plain.file->initDecodeOptionValues(configb::fromText("gamma=1.0")).empty()); // offers none
 
