@@ -35,8 +35,8 @@ inline void put(std::string& out, uint32_t v, unsigned bytes) {
     for (unsigned i = 0; i < bytes; ++i) out += char(v >> (8 * i));
 }
 
-// A 44-byte RIFF header and the samples, interleaved.
-inline void writeWav(const std::string& path, uint32_t channels, uint32_t bytes, uint64_t samples) {
+// A 44-byte RIFF header and the samples, interleaved. Returns path.
+inline std::string writeWav(const std::string& path, uint32_t channels, uint32_t bytes, uint64_t samples) {
     std::string f;
     const uint32_t frame = channels * bytes, data = uint32_t(samples * frame);
     const std::pair<uint32_t, unsigned> header[] = {
@@ -47,6 +47,7 @@ inline void writeWav(const std::string& path, uint32_t channels, uint32_t bytes,
     for (uint64_t s = 0; s < samples; ++s)
         for (uint32_t c = 0; c < channels; ++c) put(f, sampleOf(s, c), bytes);
     testing_support::writeFile(path, f);
+    return path;
 }
 
 struct CodedLayout {
@@ -61,8 +62,8 @@ struct CodedLayout {
 
 // "TBC1", channels, samples per block, delay, priming, flags, blocks; then the blocks:
 // per channel the 16-bit differences and the key (the channel's last sample). The last
-// block is padded with zeros.
-inline void writeCoded(const std::string& path, const CodedLayout& l) {
+// block is padded with zeros. Returns path.
+inline std::string writeCoded(const std::string& path, const CodedLayout& l) {
     const uint64_t total = l.delay + l.samples;
     const uint32_t blocks = uint32_t((total + l.perBlock - 1) / l.perBlock);
     std::string f = "TBC1";
@@ -84,12 +85,12 @@ inline void writeCoded(const std::string& path, const CodedLayout& l) {
             put(f, key[c] = prev, 2);
         }
     testing_support::writeFile(path, f);
+    return path;
 }
 inline uint32_t codedBlockBytes(uint32_t channels, uint32_t perBlock) { return channels * (perBlock + 1) * 2; }
 inline constexpr uint32_t kCodedHeaderBytes = 28;
 
-class TbcCodec : public Zn::AudioCodecInstance {
-public:
+struct TbcCodec : Zn::AudioCodecInstance {
     TbcCodec(uint32_t channels, uint32_t perBlock, uint32_t delay, uint32_t priming, uint32_t flags)
         : channels_(channels), perBlock_(perBlock), delay_(delay), priming_(priming), flags_(flags),
           key_(channels), out_(size_t(channels) * perBlock) {}
@@ -105,7 +106,6 @@ public:
 
     std::atomic<int> decodes{0}, resets{0};
 
-protected:
     int decode(const uint8_t* data, uint32_t size, uint32_t& samples) override {
         ++decodes;
         if (flags_ & 2) return 1; // takes nothing, gives nothing
@@ -132,8 +132,7 @@ private:
 };
 
 // Makes codecs for "tbc" streams from the file header handed to it.
-class TbcFactory : public Zn::iAudioDecoderFactory {
-public:
+struct TbcFactory : Zn::iAudioDecoderFactory {
     String name() const override { return "tbc"; }
     bool canDecode(const Aud::Metadata& m) const override { return m.codec == "tbc"; }
     Zn::Ptr<Zn::AudioCodecInstance> createCodec(const Aud::Metadata& m, const Zn::Ptr<iMemHolder>& header) override {
@@ -146,8 +145,7 @@ public:
 
 // Opens a file made by writeWav or writeCoded: one readable audio stream, then
 // extraStreams more that are described but cannot be read.
-class AudioFileReader : public FileReadInstance, public Zn::AudioReader, test_backend::Locking {
-public:
+struct AudioFileReader : FileReadInstance, Zn::AudioReader, test_backend::Locking {
     AudioFileReader(const std::string& path, uint32_t extraStreams = 0)
         : FileReadInstance(test_backend::wide(path), DecodeFormat::getDefault(), OpenType::kAudio),
           Zn::AudioReader(getMetadata()->getAudioMetadata()) {
@@ -193,7 +191,6 @@ public:
 
     std::atomic<int> sampleReads{0};
 
-protected:
     int readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into, uint32_t& delivered) override {
         delivered = 0;
         if (stream != 0 || !frameBytes_) return kFailed;

@@ -23,8 +23,7 @@ inline FrameFileLayout layout(uint32_t frames, uint32_t audioChannels = 0, uint6
     return {.frames = frames, .audioChannels = audioChannels, .audioSamples = samples, .extraStreamChannels = {}};
 }
 
-class FramePlugin : public Zn::iFileReader {
-public:
+struct FramePlugin : Zn::iFileReader {
     explicit FramePlugin(const char* name, unsigned caps = OpenType::kVideoAndAudio) : name_(name), caps_(caps) {}
 
     String name() const override { return name_; }
@@ -67,8 +66,7 @@ private:
 };
 
 // Registers plug-ins, in order after any already there, for a scope.
-class Registered {
-public:
+struct Registered {
     explicit Registered(std::initializer_list<Zn::Ptr<FramePlugin>> plugins) : plugins_(plugins) {
         for (auto& p : plugins_) Zn::FileReaderInfo::registerFileReader(p);
     }
@@ -82,8 +80,7 @@ private:
 
 // A project (see ProjectFixture.h) with one registered plug-in, whose clips each keep
 // all their material in one frame file.
-class ClipTest : public project_test::ProjectTest {
-protected:
+struct ClipTest : project_test::ProjectTest {
     // A clip with a video channel and audio channels, its file written with layout.
     Cookie clip(const std::string& name, const FrameFileLayout& layout, int audioChannels = 0) {
         std::string path = writeFrameFile(tmp, name + ".frames", layout);

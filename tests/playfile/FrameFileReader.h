@@ -79,8 +79,7 @@ struct Locking {
 };
 
 // Holds threads at pass() while closed.
-class Gate {
-public:
+struct Gate {
     void close() { set(true); }
     void open() { set(false); }
     void pass() {
@@ -107,8 +106,7 @@ private:
     int waiting_ = 0;
 };
 
-class FrameFileReader : public FileReadInstance, Locking {
-public:
+struct FrameFileReader : FileReadInstance, Locking {
     enum eMode { kRaw, kPending, kFail, kThrow, kCompressed };
 
     FrameFileReader(const std::string& path, const DecodeFormat& format, OpenType type, const FrameFileLayout& layout)
@@ -204,11 +202,9 @@ private:
 };
 
 // Decodes the one-byte frames of kCompressed into full grey pictures of the frame's size.
-class ByteDecoder : public Zn::iDecoder {
-public:
+struct ByteDecoder : Zn::iDecoder {
     String name() const override { return "byte"; }
 
-protected:
     int decode(Zn::Ptr<FrameBufferRep>& buffer) override {
         if (buffer->getCompressedSize(0) != 1) return 0;
         const auto& core = buffer->getVideoDecompressionInfo().core;
@@ -220,8 +216,7 @@ protected:
     }
 };
 
-class ByteDecoderFactory : public Zn::iDecoderFactory {
-public:
+struct ByteDecoderFactory : Zn::iDecoderFactory {
     String name() const override { return "byte"; }
     bool canDecode(const VideoDecompressionInfo& info) const override { return info.codec == "byte"; }
     Zn::Ptr<Zn::iDecoder> createDecoder(const VideoDecompressionInfo&) override {

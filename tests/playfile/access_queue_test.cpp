@@ -60,8 +60,7 @@ namespace {
 
 struct Item : iObject {};
 
-class Collector : public DecouplingQueue<Item>::Decoupler {
-public:
+struct Collector : DecouplingQueue<Item>::Decoupler {
     ~Collector() override { endQueue(); }
     void despatch(Zn::Ptr<Item>&) override {
         gate.pass();

@@ -14,29 +14,27 @@ namespace {
 
 // The library's own definitions, looked up in the library itself: in a sanitizer build
 // the process-wide operators belong to the sanitizer runtime, but the library's calls
-// still reach these.
-template <class Fn> Fn libraryOperator(const char* mangled) {
-    static void* lib = dlopen("libplayfile.so.0", RTLD_LAZY | RTLD_NOLOAD);
-    EXPECT_NE(lib, nullptr) << dlerror();
-    void* sym = lib ? dlsym(lib, mangled) : nullptr;
-    EXPECT_NE(sym, nullptr) << mangled;
-    return reinterpret_cast<Fn>(sym);
-}
-
-using NewFn = void* (*)(size_t);
-using DeleteFn = void (*)(void*);
-using NewNothrowFn = void* (*)(size_t, const std::nothrow_t&);
-using DeleteNothrowFn = void (*)(void*, const std::nothrow_t&);
+// still reach these. Converts to the function pointer it initializes.
+struct LibrarySymbol {
+    const char* mangled;
+    template <class Fn> operator Fn() const {
+        static void* lib = dlopen("libplayfile.so.0", RTLD_LAZY | RTLD_NOLOAD);
+        EXPECT_NE(lib, nullptr) << dlerror();
+        void* sym = lib ? dlsym(lib, mangled) : nullptr;
+        EXPECT_NE(sym, nullptr) << mangled;
+        return reinterpret_cast<Fn>(sym);
+    }
+};
 
 struct Operators {
-    NewFn newScalar = libraryOperator<NewFn>("_Znwm");
-    NewFn newArray = libraryOperator<NewFn>("_Znam");
-    DeleteFn deleteScalar = libraryOperator<DeleteFn>("_ZdlPv");
-    DeleteFn deleteArray = libraryOperator<DeleteFn>("_ZdaPv");
-    NewNothrowFn newScalarNothrow = libraryOperator<NewNothrowFn>("_ZnwmRKSt9nothrow_t");
-    NewNothrowFn newArrayNothrow = libraryOperator<NewNothrowFn>("_ZnamRKSt9nothrow_t");
-    DeleteNothrowFn deleteScalarNothrow = libraryOperator<DeleteNothrowFn>("_ZdlPvRKSt9nothrow_t");
-    DeleteNothrowFn deleteArrayNothrow = libraryOperator<DeleteNothrowFn>("_ZdaPvRKSt9nothrow_t");
+    void* (*newScalar)(size_t) = LibrarySymbol{"_Znwm"};
+    void* (*newArray)(size_t) = LibrarySymbol{"_Znam"};
+    void (*deleteScalar)(void*) = LibrarySymbol{"_ZdlPv"};
+    void (*deleteArray)(void*) = LibrarySymbol{"_ZdaPv"};
+    void* (*newScalarNothrow)(size_t, const std::nothrow_t&) = LibrarySymbol{"_ZnwmRKSt9nothrow_t"};
+    void* (*newArrayNothrow)(size_t, const std::nothrow_t&) = LibrarySymbol{"_ZnamRKSt9nothrow_t"};
+    void (*deleteScalarNothrow)(void*, const std::nothrow_t&) = LibrarySymbol{"_ZdlPvRKSt9nothrow_t"};
+    void (*deleteArrayNothrow)(void*, const std::nothrow_t&) = LibrarySymbol{"_ZdaPvRKSt9nothrow_t"};
 };
 
 } // namespace

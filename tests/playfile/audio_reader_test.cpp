@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 using namespace test_audio;
 using test_backend::RecordingIssuer;
 
@@ -53,13 +55,13 @@ void expectStream(const AudioReadRequest& r, uint32_t n, uint32_t bytes) {
 
 using Blocks = std::vector<uint64_t>;
 
+struct AudioReader : testing::Test { testing_support::TempDir dir; };
+
 } // namespace
 
 // (That every channel of a span costs one read is checked by AudioReaderJoins below.)
-TEST(AudioReader, ARequestInsideTheLastBlockIsServedFromItAndOnePastTheEndGetsWhatThereIs) {
-    testing_support::TempDir dir;
-    writeWav(dir.file("a.wav"), 4, 2, 10000);
-    Opened f(dir.file("a.wav"));
+TEST_F(AudioReader, ARequestInsideTheLastBlockIsServedFromItAndOnePastTheEndGetsWhatThereIs) {
+    Opened f(writeWav(dir.file("a.wav"), 4, 2, 10000));
     expectStream(*f.read(2, 1000, 500), 500, 2);
     expectStream(*f.read(2, 1010, 100), 100, 2);
     EXPECT_EQ(f.reader->sampleReads, 1);
@@ -70,10 +72,8 @@ TEST(AudioReader, ARequestInsideTheLastBlockIsServedFromItAndOnePastTheEndGetsWh
     EXPECT_EQ(f.issuer.calls(), 3);
 }
 
-TEST(AudioReader, StreamsNotPlayedShareGrowingSilenceAndABadStreamFailsWithItsLogLine) {
-    testing_support::TempDir dir;
-    writeWav(dir.file("s.wav"), 2, 2, 100);
-    Opened f(dir.file("s.wav"), 99); // streams 0..99: 99 is the first one not played
+TEST_F(AudioReader, StreamsNotPlayedShareGrowingSilenceAndABadStreamFailsWithItsLogLine) {
+    Opened f(writeWav(dir.file("s.wav"), 2, 2, 100), 99); // streams 0..99: 99 is the first one not played
     testing_support::LogCapture log;
 
     auto first = f.read(0, 0, 100, 99);
@@ -83,8 +83,7 @@ TEST(AudioReader, StreamsNotPlayedShareGrowingSilenceAndABadStreamFailsWithItsLo
         EXPECT_EQ((*r)->getUsed(), 400u);
     }
     EXPECT_EQ(first->getBuffer(), second->getBuffer());
-    for (uint32_t i = 0; i < 400; ++i)
-        ASSERT_EQ(first->getBuffer()[i], 0);
+    EXPECT_EQ(std::count(first->getBuffer(), first->getBuffer() + 400, 0), 400);
     auto grown = f.read(0, 0, 200, 99);
     EXPECT_EQ(grown->getUsed(), 800u);
     EXPECT_EQ(first->getUsed(), 400u); // the earlier result keeps its buffer
@@ -97,10 +96,8 @@ TEST(AudioReader, StreamsNotPlayedShareGrowingSilenceAndABadStreamFailsWithItsLo
     EXPECT_EQ(log.count("** disk read error 0x0\n"), 1u);
 }
 
-TEST(AudioReader, CompressedReadsDecodeOnForwardsAndResetWithPreRollForAJump) {
-    testing_support::TempDir dir;
-    writeCoded(dir.file("c.tbc"), {.samples = 10000});
-    Opened f(dir.file("c.tbc"));
+TEST_F(AudioReader, CompressedReadsDecodeOnForwardsAndResetWithPreRollForAJump) {
+    Opened f(writeCoded(dir.file("c.tbc"), {.samples = 10000}));
     TbcCodec& codec = f.reader->codec();
 
     expectStream(*f.read(0, 0, 2560), 2560, 2); // blocks 0..9
@@ -123,10 +120,8 @@ TEST(AudioReader, CompressedReadsDecodeOnForwardsAndResetWithPreRollForAJump) {
     EXPECT_EQ(codec.resets, 2);
 }
 
-TEST(AudioReader, ACodecThatGivesNothingForNineStepsFailsTheRead) {
-    testing_support::TempDir dir;
-    writeCoded(dir.file("m.tbc"), {.samples = 4096, .mute = true});
-    Opened f(dir.file("m.tbc"));
+TEST_F(AudioReader, ACodecThatGivesNothingForNineStepsFailsTheRead) {
+    Opened f(writeCoded(dir.file("m.tbc"), {.samples = 4096, .mute = true}));
     testing_support::LogCapture log;
 
     auto r = f.read(0, 0, 1000);
@@ -139,10 +134,9 @@ TEST(AudioReader, ACodecThatGivesNothingForNineStepsFailsTheRead) {
 
 // Reads the whole stream through the audio queue in requests of odd sizes, every channel
 // of each span, and checks that the pieces join up to exactly the stream.
-class AudioReaderJoins : public testing::TestWithParam<int> {};
+class AudioReaderJoins : public AudioReader, public testing::WithParamInterface<int> {};
 
 TEST_P(AudioReaderJoins, NoSampleIsLostOrDuplicatedBetweenRequests) {
-    testing_support::TempDir dir;
     const uint64_t length = 30000;
     uint32_t channels = 3, bytes = 3;
     std::string path = dir.file("j");
@@ -160,7 +154,7 @@ TEST_P(AudioReaderJoins, NoSampleIsLostOrDuplicatedBetweenRequests) {
     Opened f(path);
     std::vector<std::vector<uint32_t>> got(channels);
     const uint32_t sizes[] = {1000, 4096, 4097};
-    int calls = 0, chunks = 0, resetsAfterFirst = -1;
+    int chunks = 0, resetsAfterFirst = -1;
     for (uint64_t at = 0, n = 0; at < length; at += sizes[n++ % 3]) {
         // Cut to the stream's end, as the cache does.
         const uint32_t count = uint32_t(std::min<uint64_t>(sizes[n % 3], length - at));
@@ -169,9 +163,7 @@ TEST_P(AudioReaderJoins, NoSampleIsLostOrDuplicatedBetweenRequests) {
             span.push_back(f.request(0, c, at, count, &f.issuer));
             f.file->queueReadRequest(span.back(), c + 1 < channels);
         }
-        calls += int(channels);
-        ++chunks;
-        ASSERT_TRUE(f.issuer.waitForCalls(calls));
+        ASSERT_TRUE(f.issuer.waitForCalls(++chunks * int(channels)));
         for (uint32_t c = 0; c < channels; ++c) {
             ASSERT_EQ(span[c]->getStatus(), Complete);
             ASSERT_GE(span[c]->getResult().getSampleCount(), count);
@@ -195,10 +187,8 @@ TEST_P(AudioReaderJoins, NoSampleIsLostOrDuplicatedBetweenRequests) {
 
 INSTANTIATE_TEST_SUITE_P(PlainCodedCodedInterleaved, AudioReaderJoins, testing::Values(0, 1, 2));
 
-TEST(AudioReader, ABlockNobodyUsesIsWrittenAgainAndOneInUseIsLeftAlone) {
-    testing_support::TempDir dir;
-    writeWav(dir.file("r.wav"), 2, 2, 10000);
-    Opened f(dir.file("r.wav"));
+TEST_F(AudioReader, ABlockNobodyUsesIsWrittenAgainAndOneInUseIsLeftAlone) {
+    Opened f(writeWav(dir.file("r.wav"), 2, 2, 10000));
     const uint8_t* first = f.read(0, 0, 1000, 0, false)->getBuffer();
     auto second = f.read(0, 1000, 1000, 0, false);
     EXPECT_EQ(second->getBuffer(), first);        // the same memory, written again

@@ -56,24 +56,21 @@ TEST_F(Clips, AudioChannelsMapOntoTheStreamsAndReadsStopAtTheEndOfTheFile) {
     ASSERT_TRUE(MaterialInfo::set_start_offset(sound(c, 1), 10)); // samples
     PlayFileCache cache(2, 4);
     Zn::Ptr<AudioReadRequest> request;
+    auto ask = [&](int channel, uint64_t start, uint32_t count, bool noOffset = false) {
+        return cache.audioReadRequest(request, sound(c, channel), start, count, kProxyLevelHighRes, nullptr, noOffset);
+    };
 
-    ASSERT_EQ(cache.audioReadRequest(request, sound(c, 4), 0, 100, kProxyLevelHighRes, nullptr, true),
-              PlayFileCache::kAudioCreated);
-    EXPECT_EQ(request->stream, 1u);
-    EXPECT_EQ(request->channel, 1u);
+    ASSERT_EQ(ask(4, 0, 100, true), PlayFileCache::kAudioCreated);
+    EXPECT_EQ(std::pair(request->stream, request->channel), std::pair(1u, 1u));
 
     // (That the samples read are those of the request the stress test shows.)
-    ASSERT_EQ(cache.audioReadRequest(request, sound(c, 1), 900, 200, kProxyLevelHighRes, nullptr, false),
-              PlayFileCache::kAudioCreated);
-    EXPECT_EQ(request->start, 910u);
-    EXPECT_EQ(request->count, 90u);
+    ASSERT_EQ(ask(1, 900, 200), PlayFileCache::kAudioCreated);
+    EXPECT_EQ(std::pair(request->start, request->count), std::pair(uint64_t(910), 90u));
     EXPECT_EQ(cache.getSampleCount(sound(c, 1)), 1000u);
 
     testing_support::LogCapture log;
-    EXPECT_EQ(cache.audioReadRequest(request, sound(c, 1), 990, 10, kProxyLevelHighRes, nullptr, false),
-              PlayFileCache::kAudioPastEnd);
-    EXPECT_EQ(cache.audioReadRequest(request, sound(c, 0), 0, 10, kProxyLevelHighRes, nullptr, false),
-              PlayFileCache::kNotAvailable);
+    EXPECT_EQ(ask(1, 990, 10), PlayFileCache::kAudioPastEnd);
+    EXPECT_EQ(ask(0, 0, 10), PlayFileCache::kNotAvailable);
     EXPECT_EQ(log.lines(),
               (std::vector<std::string>{"Audio Read request failed: The audio read starts past the end of the material\n",
                                         "Audio Read request failed: The material is not available for reading\n"}));

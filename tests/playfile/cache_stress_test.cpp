@@ -8,6 +8,7 @@
 #include "playfile/EntryPoints.h"
 #include "playfile/requests/AudioReadRequest.h"
 #include "playfile/requests/VideoReadRequest.h"
+#include "support/Threads.h"
 
 #include <gtest/gtest.h>
 
@@ -64,12 +65,8 @@ TEST_F(CacheStress, EightThreadsReadTwelveClipsThroughFourIdleFiles) {
                 uint64_t start = rng() % kSamples;
                 Zn::Ptr<AudioReadRequest> r;
                 if (cache.audioReadRequest(r, sound(c, channel), start, 1 + rng() % 64, kProxyLevelHighRes,
-                                           w.getProxy(), true) != PlayFileCache::kAudioCreated) {
-                    ++wrong;
-                    continue;
-                }
-                r->getFile()->queueReadRequest(r, false);
-                if (!w.waitForCalls(1, std::chrono::seconds(20))) ++lost;
+                                           w.getProxy(), true) != PlayFileCache::kAudioCreated) ++wrong;
+                else if (!r->getFile()->queueReadRequest(r, false) || !w.waitForCalls(1, std::chrono::seconds(20))) ++lost;
                 else if (w.status() != Complete ||
                          reinterpret_cast<const int16_t*>(r->getBuffer())[0] != sampleOf(start, channel - 1))
                     ++wrong;
@@ -83,19 +80,17 @@ TEST_F(CacheStress, EightThreadsReadTwelveClipsThroughFourIdleFiles) {
             ++reads;
         }
     };
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) threads.emplace_back(work, 17u + i);
-    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
-    stop = true;
-    for (auto& t : threads) t.join();
+    testing_support::inThreads(kThreads + 1, [&](int i) {
+        if (i < kThreads) work(17u + i);
+        else std::this_thread::sleep_for(std::chrono::milliseconds(2500)), stop = true; // the clock
+    });
     Logging::setConsole(true);
 
     EXPECT_EQ(wrong.load(), 0);
     EXPECT_EQ(lost.load(), 0);
     EXPECT_GT(reads.load(), 100);
-    PlayFileCache::Statistics s = cache.statistics();
-    EXPECT_GT(s.evictions, 0u);
-    EXPECT_EQ(s.failedOpens, 0u);
+    EXPECT_GT(cache.statistics().evictions, 0u);
+    EXPECT_EQ(cache.statistics().failedOpens, 0u);
     std::printf("%ld reads\n%s", reads.load(), cache.statisticsReport().c_str());
     // Idle files go back to the limits.
     EXPECT_TRUE(eventually([&] {

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,10 +20,17 @@ std::string written(SAV_HEADER h) {
     return buf;
 }
 
-SAV_HEADER parsedV2(std::string text) {
-    SAV_HEADER h;
+SAV_HEADER parsedV2(std::string text, SAV_HEADER h = {}) {
     parse_header_v2(&h, text.data());
     return h;
+}
+
+// The values, as text, one blank between them.
+template <class... T> std::string fields(const T&... values) {
+    std::ostringstream out;
+    const char* sep = "";
+    ((out << sep << values, sep = " "), ...);
+    return out.str();
 }
 
 SAV_HEADER visionRecord() {
@@ -40,24 +49,21 @@ std::string visionText(const std::string& origFname) {
 
 } // namespace
 
-TEST(HeaderLookup, OnlyTheFirstWordOfALineIsAKey) {
+TEST(HeaderLookup, OnlyTheFirstWordOfALineIsAKeyAndTheFirstHitWins) {
     const char* text = "x f I am x and not f\nnovalue \nthe line after no value\n"
                        "ef ef contains the substring f\nfoo foo begins with the substring f\nf I really am f\n";
-    EXPECT_STREQ(PlayHdrString_seek_value(text, "f"), "I really am f\n");
-    EXPECT_EQ(PlayHdrString_seek_value(text, "novalue"), nullptr);
-    EXPECT_EQ(std::string(PlayHdrString_seek_value(text, "x")).substr(0, 8), "f I am x");
-    EXPECT_EQ(std::string(PlayHdrString_seek_value(text, "ef")).substr(0, 11), "ef contains");
-    EXPECT_EQ(std::string(PlayHdrString_seek_value(text, "foo")).substr(0, 10), "foo begins");
-}
-
-TEST(HeaderLookup, EmptyTextsKeysAtTheEndAndIndentation) {
-    EXPECT_EQ(PlayHdrString_seek_value("", "a"), nullptr);
-    EXPECT_EQ(PlayHdrString_seek_value("   \n\r\t", "a"), nullptr);
-    EXPECT_EQ(PlayHdrString_seek_value("a", "a"), nullptr);       // key ends at the NUL
-    EXPECT_EQ(PlayHdrString_seek_value("a  ", "a"), nullptr);     // blanks then the NUL
-    EXPECT_EQ(PlayHdrString_seek_value("a\nb 1", "a"), nullptr);  // never the next line
-    EXPECT_STREQ(PlayHdrString_seek_value("\n\r  \t a \t 7\n\r", "a"), "7\n\r");
-    EXPECT_STREQ(PlayHdrString_seek_value("a 1\na 2\n", "a"), "1\na 2\n"); // first wins
+    // What the value found begins with; "-" for none.
+    struct { const char *text, *key, *value; } cases[] = {
+        {text, "f", "I really am f\n"}, {text, "novalue", "-"}, {text, "x", "f I am x"}, {text, "ef", "ef contains"},
+        {text, "foo", "foo begins"},     {"", "a", "-"},         {"   \n\r\t", "a", "-"},
+        {"a", "a", "-"},      // the key ends at the NUL
+        {"a  ", "a", "-"},    // blanks then the NUL
+        {"a\nb 1", "a", "-"}, // never the next line
+        {"\n\r  \t a \t 7\n\r", "a", "7\n\r"}, {"a 1\na 2\n", "a", "1\na 2\n"}};
+    for (auto [in, key, value] : cases) {
+        const char* got = PlayHdrString_seek_value(in, key);
+        EXPECT_EQ(got ? std::string(got).substr(0, std::strlen(value)) : "-", value) << key << " in " << in;
+    }
 }
 
 TEST(HeaderCopy, StopsAtFourCharactersOrTheLimitAndKeepsTabs) {
@@ -70,7 +76,7 @@ TEST(HeaderCopy, StopsAtFourCharactersOrTheLimitAndKeepsTabs) {
     }
 }
 
-TEST(HeaderWriter, ExactTextOfAVisionRecordAlwaysWithTheWritersOwnVersionAndPrinted) {
+TEST(HeaderWriter, ExactTextOfAVisionRecordAlwaysWithTheWritersOwnVersionAndPrintedAndOddMediaGetNoBranch) {
     SAV_HEADER h = visionRecord();
     std::snprintf(h.zn_ver, sizeof h.zn_ver, "0.0.0.0");
     const std::string expected = visionText("/media/My Clips/\xC3\xA9t\xC3\xA9.mov");
@@ -78,14 +84,11 @@ TEST(HeaderWriter, ExactTextOfAVisionRecordAlwaysWithTheWritersOwnVersionAndPrin
     testing::internal::CaptureStdout();
     print_header(&h);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), expected + "\n");
-}
 
-TEST(HeaderWriter, AMediumThatIsNeitherWordExactlyGetsTheKeysOfNeitherBranch) {
+    // A medium that is not exactly "sound" or "vision" gets the keys of neither.
     for (const char* m : {"visionx", "Sound"}) {
-        SAV_HEADER odd = make_header(m, "", 1, 1, 0, 1, 0, 0, 2, 2, "PAL", 10, 10, WString(L""), -1, 0, "both", -1);
-        std::string o = written(odd);
-        EXPECT_EQ(o.find("number_of_channels"), std::string::npos) << m;
-        EXPECT_EQ(o.find("vision_type"), std::string::npos) << m;
+        std::string o = written(make_header(m, "", 1, 1, 0, 1, 0, 0, 2, 2, "PAL", 10, 10, WString(L""), -1, 0, "both", -1));
+        EXPECT_TRUE(o.find("number_of_channels") == std::string::npos && o.find("vision_type") == std::string::npos) << o;
     }
 }
 
@@ -101,85 +104,56 @@ TEST(HeaderParseV2, RoundTripsWhatTheWriterWrites) {
 }
 
 TEST(HeaderParseV2, DefaultChainsAndVersionRules) {
-    SAV_HEADER a = parsedV2("input_rate 30\n");
-    EXPECT_STREQ(a.medium, "sound");
-    EXPECT_DOUBLE_EQ(a.replay_rate, 30.0);
-    EXPECT_DOUBLE_EQ(a.timecode_rate, 30.0);
-    SAV_HEADER b = parsedV2("medium sound\n");
-    EXPECT_DOUBLE_EQ(b.input_rate, 1.0);
-    EXPECT_DOUBLE_EQ(b.replay_rate, 1.0);
-    EXPECT_DOUBLE_EQ(b.timecode_rate, 1.0);
-    EXPECT_STREQ(b.zn_ver, "unknown");
-    EXPECT_EQ(b.header_version, 6);
-
+    SAV_HEADER a = parsedV2("input_rate 30\n"), b = parsedV2("medium sound\n");
+    EXPECT_EQ(fields(a.medium, a.replay_rate, a.timecode_rate), "sound 30 30");
+    EXPECT_EQ(fields(b.input_rate, b.replay_rate, b.timecode_rate, b.zn_ver, b.header_version), "1 1 1 unknown 6");
     SAV_HEADER v3 = parsedV2("header_version 3\nmedium vision\nvision_type NTSC\n");
-    EXPECT_STREQ(v3.vision_type, "unknown");
-    EXPECT_STREQ(v3.video_field, "second");
+    EXPECT_EQ(fields(v3.vision_type, v3.video_field), "unknown second");
     SAV_HEADER v4 = parsedV2("header_version 4\nmedium vision\nvision_type NTSC\nreelid ABCDEFGHIJ\n");
-    EXPECT_STREQ(v4.vision_type, "NTSC");
-    EXPECT_STREQ(v4.reelid, "ABCDEFGH");
-    EXPECT_EQ(v4.sequence, -1);
+    EXPECT_EQ(fields(v4.vision_type, v4.reelid, v4.sequence), "NTSC ABCDEFGH -1");
 
-    // A medium that is not exactly "sound" or "vision" reads no keys of either.
-    SAV_HEADER odd;
-    odd.number_of_channels = odd.width = 7;
-    parse_header_v2(&odd, std::string("medium Sound\nnumber_of_channels 2\nwidth 5\nvideo_field first\n").data());
-    EXPECT_STREQ(odd.medium, "Sound");
-    EXPECT_EQ(odd.number_of_channels, 7);
-    EXPECT_EQ(odd.width, 7);
-    EXPECT_STREQ(odd.video_field, "");
-
-    SAV_HEADER keep;
-    keep.number_of_channels = 5;
-    std::snprintf(keep.format, sizeof keep.format, "kept");
-    parse_header_v2(&keep, std::string("medium vision\n").data());
-    EXPECT_EQ(keep.number_of_channels, 5); // not mentioned for vision
-    EXPECT_STREQ(keep.format, "kept");     // no default
+    // Preset fields: a medium that is not exactly "sound" or "vision" reads no keys of
+    // either; vision leaves the channels alone, and the format has no default.
+    SAV_HEADER preset;
+    preset.number_of_channels = preset.width = 7;
+    std::snprintf(preset.format, sizeof preset.format, "kept");
+    SAV_HEADER odd = parsedV2("medium Sound\nnumber_of_channels 2\nwidth 5\nvideo_field first\n", preset);
+    EXPECT_EQ(fields(odd.medium, odd.number_of_channels, odd.width, "[" + std::string(odd.video_field) + "]"),
+              "Sound 7 7 []");
+    SAV_HEADER keep = parsedV2("medium vision\n", preset);
+    EXPECT_EQ(fields(keep.number_of_channels, keep.format), "7 kept");
 }
 
-TEST(HeaderParseV1, OldNamesAndFixedValues) {
+TEST(HeaderParseV1, OldNamesAndFixedValuesAndATextWithoutAVersionIsOne) {
     SAV_HEADER s;
     s.input_rate = s.replay_rate = 7.0;
     parse_header_v1(&s, std::string("number_of_channels 2\nbytes_per_sample 2\n").data());
-    EXPECT_STREQ(s.medium, "sound");
-    EXPECT_DOUBLE_EQ(s.input_rate, 7.0); // untouched without sampling_frequency
-    EXPECT_DOUBLE_EQ(s.timecode_rate, 25.0);
+    EXPECT_EQ(fields(s.medium, s.input_rate, s.timecode_rate), "sound 7 25"); // input untouched without sampling_frequency
     parse_header_v1(&s, std::string("medium sound\nsampling_frequency 44100\nsound_format pcm\n").data());
-    EXPECT_DOUBLE_EQ(s.input_rate, 44100.0);
-    EXPECT_DOUBLE_EQ(s.replay_rate, 44100.0);
-    EXPECT_STREQ(s.format, "pcm");
+    EXPECT_EQ(fields(s.input_rate, s.replay_rate, s.format), "44100 44100 pcm");
 
     SAV_HEADER v;
     parse_header_v1(&v, std::string("header_version 1\nmedium vision\ninput_rate 30\nwidth 720\n").data());
-    EXPECT_STREQ(v.format, "PAL");
-    EXPECT_DOUBLE_EQ(v.input_rate, 25.0);
-    EXPECT_EQ(v.width, 720);
-    EXPECT_EQ(v.sequence, -1);
-    EXPECT_EQ(v.header_version, 6);
-}
+    EXPECT_EQ(fields(v.format, v.input_rate, v.width, v.sequence, v.header_version), "PAL 25 720 -1 6");
 
-TEST(HeaderVersion, AbsentMeansOne) {
     EXPECT_EQ(playhdr_get_version(std::string("medium sound\n").data()), 1);
     EXPECT_EQ(playhdr_get_version(std::string("header_version 2\n").data()), 2);
 }
 
 TEST(HeaderSelfTest, LooksUpFromTheLastHit) {
-    auto run = [](std::vector<const char*> args, int& rc) {
+    auto run = [](std::vector<const char*> args) {
         std::vector<char*> argv;
         for (const char* a : args) argv.push_back(const_cast<char*>(a));
         testing::internal::CaptureStdout();
-        rc = playhdr_selftest_main(int(argv.size()), argv.data());
-        return testing::internal::GetCapturedStdout();
+        const int rc = playhdr_selftest_main(int(argv.size()), argv.data());
+        return testing::internal::GetCapturedStdout() + "exit " + std::to_string(rc);
     };
-    int rc = 0;
-    EXPECT_EQ(run({"selftest"}, rc), "selftest\nUsage: selftest <item>\n");
-    EXPECT_EQ(rc, 2);
-    EXPECT_EQ(run({"selftest", "f"}, rc), "selftest\nItem \"f\" = {I really am f\n}\n");
-    EXPECT_EQ(rc, 0);
-    // After "x" is found, "ef" is searched from x's value on: still found further down.
-    std::string out = run({"selftest", "x", "novalue"}, rc);
+    EXPECT_EQ(run({"selftest"}), "selftest\nUsage: selftest <item>\nexit 2");
+    EXPECT_EQ(run({"selftest", "f"}), "selftest\nItem \"f\" = {I really am f\n}\nexit 0");
+    // "novalue" is looked up from x's value on; a key without a value is not found.
+    std::string out = run({"selftest", "x", "novalue"});
     EXPECT_NE(out.find("Item \"novalue\" not found.\n"), std::string::npos);
-    EXPECT_EQ(rc, 1);
+    EXPECT_TRUE(out.ends_with("exit 1")) << out;
 }
 
 TEST(NewFileHeaders, VisionHeaderFromTheShotsFormatAndRate) {
@@ -191,10 +165,8 @@ TEST(NewFileHeaders, VisionHeaderFromTheShotsFormatAndRate) {
     // Only 25 frames per second is PAL. The quarter-size variant of 1080 stores 480 x 270.
     for (Zn::FrameRate r : {Zn::kFrameRate24, Zn::kFrameRate29_97, Zn::kFrameRate30, Zn::kFrameRate50}) {
         PlayPriv::make_vision_header(file, ShotVideoMetadata(Zn::Image::FormatUID{102}, r), &h);
-        EXPECT_STREQ(h.vision_type, "NTSC") << r;
+        EXPECT_EQ(fields(h.vision_type, h.width, h.height), "NTSC 480 270") << r;
         EXPECT_DOUBLE_EQ(h.input_rate, Zn::getFramesPerSecond(r));
-        EXPECT_EQ(h.width, 480);
-        EXPECT_EQ(h.height, 270);
     }
     EXPECT_DOUBLE_EQ(h.replay_rate, 50.0);
     PlayPriv::make_vision_header(nullptr, ShotVideoMetadata(Zn::Image::FormatUID{999}, Zn::kFrameRate29_97), &h);

@@ -8,6 +8,7 @@
 
 #include "playfile/requests/AudioReadQueue.h"
 #include "playfile/requests/VideoReadQueue.h"
+#include "support/Threads.h"
 
 #include <gtest/gtest.h>
 
@@ -63,24 +64,21 @@ struct Shared {
     }
 };
 
+// Counts a held request whose issuer is never called as lost, one called with a wrong
+// status or data as wrong.
 void check(Shared& s, Outstanding& o) {
-    if (!o.ticket->waitForCalls(1, std::chrono::seconds(10))) {
+    const bool called = o.ticket->waitForCalls(1, std::chrono::seconds(10));
+    const bool failed = o.ticket->status() != Complete;
+    if (!called) {
         ++s.lost;
-        return;
-    }
-    if (o.ticket->status() != Complete) {
-        ++s.wrong;
-        return;
-    }
-    if (o.audio) {
+    } else if (o.audio) {
         const int16_t* samples = reinterpret_cast<const int16_t*>(o.audio->getBuffer());
-        if (!samples || samples[0] != sampleOf(o.audio->start, o.audio->channel)) ++s.wrong;
-        return;
+        s.wrong += failed || !samples || samples[0] != sampleOf(o.audio->start, o.audio->channel);
+    } else {
+        auto buffer = o.ticket->buffer();
+        Zn::Image::Surface surface = buffer ? buffer->getSurface(0) : Zn::Image::Surface();
+        s.wrong += failed || !surface.valid() || (!o.grouped && surface.plane(0)[5] != pixelOf(o.frame, 5, 0));
     }
-    auto buffer = o.ticket->buffer();
-    Zn::Image::Surface surface = buffer ? buffer->getSurface(0) : Zn::Image::Surface();
-    if (!surface.valid()) ++s.wrong;
-    else if (!o.grouped && surface.plane(0)[5] != pixelOf(o.frame, 5, 0)) ++s.wrong;
 }
 
 void issuer(Shared& s, unsigned seed) {
@@ -157,12 +155,11 @@ TEST(ReadQueueStress, OverlappingRequestsFromManyThreadsLoseNothingAndLeakNothin
             s.paths[i] = writeFrameFile(dir, "stress" + std::to_string(i) + ".frames", s.layouts[i]);
             s.files[i] = s.open(i);
         }
-        std::vector<std::thread> threads;
-        for (int t = 0; t < kIssuers; ++t) threads.emplace_back(issuer, std::ref(s), unsigned(t + 1));
-        threads.emplace_back(keeper, std::ref(s));
-        std::this_thread::sleep_for(kDuration);
-        s.stop = true;
-        for (auto& t : threads) t.join();
+        testing_support::inThreads(kIssuers + 2, [&](int t) {
+            if (t < kIssuers) issuer(s, unsigned(t + 1));
+            else if (t == kIssuers) keeper(s);
+            else std::this_thread::sleep_for(kDuration), s.stop = true; // the clock
+        });
 
         EXPECT_GT(s.issued.load(), 1000);
         std::printf("%ld requests issued\n", s.issued.load());

@@ -21,8 +21,8 @@ Zn::Ptr<FrameBufferRep> readInto(OpenFile& f, Zn::Ptr<VideoReadRequest> r, Reque
     return buffer;
 }
 
-class DecoderRegistered : public ::testing::Test {
-protected:
+// With the decoder of the compressed test frames registered.
+struct ReadRequests : ::testing::Test {
     void SetUp() override { Zn::DecoderInfo::instance().registerFactory(factory); }
     void TearDown() override {
         Zn::DecoderInfo::instance().unregisterFactory(factory);
@@ -30,12 +30,12 @@ protected:
     }
     Zn::Ptr<Zn::iDecoderFactory> factory{new ByteDecoderFactory};
     testing_support::TempDir dir;
+    OpenFile f{dir, "test.frames"};
 };
 
 } // namespace
 
-TEST_F(DecoderRegistered, RawFrameBecomesASurfaceOverTheReadDataWithoutACopy) {
-    OpenFile f(dir, "raw.frames");
+TEST_F(ReadRequests, RawFrameBecomesASurfaceOverTheReadDataWithoutACopy) {
     RecordingIssuer issuer;
     auto r = f.request(5, &issuer);
     issuer.watch(r.get());
@@ -60,8 +60,7 @@ TEST_F(DecoderRegistered, RawFrameBecomesASurfaceOverTheReadDataWithoutACopy) {
     EXPECT_TRUE(buffer->getSurface(0).sameAs(s));
 }
 
-TEST_F(DecoderRegistered, CompressedFrameIsDecodedOnlyWhenWantedAndOnlyByTheThreadThatClaimsIt) {
-    OpenFile f(dir, "byte.frames");
+TEST_F(ReadRequests, CompressedFrameIsDecodedOnlyWhenWantedAndOnlyByTheThreadThatClaimsIt) {
     f.reader->mode = FrameFileReader::kCompressed;
 
     // Wanted decoded: decoded through the registry.
@@ -104,9 +103,7 @@ TEST_F(DecoderRegistered, CompressedFrameIsDecodedOnlyWhenWantedAndOnlyByTheThre
     EXPECT_EQ(broken->getDecompressionState(), FrameBufferRep::kDecompressFailed);
 }
 
-TEST(ReadRequestIssuer, DetachWaitsForARunningCallbackAndDetachedIssuersAreSkipped) {
-    testing_support::TempDir dir;
-    OpenFile f(dir, "issuer.frames");
+TEST_F(ReadRequests, DetachingAnIssuerWaitsForARunningCallbackAndDetachedIssuersAreSkipped) {
     Gate gate;
     struct Blocking : RecordingIssuer {
         Gate* gate = nullptr;
@@ -141,17 +138,15 @@ TEST(ReadRequestIssuer, DetachWaitsForARunningCallbackAndDetachedIssuersAreSkipp
     EXPECT_EQ(issuer.calls(), 1); // the proxy no longer reaches it
 }
 
-TEST(AudioReadRequest, ByteArithmeticIsSixtyFourBitAndChannelIndexUsesTheOwnStreamsCount) {
-    testing_support::TempDir dir;
-    OpenFile f(dir, "audio.frames", {.frames = 0, .extraStreamChannels = {2, 6}}, OpenType::kAudio);
+TEST_F(ReadRequests, AudioByteArithmeticIsSixtyFourBitAndChannelIndexUsesTheOwnStreamsCount) {
+    OpenFile a(dir, "audio.frames", {.frames = 0, .extraStreamChannels = {2, 6}}, OpenType::kAudio);
     // Stream 1 channel 0 is 1 * 6 + 0: the stream's own channel count, not the 2 before it.
-    auto r = f.audio(1, 0, 0, 10, nullptr);
+    auto r = a.audio(1, 0, 0, 10, nullptr);
     EXPECT_EQ(r->getChannelIndex(), 6u);
     EXPECT_EQ(r->getBytesPerMCS(), 12u);
-    EXPECT_EQ(f.audio(0, 1, 0, 10, nullptr)->getChannelIndex(), 1u);
+    EXPECT_EQ(a.audio(0, 1, 0, 10, nullptr)->getChannelIndex(), 1u);
 
-    f.reader->getMetadata()->getAudioMetadata()[0] = Aud::Metadata(48000, 2, 3);
-    auto far = f.audio(0, 1, uint64_t(1) << 32, 10, nullptr);
-    EXPECT_EQ(far->getStartByte(), 25769803776ull);
-    EXPECT_EQ(f.audio(7, 0, 0, 1, nullptr)->getStartByte(), 0u); // no such stream
+    a.reader->getMetadata()->getAudioMetadata()[0] = Aud::Metadata(48000, 2, 3);
+    EXPECT_EQ(a.audio(0, 1, uint64_t(1) << 32, 10, nullptr)->getStartByte(), 25769803776ull);
+    EXPECT_EQ(a.audio(7, 0, 0, 1, nullptr)->getStartByte(), 0u); // no such stream
 }

@@ -13,8 +13,7 @@ using Zn::Image::Surface;
 
 namespace {
 
-class PaintingReader : public StreamingDecodeReader {
-public:
+struct PaintingReader : StreamingDecodeReader, Locking {
     PaintingReader() : StreamingDecodeReader(WString(L"/painted"), DecodeFormat(1), OpenType::kVideo) {}
     ~PaintingReader() override { endStreamDecode(); }
 
@@ -29,19 +28,12 @@ public:
         bool onDecodeThread;
         bool operator==(const Pass&) const = default;
     };
-    std::vector<Pass> passes() {
-        std::lock_guard<std::mutex> l(m_);
-        return passes_;
-    }
+    std::vector<Pass> passes() { return locked([&] { return passes_; }); }
 
     Gate gate;
 
-protected:
     int decodeFrames(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) override {
-        {
-            std::lock_guard<std::mutex> l(m_);
-            passes_.push_back({frame, buffer->getNumFrames(), BasicThread::current() == this});
-        }
+        locked([&] { passes_.push_back({frame, buffer->getNumFrames(), BasicThread::current() == this}); });
         for (uint32_t i = 0; i < buffer->getNumFrames(); ++i) {
             gate.pass();
             Surface s = buffer->getSurface(i);
@@ -54,22 +46,15 @@ protected:
     }
 
 private:
-    std::mutex m_;
     std::vector<Pass> passes_;
 };
 
 using Pass = PaintingReader::Pass;
 
-class FixedRange : public iVariableFrameRateHandler {
-public:
-    FixedRange(int64_t first, int64_t end) : first_(first), end_(end) {}
-    void getFrameRange(uint32_t, int64_t& first, int64_t& end) override {
-        first = first_;
-        end = end_;
-    }
-
-private:
-    int64_t first_, end_;
+struct FixedRange : iVariableFrameRateHandler {
+    FixedRange(int64_t first, int64_t end) : first(first), end(end) {}
+    void getFrameRange(uint32_t, int64_t& f, int64_t& e) override { f = first, e = end; }
+    int64_t first, end;
 };
 
 struct Fixture {
@@ -106,8 +91,7 @@ TEST(StreamingDecodeReader, WithoutGroupsEveryFrameIsReadSynchronouslyAndNoThrea
         EXPECT_EQ(s.state(), Surface::kWaitComplete);
         EXPECT_EQ(paintedFrame(s), 5);
         EXPECT_EQ(f.reader->passes(), (std::vector<Pass>{{5, 1, false}}));
-        EXPECT_FALSE(f.reader->isStreaming());
-        EXPECT_FALSE(f.reader->isRunning());
+        EXPECT_FALSE(f.reader->isStreaming() || f.reader->isRunning());
     }
 }
 
@@ -132,8 +116,7 @@ TEST(StreamingDecodeReader, GroupsAreDecodedOnTheDecodeThreadAndServedFromTheTwo
     EXPECT_EQ(paintedFrame(s27), 27);
 
     // 21 is in the run before: served from the current slot, the same picture as before.
-    Surface s21 = f.read(21);
-    EXPECT_EQ(paintedFrame(s21), 21);
+    EXPECT_EQ(paintedFrame(f.read(21)), 21);
     EXPECT_EQ(f.reader->passes(), (std::vector<Pass>{{20, 10, true}, {30, 10, true}}));
 
     // A third run retires 20..29.
