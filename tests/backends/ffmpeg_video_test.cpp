@@ -175,16 +175,19 @@ TEST(FfmpegVideo, SteppingBackUsesTheDecodedGroup) {
 // After a seek, pictures before the frame wanted that no other picture refers to are not
 // decoded, and the frame and every frame after it are still FFmpeg's: H.264 with a
 // B-pyramid length-prefixed (MP4) and with start codes (MPEG-TS), HEVC in both framings
-// (x265's open groups, non-reference B-pictures), MPEG-2 and MPEG-4 part 2 B-frames. At
+// (x265's open groups, non-reference B-pictures) and with two temporal sub-layers (where
+// only the upper one's non-reference pictures are nobody's), MPEG-2 and MPEG-4 part 2
+// B-frames. At
 // random frames, each followed by the next two frames (playing on), with frame threads;
 // the same seeks without leaving anything out decode more.
 TEST(FfmpegVideo, SeeksLeaveOutPicturesNobodyRefersTo) {
     TempDir dir;
     const std::string source = "-f lavfi -i testsrc2=size=176x144:rate=25:duration=4 ";
     const std::string x264 = "-c:v libx264 -preset veryfast -g 50 -bf 3 -x264-params b-pyramid=normal -pix_fmt yuv420p";
-    const std::string x265 = "-c:v libx265 -preset veryfast -x265-params log-level=error:keyint=50:bframes=4 -pix_fmt yuv420p";
+    const std::string x265 = "-c:v libx265 -preset veryfast -pix_fmt yuv420p -x265-params log-level=error:keyint=50:bframes=4";
     for (const auto& [name, args] : std::vector<std::pair<std::string, std::string>>{
              {"pyramid.mp4", x264}, {"pyramid.ts", x264}, {"hevc.mp4", x265}, {"hevc.hevc", x265},
+             {"layers.mkv", x265 + ":temporal-layers=1"},
              {"mpeg2.mpg", "-c:v mpeg2video -g 50 -bf 2 -q:v 4"}, {"mpeg4.mp4", "-c:v mpeg4 -g 50 -bf 2 -q:v 4"}}) {
         SCOPED_TRACE(name);
         const std::string path = make(dir, name, args, source);
