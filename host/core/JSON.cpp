@@ -49,6 +49,21 @@ int nestingDepth(std::string_view text, int limit) {
     return deepest;
 }
 
+// The library's own message after its "[json.exception...] " tag.
+std::string withoutTag(const std::string& what) {
+    size_t tag = what.find("] ");
+    return tag == std::string::npos ? what : what.substr(tag + 2);
+}
+
+// UTF-8 of a wide text; code points UTF-8 cannot carry (surrogates, values past
+// U+10FFFF) become U+FFFD, one for each.
+std::string utf8Of(const WString& text) {
+    std::wstring clean(text.view());
+    for (auto& c : clean)
+        if ((char32_t(c) >= 0xD800 && char32_t(c) <= 0xDFFF) || char32_t(c) > 0x10FFFF) c = wchar_t(0xFFFD);
+    return std::string(toUTF8(WString(clean)).view());
+}
+
 const Json& node(const void* p) { return *static_cast<const Json*>(p); }
 
 const Json* member(const void* p, const char* name) {
@@ -134,7 +149,7 @@ void JSON::Builder::startArray(const char* name) { impl_->start(name, Json::arra
 void JSON::Builder::endArray() { impl_->end(false); }
 
 void JSON::Builder::add(const char* name, const WString& value, bool writeEmpty) {
-    if (!value.empty() || writeEmpty) impl_->add(name, std::string(toUTF8(value).view()));
+    if (!value.empty() || writeEmpty) impl_->add(name, utf8Of(value));
     else impl_->checkPlace(name);
 }
 
@@ -258,13 +273,9 @@ Zn::Ptr<JSON::Element> JSON::parse(std::string_view text, String* error) {
     try {
         doc->root = Json::parse(text.begin(), text.end());
     } catch (const Json::parse_error& e) {
-        // The library's own text after its "[json.exception...] " tag says what was wrong.
-        std::string what = e.what();
-        size_t tag = what.find("] ");
-        return refuse("not valid JSON (byte " + std::to_string(e.byte) + "): " +
-                      (tag == std::string::npos ? what : what.substr(tag + 2)));
-    } catch (const std::exception& e) {
-        return refuse(std::string("not valid JSON: ") + e.what());
+        return refuse("not valid JSON (byte " + std::to_string(e.byte) + "): " + withoutTag(e.what()));
+    } catch (const std::exception& e) { // numbers out of range, memory
+        return refuse("not valid JSON: " + withoutTag(e.what()));
     }
     const void* root = &doc->root;
     return Zn::Ptr<Element>(new Element(std::move(doc), root));

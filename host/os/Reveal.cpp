@@ -26,13 +26,11 @@ std::string absoluteUtf8(const WString& file) {
 }
 
 bool ranWell(const Zn::ProgramRun& run, const std::string& program) {
-    if (!run.started || (run.exited && run.exitStatus != 0)) {
-        LogBoth("revealFilesInOS: %s %s\n", program.c_str(),
-                !run.error.empty() ? run.error.c_str()
-                                   : ("exited with status " + std::to_string(run.exitStatus)).c_str());
-        return false;
-    }
-    return true;
+    if (run.started && (!run.exited || run.exitStatus == 0)) return true;
+    if (!run.error.empty() && !run.started) LogBoth("revealFilesInOS: %s\n", run.error.c_str());
+    else if (!run.error.empty()) LogBoth("revealFilesInOS: \"%s\" %s\n", program.c_str(), run.error.c_str());
+    else LogBoth("revealFilesInOS: \"%s\" exited with status %d\n", program.c_str(), run.exitStatus);
+    return false;
 }
 
 } // namespace
@@ -80,8 +78,8 @@ Zn::RevealRoute Zn::revealFilesInOS(const std::vector<WString>& files) {
 
     std::vector<std::string> folders;
     for (const std::string& p : paths) {
-        std::string folder = std::filesystem::path(p).parent_path().string();
-        if (folder.empty()) folder = "/";
+        std::filesystem::path parent = std::filesystem::path(p).parent_path();
+        std::string folder = parent.empty() ? std::string(1, '/') : parent.string();
         if (std::find(folders.begin(), folders.end(), folder) == folders.end()) folders.push_back(folder);
     }
     bool any = false;

@@ -4,6 +4,7 @@
 
 #include <dbus/dbus.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <sys/stat.h>
@@ -65,6 +66,16 @@ bool Zn::showItemsOverDBus(const std::vector<std::string>& uris, int timeoutMs, 
     Connection c(dbus_connection_open_private(address.c_str(), &err.e));
     if (!c) return fail(why, err.text("cannot connect to the session bus"));
     dbus_connection_set_exit_on_disconnect(c.get(), FALSE);
+
+    // libdbus waits without a time-out while a connection authenticates, so the
+    // authentication is driven here, one bounded read/write at a time.
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!dbus_connection_get_is_authenticated(c.get())) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0 || !dbus_connection_get_is_connected(c.get()))
+            return fail(why, "the session bus did not accept the connection");
+        dbus_connection_read_write(c.get(), int(left.count()));
+    }
 
     // The bus's Hello, sent by hand so that its wait is bounded like the call's.
     Message hello(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "Hello"));

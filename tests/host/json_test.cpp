@@ -148,6 +148,7 @@ TEST(Json, HostileTextsAreRefusedWithAReason) {
         {"{\"a\":\"\xFF\"}", "not valid JSON"},          // not UTF-8
         {"{\"a\":\"\\uD800\"}", "not valid JSON"},       // lone surrogate escape
         {"{'a':1}", "not valid JSON"},
+        {"{\"f\":1e400}", "number overflow"},
         {std::string("{\"a\":\"x\0y\"}", 11), "not valid JSON"}, // raw control character
         {std::string(300, '[') + std::string(300, ']'), "nests deeper than 256 levels"},
         {std::string(JSON::kMaxTextBytes + 1, ' '), "longer than the limit"},
@@ -164,7 +165,7 @@ TEST(Json, HostileTextsAreRefusedWithAReason) {
 TEST(Json, WrongTypesAndOutOfRangeNumbersReadAsDefaults) {
     Zn::Ptr<JSON::Element> e = JSON::parse(R"({"Location":5,"ProxyExt":["x"],"Naming":null,"frac":1.5,
         "huge":99999999999999999999999,"u64":18446744073709551615,"min":-9223372036854775808,
-        "inf":1e400,"flag":"true","obj":{"k":"v"}})");
+        "tiny":1e-400,"flag":"true","obj":{"k":"v"}})");
     ASSERT_TRUE(e);
     EXPECT_TRUE(e->getWString("Location").isNull());
     EXPECT_TRUE(e->getWString("ProxyExt").isNull());
@@ -176,7 +177,7 @@ TEST(Json, WrongTypesAndOutOfRangeNumbersReadAsDefaults) {
     EXPECT_EQ(e->getInt("u64", -1), -1);
     EXPECT_EQ(e->getInt("min", 0), INT64_MIN);
     EXPECT_EQ(e->getInt("Location", 0), 5);
-    EXPECT_EQ(e->getDouble("inf", -1.0), -1.0);
+    EXPECT_EQ(e->getDouble("tiny", -1.0), 0.0);
     EXPECT_EQ(e->getDouble("frac"), 1.5);
     EXPECT_EQ(e->getBool("flag", false), false);
     EXPECT_FALSE(e->getChild("Location"));

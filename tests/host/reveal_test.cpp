@@ -15,6 +15,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <mutex>
 #include <spawn.h>
@@ -62,7 +63,13 @@ public:
         std::string arg = "--config-file=" + conf;
         char* argv[] = {const_cast<char*>("dbus-daemon"), const_cast<char*>(arg.c_str()),
                         const_cast<char*>("--nofork"), nullptr};
-        if (::posix_spawnp(&pid_, "dbus-daemon", nullptr, nullptr, argv, environ) != 0) {
+        // Its complaints about resource limits it may not raise are noise here.
+        posix_spawn_file_actions_t quiet;
+        posix_spawn_file_actions_init(&quiet);
+        posix_spawn_file_actions_addopen(&quiet, 2, "/dev/null", O_WRONLY, 0);
+        int rc = ::posix_spawnp(&pid_, "dbus-daemon", &quiet, nullptr, argv, environ);
+        posix_spawn_file_actions_destroy(&quiet);
+        if (rc != 0) {
             pid_ = -1;
             return;
         }
