@@ -1,8 +1,10 @@
 // Helper programs started with posix_spawnp; waited for briefly, then reaped by a thread.
 #include "host/os/Process.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -30,8 +32,21 @@ Zn::ProgramRun Zn::runProgram(const std::string& program, const std::vector<std:
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
 
+    // The program starts with no signal blocked and every signal at its default, whatever
+    // the calling thread has set up, and in a process group of its own, so that a Ctrl-C
+    // meant for this process does not also close the file browser it opened.
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t none, all;
+    sigemptyset(&none);
+    sigfillset(&all);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setsigdefault(&attr, &all);
+    posix_spawnattr_setpgroup(&attr, 0);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
     pid_t pid = -1;
-    int rc = ::posix_spawnp(&pid, program.c_str(), nullptr, nullptr, argv.data(), environ);
+    int rc = ::posix_spawnp(&pid, program.c_str(), nullptr, &attr, argv.data(), environ);
+    posix_spawnattr_destroy(&attr);
     if (rc != 0) {
         run.error = "cannot run \"" + program + "\": " + std::strerror(rc);
         return run;
