@@ -3,6 +3,7 @@
 
 #include "host/core/Strings.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -52,7 +53,9 @@ bool JSON::saveToFile(const iPersistable& record, const WString& path, String* e
     std::string target(toUTF8(path).view());
     std::string text(toText(record).view());
     text += '\n';
-    std::string temp = target + ".tmp" + std::to_string(::getpid());
+    // A temporary name of this process and call, so that concurrent saves do not meet.
+    static std::atomic<unsigned> saves{0};
+    std::string temp = target + ".tmp" + std::to_string(::getpid()) + "-" + std::to_string(saves++);
     int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) return fail(error, systemError("cannot create", temp));
     bool ok = writeAll(fd, text) && ::fsync(fd) == 0;
