@@ -5,6 +5,7 @@
 #include "host/core/Strings.h"
 #include "host/os/FileCopy.h"
 #include "host/os/MountTable.h"
+#include "host/os/MountWatch.h"
 #include "host/os/PosixFile.h"
 
 #include <algorithm>
@@ -253,9 +254,8 @@ WString PosixFileManager::volumeOf(const WString& path) {
     ExistingPart part;
     if (!nearestExisting(bytesOf(path), part)) return WString(L"/");
     std::string where = resolved(part.existing);
-    MountTable mounts = MountTable::current();
-    if (const MountEntry* m = mounts.mountHolding(where))
-        return fromUTF8(m->mountPoint.c_str(), int(m->mountPoint.size()));
+    std::string listed = MountWatch::shared().mountPointOf(where);
+    if (!listed.empty()) return fromUTF8(listed.c_str(), int(listed.size()));
     if (where.empty() || where[0] != '/') return WString(L"/");
     std::string mountPoint = mountPointByDevice(where, part.st.st_dev);
     return fromUTF8(mountPoint.c_str(), int(mountPoint.size()));
@@ -325,13 +325,7 @@ bool PosixFileManager::isRemoteLocation(const WString& path) {
     if (path.empty()) return false;
     std::string p = bytesOf(path);
 
-    std::vector<std::string> prefixes;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        prefixes = remotePrefixes_;
-    }
-    for (std::string& prefix : splitList(std::getenv("PLAYFILE_REMOTE_PREFIXES"), ':'))
-        prefixes.push_back(withoutTrailingSlashes(std::move(prefix)));
+    std::vector<std::string> prefixes = remotePrefixes();
     auto underPrefix = [&](const std::string& candidate) {
         return std::any_of(prefixes.begin(), prefixes.end(), [&](const std::string& prefix) {
             return pathIsUnder(candidate, prefix);
@@ -342,12 +336,20 @@ bool PosixFileManager::isRemoteLocation(const WString& path) {
     ExistingPart part;
     if (!nearestExisting(p, part)) return false;
     if (!prefixes.empty() && underPrefix(resolvedFull(part))) return true;
+    return MountWatch::shared().isNetworkDevice(part.st.st_dev, part.existing);
+}
 
-    struct statfs fs;
-    if (::statfs(part.existing.c_str(), &fs) != 0) return false;
-    if (isNetworkFsMagic((unsigned long)fs.f_type)) return true;
-    if ((uint32_t)fs.f_type != kFuseSuperMagic) return false;
-    MountTable mounts = MountTable::current();
-    const MountEntry* mount = mounts.mountOfDevice(part.st.st_dev);
-    return mount && isNetworkFuse(*mount);
+std::vector<std::string> PosixFileManager::remotePrefixes() {
+    const char* env = std::getenv("PLAYFILE_REMOTE_PREFIXES");
+    std::lock_guard<std::mutex> lock(mutex_);
+    // The variable is parsed again only when its text changed.
+    if (!env) env = "";
+    if (env != envPrefixesText_) {
+        envPrefixesText_ = env;
+        envPrefixes_.clear();
+        for (std::string& prefix : splitList(env, ':')) envPrefixes_.push_back(withoutTrailingSlashes(std::move(prefix)));
+    }
+    std::vector<std::string> all = remotePrefixes_;
+    all.insert(all.end(), envPrefixes_.begin(), envPrefixes_.end());
+    return all;
 }

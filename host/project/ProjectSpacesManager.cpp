@@ -71,6 +71,10 @@ Zn::Ptr<iProjectSpaceResource> ProjectSpacesManager::getResourceForRemoteProject
         std::lock_guard<std::mutex> lock(g_mutex);
         if (g_replaced) return g_replacement;
     }
+    return getStoredResource();
+}
+
+Zn::Ptr<iProjectSpaceResource> ProjectSpacesManager::getStoredResource() {
     auto db = EditManager::getProjdb();
     return db ? Zn::Ptr<iProjectSpaceResource>(new StoredResource(db)) : nullptr;
 }
@@ -117,6 +121,25 @@ bool ProjectSpacesManager::clearRemoteResource() {
     ProjectDatabase::Write w(*db);
     if (!w.db().exec("DELETE FROM mount_points; DELETE FROM server_logs; DELETE FROM server_media;")) w.fail();
     return w.commit();
+}
+
+bool ProjectSpacesManager::clearMountPoints() {
+    auto db = EditManager::getProjdb();
+    if (!db) return false;
+    ProjectDatabase::Write w(*db);
+    if (!w.db().exec("DELETE FROM mount_points;")) w.fail();
+    return w.commit();
+}
+
+CookieVec ProjectSpacesManager::getServerLogs() {
+    CookieVec out;
+    auto db = EditManager::getProjdb();
+    if (!db) return out;
+    ProjectDatabase::Read r(*db);
+    sqlite::Query q(r.db(), "SELECT id1, id2 FROM server_logs WHERE has_proxies <> 0 "
+                            "UNION SELECT id1, id2 FROM server_media ORDER BY 2, 1");
+    while (q.next()) out.add(Cookie('E', uint32_t(q.int64(0)), uint32_t(q.int64(1))));
+    return out;
 }
 
 void ProjectSpacesManager::replaceResource(bool active, Zn::Ptr<iProjectSpaceResource> resource, bool& wasActive,

@@ -71,11 +71,18 @@ Zn::Ptr<FsysDirectoryEntry> SystemCache::findEntryForCookie(const Cookie& materi
     auto db = EditManager::getProjdb();
     if (!db) return nullptr;
     records::EntryRow row;
+    Cookie found = material;
     {
         ProjectDatabase::Read r(*db);
-        if (!records::loadEntry(r.db(), material, row)) return nullptr;
+        if (!records::loadEntry(r.db(), material, row)) {
+            // A video cookie without a variant (the index for none) names the item's
+            // first video variant, as the cookie of a still image's material is asked.
+            if (material.type() != 'V' || material.index() != Cookie::kNoIndex) return nullptr;
+            found = records::firstVideoVariant(r.db(), material);
+            if (!found.valid() || !records::loadEntry(r.db(), found, row)) return nullptr;
+        }
     }
-    return Zn::Ptr<FsysDirectoryEntry>(new FsysDirectoryEntry(db, material, row));
+    return Zn::Ptr<FsysDirectoryEntry>(new FsysDirectoryEntry(db, found, row));
 }
 
 WString SystemCache::findFileForCookie(const Cookie& material) {
