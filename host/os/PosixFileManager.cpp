@@ -325,7 +325,9 @@ bool PosixFileManager::isRemoteLocation(const WString& path) {
     if (path.empty()) return false;
     std::string p = bytesOf(path);
 
-    std::vector<std::string> prefixes = remotePrefixes();
+    // Without prefixes (the usual case) nothing is copied or allocated for them.
+    std::vector<std::string> prefixes;
+    remotePrefixes(prefixes);
     auto underPrefix = [&](const std::string& candidate) {
         return std::any_of(prefixes.begin(), prefixes.end(), [&](const std::string& prefix) {
             return pathIsUnder(candidate, prefix);
@@ -339,17 +341,17 @@ bool PosixFileManager::isRemoteLocation(const WString& path) {
     return MountWatch::shared().isNetworkDevice(part.st.st_dev, part.existing);
 }
 
-std::vector<std::string> PosixFileManager::remotePrefixes() {
+void PosixFileManager::remotePrefixes(std::vector<std::string>& out) {
     const char* env = std::getenv("PLAYFILE_REMOTE_PREFIXES");
+    if (!env) env = "";
     std::lock_guard<std::mutex> lock(mutex_);
     // The variable is parsed again only when its text changed.
-    if (!env) env = "";
-    if (env != envPrefixesText_) {
+    if (envPrefixesText_ != env) {
         envPrefixesText_ = env;
         envPrefixes_.clear();
         for (std::string& prefix : splitList(env, ':')) envPrefixes_.push_back(withoutTrailingSlashes(std::move(prefix)));
     }
-    std::vector<std::string> all = remotePrefixes_;
-    all.insert(all.end(), envPrefixes_.begin(), envPrefixes_.end());
-    return all;
+    if (remotePrefixes_.empty() && envPrefixes_.empty()) return;
+    out = remotePrefixes_;
+    out.insert(out.end(), envPrefixes_.begin(), envPrefixes_.end());
 }

@@ -66,7 +66,7 @@ public:
 
 private:
     // The added prefixes and those of PLAYFILE_REMOTE_PREFIXES, UTF-8, no trailing '/'.
-    std::vector<std::string> remotePrefixes();
+    void remotePrefixes(std::vector<std::string>& out);
 
     // mutex_ guards the names and prefixes below; it is held only to read or change them.
     mutable std::mutex mutex_;

@@ -2,10 +2,13 @@
 #include "host/project/ProjectSpacesManager.h"
 
 #include "host/project/EditManager.h"
+#include "host/project/RowCache.h"
 
 #include <mutex>
 
 namespace {
+
+RowCache<int, int> g_spaceType(1);
 
 std::mutex g_mutex; // guards g_replaced and g_replacement
 bool g_replaced = false;
@@ -53,8 +56,16 @@ private:
 int ProjectSpacesManager::getCurrentProjectSpaceType() {
     auto db = EditManager::getProjdb();
     if (!db) return eLocal;
-    ProjectDatabase::Read r(*db);
-    return int(ProjectDatabase::setting(r.db(), "project_space_type", eLocal));
+    // Asked by every media query: kept while the project is unchanged.
+    int type;
+    uint64_t state;
+    if (g_spaceType.find(*db, 0, type, state)) return type;
+    {
+        ProjectDatabase::Read r(*db);
+        type = int(ProjectDatabase::setting(r.db(), "project_space_type", eLocal));
+    }
+    g_spaceType.put(*db, 0, type, state);
+    return type;
 }
 
 bool ProjectSpacesManager::setCurrentProjectSpaceType(int type) {
