@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <fnmatch.h>
@@ -346,8 +347,8 @@ void PosixFileManager::remotePrefixes(std::vector<std::string>& out) {
     if (!env) env = "";
     std::lock_guard<std::mutex> lock(mutex_);
     // The variable is parsed again only when its text changed.
-    if (envPrefixesText_ != env) {
-        envPrefixesText_ = env;
+    if (std::string_view(envPrefixesText_.data(), envPrefixesText_.size()) != env) {
+        envPrefixesText_.assign(env, env + std::strlen(env));
         envPrefixes_.clear();
         for (std::string& prefix : splitList(env, ':')) envPrefixes_.push_back(withoutTrailingSlashes(std::move(prefix)));
     }

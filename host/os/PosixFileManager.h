@@ -70,7 +70,9 @@ private:
 
     // mutex_ guards the names and prefixes below; it is held only to read or change them.
     mutable std::mutex mutex_;
-    std::string envPrefixesText_;           // the variable's text when last parsed
+    // The variable's text when last parsed (a vector: a string member would keep the
+    // manager from being constant-initialised).
+    std::vector<char> envPrefixesText_;
     std::vector<std::string> envPrefixes_;  // its prefixes
     std::vector<std::pair<std::string, std::string>> mountedNames_; // NAME -> root, UTF-8
     std::vector<std::string> remotePrefixes_;                       // UTF-8, no trailing '/'
