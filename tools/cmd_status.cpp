@@ -16,6 +16,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
+#include <set>
 
 namespace tool {
 namespace {
@@ -110,10 +112,11 @@ Json statusOf(const std::string& item, const Cookie& edit, const View& view) {
     return j;
 }
 
+// "high-res, both" for the kinds that answered yes; "no" when none did.
 std::string kinds(const Json& k) {
     std::string s;
-    for (const char* name : {"highRes", "proxy", "both"})
-        if (k[name].get<bool>()) s += (s.empty() ? "" : ", ") + std::string(name == std::string("highRes") ? "high-res" : name);
+    for (auto [member, text] : {std::pair{"highRes", "high-res"}, {"proxy", "proxy"}, {"both", "both"}})
+        if (k[member].get<bool>()) s += (s.empty() ? "" : ", ") + std::string(text);
     return s.empty() ? "no" : s;
 }
 
