@@ -9,7 +9,9 @@
 #include "host/project/EditModule.h"
 #include "host/project/ProjectSpacesManager.h"
 
-#include <cstdlib>
+#include "support/ScopedEnv.h"
+
+#include <memory>
 
 namespace material_test {
 
@@ -21,10 +23,10 @@ protected:
         ProjectTest::SetUp();
         local = tmp.path() / "local media";
         remote = tmp.path() / "remote share";
-        ::setenv("PLAYFILE_REMOTE_PREFIXES", remote.c_str(), 1);
+        remotePrefixes = std::make_unique<testing_support::ScopedEnv>("PLAYFILE_REMOTE_PREFIXES", remote.string());
     }
     void TearDown() override {
-        ::unsetenv("PLAYFILE_REMOTE_PREFIXES");
+        remotePrefixes.reset();
         ProjectTest::TearDown();
     }
 
@@ -83,6 +85,7 @@ protected:
     }
 
     std::filesystem::path local, remote;
+    std::unique_ptr<testing_support::ScopedEnv> remotePrefixes;
 };
 
 } // namespace material_test
