@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <new>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/statfs.h>
 #include <unistd.h>
 
@@ -15,9 +16,26 @@ MountWatch& MountWatch::shared() {
     return *watch;
 }
 
-MountWatch::MountWatch() { fd_ = ::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC); }
+MountWatch::MountWatch() {
+    fd_ = ::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+    // A child process reads its own mount table: the descriptor names the parent's, and
+    // the child may move to a mount namespace of its own. The lock is held across the
+    // fork so that the child never inherits it taken.
+    ::pthread_atfork([] { shared().mutex_.lock(); }, [] { shared().mutex_.unlock(); },
+                     [] {
+                         MountWatch& w = shared();
+                         w.forked_ = true;
+                         w.mutex_.unlock();
+                     });
+}
 
 void MountWatch::refreshLocked() {
+    if (forked_) {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = ::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+        loaded_ = false;
+        forked_ = false;
+    }
     if (loaded_ && fd_ >= 0) {
         pollfd p{fd_, POLLPRI, 0};
         int n;

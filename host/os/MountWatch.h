@@ -3,11 +3,14 @@
 // any mount or unmount in the process's mount namespace), and the per-device answer to
 // "is this a network file system?" kept with it. This makes the remote-location test
 // cheap enough to ask for every file of every query: a stat, one poll and a look-up.
-// Where /proc cannot be polled, the table is read again on every question.
+// Where /proc cannot be polled, the table is read again on every question. A child
+// process made by fork reads its own table afresh; a process that moves to another mount
+// namespace without forking (unshare) keeps watching the one it started in.
 //
-// Lock: mutex_ guards the table, the device answers and the generation. It is held for a
-// look-up, and for the re-read of the table when it changed; no other lock is taken with
-// it held, so it may be taken with any other lock held.
+// Lock: mutex_ guards the descriptor, the table, the device answers and the generation.
+// It is held for a look-up, for the re-read of the table when it changed, and across a
+// fork (pthread_atfork); no other lock is taken with it held, so it may be taken with
+// any other lock held.
 #pragma once
 
 #include "host/os/MountTable.h"
@@ -41,6 +44,7 @@ private:
     std::mutex mutex_;
     int fd_ = -1;
     bool loaded_ = false;
+    bool forked_ = false; // set in a child process: open the child's own table
     MountTable table_;
     std::unordered_map<dev_t, bool> network_;
     uint64_t generation_ = 0;
