@@ -2,6 +2,8 @@
 // packets of the video stream, and the sample positions of each audio stream.
 #include "backends/ffmpeg/FfmpegSource.h"
 
+#include "backends/ffmpeg/FfmpegContainerIndex.h"
+#include "backends/ffmpeg/FfmpegFileInput.h"
 #include "backends/ffmpeg/FfmpegPcm.h"
 
 extern "C" {
@@ -157,25 +159,35 @@ private:
 
 class FfmpegSource::Scan {
 public:
+    // rescanReason: why an earlier pass over the container's index was given up, if it was.
+    Scan(Options options, std::string rescanReason) : options_(options), rescanReason_(std::move(rescanReason)) {}
     ~Scan() {
         if (fd_ >= 0) ::close(fd_);
     }
     Result<std::shared_ptr<const MediaIndex>> run(const std::string& path);
+    // After a failed run: the container's index misled the pass, so read the whole file.
+    const std::string& rescanReason() const { return rescanReason_; }
 
 private:
     using R = Result<std::shared_ptr<const MediaIndex>>;
 
     bool chooseStreams(std::string& error);
+    void planPass();
     void readPackets();
-    void addVideoPacket(AVPacket* pkt);
-    void addAudioPacket(AudioTrack& track, AVPacket* pkt);
+    void addVideoPacket(AVPacket* pkt, bool hollow);
+    void addAudioPacket(AudioTrack& track, AVPacket* pkt, bool hollow);
     void checkPcmBytes(AudioTrack& track, const AVPacket* pkt);
     bool finishVideo();
     std::vector<int> decodeOrderOfWholeStream();
     void finishAudio(AudioTrack& track, size_t slot);
 
+    const Options options_;
+    std::string rescanReason_;
     std::string path_;
     std::unique_ptr<Demuxer> demux_;
+    FileInput* input_ = nullptr; // demux_'s
+    std::optional<ContainerIndexPlan> plan_; // set when the pass leaves payloads unread
+    bool headHollow_ = false; // a packet the head probe needs was not read
     std::shared_ptr<MediaIndex> index_ = std::make_shared<MediaIndex>();
     std::vector<int> audioSlot_; // per stream of the file: its place in index_->audio, or -1
     std::vector<bool> pcmUsable_; // per audio track: PCM bytes seen in the file match the packets
@@ -194,9 +206,15 @@ private:
     int firstKey_ = -1;
 };
 
-Result<std::shared_ptr<const MediaIndex>> FfmpegSource::open(const std::string& path) {
-    Scan scan;
-    return scan.run(path);
+Result<std::shared_ptr<const MediaIndex>> FfmpegSource::open(const std::string& path) { return open(path, Options{}); }
+
+Result<std::shared_ptr<const MediaIndex>> FfmpegSource::open(const std::string& path, Options options) {
+    Scan scan(options, {});
+    auto r = scan.run(path);
+    if (r || scan.rescanReason().empty()) return r;
+    options.useContainerIndex = false;
+    Scan whole(options, scan.rescanReason());
+    return whole.run(path);
 }
 
 Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::string& path) {
@@ -208,14 +226,27 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
     if (!S_ISREG(st.st_mode)) return R::fail("not a regular file");
     if (st.st_size == 0) return R::fail("empty file");
 
-    auto opened = Demuxer::open(path, true);
-    if (!opened) return R::fail("not a media file FFmpeg can read (" + opened.error + ")");
+    auto input = FileInput::open(path);
+    if (!input) return R::fail("cannot open the file: " + input.error, input.cause);
+    input_ = input.value.get();
+    auto opened = Demuxer::open(path, true, std::move(input.value));
+    if (!opened) return R::fail("not a media file FFmpeg can read (" + opened.error + ")", opened.cause);
     demux_ = std::move(opened.value);
     index_->container = demux_->context()->iformat->name;
 
     std::string error;
     if (!chooseStreams(error)) return R::fail(error);
+    planPass();
     readPackets();
+    index_->bytesRead = input_->bytesRead();
+    if (const int e = input_->readError())
+        return R::fail(std::string("cannot read the file: ") + std::strerror(e), e);
+    if (plan_) {
+        rescanReason_ = plan_->verdict();
+        if (rescanReason_.empty() && headHollow_) rescanReason_ = "the head of the video stream was not read";
+        if (!rescanReason_.empty()) return R::fail(rescanReason_);
+        index_->source = IndexSource::ContainerIndex;
+    }
 
     if (index_->video && !finishVideo()) index_->video.reset();
     for (size_t i = 0; i < index_->audio.size(); ++i) finishAudio(index_->audio[i], i);
@@ -303,6 +334,28 @@ bool FfmpegSource::Scan::chooseStreams(std::string& error) {
     return true;
 }
 
+// Where the container indexes every packet, the pass reads none of their payloads.
+void FfmpegSource::Scan::planPass() {
+    if (!rescanReason_.empty()) {
+        index_->scanReason = rescanReason_;
+        return;
+    }
+    if (!options_.useContainerIndex) {
+        index_->scanReason = "asked to read every packet";
+        return;
+    }
+    std::vector<int> audio;
+    for (const AudioTrack& a : index_->audio) audio.push_back(a.stream);
+    const int video = index_->video ? index_->video->stream : -1;
+    auto plan = ContainerIndexPlan::make(demux_->context(), video, audio, kHeadLookahead + 8, input_->furthestRead());
+    if (!plan) {
+        index_->scanReason = plan.error;
+        return;
+    }
+    plan_ = std::move(plan.value);
+    input_->setHollow(plan_->hollow());
+}
+
 void FfmpegSource::Scan::readPackets() {
     AVFormatContext* ctx = demux_->context();
     PacketPtr pkt = newPacket();
@@ -325,17 +378,19 @@ void FfmpegSource::Scan::readPackets() {
             break;
         }
         const int s = pkt->stream_index;
-        if (index_->video && s == index_->video->stream) addVideoPacket(pkt.get());
+        const bool hollow = plan_ && input_->isHollow(pkt->pos, pkt->size);
+        if (plan_) plan_->meet(pkt.get());
+        if (index_->video && s == index_->video->stream) addVideoPacket(pkt.get(), hollow);
         else if (s >= 0 && size_t(s) < audioSlot_.size() && audioSlot_[size_t(s)] >= 0)
-            addAudioPacket(index_->audio[size_t(audioSlot_[size_t(s)])], pkt.get());
+            addAudioPacket(index_->audio[size_t(audioSlot_[size_t(s)])], pkt.get(), hollow);
         av_packet_unref(pkt.get());
     }
 }
 
-void FfmpegSource::Scan::addVideoPacket(AVPacket* pkt) {
+void FfmpegSource::Scan::addVideoPacket(AVPacket* pkt, bool hollow) {
     VideoTrack& v = *index_->video;
     VideoPacket p;
-    p.key = {pkt->pts, pkt->dts, pkt->pos, pkt->size, packetDigest(pkt)};
+    p.key = {pkt->pts, pkt->dts, pkt->pos, pkt->size, hollow ? 0 : packetDigest(pkt), !hollow};
     // Containers need not flag every picture of an intra-only codec; each one is a key.
     p.keyFrame = (pkt->flags & AV_PKT_FLAG_KEY) || v.codecIsIntraOnly;
     p.discard = pkt->flags & AV_PKT_FLAG_DISCARD;
@@ -343,7 +398,8 @@ void FfmpegSource::Scan::addVideoPacket(AVPacket* pkt) {
     if (p.keyFrame && firstKey_ < 0) firstKey_ = d;
     v.packets.push_back(p);
     const bool keep = (firstKey_ < 0 || d <= firstKey_ + kHeadLookahead) && headBytes_ < kHeadBytes;
-    if (keep && !v.codecIsIntraOnly) {
+    if (keep && !v.codecIsIntraOnly && hollow) headHollow_ = true;
+    if (keep && !v.codecIsIntraOnly && !hollow) {
         PacketPtr copy = newPacket();
         if (copy && av_packet_ref(copy.get(), pkt) >= 0) {
             headBytes_ += size_t(pkt->size);
@@ -352,9 +408,9 @@ void FfmpegSource::Scan::addVideoPacket(AVPacket* pkt) {
     }
 }
 
-void FfmpegSource::Scan::addAudioPacket(AudioTrack& a, AVPacket* pkt) {
+void FfmpegSource::Scan::addAudioPacket(AudioTrack& a, AVPacket* pkt, bool hollow) {
     AudioPacket p;
-    p.key = {pkt->pts, pkt->dts, pkt->pos, pkt->size, packetDigest(pkt)};
+    p.key = {pkt->pts, pkt->dts, pkt->pos, pkt->size, hollow ? 0 : packetDigest(pkt), !hollow};
     p.discard = pkt->flags & AV_PKT_FLAG_DISCARD;
     const size_t slot = size_t(&a - index_->audio.data());
     if (vorbis_[slot]) {
@@ -406,7 +462,9 @@ void FfmpegSource::Scan::checkPcmBytes(AudioTrack& a, const AVPacket* pkt) {
 std::vector<int> FfmpegSource::Scan::decodeOrderOfWholeStream() {
     const VideoTrack& v = *index_->video;
     OrderProbe probe;
-    auto opened = Demuxer::open(path_, true);
+    auto input = FileInput::open(path_);
+    if (!input) return {};
+    auto opened = Demuxer::open(path_, true, std::move(input.value));
     if (!opened || !probe.open(v.codec.get())) return {};
     AVFormatContext* ctx = opened.value->context();
     for (unsigned i = 0; i < ctx->nb_streams; ++i)

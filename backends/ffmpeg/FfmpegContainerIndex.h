@@ -1,0 +1,53 @@
+// Indexing a file from the container's own index. Where the container lists every packet
+// of a stream with its byte position and size (MP4/MOV sample tables, AVI idx1 and OpenDML
+// indexes: what libavformat holds as the stream's index entries once the header is read),
+// the indexing pass still asks the demuxer for every packet, so that times, flags, edit
+// lists and trimming come out exactly as FFmpeg gives them, but the payload bytes are
+// never read: those byte ranges are hollow in the FileInput. The pass checks that it met
+// exactly the listed packets; anything else and the file is read whole after all.
+//
+// Formats whose index lists only some packets (Matroska cues name clusters and key
+// frames), none (MPEG-TS/PS, elementary streams, Ogg; MXF index tables are not exposed
+// as index entries), and streams whose packets the demuxer parses from their bytes are
+// read whole.
+#pragma once
+
+#include "backends/ffmpeg/FfmpegCommon.h"
+
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+namespace ffmpeg_engine {
+
+class ContainerIndexPlan {
+public:
+    struct Payload {
+        int64_t pos = 0;
+        int32_t size = 0;
+    };
+
+    // The plan for a demuxer whose header (and stream info) has been read: the streams in
+    // use are video (-1 for none) and audio. Video packets up to headPackets after the
+    // first key packet, and anything before byte readSoFar, stay real. Fails with the
+    // reason when the file must be read whole.
+    static Result<ContainerIndexPlan> make(AVFormatContext* ctx, int video, const std::vector<int>& audio,
+                                           int headPackets, int64_t readSoFar);
+
+    // The byte ranges left unread, sorted and merged.
+    const std::vector<std::pair<int64_t, int64_t>>& hollow() const { return hollow_; }
+
+    // Checks a packet of the pass against the index, in the order the demuxer gives them.
+    void meet(const AVPacket* pkt);
+    // Empty when the pass met every listed packet and nothing else; else what went wrong.
+    std::string verdict() const;
+
+private:
+    std::vector<std::pair<int64_t, int64_t>> hollow_;
+    std::vector<std::vector<Payload>> expected_; // per stream of the file; empty: not checked
+    std::vector<size_t> met_;
+    int payloadOffset_ = 0; // bytes between an entry's position and its payload (AVI: 8)
+    std::string mismatch_;
+};
+
+} // namespace ffmpeg_engine
