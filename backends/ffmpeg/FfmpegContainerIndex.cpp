@@ -44,6 +44,10 @@ bool passedUnparsed(Family family, const AVCodecParameters* par) {
     }
 }
 
+bool isPcm(const AVCodecParameters* par) {
+    return std::string_view(avcodec_get_name(par->codec_id)).starts_with("pcm_");
+}
+
 std::string streamName(const AVStream* s) { return avcodec_get_name(s->codecpar->codec_id); }
 
 // Every entry of the stream, checked for a usable position, size and time. Fails with the
@@ -71,8 +75,19 @@ Result<std::vector<ContainerIndexPlan::Payload>> listedPayloads(const AVStream* 
 
 } // namespace
 
+bool ContainerIndexPlan::mayIndex(const AVFormatContext* ctx) {
+    const Family family = familyOf(ctx);
+    if (family == Family::Other) return false;
+    for (unsigned i = 0; i < ctx->nb_streams; ++i) {
+        const AVCodecParameters* par = ctx->streams[i]->codecpar;
+        const bool media = par->codec_type == AVMEDIA_TYPE_VIDEO || par->codec_type == AVMEDIA_TYPE_AUDIO;
+        if (media && !passedUnparsed(family, par) && !isPcm(par)) return false;
+    }
+    return true;
+}
+
 Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int video, const std::vector<int>& audio,
-                                                    int headPackets, int64_t readSoFar) {
+                                                    int headPackets) {
     using R = Result<ContainerIndexPlan>;
     const Family family = familyOf(ctx);
     if (family == Family::Other) return R::fail(std::string("the ") + ctx->iformat->name + " container has no index of every packet");
@@ -96,7 +111,7 @@ Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int vi
         }
         for (size_t i = 0; i < listed.value.size(); ++i) {
             const int64_t begin = listed.value[i].pos + plan.payloadOffset_;
-            if (int(i) >= realUpTo && begin >= readSoFar) ranges.emplace_back(begin, begin + listed.value[i].size);
+            if (int(i) >= realUpTo) ranges.emplace_back(begin, begin + listed.value[i].size);
         }
         plan.expected_[size_t(stream)] = std::move(listed.value);
         return {};
@@ -107,9 +122,10 @@ Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int vi
         if (std::string why = addStream(video, true); !why.empty()) return R::fail(why);
     }
     for (int a : audio) {
-        // Other audio streams (PCM, Opus, Vorbis...) are read for real: they are small, and
-        // some are counted from their bytes.
-        if (!passedUnparsed(family, ctx->streams[a]->codecpar)) continue;
+        // PCM is read for real: it is small, and its bytes are checked against the file.
+        if (isPcm(ctx->streams[a]->codecpar)) continue;
+        if (!passedUnparsed(family, ctx->streams[a]->codecpar))
+            return R::fail("the demuxer reads the " + streamName(ctx->streams[a]) + " stream's packets from their bytes");
         if (std::string why = addStream(a, false); !why.empty()) return R::fail(why);
     }
     std::sort(ranges.begin(), ranges.end());

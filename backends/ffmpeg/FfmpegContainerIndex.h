@@ -22,6 +22,12 @@ namespace ffmpeg_engine {
 
 class ContainerIndexPlan {
 public:
+    // Whether a demuxer whose header has been read (before its stream info) may be indexed
+    // this way: a container that indexes every packet, holding only streams whose packets
+    // need no parser. The stream info and the pass must then run without parsers
+    // (AVFMT_FLAG_NOPARSE): a parser would look into bytes that are not read.
+    static bool mayIndex(const AVFormatContext* ctx);
+
     struct Payload {
         int64_t pos = 0;
         int32_t size = 0;
@@ -29,10 +35,10 @@ public:
 
     // The plan for a demuxer whose header (and stream info) has been read: the streams in
     // use are video (-1 for none) and audio. Video packets up to headPackets after the
-    // first key packet, and anything before byte readSoFar, stay real. Fails with the
-    // reason when the file must be read whole.
+    // first key packet stay real. Fails with the reason when the file must be read whole.
+    // (Packets the stream-info probe already read come with their bytes all the same.)
     static Result<ContainerIndexPlan> make(AVFormatContext* ctx, int video, const std::vector<int>& audio,
-                                           int headPackets, int64_t readSoFar);
+                                           int headPackets);
 
     // The byte ranges left unread, sorted and merged.
     const std::vector<std::pair<int64_t, int64_t>>& hollow() const { return hollow_; }

@@ -97,9 +97,11 @@ int FileInput::read(uint8_t* buf, int size) {
     const int64_t realEnd = next != hollow_.end() ? std::min(next->first, size_) : size_;
     const int n = int(std::min<int64_t>(size, realEnd - pos_));
     if (pos_ < blockPos_ || pos_ >= blockPos_ + int64_t(blockLen_)) {
-        // Read ahead in one large piece, up to the next hollow range.
+        // Read ahead, up to the next hollow range: more each time the reading goes on
+        // where the last block ended.
+        nextBlock_ = pos_ == blockPos_ + int64_t(blockLen_) ? std::min(nextBlock_ * 2, kBlockBytes) : kFirstBlockBytes;
         block_.resize(kBlockBytes);
-        const size_t want = size_t(std::min<int64_t>(int64_t(kBlockBytes), realEnd - pos_));
+        const size_t want = size_t(std::min<int64_t>(int64_t(nextBlock_), realEnd - pos_));
         ssize_t got;
         do
             got = ::pread(fd_, block_.data(), want, pos_);
@@ -112,7 +114,6 @@ int FileInput::read(uint8_t* buf, int size) {
         blockPos_ = pos_;
         blockLen_ = size_t(got);
         bytesRead_ += uint64_t(got);
-        furthest_ = std::max(furthest_, pos_ + int64_t(got));
     }
     const int copied = int(std::min<int64_t>(n, blockPos_ + int64_t(blockLen_) - pos_));
     std::memcpy(buf, block_.data() + (pos_ - blockPos_), size_t(copied));

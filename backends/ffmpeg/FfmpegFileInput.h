@@ -1,6 +1,7 @@
 // A file handed to libavformat through an AVIOContext of our own, for indexing a file at
-// open. Reads go to the file in large blocks, so that a pass over the whole file is one
-// sequential read in big pieces. Byte ranges marked hollow (packet payloads nobody will look
+// open. Reads go to the file in blocks that grow while the reading goes on in order (to
+// kBlockBytes), so that a pass over the whole file is one sequential read in big pieces
+// while the scattered reads of a header stay small. Byte ranges marked hollow (packet payloads nobody will look
 // at, known from the container's own tables) are answered without reading them: their
 // bytes in the packets are left as they are, and the demuxer never notices. The errno of a
 // failed open or read is kept, so that a storage failure can be told from a damaged file.
@@ -19,7 +20,8 @@ namespace ffmpeg_engine {
 
 class FileInput {
 public:
-    // Bytes asked of the file at once when nothing hollow comes next.
+    // Bytes asked of the file at once: the first read after a jump, and at most.
+    static constexpr size_t kFirstBlockBytes = size_t(64) << 10;
     static constexpr size_t kBlockBytes = size_t(2) << 20;
 
     // Opens path for reading; fails with the errno in Result::cause.
@@ -36,8 +38,6 @@ public:
     void setHollow(std::vector<std::pair<int64_t, int64_t>> ranges);
     // True when [pos, pos + size) lies inside one hollow range: its bytes were not read.
     bool isHollow(int64_t pos, int64_t size) const;
-    // The end of the furthest byte read so far.
-    int64_t furthestRead() const { return furthest_; }
     // Bytes really read from the file.
     uint64_t bytesRead() const { return bytesRead_; }
     // The errno of the last failed read, 0 when none failed.
@@ -56,10 +56,10 @@ private:
     int64_t pos_ = 0;
     AVIOContext* io_ = nullptr;
     std::vector<uint8_t> block_; // file bytes [blockPos_, blockPos_ + blockLen_)
-    int64_t blockPos_ = 0;
+    int64_t blockPos_ = -1;
     size_t blockLen_ = 0;
     std::vector<std::pair<int64_t, int64_t>> hollow_;
-    int64_t furthest_ = 0;
+    size_t nextBlock_ = kFirstBlockBytes;
     uint64_t bytesRead_ = 0;
     int readError_ = 0;
 };

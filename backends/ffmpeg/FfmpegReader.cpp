@@ -43,7 +43,9 @@ FfmpegReadInstance::FfmpegReadInstance(const WString& fileName, const DecodeForm
       index_(std::move(index)),
       longGop_(index_->video && !index_->video->codecIsIntraOnly && !index_->video->allFramesKey) {
     describe();
-    for (size_t s = 0; s < index_->audio.size(); ++s) {
+    // A file opened for video only reads no audio: its audio decoders (each with a demuxer
+    // of its own) are not made.
+    for (size_t s = 0; s < index_->audio.size() && type.hasAudio(); ++s) {
         if (!index_->audio[s].plainPcm)
             initAudioCodec(unsigned(s), Zn::makePtr<FfmpegAudioSetup>(index_, int(s)));
     }

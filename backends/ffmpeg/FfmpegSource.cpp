@@ -178,6 +178,7 @@ private:
     void addAudioPacket(AudioTrack& track, AVPacket* pkt, bool hollow);
     void checkPcmBytes(AudioTrack& track, const AVPacket* pkt);
     bool finishVideo();
+    bool readHollowHead();
     std::vector<int> decodeOrderOfWholeStream();
     void finishAudio(AudioTrack& track, size_t slot);
 
@@ -187,7 +188,8 @@ private:
     std::unique_ptr<Demuxer> demux_;
     FileInput* input_ = nullptr; // demux_'s
     std::optional<ContainerIndexPlan> plan_; // set when the pass leaves payloads unread
-    bool headHollow_ = false; // a packet the head probe needs was not read
+    bool tablesAllowed_ = false; // the container may be indexed from its tables (no parsers)
+    bool headUnread_ = false; // the head probe needed packets that could not be read
     std::shared_ptr<MediaIndex> index_ = std::make_shared<MediaIndex>();
     std::vector<int> audioSlot_; // per stream of the file: its place in index_->audio, or -1
     std::vector<bool> pcmUsable_; // per audio track: PCM bytes seen in the file match the packets
@@ -202,6 +204,7 @@ private:
 
     // The first packets of the video stream, kept for the head probe.
     std::vector<PacketPtr> head_;
+    std::vector<char> headHollow_; // per packet of head_: its bytes were not read (yet)
     size_t headBytes_ = 0;
     int firstKey_ = -1;
 };
@@ -229,10 +232,20 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
     auto input = FileInput::open(path);
     if (!input) return R::fail("cannot open the file: " + input.error, input.cause);
     input_ = input.value.get();
-    auto opened = Demuxer::open(path, true, std::move(input.value));
+    auto opened = Demuxer::open(path, false, std::move(input.value));
     if (!opened) return R::fail("not a media file FFmpeg can read (" + opened.error + ")", opened.cause);
     demux_ = std::move(opened.value);
-    index_->container = demux_->context()->iformat->name;
+    AVFormatContext* ctx = demux_->context();
+    index_->container = ctx->iformat->name;
+    // Packets the container indexes pass as stored: no parser looks into bytes that may
+    // go unread. (Read whole, a file is demuxed as FFmpeg's own program does it.)
+    tablesAllowed_ = options_.useContainerIndex && rescanReason_.empty() && ContainerIndexPlan::mayIndex(ctx);
+    if (tablesAllowed_) ctx->flags |= AVFMT_FLAG_NOPARSE;
+    demux_->arm(kOpenTimeLimit);
+    if (const int rc = avformat_find_stream_info(ctx, nullptr); rc < 0)
+        return R::fail("not a media file FFmpeg can read (cannot read the streams: " + errorText(rc) + ")",
+                       systemCause(rc));
+    demux_->arm(kCallTimeLimit);
 
     std::string error;
     if (!chooseStreams(error)) return R::fail(error);
@@ -243,12 +256,17 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
         return R::fail(std::string("cannot read the file: ") + std::strerror(e), e);
     if (plan_) {
         rescanReason_ = plan_->verdict();
-        if (rescanReason_.empty() && headHollow_) rescanReason_ = "the head of the video stream was not read";
         if (!rescanReason_.empty()) return R::fail(rescanReason_);
         index_->source = IndexSource::ContainerIndex;
     }
 
-    if (index_->video && !finishVideo()) index_->video.reset();
+    if (index_->video && !finishVideo()) {
+        if (headUnread_) {
+            rescanReason_ = "the head of the video stream could not be read";
+            return R::fail(rescanReason_);
+        }
+        index_->video.reset();
+    }
     for (size_t i = 0; i < index_->audio.size(); ++i) finishAudio(index_->audio[i], i);
     std::erase_if(index_->audio, [](const AudioTrack& a) { return a.totalSamples <= 0; });
     if (!index_->video && index_->audio.empty()) {
@@ -344,10 +362,14 @@ void FfmpegSource::Scan::planPass() {
         index_->scanReason = "asked to read every packet";
         return;
     }
+    if (!tablesAllowed_) {
+        index_->scanReason = std::string("the ") + index_->container + " file has no index of every packet it holds";
+        return;
+    }
     std::vector<int> audio;
     for (const AudioTrack& a : index_->audio) audio.push_back(a.stream);
     const int video = index_->video ? index_->video->stream : -1;
-    auto plan = ContainerIndexPlan::make(demux_->context(), video, audio, kHeadLookahead + 8, input_->furthestRead());
+    auto plan = ContainerIndexPlan::make(demux_->context(), video, audio, 0);
     if (!plan) {
         index_->scanReason = plan.error;
         return;
@@ -398,14 +420,30 @@ void FfmpegSource::Scan::addVideoPacket(AVPacket* pkt, bool hollow) {
     if (p.keyFrame && firstKey_ < 0) firstKey_ = d;
     v.packets.push_back(p);
     const bool keep = (firstKey_ < 0 || d <= firstKey_ + kHeadLookahead) && headBytes_ < kHeadBytes;
-    if (keep && !v.codecIsIntraOnly && hollow) headHollow_ = true;
-    if (keep && !v.codecIsIntraOnly && !hollow) {
+    if (keep && !v.codecIsIntraOnly) {
         PacketPtr copy = newPacket();
         if (copy && av_packet_ref(copy.get(), pkt) >= 0) {
             headBytes_ += size_t(pkt->size);
             head_.push_back(std::move(copy));
+            headHollow_.push_back(hollow);
         }
     }
+}
+
+// The bytes of the head packets the pass left unread, read now that the probe needs them:
+// where the container indexes its packets, a packet's payload is the file's bytes at its
+// position.
+bool FfmpegSource::Scan::readHollowHead() {
+    for (size_t i = 0; i < head_.size(); ++i) {
+        if (!headHollow_[i]) continue;
+        AVPacket* pkt = head_[i].get();
+        if (pkt->pos < 0 || av_packet_make_writable(pkt) < 0) return false;
+        if (fd_ < 0) fd_ = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd_ < 0 || ::pread(fd_, pkt->data, size_t(pkt->size), pkt->pos) != ssize_t(pkt->size)) return false;
+        index_->bytesRead += uint64_t(pkt->size);
+        headHollow_[i] = 0;
+    }
+    return true;
 }
 
 void FfmpegSource::Scan::addAudioPacket(AudioTrack& a, AVPacket* pkt, bool hollow) {
@@ -534,6 +572,10 @@ bool FfmpegSource::Scan::finishVideo() {
             included[size_t(d)] = !p.discard && certain[size_t(d)];
             needProbe |= !p.discard && !certain[size_t(d)];
         }
+        if (needProbe && !readHollowHead()) {
+            headUnread_ = true;
+            return false;
+        }
         if (needProbe) {
             OrderProbe probe;
             if (probe.open(v.codec.get())) {
@@ -548,6 +590,7 @@ bool FfmpegSource::Scan::finishVideo() {
     // decodes from the very start, so every frame decodes from there.
     const bool fromStartOnly = hasPackedBFrames(v.codec.get(), head_);
     head_.clear();
+    headHollow_.clear();
 
     // The key packet each frame's decoding starts from.
     std::vector<int32_t> start(size_t(n), 0);
