@@ -67,7 +67,8 @@ Result<std::vector<ContainerIndexPlan::Payload>> listedPayloads(const AVStream* 
         if (!e || e->pos < 0 || e->size <= 0 || e->timestamp == AV_NOPTS_VALUE)
             return R::fail("the container's index of the " + streamName(s) + " stream has incomplete entries");
         anyKey |= (e->flags & AVINDEX_KEYFRAME) != 0;
-        out.push_back({e->pos, e->size});
+        out.push_back({e->pos, e->timestamp, e->size, (e->flags & AVINDEX_KEYFRAME) != 0,
+                       (e->flags & AVINDEX_DISCARD_FRAME) != 0});
     }
     if (needKey && !anyKey) return R::fail("the container's index marks no key frame");
     return R::ok(std::move(out));
@@ -95,6 +96,8 @@ Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int vi
     plan.payloadOffset_ = family == Family::Avi ? 8 : 0;
     plan.expected_.resize(ctx->nb_streams);
     plan.met_.assign(ctx->nb_streams, 0);
+    plan.mayVouch_.assign(ctx->nb_streams, 0);
+    plan.vouched_.assign(ctx->nb_streams, 0);
 
     std::vector<std::pair<int64_t, int64_t>> ranges;
     auto addStream = [&](int stream, bool isVideo) -> std::string {
@@ -127,6 +130,12 @@ Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int vi
         if (!passedUnparsed(family, ctx->streams[a]->codecpar))
             return R::fail("the demuxer reads the " + streamName(ctx->streams[a]) + " stream's packets from their bytes");
         if (std::string why = addStream(a, false); !why.empty()) return R::fail(why);
+        // Sample counts must follow from the sizes alone (not from the packets' durations).
+        AVCodecParameters* par = ctx->streams[a]->codecpar;
+        bool fromSizes = family == Family::QuickTime;
+        for (const Payload& p : plan.expected_[size_t(a)])
+            fromSizes = fromSizes && av_get_audio_frame_duration2(par, p.size) > 0;
+        plan.mayVouch_[size_t(a)] = fromSizes;
     }
     std::sort(ranges.begin(), ranges.end());
     for (const auto& r : ranges) {
@@ -150,6 +159,33 @@ void ContainerIndexPlan::meet(const AVPacket* pkt) {
     const Payload& want = list[at++];
     if (pkt->pos != want.pos + payloadOffset_ || pkt->size != want.size)
         mismatch_ = "packet " + std::to_string(at - 1) + " of stream " + std::to_string(s) + " is not where the index puts it";
+}
+
+bool ContainerIndexPlan::vouches(const AVPacket* pkt) {
+    const int s = pkt->stream_index;
+    if (!mismatch_.empty() || s < 0 || size_t(s) >= mayVouch_.size() || !mayVouch_[size_t(s)]) return false;
+    const size_t at = met_[size_t(s)] - 1; // meet() has counted this packet
+    const Payload& want = expected_[size_t(s)][at];
+    const bool asListed = pkt->pts == want.timestamp && pkt->dts == want.timestamp &&
+                          bool(pkt->flags & AV_PKT_FLAG_KEY) == want.key &&
+                          bool(pkt->flags & AV_PKT_FLAG_DISCARD) == want.discard && (at == 0 || pkt->side_data_elems == 0);
+    if (!asListed) {
+        mayVouch_[size_t(s)] = 0;
+        return false;
+    }
+    return ++vouched_[size_t(s)] == int(kVouchingPackets) && at + 1 < expected_[size_t(s)].size();
+}
+
+void ContainerIndexPlan::listedPacket(int stream, size_t i, AVPacket* pkt) const {
+    const Payload& p = expected_[size_t(stream)][i];
+    pkt->stream_index = stream;
+    pkt->pts = pkt->dts = p.timestamp;
+    pkt->pos = p.pos + payloadOffset_;
+    pkt->size = p.size;
+    pkt->data = nullptr;
+    pkt->flags = (p.key ? AV_PKT_FLAG_KEY : 0) | (p.discard ? AV_PKT_FLAG_DISCARD : 0);
+    const auto& list = expected_[size_t(stream)];
+    pkt->duration = i + 1 < list.size() ? list[i + 1].timestamp - p.timestamp : 0;
 }
 
 std::string ContainerIndexPlan::verdict() const {

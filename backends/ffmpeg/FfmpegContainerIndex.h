@@ -30,8 +30,14 @@ public:
 
     struct Payload {
         int64_t pos = 0;
+        int64_t timestamp = 0;
         int32_t size = 0;
+        bool key = false;
+        bool discard = false;
     };
+    // Audio packets of a stream the demuxer has shown to give exactly as the index lists
+    // them before the rest are taken from the index.
+    static constexpr size_t kVouchingPackets = 8;
 
     // The plan for a demuxer whose header (and stream info) has been read: the streams in
     // use are video (-1 for none) and audio. Video packets up to headPackets after the
@@ -48,10 +54,23 @@ public:
     // Empty when the pass met every listed packet and nothing else; else what went wrong.
     std::string verdict() const;
 
+    // QuickTime audio that is not read depends on the index alone: once the demuxer has
+    // given the first kVouchingPackets packets of such a stream exactly as their entries
+    // say (times, flags, no side data after the first), the rest need not come through
+    // the demuxer. Called with each packet after meet(); true when pkt was the last one
+    // needed: the stream may then be discarded in the demuxer and its remaining packets
+    // taken with listedPacket().
+    bool vouches(const AVPacket* pkt);
+    // The stream's listed packet i as the demuxer gives it, without payload.
+    void listedPacket(int stream, size_t i, AVPacket* pkt) const;
+    size_t listedCount(int stream) const { return expected_[size_t(stream)].size(); }
+
 private:
     std::vector<std::pair<int64_t, int64_t>> hollow_;
     std::vector<std::vector<Payload>> expected_; // per stream of the file; empty: not checked
     std::vector<size_t> met_;
+    std::vector<char> mayVouch_; // per stream: audio whose packets depend on the index alone
+    std::vector<int> vouched_;   // per stream: the first packets that came as listed
     int payloadOffset_ = 0; // bytes between an entry's position and its payload (AVI: 8)
     std::string mismatch_;
 };

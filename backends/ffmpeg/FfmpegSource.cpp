@@ -190,6 +190,7 @@ private:
     std::optional<ContainerIndexPlan> plan_; // set when the pass leaves payloads unread
     bool tablesAllowed_ = false; // the container may be indexed from its tables (no parsers)
     bool headUnread_ = false; // the head probe needed packets that could not be read
+    std::vector<int> fromIndex_; // audio streams whose later packets came from the index
     std::shared_ptr<MediaIndex> index_ = std::make_shared<MediaIndex>();
     std::vector<int> audioSlot_; // per stream of the file: its place in index_->audio, or -1
     std::vector<bool> pcmUsable_; // per audio track: PCM bytes seen in the file match the packets
@@ -402,9 +403,25 @@ void FfmpegSource::Scan::readPackets() {
         const int s = pkt->stream_index;
         const bool hollow = plan_ && input_->isHollow(pkt->pos, pkt->size);
         if (plan_) plan_->meet(pkt.get());
-        if (index_->video && s == index_->video->stream) addVideoPacket(pkt.get(), hollow);
-        else if (s >= 0 && size_t(s) < audioSlot_.size() && audioSlot_[size_t(s)] >= 0)
+        if (index_->video && s == index_->video->stream) {
+            addVideoPacket(pkt.get(), hollow);
+        } else if (s >= 0 && size_t(s) < audioSlot_.size() && audioSlot_[size_t(s)] >= 0) {
             addAudioPacket(index_->audio[size_t(audioSlot_[size_t(s)])], pkt.get(), hollow);
+            if (plan_ && hollow && plan_->vouches(pkt.get())) {
+                // The rest of this stream comes from the index: the demuxer skips it.
+                ctx->streams[s]->discard = AVDISCARD_ALL;
+                fromIndex_.push_back(s);
+            }
+        }
+        av_packet_unref(pkt.get());
+    }
+    for (int s : fromIndex_) {
+        AudioTrack& track = index_->audio[size_t(audioSlot_[size_t(s)])];
+        for (size_t i = track.packets.size(); i < plan_->listedCount(s); ++i) {
+            plan_->listedPacket(s, i, pkt.get());
+            plan_->meet(pkt.get());
+            addAudioPacket(track, pkt.get(), true);
+        }
         av_packet_unref(pkt.get());
     }
 }
