@@ -112,10 +112,15 @@ Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int vi
                 ++firstKey;
             realUpTo = firstKey + headPackets + 1;
         }
+        // Each stream's payloads in file order, then merged with the streams before it.
+        const auto from = ranges.size();
         for (size_t i = 0; i < listed.value.size(); ++i) {
             const int64_t begin = listed.value[i].pos + plan.payloadOffset_;
             if (int(i) >= realUpTo) ranges.emplace_back(begin, begin + listed.value[i].size);
         }
+        const auto mid = ranges.begin() + std::ptrdiff_t(from);
+        if (!std::is_sorted(mid, ranges.end())) std::sort(mid, ranges.end());
+        std::inplace_merge(ranges.begin(), mid, ranges.end());
         plan.expected_[size_t(stream)] = std::move(listed.value);
         return {};
     };
@@ -137,7 +142,6 @@ Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int vi
             fromSizes = fromSizes && av_get_audio_frame_duration2(par, p.size) > 0;
         plan.mayVouch_[size_t(a)] = fromSizes;
     }
-    std::sort(ranges.begin(), ranges.end());
     for (const auto& r : ranges) {
         if (!plan.hollow_.empty() && r.first < plan.hollow_.back().second)
             return R::fail("the container's index lists overlapping packets");

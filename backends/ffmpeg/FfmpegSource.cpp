@@ -377,6 +377,8 @@ void FfmpegSource::Scan::planPass() {
     }
     plan_ = std::move(plan.value);
     input_->setHollow(plan_->hollow());
+    if (index_->video) index_->video->packets.reserve(plan_->listedCount(index_->video->stream));
+    for (AudioTrack& a : index_->audio) a.packets.reserve(plan_->listedCount(a.stream));
 }
 
 void FfmpegSource::Scan::readPackets() {
