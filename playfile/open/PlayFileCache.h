@@ -218,7 +218,8 @@ private:
         uint32_t peak = 0;
     };
     // Opens through the readers (PlayUtil::openReadChecked); when descriptors ran out,
-    // closes the idle files and tries once more. Called with no lock held.
+    // closes the idle files and tries once more. Called holding the file name's access
+    // queue and not lock_ (which the closing takes).
     eOpenOutcome openThroughReaders(const WString& fileName, const DecodeFormat& format, OpenType type,
                                     unsigned streamIndex, Zn::Ptr<FileReadInstance>& file);
     int audioReadRequestFor(Zn::Ptr<AudioReadRequest>& request, const Cookie& material, uint64_t sample,
