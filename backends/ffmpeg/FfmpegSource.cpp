@@ -191,6 +191,7 @@ private:
     bool tablesAllowed_ = false; // the container may be indexed from its tables (no parsers)
     bool headUnread_ = false; // the head probe needed packets that could not be read
     std::vector<int> fromIndex_; // audio streams whose later packets came from the index
+    int systemCause_ = 0; // errno of a system failure after the first pass (no descriptor...)
     std::shared_ptr<MediaIndex> index_ = std::make_shared<MediaIndex>();
     std::vector<int> audioSlot_; // per stream of the file: its place in index_->audio, or -1
     std::vector<bool> pcmUsable_; // per audio track: PCM bytes seen in the file match the packets
@@ -266,6 +267,7 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
             rescanReason_ = "the head of the video stream could not be read";
             return R::fail(rescanReason_);
         }
+        if (systemCause_) return R::fail("cannot open the file again to order its pictures", systemCause_);
         index_->video.reset();
     }
     for (size_t i = 0; i < index_->audio.size(); ++i) finishAudio(index_->audio[i], i);
@@ -520,8 +522,12 @@ std::vector<int> FfmpegSource::Scan::decodeOrderOfWholeStream() {
     const VideoTrack& v = *index_->video;
     OrderProbe probe;
     auto input = FileInput::open(path_);
-    if (!input) return {};
+    if (!input) {
+        systemCause_ = input.cause;
+        return {};
+    }
     auto opened = Demuxer::open(path_, true, std::move(input.value));
+    if (!opened) systemCause_ = opened.cause;
     if (!opened || !probe.open(v.codec.get())) return {};
     AVFormatContext* ctx = opened.value->context();
     for (unsigned i = 0; i < ctx->nb_streams; ++i)
