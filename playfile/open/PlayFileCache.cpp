@@ -530,7 +530,7 @@ PlayFileCache::Statistics PlayFileCache::statistics() const {
         s.misses = counts_.misses;
         s.opens = counts_.opens;
         s.failedOpens = counts_.failedOpens;
-    s.passingFailures = counts_.passingFailures;
+        s.passingFailures = counts_.passingFailures;
         s.refusedOpens = counts_.refusedOpens;
         s.missingFiles = counts_.missingFiles;
         s.evictions = counts_.evictions;
@@ -558,11 +558,12 @@ std::string PlayFileCache::statisticsReport() const {
                   "PlayFileCache: %u files open (peak %u; limits %u to %u)\n"
                   "  look-ups %" PRIu64 ": %" PRIu64 " hits (%.1f%%), %" PRIu64 " misses, %" PRIu64
                   " refused (failed before)\n"
-                  "  opens %" PRIu64 ", failed %" PRIu64 ", missing files %" PRIu64 ", evictions %" PRIu64 "\n"
+                  "  opens %" PRIu64 ", failed %" PRIu64 " (and %" PRIu64 " for now), missing files %" PRIu64
+                  ", evictions %" PRIu64 "\n"
                   "  opening %.3f ms (%.3f ms per open), waiting for another thread's open %.3f ms\n",
                   s.openFiles, s.peakOpenFiles, minSize_, maxSize_, lookups, s.hits,
                   lookups ? 100.0 * double(s.hits) / double(lookups) : 0.0, s.misses, s.refusedOpens, s.opens,
-                  s.failedOpens, s.missingFiles, s.evictions, double(s.openingNs) / 1e6,
+                  s.failedOpens, s.passingFailures, s.missingFiles, s.evictions, double(s.openingNs) / 1e6,
                   (s.opens + s.failedOpens) ? double(s.openingNs) / 1e6 / double(s.opens + s.failedOpens) : 0.0,
                   double(s.accessWaitNs) / 1e6);
     return text;
