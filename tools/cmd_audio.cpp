@@ -1,5 +1,5 @@
-// `playfile audio`: reads a run of samples of one channel of one audio stream through
-// PlayFileCache::audioReadRequest and the file's audio reader, and hashes them, writes them
+// `playfile audio`: reads a run of samples of one channel of one audio stream of each file
+// given through PlayFileCache::audioReadRequest and the file's audio reader, and hashes them, writes them
 // to a mono WAV file through the host's file writers, or times the read.
 #include "tools/Command.h"
 #include "tools/Md5.h"
@@ -21,7 +21,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 const char kAudioUsage[] =
-    "usage: playfile audio FILE [--stream S] [--channel C] [--start X] [--count N]\n"
+    "usage: playfile audio FILE... [--stream S] [--channel C] [--start X] [--count N]\n"
     "                      [--block B] [--md5] [--out FILE.wav] [--json]\n"
     "\n"
     "Reads samples X to X+N-1 of channel C of audio stream S of FILE through the play file\n"
@@ -29,28 +29,31 @@ const char kAudioUsage[] =
     "samples are those the file's audio reader delivers: as stored for uncompressed audio,\n"
     "as FFmpeg decodes them for compressed audio (AAC, MP3, Opus: 32-bit float), in the\n"
     "layout `playfile probe` shows (bytesPerDecodedSample, sampleType). Streams, channels\n"
-    "and samples are counted from 0; a sample is one sample of the channel.\n"
+    "and samples are counted from 0; a sample is one sample of the channel. Several files\n"
+    "are read in turn, in one process; a file that fails is reported and the next one read.\n"
     "\n"
     "  --stream S     audio stream (default 0)\n"
     "  --channel C    channel within the stream (default 0)\n"
     "  --start X      first sample (default 0)\n"
     "  --count N      samples (default: to the end of the stream)\n"
     "  --block B      samples per read (default 1048576)\n"
-    "  --md5          prints one line per read: START COUNT MD5, the MD5 of the channel's\n"
+    "  --md5          prints one line per read: START COUNT MD5 (FILE START COUNT MD5 when\n"
+    "                 several files are given), the MD5 of the channel's\n"
     "                 samples as delivered (little-endian, COUNT samples from START): the\n"
     "                 bytes of that channel of FFmpeg's raw decoded output\n"
     "                 (-f s16le, s32le, f32le, ... as the layout says)\n"
     "  --out F        writes the samples to the mono WAV file F, through the host's file\n"
-    "                 writers (the WAV back-end)\n"
+    "                 writers (the WAV back-end); one file only\n"
     "  --json         one JSON object on standard output: {file, stream, channel, start,\n"
     "                 count, sampleRate, bytesPerSample, sampleType, seconds, reads:\n"
-    "                 [{start, count, md5 (with --md5 only)}]}; members are only ever added\n"
+    "                 [{start, count, md5 (with --md5 only)}]}, an array of them for\n"
+    "                 several files; members are only ever added\n"
     "\n"
     "Without --md5 or --json, prints one summary line.\n"
     "\n"
-    "Exit status: 0 every sample read; 1 the file cannot be read, has no such stream,\n"
+    "Exit status: 0 every sample read; 1 a file cannot be read, has no such stream,\n"
     "channel or samples, a read failed or F cannot be written (one line on standard\n"
-    "error); 2 a usage error.\n";
+    "error each); 2 a usage error.\n";
 
 // The mono WAV file of --out, written through the writer registry.
 class WavOut {
@@ -84,28 +87,54 @@ private:
     Zn::Ptr<Zn::FileWriteInstance> file_;
 };
 
+// What every file of one run is read with.
+struct AudioJob {
+    uint64_t stream = 0, channel = 0, start = 0, count = 0, block = 0;
+    bool md5 = false, json = false;
+    bool named = false; // several files: --md5 lines start with the file's name
+    std::string out;    // --out, or empty
+};
+
+int readAudio(const std::string& path, const AudioJob& job, MediaSession& session, Json& jsonOut);
+
 int run(const std::vector<std::string>& args) {
     Options o;
     if (!o.parse("audio", args,
                  {{"--stream", true}, {"--channel", true}, {"--start", true}, {"--count", true}, {"--block", true},
                   {"--md5", false}, {"--out", true}, {"--json", false}}))
         return fail(kUsage, o.error());
-    if (o.positional().size() != 1)
-        return fail(kUsage, o.positional().empty() ? "audio: no file given" : "audio: give one file");
-    const std::string path = o.positional()[0];
+    if (o.positional().empty()) return fail(kUsage, "audio: no file given");
     uint64_t stream = 0, channel = 0, start = 0, count = 0, block = 0;
     if (!o.number("--stream", 0, 254, 0, stream) || !o.number("--channel", 0, 254, 0, channel) ||
         !o.number("--start", 0, UINT64_MAX >> 2, 0, start) || !o.number("--count", 1, UINT64_MAX >> 2, 0, count) ||
         !o.number("--block", 1, 1u << 24, 1u << 20, block))
         return fail(kUsage, o.error());
     if (o.has("--out") && o.value("--out").empty()) return fail(kUsage, "audio: --out needs a file name");
-    const bool md5 = o.has("--md5"), json = o.has("--json");
+    if (o.has("--out") && o.positional().size() > 1) return fail(kUsage, "audio: --out takes one file");
 
     std::string why;
-    if (!checkMediaFile(path, why)) return fail(kFailure, "audio: " + path + ": " + why);
     if (!readersAvailable(why)) return fail(kFailure, "audio: " + why);
     MediaSession session;
     if (!session.openScratch(why)) return fail(kFailure, "audio: " + why);
+    const AudioJob job{stream, channel, start, count, block, o.has("--md5"), o.has("--json"),
+                       o.positional().size() > 1, o.value("--out")};
+    int status = kOk;
+    Json all = Json::array();
+    for (const std::string& path : o.positional()) {
+        Json one;
+        if (readAudio(path, job, session, one) != kOk) status = kFailure;
+        if (job.json && !one.is_null()) all.push_back(std::move(one));
+    }
+    if (job.json && (job.named || !all.empty())) std::printf("%s\n", (job.named ? all : all[0]).dump(2).c_str());
+    return status;
+}
+
+// Reads the job's samples of one file; jsonOut receives its JSON object (with --json).
+int readAudio(const std::string& path, const AudioJob& job, MediaSession& session, Json& jsonOut) {
+    const auto [stream, channel, start, countAsked, block, md5, json, named, outName] = job;
+    uint64_t count = countAsked;
+    std::string why;
+    if (!checkMediaFile(path, why)) return fail(kFailure, "audio: " + path + ": " + why);
 
     // The layout, from the file opened by name for the stream wanted; the clip's reads
     // below find this file in the cache.
@@ -163,28 +192,28 @@ int run(const std::vector<std::string>& args) {
         isFloat = read.isFloat();
         const uint64_t got = bytesPerSample ? bytes / bytesPerSample : 0;
         if (got == 0) break; // the stream ended sooner than its length said
-        if (o.has("--out") && !outOpen) {
-            if (!out.open(o.value("--out"), rate, bytesPerSample, isFloat, why)) return fail(kFailure, "audio: " + why);
+        if (!outName.empty() && !outOpen) {
+            if (!out.open(outName, rate, bytesPerSample, isFloat, why)) return fail(kFailure, "audio: " + why);
             outOpen = true;
         }
-        if (outOpen && !out.write(data, bytes)) return fail(kFailure, "audio: cannot write " + o.value("--out"));
+        if (outOpen && !out.write(data, bytes)) return fail(kFailure, "audio: cannot write " + outName);
         Json entry = {{"start", at}, {"count", got}};
         if (md5) {
             Md5 digest;
             digest.add(data, bytes);
             entry["md5"] = digest.hex();
             if (!json)
-                std::printf("%llu %llu %s\n", (unsigned long long)at, (unsigned long long)got,
-                            entry["md5"].get<std::string>().c_str());
+                std::printf("%s%s%llu %llu %s\n", named ? path.c_str() : "", named ? " " : "", (unsigned long long)at,
+                            (unsigned long long)got, entry["md5"].get<std::string>().c_str());
         }
         if (json) reads.push_back(entry);
         at += got;
         delivered += got;
     }
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    if (outOpen && !out.close()) return fail(kFailure, "audio: cannot finish " + o.value("--out"));
+    if (outOpen && !out.close()) return fail(kFailure, "audio: cannot finish " + outName);
     if (json) {
-        Json j = {{"file", path},
+        jsonOut = {{"file", path},
                   {"stream", stream},
                   {"channel", channel},
                   {"start", start},
@@ -194,13 +223,12 @@ int run(const std::vector<std::string>& args) {
                   {"sampleType", isFloat ? "float" : "int"},
                   {"seconds", seconds},
                   {"reads", reads}};
-        std::printf("%s\n", j.dump(2).c_str());
     } else if (!md5) {
         std::printf("%s: stream %llu channel %llu, samples %llu-%llu (%llu) of %u-byte %s at %u Hz in %.3f s%s\n",
                     path.c_str(), (unsigned long long)stream, (unsigned long long)channel, (unsigned long long)start,
                     (unsigned long long)(start + delivered - 1), (unsigned long long)delivered, bytesPerSample,
                     isFloat ? "float" : "int", rate, seconds,
-                    outOpen ? ("; written to " + o.value("--out")).c_str() : "");
+                    outOpen ? ("; written to " + outName).c_str() : "");
     }
     return kOk;
 }

@@ -1,5 +1,6 @@
-// `playfile frames`: reads a run of frames of a file through PlayFileCache::videoReadRequest,
-// with several reads in flight, and hashes them, writes them as images, or just times them.
+// `playfile frames`: reads a run of frames of each file given through
+// PlayFileCache::videoReadRequest, with several reads in flight, and hashes them, writes
+// them as images, or just times them.
 #include "tools/Command.h"
 #include "tools/ImageFile.h"
 #include "tools/Md5.h"
@@ -24,12 +25,13 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 const char kFramesUsage[] =
-    "usage: playfile frames FILE [--start N] [--count K] [--format NAME] [--inflight N]\n"
+    "usage: playfile frames FILE... [--start N] [--count K] [--format NAME] [--inflight N]\n"
     "                       [--md5] [--out DIR [--image png|ppm]] [--json]\n"
     "\n"
     "Reads frames START to START+K-1 of the video of FILE through the play file cache, in\n"
     "order, keeping up to --inflight reads queued at once, and waits for each picture.\n"
-    "Frames are counted from 0.\n"
+    "Frames are counted from 0. Several files are read in turn, in one process; a file\n"
+    "that fails is reported and the next one read.\n"
     "\n"
     "  --start N       first frame (default 0)\n"
     "  --count K       number of frames (default: to the end of the file)\n"
@@ -39,25 +41,27 @@ const char kFramesUsage[] =
     "                  yuv420p, yuv422p, yuv444p, yuv420p10le, yuv422p10le, yuv444p10le,\n"
     "                  nv12, uyvy422, yuyv422, gbrp, p010le, ...\n"
     "  --inflight N    reads queued at once (default 4, at most 64)\n"
-    "  --md5           prints one line per frame: FRAME SIZE MD5, where SIZE is the bytes\n"
+    "  --md5           prints one line per frame: FRAME SIZE MD5 (FILE FRAME SIZE MD5 when\n"
+    "                  several files are given), where SIZE is the bytes\n"
     "                  of the picture's planes packed without row padding and MD5 their\n"
     "                  digest: the bytes `ffmpeg -i FILE -f framemd5 -` hashes for the\n"
     "                  same frame in the same pixel format (add -pix_fmt NAME to FFmpeg's\n"
     "                  command for --format NAME)\n"
     "  --out DIR       writes each frame as an image DIR/frame_NNNNNN.EXT (DIR is made when\n"
-    "                  missing). Images hold gray or RGB pictures: with --out the format\n"
+    "                  missing; one file only). Images hold gray or RGB pictures: with --out the format\n"
     "                  defaults to rgb24, and must be gray8, gray16le, rgb24, rgb48le (PNG\n"
     "                  or PPM/PGM), rgba or rgba64le (PNG only)\n"
     "  --image KIND    png (default) or ppm (PPM for RGB, PGM for gray)\n"
     "  --json          one JSON object on standard output instead of text: {file, start,\n"
     "                  count, format, width, height, seconds, fps, frames: [{frame, size,\n"
-    "                  md5 (with --md5 only)}]}; members are only ever added\n"
+    "                  md5 (with --md5 only)}]}, an array of them for several files;\n"
+    "                  members are only ever added\n"
     "\n"
     "Without --md5 or --json, prints one summary line: the frames read, their format and\n"
     "size, the time taken and the frames per second (a progress bar on a terminal).\n"
     "\n"
-    "Exit status: 0 every frame read; 1 the file cannot be read, has no video, has no such\n"
-    "frames, or a read failed (one line on standard error); 2 a usage error.\n";
+    "Exit status: 0 every frame read; 1 a file cannot be read, has no video, has no such\n"
+    "frames, or a read failed (one line on standard error each); 2 a usage error.\n";
 
 bool parseFormat(const std::string& name, Zn::Image::eDataFormat& out) {
     if (name == "native") {
@@ -72,15 +76,25 @@ bool parseFormat(const std::string& name, Zn::Image::eDataFormat& out) {
     return false;
 }
 
+// What every file of one run is read with.
+struct FramesJob {
+    uint64_t start = 0, count = 0, inflight = 0;
+    bool md5 = false, json = false, out = false;
+    bool named = false; // several files: --md5 lines start with the file's name
+    ImageKind imageKind = ImageKind::kPng;
+    Zn::Image::eDataFormat format = Zn::Image::kFormatUnknown;
+    std::string dir;
+};
+
+int readFrames(const std::string& path, const FramesJob& job, MediaSession& session, Json& jsonOut);
+
 int run(const std::vector<std::string>& args) {
     Options o;
     if (!o.parse("frames", args,
                  {{"--start", true}, {"--count", true}, {"--format", true}, {"--inflight", true}, {"--md5", false},
                   {"--out", true}, {"--image", true}, {"--json", false}}))
         return fail(kUsage, o.error());
-    if (o.positional().size() != 1)
-        return fail(kUsage, o.positional().empty() ? "frames: no file given" : "frames: give one file");
-    const std::string path = o.positional()[0];
+    if (o.positional().empty()) return fail(kUsage, "frames: no file given");
     uint64_t start = 0, count = 0, inflight = 0;
     if (!o.number("--start", 0, INT32_MAX, 0, start) || !o.number("--count", 1, INT32_MAX, 0, count) ||
         !o.number("--inflight", 1, 64, 4, inflight))
@@ -97,11 +111,31 @@ int run(const std::vector<std::string>& args) {
         return fail(kUsage, std::string("frames: ") + (kind == "png" ? "PNG" : "PPM/PGM") + " images cannot hold " +
                                 (format ? Zn::Image::formatName(format) : "native") + " pictures (see --help)");
 
+    if (out && o.positional().size() > 1) return fail(kUsage, "frames: --out takes one file");
+
     std::string why;
-    if (!checkMediaFile(path, why)) return fail(kFailure, "frames: " + path + ": " + why);
     if (!readersAvailable(why)) return fail(kFailure, "frames: " + why);
     MediaSession session;
     if (!session.openScratch(why)) return fail(kFailure, "frames: " + why);
+    const FramesJob job{start, count, inflight, md5, json, out, o.positional().size() > 1, imageKind, format,
+                        o.value("--out")};
+    int status = kOk;
+    Json all = Json::array();
+    for (const std::string& path : o.positional()) {
+        Json one;
+        if (readFrames(path, job, session, one) != kOk) status = kFailure;
+        if (json && !one.is_null()) all.push_back(std::move(one));
+    }
+    if (json && (job.named || !all.empty())) std::printf("%s\n", (job.named ? all : all[0]).dump(2).c_str());
+    return status;
+}
+
+// Reads the job's frames of one file; jsonOut receives its JSON object (with --json).
+int readFrames(const std::string& path, const FramesJob& job, MediaSession& session, Json& jsonOut) {
+    const auto [start, countAsked, inflight, md5, json, out, named, imageKind, format, dir] = job;
+    uint64_t count = countAsked;
+    std::string why;
+    if (!checkMediaFile(path, why)) return fail(kFailure, "frames: " + path + ": " + why);
 
     // Width and height 0 keep the picture's own size; only the pixel format changes.
     DecodeFormat decodeFormat(1);
@@ -126,7 +160,6 @@ int run(const std::vector<std::string>& args) {
     if (!clip.valid()) return fail(kFailure, "frames: " + why);
     const Cookie material = convertCookie(clip, 'V', 0);
 
-    const std::string dir = o.value("--out");
     if (out) {
         std::error_code ec;
         std::filesystem::create_directories(dir, ec);
@@ -168,7 +201,8 @@ int run(const std::vector<std::string>& args) {
             if (json)
                 list.push_back(entry);
             else
-                std::printf("%d %zu %s\n", read->frame(), size, entry["md5"].get<std::string>().c_str());
+                std::printf("%s%s%d %zu %s\n", named ? path.c_str() : "", named ? " " : "", read->frame(), size,
+                            entry["md5"].get<std::string>().c_str());
         }
         if (out) {
             char name[32];
@@ -183,10 +217,9 @@ int run(const std::vector<std::string>& args) {
     if (bar) bar->finish();
     const double fps = seconds > 0 ? double(count) / seconds : 0.0;
     if (json) {
-        Json j = {{"file", path},   {"start", start},   {"count", count},     {"format", Zn::Image::formatName(got)},
-                  {"width", width}, {"height", height}, {"seconds", seconds}, {"fps", fps},
-                  {"frames", list}};
-        std::printf("%s\n", j.dump(2).c_str());
+        jsonOut = {{"file", path},   {"start", start},   {"count", count},     {"format", Zn::Image::formatName(got)},
+                   {"width", width}, {"height", height}, {"seconds", seconds}, {"fps", fps},
+                   {"frames", list}};
     } else if (!md5) {
         const double openSeconds = std::chrono::duration<double>(t0 - opening).count();
         std::printf("%s: frames %llu-%llu (%llu) as %s %ux%u in %.3f s, %.1f fps (opening %.3f s)%s\n", path.c_str(),

@@ -1,7 +1,10 @@
 // Owning pointers, error texts and the time-limited demuxer shared by the FFmpeg engine.
 #include "backends/ffmpeg/FfmpegCommon.h"
 
+#include "backends/ffmpeg/FfmpegFileInput.h"
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <mutex>
@@ -27,6 +30,11 @@ CodecParametersPtr copyParameters(const AVCodecParameters* from) {
         return nullptr;
     }
     return CodecParametersPtr(p, CodecParametersDeleter{});
+}
+
+int systemCause(int averror) {
+    // AVERROR(e) is -e for errno values; FFmpeg's own codes are large tags.
+    return averror < 0 && averror > -4096 ? -averror : 0;
 }
 
 std::string errorText(int averror) {
@@ -109,6 +117,7 @@ Result<CodecContextPtr> openDecoder(const AVCodecParameters* par, Threading thre
 
 Demuxer::~Demuxer() {
     if (ctx_) avformat_close_input(&ctx_);
+    input_.reset();
 }
 
 int Demuxer::interruptCallback(void* self) {
@@ -125,10 +134,20 @@ bool Demuxer::isQuickTime() const {
 }
 
 Result<std::unique_ptr<Demuxer>> Demuxer::open(const std::string& path, bool withStreamInfo) {
+    return open(path, withStreamInfo, nullptr);
+}
+
+Result<std::unique_ptr<Demuxer>> Demuxer::open(const std::string& path, bool withStreamInfo,
+                                               std::unique_ptr<FileInput> input) {
     using R = Result<std::unique_ptr<Demuxer>>;
     std::unique_ptr<Demuxer> d(new Demuxer);
     d->ctx_ = avformat_alloc_context();
-    if (!d->ctx_) return R::fail("out of memory");
+    if (!d->ctx_) return R::fail("out of memory", ENOMEM);
+    if (input) {
+        d->input_ = std::move(input);
+        d->ctx_->pb = d->input_->io();
+        d->ctx_->flags |= AVFMT_FLAG_CUSTOM_IO;
+    }
     d->ctx_->interrupt_callback.callback = &Demuxer::interruptCallback;
     d->ctx_->interrupt_callback.opaque = d.get();
     d->arm(kOpenTimeLimit);
@@ -136,11 +155,11 @@ Result<std::unique_ptr<Demuxer>> Demuxer::open(const std::string& path, bool wit
     int rc = avformat_open_input(&ctx, path.c_str(), nullptr, nullptr);
     if (rc < 0) {
         d->ctx_ = nullptr; // avformat_open_input frees the context on failure
-        return R::fail(errorText(rc));
+        return R::fail(errorText(rc), systemCause(rc));
     }
     if (withStreamInfo) {
         rc = avformat_find_stream_info(d->ctx_, nullptr);
-        if (rc < 0) return R::fail("cannot read the streams: " + errorText(rc));
+        if (rc < 0) return R::fail("cannot read the streams: " + errorText(rc), systemCause(rc));
     }
     d->arm(kCallTimeLimit);
     return R::ok(std::move(d));

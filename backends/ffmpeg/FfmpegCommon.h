@@ -46,19 +46,26 @@ CodecParametersPtr copyParameters(const AVCodecParameters* from);
 // The text FFmpeg gives for an error code ("Invalid data found when processing input").
 std::string errorText(int averror);
 
-// What a call answers: a value, or an empty value and a one-line reason.
+// What a call answers: a value, or an empty value and a one-line reason. cause is the
+// errno of a system call that failed on the way (EMFILE, ENOMEM, EIO...), 0 when the
+// input itself is at fault.
 template <class T> struct Result {
     T value{};
     std::string error;
+    int cause = 0;
 
     explicit operator bool() const { return error.empty(); }
-    static Result ok(T v) { return Result{std::move(v), {}}; }
-    static Result fail(std::string why) {
+    static Result ok(T v) { return Result{std::move(v), {}, 0}; }
+    static Result fail(std::string why, int cause = 0) {
         Result r;
         r.error = why.empty() ? std::string("unknown error") : std::move(why);
+        r.cause = cause;
         return r;
     }
 };
+
+// The errno behind an AVERROR code, 0 when it is one of FFmpeg's own (damaged data...).
+int systemCause(int averror);
 
 // Where FFmpeg's own log lines go. FFmpeg prints them on standard error unless told
 // otherwise; the back-end hands lines up to maxLevel (AV_LOG_ERROR, AV_LOG_WARNING...) to
@@ -82,6 +89,8 @@ int coreCount();
 // A demuxer open on a file. Blocking calls into it (reads, seeks, probing) give up once
 // the time limit set with arm() has passed, so a file on a stalled or pathological input
 // fails instead of hanging the thread that reads it.
+class FileInput;
+
 class Demuxer {
 public:
     ~Demuxer();
@@ -91,18 +100,24 @@ public:
     // Opens path. withStreamInfo also runs avformat_find_stream_info (needed once to learn
     // the streams' parameters; later opens of the same file copy them instead).
     static Result<std::unique_ptr<Demuxer>> open(const std::string& path, bool withStreamInfo);
+    // The same, reading through input (which the demuxer then owns).
+    static Result<std::unique_ptr<Demuxer>> open(const std::string& path, bool withStreamInfo,
+                                                 std::unique_ptr<FileInput> input);
 
     AVFormatContext* context() const { return ctx_; }
     // Allows blocking calls for the given time from now on.
     void arm(std::chrono::milliseconds limit);
     // True when the QuickTime/MP4 demuxer reads this file.
     bool isQuickTime() const;
+    // The input given to open, or null.
+    FileInput* input() const { return input_.get(); }
 
 private:
     Demuxer() = default;
     static int interruptCallback(void* self);
 
     AVFormatContext* ctx_ = nullptr;
+    std::unique_ptr<FileInput> input_; // outlives ctx_, whose pb it is
     std::chrono::steady_clock::time_point deadline_{};
 };
 

@@ -24,6 +24,8 @@ struct PacketKey {
     int64_t pos = -1; // byte position in the file, -1 when the demuxer gives none
     int32_t size = 0;
     uint32_t digest = 0; // packetDigest() of its bytes
+    bool hasDigest = true; // false when the bytes were not read at open (known from the
+                           // container's index): then position and times identify it
 };
 
 // A cheap fingerprint of a packet's bytes: its first and last 32 bytes.
@@ -108,8 +110,15 @@ struct AudioTrack {
     std::vector<PcmRun> pcmRuns;
 };
 
+// How the packets were learnt at open: from the container's own index (its tables list
+// every packet; their payloads were not read), or by reading the whole file.
+enum class IndexSource { ContainerIndex, Scan };
+
 struct MediaIndex {
     std::string path;
+    IndexSource source = IndexSource::Scan;
+    std::string scanReason;    // why the whole file was read, when it was
+    uint64_t bytesRead = 0;    // bytes of the file the indexing pass read
     std::string container;     // the demuxer's name ("mov,mp4,m4a,3gp,3g2,mj2", "matroska,webm")
     std::string scanWarning;   // why the packet scan stopped before the end, if it did
     double openSeconds = 0;    // time open() took

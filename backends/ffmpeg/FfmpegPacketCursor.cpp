@@ -67,7 +67,7 @@ Result<std::unique_ptr<PacketCursor>> PacketCursor::open(std::shared_ptr<const M
 bool PacketCursor::matches(const AVPacket* pkt, int index) const {
     if (index < 0 || index >= count_) return false;
     const PacketKey& k = keyAt_(index);
-    if (k.size != pkt->size || k.digest != packetDigest(pkt)) return false;
+    if (k.size != pkt->size || (k.hasDigest && k.digest != packetDigest(pkt))) return false;
     bool compared = false;
     if (k.pos >= 0 && pkt->pos >= 0) {
         if (k.pos != pkt->pos) return false;

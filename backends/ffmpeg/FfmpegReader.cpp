@@ -45,7 +45,9 @@ FfmpegReadInstance::FfmpegReadInstance(const WString& fileName, const DecodeForm
       index_(std::move(index)),
       longGop_(index_->video && !index_->video->codecIsIntraOnly && !index_->video->allFramesKey) {
     describe();
-    for (size_t s = 0; s < index_->audio.size(); ++s) {
+    // A file opened for video only reads no audio: its audio decoders (each with a demuxer
+    // of its own) are not made.
+    for (size_t s = 0; s < index_->audio.size() && type.hasAudio(); ++s) {
         if (!index_->audio[s].plainPcm)
             initAudioCodec(unsigned(s), Zn::makePtr<FfmpegAudioSetup>(index_, int(s)));
     }
@@ -54,13 +56,20 @@ FfmpegReadInstance::FfmpegReadInstance(const WString& fileName, const DecodeForm
 FfmpegReadInstance::~FfmpegReadInstance() { endStreamDecode(); }
 
 Zn::Ptr<FfmpegReadInstance> FfmpegReadInstance::open(const DecodeFormat& format, const WString& fileName,
-                                                     OpenType type, std::string& error) {
+                                                     OpenType type, std::string& error, int& cause) {
     auto opened = FfmpegSource::open(toUTF8(fileName).c_str());
     if (!opened) {
         error = opened.error;
+        cause = opened.cause;
         return nullptr;
     }
     const MediaIndex& index = *opened.value;
+    if (index.source == IndexSource::ContainerIndex)
+        Log("FFmpeg indexed \"%ls\" from the container's index in %.1f ms (%llu bytes read)\n", fileName.c_str(),
+            index.openSeconds * 1e3, static_cast<unsigned long long>(index.bytesRead));
+    else
+        Log("FFmpeg indexed \"%ls\" by reading the whole file in %.1f ms (%llu bytes read): %s\n", fileName.c_str(),
+            index.openSeconds * 1e3, static_cast<unsigned long long>(index.bytesRead), index.scanReason.c_str());
     const bool video = index.video && index.video->frameCount() > 0;
     const bool audio = !index.audio.empty();
     const bool served = (type.hasVideo() && video) || (type.hasAudio() && audio) || (type == OpenType::kNone && (video || audio));
@@ -311,10 +320,21 @@ int FfmpegReadInstance::readAudioBlock(uint32_t stream, uint64_t block, std::vec
 bool FfmpegFileReader::accepts(const WString&, OpenType) { return true; }
 
 Zn::Ptr<FileReadInstance> FfmpegFileReader::open(const DecodeFormat& format, const WString& fileName, OpenType type) {
+    return openFile(format, fileName, type).file;
+}
+
+Zn::iFileReader::Opened FfmpegFileReader::openFile(const DecodeFormat& format, const WString& fileName, OpenType type) {
     std::string error;
-    Zn::Ptr<FfmpegReadInstance> opened = FfmpegReadInstance::open(format, fileName, type, error);
-    if (!opened) Log("FFmpeg cannot open \"%ls\": %s\n", fileName.c_str(), error.c_str());
-    return opened;
+    int cause = 0;
+    Opened result;
+    result.file = FfmpegReadInstance::open(format, fileName, type, error, cause);
+    if (result.file) {
+        result.outcome = eOpenOutcome::kOpened;
+    } else {
+        result.outcome = openOutcomeOfErrno(cause);
+        Log("FFmpeg cannot open \"%ls\": %s\n", fileName.c_str(), error.c_str());
+    }
+    return result;
 }
 
 unsigned FfmpegFileReader::capabilities(const DecodeFormat&, OpenType, const PlayFileMetadataRep& metadata,

@@ -71,9 +71,9 @@ private:
 class FfmpegReadInstance : public StreamingDecodeReader, public Zn::AudioReader {
 public:
     // Opens and indexes the file; null with a reason when FFmpeg cannot read it or it has
-    // no stream of the kind asked for.
+    // no stream of the kind asked for, and the errno in cause when the system failed.
     static Zn::Ptr<FfmpegReadInstance> open(const DecodeFormat& format, const WString& fileName, OpenType type,
-                                            std::string& error);
+                                            std::string& error, int& cause);
     ~FfmpegReadInstance() override;
 
     String getReaderName() const override { return "FFmpeg"; }
@@ -135,6 +135,7 @@ public:
     String name() const override { return "FFmpeg"; }
     bool accepts(const WString& fileName, OpenType type) override;
     Zn::Ptr<FileReadInstance> open(const DecodeFormat& format, const WString& fileName, OpenType type) override;
+    Opened openFile(const DecodeFormat& format, const WString& fileName, OpenType type) override;
     unsigned capabilities(const DecodeFormat& format, OpenType type, const PlayFileMetadataRep& metadata,
                           const Aud::Metadata& stream, Zn::ReaderDetails& details) override;
 };

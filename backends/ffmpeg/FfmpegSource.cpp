@@ -2,6 +2,8 @@
 // packets of the video stream, and the sample positions of each audio stream.
 #include "backends/ffmpeg/FfmpegSource.h"
 
+#include "backends/ffmpeg/FfmpegContainerIndex.h"
+#include "backends/ffmpeg/FfmpegFileInput.h"
 #include "backends/ffmpeg/FfmpegPcm.h"
 
 extern "C" {
@@ -157,25 +159,39 @@ private:
 
 class FfmpegSource::Scan {
 public:
+    // rescanReason: why an earlier pass over the container's index was given up, if it was.
+    Scan(Options options, std::string rescanReason) : options_(options), rescanReason_(std::move(rescanReason)) {}
     ~Scan() {
         if (fd_ >= 0) ::close(fd_);
     }
     Result<std::shared_ptr<const MediaIndex>> run(const std::string& path);
+    // After a failed run: the container's index misled the pass, so read the whole file.
+    const std::string& rescanReason() const { return rescanReason_; }
 
 private:
     using R = Result<std::shared_ptr<const MediaIndex>>;
 
     bool chooseStreams(std::string& error);
+    void planPass();
     void readPackets();
-    void addVideoPacket(AVPacket* pkt);
-    void addAudioPacket(AudioTrack& track, AVPacket* pkt);
+    void addVideoPacket(AVPacket* pkt, bool hollow);
+    void addAudioPacket(AudioTrack& track, AVPacket* pkt, bool hollow);
     void checkPcmBytes(AudioTrack& track, const AVPacket* pkt);
     bool finishVideo();
+    bool readHollowHead();
     std::vector<int> decodeOrderOfWholeStream();
     void finishAudio(AudioTrack& track, size_t slot);
 
+    const Options options_;
+    std::string rescanReason_;
     std::string path_;
     std::unique_ptr<Demuxer> demux_;
+    FileInput* input_ = nullptr; // demux_'s
+    std::optional<ContainerIndexPlan> plan_; // set when the pass leaves payloads unread
+    bool tablesAllowed_ = false; // the container may be indexed from its tables (no parsers)
+    bool headUnread_ = false; // the head probe needed packets that could not be read
+    std::vector<int> fromIndex_; // audio streams whose later packets came from the index
+    int systemCause_ = 0; // errno of a system failure after the first pass (no descriptor...)
     std::shared_ptr<MediaIndex> index_ = std::make_shared<MediaIndex>();
     std::vector<int> audioSlot_; // per stream of the file: its place in index_->audio, or -1
     std::vector<bool> pcmUsable_; // per audio track: PCM bytes seen in the file match the packets
@@ -190,13 +206,20 @@ private:
 
     // The first packets of the video stream, kept for the head probe.
     std::vector<PacketPtr> head_;
+    std::vector<char> headHollow_; // per packet of head_: its bytes were not read (yet)
     size_t headBytes_ = 0;
     int firstKey_ = -1;
 };
 
-Result<std::shared_ptr<const MediaIndex>> FfmpegSource::open(const std::string& path) {
-    Scan scan;
-    return scan.run(path);
+Result<std::shared_ptr<const MediaIndex>> FfmpegSource::open(const std::string& path) { return open(path, Options{}); }
+
+Result<std::shared_ptr<const MediaIndex>> FfmpegSource::open(const std::string& path, Options options) {
+    Scan scan(options, {});
+    auto r = scan.run(path);
+    if (r || scan.rescanReason().empty()) return r;
+    options.useContainerIndex = false;
+    Scan whole(options, scan.rescanReason());
+    return whole.run(path);
 }
 
 Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::string& path) {
@@ -208,16 +231,45 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
     if (!S_ISREG(st.st_mode)) return R::fail("not a regular file");
     if (st.st_size == 0) return R::fail("empty file");
 
-    auto opened = Demuxer::open(path, true);
-    if (!opened) return R::fail("not a media file FFmpeg can read (" + opened.error + ")");
+    auto input = FileInput::open(path);
+    if (!input) return R::fail("cannot open the file: " + input.error, input.cause);
+    input_ = input.value.get();
+    auto opened = Demuxer::open(path, false, std::move(input.value));
+    if (!opened) return R::fail("not a media file FFmpeg can read (" + opened.error + ")", opened.cause);
     demux_ = std::move(opened.value);
-    index_->container = demux_->context()->iformat->name;
+    AVFormatContext* ctx = demux_->context();
+    index_->container = ctx->iformat->name;
+    // Packets the container indexes pass as stored: no parser looks into bytes that may
+    // go unread. (Read whole, a file is demuxed as FFmpeg's own program does it.)
+    tablesAllowed_ = options_.useContainerIndex && rescanReason_.empty() && ContainerIndexPlan::mayIndex(ctx);
+    if (tablesAllowed_) ctx->flags |= AVFMT_FLAG_NOPARSE;
+    demux_->arm(kOpenTimeLimit);
+    if (const int rc = avformat_find_stream_info(ctx, nullptr); rc < 0)
+        return R::fail("not a media file FFmpeg can read (cannot read the streams: " + errorText(rc) + ")",
+                       systemCause(rc));
+    demux_->arm(kCallTimeLimit);
 
     std::string error;
     if (!chooseStreams(error)) return R::fail(error);
+    planPass();
     readPackets();
+    index_->bytesRead = input_->bytesRead();
+    if (const int e = input_->readError())
+        return R::fail(std::string("cannot read the file: ") + std::strerror(e), e);
+    if (plan_) {
+        rescanReason_ = plan_->verdict();
+        if (!rescanReason_.empty()) return R::fail(rescanReason_);
+        index_->source = IndexSource::ContainerIndex;
+    }
 
-    if (index_->video && !finishVideo()) index_->video.reset();
+    if (index_->video && !finishVideo()) {
+        if (headUnread_) {
+            rescanReason_ = "the head of the video stream could not be read";
+            return R::fail(rescanReason_);
+        }
+        if (systemCause_) return R::fail("cannot open the file again to order its pictures", systemCause_);
+        index_->video.reset();
+    }
     for (size_t i = 0; i < index_->audio.size(); ++i) finishAudio(index_->audio[i], i);
     std::erase_if(index_->audio, [](const AudioTrack& a) { return a.totalSamples <= 0; });
     if (!index_->video && index_->audio.empty()) {
@@ -303,6 +355,34 @@ bool FfmpegSource::Scan::chooseStreams(std::string& error) {
     return true;
 }
 
+// Where the container indexes every packet, the pass reads none of their payloads.
+void FfmpegSource::Scan::planPass() {
+    if (!rescanReason_.empty()) {
+        index_->scanReason = rescanReason_;
+        return;
+    }
+    if (!options_.useContainerIndex) {
+        index_->scanReason = "asked to read every packet";
+        return;
+    }
+    if (!tablesAllowed_) {
+        index_->scanReason = std::string("the ") + index_->container + " file has no index of every packet it holds";
+        return;
+    }
+    std::vector<int> audio;
+    for (const AudioTrack& a : index_->audio) audio.push_back(a.stream);
+    const int video = index_->video ? index_->video->stream : -1;
+    auto plan = ContainerIndexPlan::make(demux_->context(), video, audio, 0);
+    if (!plan) {
+        index_->scanReason = plan.error;
+        return;
+    }
+    plan_ = std::move(plan.value);
+    input_->setHollow(plan_->hollow());
+    if (index_->video) index_->video->packets.reserve(plan_->listedCount(index_->video->stream));
+    for (AudioTrack& a : index_->audio) a.packets.reserve(plan_->listedCount(a.stream));
+}
+
 void FfmpegSource::Scan::readPackets() {
     AVFormatContext* ctx = demux_->context();
     PacketPtr pkt = newPacket();
@@ -325,17 +405,35 @@ void FfmpegSource::Scan::readPackets() {
             break;
         }
         const int s = pkt->stream_index;
-        if (index_->video && s == index_->video->stream) addVideoPacket(pkt.get());
-        else if (s >= 0 && size_t(s) < audioSlot_.size() && audioSlot_[size_t(s)] >= 0)
-            addAudioPacket(index_->audio[size_t(audioSlot_[size_t(s)])], pkt.get());
+        const bool hollow = plan_ && input_->isHollow(pkt->pos, pkt->size);
+        if (plan_) plan_->meet(pkt.get());
+        if (index_->video && s == index_->video->stream) {
+            addVideoPacket(pkt.get(), hollow);
+        } else if (s >= 0 && size_t(s) < audioSlot_.size() && audioSlot_[size_t(s)] >= 0) {
+            addAudioPacket(index_->audio[size_t(audioSlot_[size_t(s)])], pkt.get(), hollow);
+            if (plan_ && hollow && plan_->vouches(pkt.get())) {
+                // The rest of this stream comes from the index: the demuxer skips it.
+                ctx->streams[s]->discard = AVDISCARD_ALL;
+                fromIndex_.push_back(s);
+            }
+        }
+        av_packet_unref(pkt.get());
+    }
+    for (int s : fromIndex_) {
+        AudioTrack& track = index_->audio[size_t(audioSlot_[size_t(s)])];
+        for (size_t i = track.packets.size(); i < plan_->listedCount(s); ++i) {
+            plan_->listedPacket(s, i, pkt.get());
+            plan_->meet(pkt.get());
+            addAudioPacket(track, pkt.get(), true);
+        }
         av_packet_unref(pkt.get());
     }
 }
 
-void FfmpegSource::Scan::addVideoPacket(AVPacket* pkt) {
+void FfmpegSource::Scan::addVideoPacket(AVPacket* pkt, bool hollow) {
     VideoTrack& v = *index_->video;
     VideoPacket p;
-    p.key = {pkt->pts, pkt->dts, pkt->pos, pkt->size, packetDigest(pkt)};
+    p.key = {pkt->pts, pkt->dts, pkt->pos, pkt->size, hollow ? 0 : packetDigest(pkt), !hollow};
     // Containers need not flag every picture of an intra-only codec; each one is a key.
     p.keyFrame = (pkt->flags & AV_PKT_FLAG_KEY) || v.codecIsIntraOnly;
     p.discard = pkt->flags & AV_PKT_FLAG_DISCARD;
@@ -348,13 +446,30 @@ void FfmpegSource::Scan::addVideoPacket(AVPacket* pkt) {
         if (copy && av_packet_ref(copy.get(), pkt) >= 0) {
             headBytes_ += size_t(pkt->size);
             head_.push_back(std::move(copy));
+            headHollow_.push_back(hollow);
         }
     }
 }
 
-void FfmpegSource::Scan::addAudioPacket(AudioTrack& a, AVPacket* pkt) {
+// The bytes of the head packets the pass left unread, read now that the probe needs them:
+// where the container indexes its packets, a packet's payload is the file's bytes at its
+// position.
+bool FfmpegSource::Scan::readHollowHead() {
+    for (size_t i = 0; i < head_.size(); ++i) {
+        if (!headHollow_[i]) continue;
+        AVPacket* pkt = head_[i].get();
+        if (pkt->pos < 0 || av_packet_make_writable(pkt) < 0) return false;
+        if (fd_ < 0) fd_ = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd_ < 0 || ::pread(fd_, pkt->data, size_t(pkt->size), pkt->pos) != ssize_t(pkt->size)) return false;
+        index_->bytesRead += uint64_t(pkt->size);
+        headHollow_[i] = 0;
+    }
+    return true;
+}
+
+void FfmpegSource::Scan::addAudioPacket(AudioTrack& a, AVPacket* pkt, bool hollow) {
     AudioPacket p;
-    p.key = {pkt->pts, pkt->dts, pkt->pos, pkt->size, packetDigest(pkt)};
+    p.key = {pkt->pts, pkt->dts, pkt->pos, pkt->size, hollow ? 0 : packetDigest(pkt), !hollow};
     p.discard = pkt->flags & AV_PKT_FLAG_DISCARD;
     const size_t slot = size_t(&a - index_->audio.data());
     if (vorbis_[slot]) {
@@ -406,7 +521,13 @@ void FfmpegSource::Scan::checkPcmBytes(AudioTrack& a, const AVPacket* pkt) {
 std::vector<int> FfmpegSource::Scan::decodeOrderOfWholeStream() {
     const VideoTrack& v = *index_->video;
     OrderProbe probe;
-    auto opened = Demuxer::open(path_, true);
+    auto input = FileInput::open(path_);
+    if (!input) {
+        systemCause_ = input.cause;
+        return {};
+    }
+    auto opened = Demuxer::open(path_, true, std::move(input.value));
+    if (!opened) systemCause_ = opened.cause;
     if (!opened || !probe.open(v.codec.get())) return {};
     AVFormatContext* ctx = opened.value->context();
     for (unsigned i = 0; i < ctx->nb_streams; ++i)
@@ -476,6 +597,10 @@ bool FfmpegSource::Scan::finishVideo() {
             included[size_t(d)] = !p.discard && certain[size_t(d)];
             needProbe |= !p.discard && !certain[size_t(d)];
         }
+        if (needProbe && !readHollowHead()) {
+            headUnread_ = true;
+            return false;
+        }
         if (needProbe) {
             OrderProbe probe;
             if (probe.open(v.codec.get())) {
@@ -490,6 +615,7 @@ bool FfmpegSource::Scan::finishVideo() {
     // decodes from the very start, so every frame decodes from there.
     const bool fromStartOnly = hasPackedBFrames(v.codec.get(), head_);
     head_.clear();
+    headHollow_.clear();
 
     // The key packet each frame's decoding starts from.
     std::vector<int32_t> start(size_t(n), 0);

@@ -1,6 +1,8 @@
 // Opening a media file with FFmpeg: choosing its video stream and listing its audio
 // streams, then one pass over every packet (demuxing only, no decoding) that builds the
-// MediaIndex the decoders work from. See FfmpegEngine.h for the frame-numbering rule.
+// MediaIndex the decoders work from. Where the container indexes every packet, the pass
+// reads none of their payloads (FfmpegContainerIndex.h); elsewhere it reads the file once,
+// in large sequential reads. See FfmpegEngine.h for the frame-numbering rule.
 #pragma once
 
 #include "backends/ffmpeg/FfmpegIndex.h"
@@ -12,9 +14,16 @@ namespace ffmpeg_engine {
 
 class FfmpegSource {
 public:
+    struct Options {
+        // false: read every packet even where the container indexes them all.
+        bool useContainerIndex = true;
+    };
+
     // Opens path and indexes it. Fails with a one-line reason ("empty file", "no video or
-    // audio stream", FFmpeg's own error text...) rather than throwing.
+    // audio stream", FFmpeg's own error text...) rather than throwing; Result::cause holds
+    // the errno when the system failed (no descriptor or memory left, a read error).
     static Result<std::shared_ptr<const MediaIndex>> open(const std::string& path);
+    static Result<std::shared_ptr<const MediaIndex>> open(const std::string& path, Options options);
 
 private:
     class Scan;

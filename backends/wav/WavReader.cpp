@@ -74,9 +74,10 @@ WavReadInstance::WavReadInstance(const WString& fileName, const DecodeFormat& fo
 WavReadInstance::~WavReadInstance() { ::close(fd_); }
 
 Zn::Ptr<WavReadInstance> WavReadInstance::open(const DecodeFormat& format, const WString& fileName, OpenType type,
-                                               std::string& error) {
+                                               std::string& error, int* cause) {
     const int fd = ::open(toUTF8(fileName).c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
+        if (cause) *cause = errno;
         error = std::strerror(errno);
         return nullptr;
     }
@@ -127,10 +128,17 @@ bool WavFileReader::accepts(const WString& fileName, OpenType type) {
 }
 
 Zn::Ptr<FileReadInstance> WavFileReader::open(const DecodeFormat& format, const WString& fileName, OpenType type) {
+    return openFile(format, fileName, type).file;
+}
+
+Zn::iFileReader::Opened WavFileReader::openFile(const DecodeFormat& format, const WString& fileName, OpenType type) {
     std::string error;
-    Zn::Ptr<WavReadInstance> opened = WavReadInstance::open(format, fileName, type, error);
-    if (!opened) Log("WAV cannot open \"%ls\": %s\n", fileName.c_str(), error.c_str());
-    return opened;
+    int cause = 0;
+    Opened result;
+    result.file = WavReadInstance::open(format, fileName, type, error, &cause);
+    result.outcome = result.file ? eOpenOutcome::kOpened : openOutcomeOfErrno(cause);
+    if (!result.file) Log("WAV cannot open \"%ls\": %s\n", fileName.c_str(), error.c_str());
+    return result;
 }
 
 unsigned WavFileReader::capabilities(const DecodeFormat&, OpenType, const PlayFileMetadataRep& metadata,

@@ -21,8 +21,9 @@ Aud::Metadata audioMetadataOf(const Info& info);
 class WavReadInstance : public FileReadInstance, public Zn::AudioReader {
 public:
     // Opens the file; null with a reason when it is not a WAVE file this reader reads.
+    // cause (when given) receives the errno when the system failed rather than the file.
     static Zn::Ptr<WavReadInstance> open(const DecodeFormat& format, const WString& fileName, OpenType type,
-                                         std::string& error);
+                                         std::string& error, int* cause = nullptr);
     ~WavReadInstance() override;
 
     String getReaderName() const override { return "WAV"; }
@@ -55,6 +56,7 @@ public:
     String name() const override { return "WAV"; }
     bool accepts(const WString& fileName, OpenType type) override;
     Zn::Ptr<FileReadInstance> open(const DecodeFormat& format, const WString& fileName, OpenType type) override;
+    Opened openFile(const DecodeFormat& format, const WString& fileName, OpenType type) override;
     unsigned capabilities(const DecodeFormat& format, OpenType type, const PlayFileMetadataRep& metadata,
                           const Aud::Metadata& stream, Zn::ReaderDetails& details) override;
 };

@@ -172,10 +172,11 @@ Y4mReadInstance::Y4mReadInstance(const WString& fileName, const DecodeFormat& fo
 Y4mReadInstance::~Y4mReadInstance() { ::close(fd_); }
 
 Zn::Ptr<Y4mReadInstance> Y4mReadInstance::open(const DecodeFormat& format, const WString& fileName, OpenType type,
-                                               std::string& error) {
+                                               std::string& error, int* cause) {
     const std::string path = toUTF8(fileName).c_str();
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
+        if (cause) *cause = errno;
         error = std::strerror(errno);
         return nullptr;
     }
@@ -234,10 +235,17 @@ bool Y4mFileReader::accepts(const WString& fileName, OpenType type) {
 }
 
 Zn::Ptr<FileReadInstance> Y4mFileReader::open(const DecodeFormat& format, const WString& fileName, OpenType type) {
+    return openFile(format, fileName, type).file;
+}
+
+Zn::iFileReader::Opened Y4mFileReader::openFile(const DecodeFormat& format, const WString& fileName, OpenType type) {
     std::string error;
-    Zn::Ptr<Y4mReadInstance> opened = Y4mReadInstance::open(format, fileName, type, error);
-    if (!opened) Log("Y4M cannot open \"%ls\": %s\n", fileName.c_str(), error.c_str());
-    return opened;
+    int cause = 0;
+    Opened result;
+    result.file = Y4mReadInstance::open(format, fileName, type, error, &cause);
+    result.outcome = result.file ? eOpenOutcome::kOpened : openOutcomeOfErrno(cause);
+    if (!result.file) Log("Y4M cannot open \"%ls\": %s\n", fileName.c_str(), error.c_str());
+    return result;
 }
 
 unsigned Y4mFileReader::capabilities(const DecodeFormat&, OpenType, const PlayFileMetadataRep& metadata,

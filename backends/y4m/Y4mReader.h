@@ -24,8 +24,9 @@ class Y4mReadInstance : public FileReadInstance {
 public:
     // Opens and indexes the file; null with a reason when it is not a Y4M stream, its
     // header is absurd, or it holds no complete frame.
+    // cause (when given) receives the errno when the system failed rather than the file.
     static Zn::Ptr<Y4mReadInstance> open(const DecodeFormat& format, const WString& fileName, OpenType type,
-                                         std::string& error);
+                                         std::string& error, int* cause = nullptr);
     ~Y4mReadInstance() override;
 
     String getReaderName() const override { return "Y4M"; }
@@ -53,6 +54,7 @@ public:
     String name() const override { return "Y4M"; }
     bool accepts(const WString& fileName, OpenType type) override;
     Zn::Ptr<FileReadInstance> open(const DecodeFormat& format, const WString& fileName, OpenType type) override;
+    Opened openFile(const DecodeFormat& format, const WString& fileName, OpenType type) override;
     unsigned capabilities(const DecodeFormat& format, OpenType type, const PlayFileMetadataRep& metadata,
                           const Aud::Metadata& stream, Zn::ReaderDetails& details) override;
 };

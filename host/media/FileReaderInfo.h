@@ -11,6 +11,7 @@
 #include "host/core/LightweightString.h"
 #include "host/core/RefCount.h"
 #include "host/core/Registry.h"
+#include "host/media/OpenOutcome.h"
 
 #include <cstdint>
 #include <vector>
@@ -44,6 +45,17 @@ public:
     // Opens the file; null when it cannot. May throw: callers catch, log and go on to the
     // next reader.
     virtual Zn::Ptr<FileReadInstance> open(const DecodeFormat& format, const WString& fileName, OpenType type) = 0;
+
+    // What an open answered: the instance, or why there is none.
+    struct Opened {
+        Zn::Ptr<FileReadInstance> file;
+        eOpenOutcome outcome = eOpenOutcome::kFileFault;
+    };
+    // Opens the file as open does, and says why when it cannot. Readers that can tell a
+    // passing failure (no descriptor or memory left, a storage error) from a file at fault
+    // override it. The default calls open and puts any failure on the file; it is defined
+    // with the library's open path (PlayUtil.cpp), where FileReadInstance is known.
+    virtual Opened openFile(const DecodeFormat& format, const WString& fileName, OpenType type);
     // The OpenType bits (1 video, 2 audio) this reader can serve for a file with this
     // metadata and audio stream, filling details.
     virtual unsigned capabilities(const DecodeFormat& format, OpenType type, const PlayFileMetadataRep& metadata,

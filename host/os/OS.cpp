@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <new>
 #include <sched.h>
+#include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
 
@@ -46,6 +47,12 @@ iFileManager* OSServices::setFileManager(iFileManager* fm) noexcept {
 
 void OSServices::sleep(unsigned milliseconds) const {
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+uint64_t OSServices::openFileLimit() const noexcept {
+    struct rlimit limit {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return 0;
+    return uint64_t(limit.rlim_cur);
 }
 
 unsigned OSServices::processorCount() const noexcept {

@@ -60,6 +60,9 @@ public:
     void sleep(unsigned milliseconds) const;
     // Processors this process may run on (at least 1).
     unsigned processorCount() const noexcept;
+    // Files (descriptors) this process may have open at once: the soft RLIMIT_NOFILE, read
+    // on every call; 0 when there is no limit or it cannot be read.
+    uint64_t openFileLimit() const noexcept;
 
     static int32_t atomicIncrement(std::atomic<int32_t>& v) noexcept { return v.fetch_add(1) + 1; }
     static int32_t atomicDecrement(std::atomic<int32_t>& v) noexcept { return v.fetch_sub(1) - 1; }

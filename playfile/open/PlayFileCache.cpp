@@ -32,6 +32,22 @@ uint64_t nowNs() {
 
 unsigned positive(int n) { return n > 0 ? unsigned(n) : 0u; }
 
+// An open media file may hold several descriptors (its reader's, its decoders' demuxers),
+// and the process needs some for everything else: the maximum leaves room for both.
+constexpr uint64_t kDescriptorsPerFile = 4;
+constexpr uint64_t kDescriptorMargin = 16;
+
+unsigned clampedToDescriptors(unsigned maxSize) {
+    const uint64_t limit = OS()->openFileLimit();
+    if (limit == 0) return maxSize;
+    const uint64_t room = limit > kDescriptorMargin ? (limit - kDescriptorMargin) / kDescriptorsPerFile : 0;
+    const unsigned cap = unsigned(std::clamp<uint64_t>(room, 1, std::numeric_limits<unsigned>::max()));
+    if (maxSize <= cap) return maxSize;
+    LogBoth("PlayFileCache: at most %u files kept open, not %u: the process may open %llu files\n", cap, maxSize,
+            static_cast<unsigned long long>(limit));
+    return cap;
+}
+
 } // namespace
 
 PlayFileCache& PlayFileCache::Shared() {
@@ -42,7 +58,8 @@ PlayFileCache& PlayFileCache::Shared() {
 }
 
 PlayFileCache::PlayFileCache(int minSize, int maxSize)
-    : productObserver_(this, Zn::getProduct()), minSize_(positive(minSize)), maxSize_(positive(maxSize)) {
+    : productObserver_(this, Zn::getProduct()), minSize_(positive(minSize)),
+      maxSize_(clampedToDescriptors(positive(maxSize))) {
     Zn::registerForProductChangeNotification(productObserver_);
     ReclaimableRegistry::add(this);
 }
@@ -111,12 +128,7 @@ Zn::Ptr<FileReadInstance> PlayFileCache::open(const WString& fileName, const Coo
         return nullptr;
     }
     uint64_t start = nowNs();
-    {
-        // Held open underneath the readers, as the host's file manager has always been
-        // asked to, so the file cannot go away while they look at it.
-        Zn::Ptr<iFile> held = files->openForRead(fileName);
-        file = PlayUtil::openRead(fileName, format, type, streamIndex);
-    }
+    const eOpenOutcome outcome = openThroughReaders(fileName, format, type, streamIndex, file);
     openingNs_.fetch_add(nowNs() - start, std::memory_order_relaxed);
 
     if (file) {
@@ -136,13 +148,34 @@ Zn::Ptr<FileReadInstance> PlayFileCache::open(const WString& fileName, const Coo
             stampLocked(*file);
             ++counts_.opens;
             counts_.peak = std::max(counts_.peak, uint32_t(openFiles_.size()));
+        } else if (isPassing(outcome)) {
+            ++counts_.passingFailures;
         } else {
             failedOpens_.emplace(CacheEntry{fileName, type}, nullptr);
             ++counts_.failedOpens;
         }
     }
-    if (!file) LogBoth("Failed to open %ls\n", fileName.c_str());
+    if (!file && isPassing(outcome)) LogBoth("Failed to open %ls for now: %s\n", fileName.c_str(), asString(outcome));
+    else if (!file) LogBoth("Failed to open %ls\n", fileName.c_str());
     return file;
+}
+
+eOpenOutcome PlayFileCache::openThroughReaders(const WString& fileName, const DecodeFormat& format, OpenType type,
+                                               unsigned streamIndex, Zn::Ptr<FileReadInstance>& file) {
+    for (int attempt = 0;; ++attempt) {
+        Zn::iFileReader::Opened opened;
+        {
+            // Held open underneath the readers, as the host's file manager has always been
+            // asked to, so the file cannot go away while they look at it.
+            Zn::Ptr<iFile> held = OS()->fileManager()->openForRead(fileName);
+            opened = PlayUtil::openReadChecked(fileName, format, type, streamIndex);
+        }
+        file = std::move(opened.file);
+        if (file || opened.outcome != eOpenOutcome::kNoDescriptors || attempt > 0) return opened.outcome;
+        // The descriptors the idle files hold are the ones to give back first.
+        LogBoth("Too many open files opening %ls: closing idle files and trying again\n", fileName.c_str());
+        limitUsage(0);
+    }
 }
 
 Zn::Ptr<FileReadInstance> PlayFileCache::open(const Cookie& material, const DecodeFormat& format,
@@ -497,6 +530,7 @@ PlayFileCache::Statistics PlayFileCache::statistics() const {
         s.misses = counts_.misses;
         s.opens = counts_.opens;
         s.failedOpens = counts_.failedOpens;
+        s.passingFailures = counts_.passingFailures;
         s.refusedOpens = counts_.refusedOpens;
         s.missingFiles = counts_.missingFiles;
         s.evictions = counts_.evictions;
@@ -524,11 +558,12 @@ std::string PlayFileCache::statisticsReport() const {
                   "PlayFileCache: %u files open (peak %u; limits %u to %u)\n"
                   "  look-ups %" PRIu64 ": %" PRIu64 " hits (%.1f%%), %" PRIu64 " misses, %" PRIu64
                   " refused (failed before)\n"
-                  "  opens %" PRIu64 ", failed %" PRIu64 ", missing files %" PRIu64 ", evictions %" PRIu64 "\n"
+                  "  opens %" PRIu64 ", failed %" PRIu64 " (and %" PRIu64 " for now), missing files %" PRIu64
+                  ", evictions %" PRIu64 "\n"
                   "  opening %.3f ms (%.3f ms per open), waiting for another thread's open %.3f ms\n",
                   s.openFiles, s.peakOpenFiles, minSize_, maxSize_, lookups, s.hits,
                   lookups ? 100.0 * double(s.hits) / double(lookups) : 0.0, s.misses, s.refusedOpens, s.opens,
-                  s.failedOpens, s.missingFiles, s.evictions, double(s.openingNs) / 1e6,
+                  s.failedOpens, s.passingFailures, s.missingFiles, s.evictions, double(s.openingNs) / 1e6,
                   (s.opens + s.failedOpens) ? double(s.openingNs) / 1e6 / double(s.opens + s.failedOpens) : 0.0,
                   double(s.accessWaitNs) / 1e6);
     return text;

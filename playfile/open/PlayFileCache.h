@@ -17,6 +17,7 @@
 #include "host/core/RefCount.h"
 #include "host/core/ValObserver.h"
 #include "host/media/DecodeFormat.h"
+#include "host/media/OpenOutcome.h"
 #include "host/media/FileWriterInfo.h"
 #include "host/os/Reclaimable.h"
 #include "host/threads/CriticalSection.h"
@@ -69,6 +70,7 @@ public:
         uint64_t misses = 0;         // opens that found neither an open nor a failed file
         uint64_t opens = 0;          // files opened through the readers
         uint64_t failedOpens = 0;    // files the readers could not open (now remembered)
+        uint64_t passingFailures = 0; // opens that failed for a passing reason (not remembered)
         uint64_t refusedOpens = 0;   // opens answered at once because the file failed before
         uint64_t missingFiles = 0;   // opens of files that do not exist
         uint64_t evictions = 0;      // idle files closed to keep within the limits
@@ -82,6 +84,8 @@ public:
     // "playfileCacheSizeMax" as they are then; later changes of those values are not seen.
     static PlayFileCache& Shared();
 
+    // maxSize is lowered to what the process's descriptor limit leaves room for, with a
+    // log line when it is.
     PlayFileCache(int minSize, int maxSize);
     ~PlayFileCache() override;
     PlayFileCache(const PlayFileCache&) = delete;
@@ -92,7 +96,9 @@ public:
     // the key, so whichever stream was asked first decides. cookie names the clip whose
     // stored decode options a new instance gets. Null when the file does not exist (nothing
     // is remembered), when it failed to open now ("Failed to open %ls" is logged and the
-    // failure remembered) or before.
+    // failure remembered) or before. A failure for a passing reason (no descriptor or
+    // memory left, a storage error: the reader's eOpenOutcome) is not remembered; when
+    // descriptors ran out, the idle files are closed and the open is tried once more.
     Zn::Ptr<FileReadInstance> open(const WString& fileName, const Cookie& cookie, const DecodeFormat& format,
                                    OpenType type, unsigned streamIndex);
     // The same for a material cookie: its file from the project, its type from the letter.
@@ -207,10 +213,15 @@ private:
     // Purges the removed instances and lets them go, outside lock_.
     static void release(InstanceList& removed);
     struct Counts {
-        uint64_t hits = 0, misses = 0, opens = 0, failedOpens = 0, refusedOpens = 0, missingFiles = 0,
-                 evictions = 0;
+        uint64_t hits = 0, misses = 0, opens = 0, failedOpens = 0, passingFailures = 0, refusedOpens = 0,
+                 missingFiles = 0, evictions = 0;
         uint32_t peak = 0;
     };
+    // Opens through the readers (PlayUtil::openReadChecked); when descriptors ran out,
+    // closes the idle files and tries once more. Called holding the file name's access
+    // queue and not lock_ (which the closing takes).
+    eOpenOutcome openThroughReaders(const WString& fileName, const DecodeFormat& format, OpenType type,
+                                    unsigned streamIndex, Zn::Ptr<FileReadInstance>& file);
     int audioReadRequestFor(Zn::Ptr<AudioReadRequest>& request, const Cookie& material, uint64_t sample,
                             uint32_t count, const DecodeFormat& format, Zn::Ptr<ReadRequestIssuer::Proxy>& issuer,
                             bool noOffset);

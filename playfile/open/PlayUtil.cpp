@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <new>
 #include <vector>
 
 namespace {
@@ -36,13 +37,19 @@ bool readerAccepts(Zn::iFileReader& reader, const WString& name, OpenType type) 
     }
 }
 
-Zn::Ptr<FileReadInstance> readerOpens(Zn::iFileReader& reader, const DecodeFormat& format, const WString& name,
-                                      OpenType type) {
+Zn::iFileReader::Opened readerOpens(Zn::iFileReader& reader, const DecodeFormat& format, const WString& name,
+                                    OpenType type) {
     try {
-        return reader.open(format, name, type);
+        Zn::iFileReader::Opened opened = reader.openFile(format, name, type);
+        if (opened.file) opened.outcome = eOpenOutcome::kOpened;
+        else if (opened.outcome == eOpenOutcome::kOpened) opened.outcome = eOpenOutcome::kFileFault;
+        return opened;
+    } catch (const std::bad_alloc&) {
+        LogBoth("Exception opening \"%s\"\n", toUTF8(name).c_str());
+        return {nullptr, eOpenOutcome::kNoMemory};
     } catch (...) {
         LogBoth("Exception opening \"%s\"\n", toUTF8(name).c_str());
-        return nullptr;
+        return {};
     }
 }
 
@@ -78,26 +85,42 @@ void carryOver(const PlayFileMetadataRep& from, PlayFileMetadataRep& to) {
 
 } // namespace
 
+Zn::iFileReader::Opened Zn::iFileReader::openFile(const DecodeFormat& format, const WString& fileName, OpenType type) {
+    Opened opened;
+    opened.file = open(format, fileName, type);
+    opened.outcome = opened.file ? eOpenOutcome::kOpened : eOpenOutcome::kFileFault;
+    return opened;
+}
+
 Zn::Ptr<FileReadInstance> PlayUtil::openRead(const WString& fileName, const DecodeFormat& format, OpenType type,
                                              unsigned streamIndex) {
+    return openReadChecked(fileName, format, type, streamIndex).file;
+}
+
+Zn::iFileReader::Opened PlayUtil::openReadChecked(const WString& fileName, const DecodeFormat& format, OpenType type,
+                                                  unsigned streamIndex) {
     TimedActivity activity(Zn::Ptr<TimedTask>(&openTask()), "openRead");
     const WString mounted = OS()->fileManager()->mapMountedName(fileName);
     const std::vector<Zn::Ptr<Zn::iFileReader>> readers = Zn::FileReaderInfo::getAll();
 
     // First open: the first reader in registry order that accepts and opens the file.
+    // A reader that failed for a passing reason says nothing about the file.
     Zn::Ptr<FileReadInstance> first;
     Zn::iFileReader* opener = nullptr;
+    eOpenOutcome failure = eOpenOutcome::kFileFault;
     for (const auto& reader : readers) {
         if (!readerAccepts(*reader, mounted, type)) continue;
-        first = readerOpens(*reader, format, fileName, type);
-        if (first) {
+        Zn::iFileReader::Opened opened = readerOpens(*reader, format, fileName, type);
+        if (opened.file) {
+            first = std::move(opened.file);
             opener = reader.get();
             break;
         }
+        if (isPassing(opened.outcome)) failure = opened.outcome;
     }
     if (!first) {
         LogBoth("PlayUtil::openRead() : failed to open \"%s\"\n", toUTF8(fileName).c_str());
-        return nullptr;
+        return {nullptr, failure};
     }
 
     // The reader that serves the file: the opener when it can serve all of type, else the
@@ -119,7 +142,7 @@ Zn::Ptr<FileReadInstance> PlayUtil::openRead(const WString& fileName, const Deco
             LogBoth("reopen %\"%s\" with %s for %s\n", toUTF8(fileName).c_str(), reader->name().c_str(),
                     OpenType::asString(type));
 #pragma GCC diagnostic pop
-            Zn::Ptr<FileReadInstance> again = readerOpens(*reader, format, fileName, type);
+            Zn::Ptr<FileReadInstance> again = readerOpens(*reader, format, fileName, type).file;
             if (!again) continue;
             again->setCapabilities(c);
             chosen = again;
@@ -135,7 +158,7 @@ Zn::Ptr<FileReadInstance> PlayUtil::openRead(const WString& fileName, const Deco
         LogBoth("PlayUtil::openRead() : failed to open \"%s\"\n", toUTF8(mounted).c_str());
     }
     if (chosen != first) carryOver(*first->getMetadata(), *chosen->getMetadata());
-    return chosen;
+    return {chosen, eOpenOutcome::kOpened};
 }
 
 Zn::Ptr<FileReadInstance> PlayUtil::openRead(const Cookie& material, const DecodeFormat& format, unsigned streamIndex) {

@@ -8,6 +8,7 @@
 #include "host/core/LightweightString.h"
 #include "host/core/RefCount.h"
 #include "host/media/DecodeFormat.h"
+#include "host/media/FileReaderInfo.h"
 #include "host/media/FileWriterInfo.h"
 #include "host/media/MemHolder.h"
 #include "host/media/RequestStatus.h"
@@ -29,6 +30,10 @@ public:
     // no reader opened the file. Holds no lock; readers are called on the calling thread.
     static Zn::Ptr<FileReadInstance> openRead(const WString& fileName, const DecodeFormat& format, OpenType type,
                                               unsigned streamIndex);
+    // The same, saying why there is no instance when there is none: a passing failure
+    // when any reader failed for a passing reason, else the file's fault.
+    static Zn::iFileReader::Opened openReadChecked(const WString& fileName, const DecodeFormat& format,
+                                                   OpenType type, unsigned streamIndex);
     // The same for a material cookie's file, with the cookie's open type. It does not go
     // through the play file cache, so every call opens the file anew.
     static Zn::Ptr<FileReadInstance> openRead(const Cookie& material, const DecodeFormat& format,

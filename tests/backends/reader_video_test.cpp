@@ -134,6 +134,32 @@ TEST_F(ReaderVideo, JumpsLeaveOutPicturesNobodyRefersTo) {
                 (unsigned long long)back);
 }
 
+// The same numbering whichever way the file was indexed at open: from the container's own
+// index (MP4 with an edit list that starts on a non-key frame, AVI), or by reading the
+// whole file (Matroska, MXF, MPEG-TS).
+TEST_F(ReaderVideo, ContainerIndexAndWholeFileReadNumberFramesAlike) {
+    TempDir dir;
+    const std::string source = make(dir, "source.mp4", kOpenGop + " -c:a aac -b:a 64k",
+                                    "-f lavfi -i testsrc2=size=176x144:rate=25:duration=3 "
+                                    "-f lavfi -i sine=frequency=440:sample_rate=48000:duration=3 ");
+    using ffmpeg_engine::IndexSource;
+    const std::vector<std::pair<std::string, IndexSource>> files = {
+        {copied(dir, "cut.mp4", "-ss 1.3", source), IndexSource::ContainerIndex},
+        {make(dir, "mjpeg.avi", "-c:v mjpeg -q:v 4 -c:a pcm_s16le",
+              kSource + "-f lavfi -i sine=frequency=440:sample_rate=48000:duration=2 "),
+         IndexSource::ContainerIndex},
+        {make(dir, "h264.mkv", kOpenGop), IndexSource::Scan},
+        {make(dir, "mpeg2.mxf", "-c:v mpeg2video -g 12 -bf 2 -q:v 4"), IndexSource::Scan},
+        {make(dir, "h264.ts", kOpenGop + " -output_ts_offset 10"), IndexSource::Scan},
+    };
+    for (const auto& [path, source] : files) {
+        expectEveryFrame(path);
+        auto* f = dynamic_cast<ffmpeg_backend::FfmpegReadInstance*>(file(video(clip(path))).get());
+        ASSERT_TRUE(f) << path;
+        EXPECT_EQ(f->mediaIndex().source, source) << path << ": " << f->mediaIndex().scanReason;
+    }
+}
+
 TEST_F(ReaderVideo, IntraCodecsDecodeThroughTheDecoderRegistry) {
     TempDir dir;
     const std::string prores = make(dir, "prores.mov", "-c:v prores_ks -profile:v 0");

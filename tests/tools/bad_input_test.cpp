@@ -85,7 +85,7 @@ TEST(BadArguments, EachGivesOneLineAndStatusTwo) {
     const std::string f = dir.file("any.y4m");
     ASSERT_TRUE(ffmpeg("-f lavfi -i testsrc2=size=64x48:rate=25:duration=0.2 " + shellQuote(f)));
     const std::string q = shellQuote(f);
-    for (const std::string& args : std::vector<std::string>{"", "nosuch", "probe", "probe " + q + " --json=yes", "frames", "frames " + q + " " + q,
+    for (const std::string& args : std::vector<std::string>{"", "nosuch", "probe", "probe " + q + " --json=yes", "frames", "frames " + q + " " + q + " --out d", "audio " + q + " " + q + " --out o.wav",
           "frames " + q + " --count 0", "frames " + q + " --count x", "frames " + q + " --start -1",
           "frames " + q + " --start", "frames " + q + " --format bogus", "frames " + q + " --inflight 65",
           "frames " + q + " --bogus", "frames " + q + " --out d --format yuv420p",

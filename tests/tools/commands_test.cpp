@@ -94,6 +94,47 @@ TEST(Frames, Md5LinesEqualFfmpegsFramemd5InAnyFormatRunAndNumberInFlight) {
     }
 }
 
+// A folder of media checked in one run, with few descriptors and a cache maximum above
+// what they allow: the maximum is lowered (one log line), files short of descriptors are
+// tried again rather than remembered as failed, and every frame of every file is read.
+// Each --md5 line starts with its file's name; audio takes several files the same way.
+TEST(Frames, ManyFilesInOneRunWithFewDescriptors) {
+    TempDir dir;
+    const std::string first = make(dir, "clip000.mp4",
+                                   "-f lavfi -i testsrc2=size=64x48:rate=25:duration=0.16 -f lavfi "
+                                   "-i sine=sample_rate=48000:duration=0.16 -c:v libx264 -preset ultrafast -c:a aac");
+    const std::vector<std::string> want = framemd5(first);
+    ASSERT_EQ(want.size(), 4u);
+    std::string files = shellQuote(first);
+    for (int i = 1; i < 200; ++i) {
+        char name[32];
+        std::snprintf(name, sizeof name, "clip%03d.mp4", i);
+        std::filesystem::copy_file(first, dir.file(name));
+        files += " " + shellQuote(dir.file(name));
+    }
+    const Outcome r = playfile(dir, "frames --md5 " + files, "ulimit -n 64 && PLAYFILE_playfileCacheSizeMax=100");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_TRUE(r.err.empty()) << r.err.front();
+    const std::vector<std::string> got = lines(r.out);
+    ASSERT_EQ(got.size(), 200u * want.size());
+    for (size_t i = 0; i < got.size(); ++i) {
+        char name[32];
+        std::snprintf(name, sizeof name, "clip%03zu.mp4", i / want.size());
+        ASSERT_EQ(got[i], dir.file(name) + " " + want[i % want.size()]);
+    }
+    const std::string log = readFile(dir.file("playfile.log"));
+    EXPECT_NE(log.find("PlayFileCache: at most 12 files kept open, not 100: the process may open 64 files\n"),
+              std::string::npos);
+    EXPECT_EQ(log.find("Failed to open"), std::string::npos);
+
+    const Outcome audio = playfile(dir, "audio --md5 " + shellQuote(first) + " " + shellQuote(dir.file("clip001.mp4")));
+    EXPECT_EQ(audio.status, 0);
+    const std::vector<std::string> reads = lines(audio.out);
+    ASSERT_EQ(reads.size(), 2u);
+    EXPECT_EQ(reads[0].substr(0, first.size() + 1), first + " ");
+    EXPECT_EQ(reads[1], dir.file("clip001.mp4") + reads[0].substr(first.size()));
+}
+
 TEST(Frames, ImagesHoldThePicturesReadAndJsonDescribesTheRun) {
     TempDir dir;
     const std::string f = make(dir, "h264.mp4", kPicture + "-c:v libx264 -g 6 -pix_fmt yuv420p");

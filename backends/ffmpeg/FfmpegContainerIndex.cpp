@@ -1,0 +1,204 @@
+// Which payloads the indexing pass may leave unread, and the check that it met them all.
+#include "backends/ffmpeg/FfmpegContainerIndex.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+
+namespace ffmpeg_engine {
+
+namespace {
+
+enum class Family { QuickTime, Avi, Other };
+
+Family familyOf(const AVFormatContext* ctx) {
+    const std::string_view name = ctx->iformat->name;
+    if (name.find("mov") != std::string_view::npos) return Family::QuickTime;
+    if (name == "avi") return Family::Avi;
+    return Family::Other;
+}
+
+// Codecs whose packets these demuxers hand on exactly as the index lists them, without
+// looking into their bytes (no parser splits, joins or flags them).
+bool passedUnparsed(Family family, const AVCodecParameters* par) {
+    switch (par->codec_id) {
+    case AV_CODEC_ID_MJPEG:
+    case AV_CODEC_ID_FFV1:
+    case AV_CODEC_ID_DNXHD:
+    case AV_CODEC_ID_PRORES:
+    case AV_CODEC_ID_HUFFYUV:
+    case AV_CODEC_ID_FFVHUFF:
+    case AV_CODEC_ID_UTVIDEO:
+        return true;
+    case AV_CODEC_ID_H264:
+    case AV_CODEC_ID_HEVC:
+    case AV_CODEC_ID_VP9:
+    case AV_CODEC_ID_AV1:
+    case AV_CODEC_ID_AAC:
+    case AV_CODEC_ID_AC3:
+    case AV_CODEC_ID_EAC3:
+    case AV_CODEC_ID_ALAC:
+        return family == Family::QuickTime;
+    default:
+        return false;
+    }
+}
+
+bool isPcm(const AVCodecParameters* par) {
+    return std::string_view(avcodec_get_name(par->codec_id)).starts_with("pcm_");
+}
+
+std::string streamName(const AVStream* s) { return avcodec_get_name(s->codecpar->codec_id); }
+
+// Every entry of the stream, checked for a usable position, size and time. Fails with the
+// reason the index cannot stand in for the packets.
+Result<std::vector<ContainerIndexPlan::Payload>> listedPayloads(const AVStream* s, bool needKey) {
+    using R = Result<std::vector<ContainerIndexPlan::Payload>>;
+    const int n = avformat_index_get_entries_count(s);
+    if (n <= 0) return R::fail("the container lists no packets of the " + streamName(s) + " stream");
+    if (s->nb_frames != n)
+        return R::fail("the container's index lists " + std::to_string(n) + " packets of the " + streamName(s) +
+                       " stream, its header " + std::to_string(s->nb_frames));
+    std::vector<ContainerIndexPlan::Payload> out;
+    out.reserve(size_t(n));
+    bool anyKey = false;
+    for (int i = 0; i < n; ++i) {
+        const AVIndexEntry* e = avformat_index_get_entry(const_cast<AVStream*>(s), i);
+        if (!e || e->pos < 0 || e->size <= 0 || e->timestamp == AV_NOPTS_VALUE)
+            return R::fail("the container's index of the " + streamName(s) + " stream has incomplete entries");
+        anyKey |= (e->flags & AVINDEX_KEYFRAME) != 0;
+        out.push_back({e->pos, e->timestamp, e->size, (e->flags & AVINDEX_KEYFRAME) != 0,
+                       (e->flags & AVINDEX_DISCARD_FRAME) != 0});
+    }
+    if (needKey && !anyKey) return R::fail("the container's index marks no key frame");
+    return R::ok(std::move(out));
+}
+
+} // namespace
+
+bool ContainerIndexPlan::mayIndex(const AVFormatContext* ctx) {
+    const Family family = familyOf(ctx);
+    if (family == Family::Other) return false;
+    for (unsigned i = 0; i < ctx->nb_streams; ++i) {
+        const AVCodecParameters* par = ctx->streams[i]->codecpar;
+        const bool media = par->codec_type == AVMEDIA_TYPE_VIDEO || par->codec_type == AVMEDIA_TYPE_AUDIO;
+        if (media && !passedUnparsed(family, par) && !isPcm(par)) return false;
+    }
+    return true;
+}
+
+Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int video, const std::vector<int>& audio,
+                                                    int headPackets) {
+    using R = Result<ContainerIndexPlan>;
+    const Family family = familyOf(ctx);
+    if (family == Family::Other) return R::fail(std::string("the ") + ctx->iformat->name + " container has no index of every packet");
+    ContainerIndexPlan plan;
+    plan.payloadOffset_ = family == Family::Avi ? 8 : 0;
+    plan.expected_.resize(ctx->nb_streams);
+    plan.met_.assign(ctx->nb_streams, 0);
+    plan.mayVouch_.assign(ctx->nb_streams, 0);
+    plan.vouched_.assign(ctx->nb_streams, 0);
+
+    std::vector<std::pair<int64_t, int64_t>> ranges;
+    auto addStream = [&](int stream, bool isVideo) -> std::string {
+        const AVStream* s = ctx->streams[stream];
+        auto listed = listedPayloads(s, isVideo);
+        if (!listed) return listed.error;
+        int realUpTo = 0; // video: the head, whose bytes the order probe needs
+        if (isVideo) {
+            const int n = avformat_index_get_entries_count(s);
+            int firstKey = 0;
+            while (firstKey < n && !(avformat_index_get_entry(const_cast<AVStream*>(s), firstKey)->flags & AVINDEX_KEYFRAME))
+                ++firstKey;
+            realUpTo = firstKey + headPackets + 1;
+        }
+        // Each stream's payloads in file order, then merged with the streams before it.
+        const auto from = ranges.size();
+        for (size_t i = 0; i < listed.value.size(); ++i) {
+            const int64_t begin = listed.value[i].pos + plan.payloadOffset_;
+            if (int(i) >= realUpTo) ranges.emplace_back(begin, begin + listed.value[i].size);
+        }
+        const auto mid = ranges.begin() + std::ptrdiff_t(from);
+        if (!std::is_sorted(mid, ranges.end())) std::sort(mid, ranges.end());
+        std::inplace_merge(ranges.begin(), mid, ranges.end());
+        plan.expected_[size_t(stream)] = std::move(listed.value);
+        return {};
+    };
+    if (video >= 0) {
+        if (!passedUnparsed(family, ctx->streams[video]->codecpar))
+            return R::fail("the demuxer reads the " + streamName(ctx->streams[video]) + " stream's packets from their bytes");
+        if (std::string why = addStream(video, true); !why.empty()) return R::fail(why);
+    }
+    for (int a : audio) {
+        // PCM is read for real: it is small, and its bytes are checked against the file.
+        if (isPcm(ctx->streams[a]->codecpar)) continue;
+        if (!passedUnparsed(family, ctx->streams[a]->codecpar))
+            return R::fail("the demuxer reads the " + streamName(ctx->streams[a]) + " stream's packets from their bytes");
+        if (std::string why = addStream(a, false); !why.empty()) return R::fail(why);
+        // Sample counts must follow from the sizes alone (not from the packets' durations).
+        AVCodecParameters* par = ctx->streams[a]->codecpar;
+        bool fromSizes = family == Family::QuickTime;
+        for (const Payload& p : plan.expected_[size_t(a)])
+            fromSizes = fromSizes && av_get_audio_frame_duration2(par, p.size) > 0;
+        plan.mayVouch_[size_t(a)] = fromSizes;
+    }
+    for (const auto& r : ranges) {
+        if (!plan.hollow_.empty() && r.first < plan.hollow_.back().second)
+            return R::fail("the container's index lists overlapping packets");
+        if (!plan.hollow_.empty() && r.first == plan.hollow_.back().second) plan.hollow_.back().second = r.second;
+        else plan.hollow_.push_back(r);
+    }
+    return R::ok(std::move(plan));
+}
+
+void ContainerIndexPlan::meet(const AVPacket* pkt) {
+    const int s = pkt->stream_index;
+    if (!mismatch_.empty() || s < 0 || size_t(s) >= expected_.size() || expected_[size_t(s)].empty()) return;
+    const auto& list = expected_[size_t(s)];
+    size_t& at = met_[size_t(s)];
+    if (at >= list.size()) {
+        mismatch_ = "stream " + std::to_string(s) + " has more packets than its index lists";
+        return;
+    }
+    const Payload& want = list[at++];
+    if (pkt->pos != want.pos + payloadOffset_ || pkt->size != want.size)
+        mismatch_ = "packet " + std::to_string(at - 1) + " of stream " + std::to_string(s) + " is not where the index puts it";
+}
+
+bool ContainerIndexPlan::vouches(const AVPacket* pkt) {
+    const int s = pkt->stream_index;
+    if (!mismatch_.empty() || s < 0 || size_t(s) >= mayVouch_.size() || !mayVouch_[size_t(s)]) return false;
+    const size_t at = met_[size_t(s)] - 1; // meet() has counted this packet
+    const Payload& want = expected_[size_t(s)][at];
+    const bool asListed = pkt->pts == want.timestamp && pkt->dts == want.timestamp &&
+                          bool(pkt->flags & AV_PKT_FLAG_KEY) == want.key &&
+                          bool(pkt->flags & AV_PKT_FLAG_DISCARD) == want.discard && (at == 0 || pkt->side_data_elems == 0);
+    if (!asListed) {
+        mayVouch_[size_t(s)] = 0;
+        return false;
+    }
+    return ++vouched_[size_t(s)] == int(kVouchingPackets) && at + 1 < expected_[size_t(s)].size();
+}
+
+void ContainerIndexPlan::listedPacket(int stream, size_t i, AVPacket* pkt) const {
+    const Payload& p = expected_[size_t(stream)][i];
+    pkt->stream_index = stream;
+    pkt->pts = pkt->dts = p.timestamp;
+    pkt->pos = p.pos + payloadOffset_;
+    pkt->size = p.size;
+    pkt->data = nullptr;
+    pkt->flags = (p.key ? AV_PKT_FLAG_KEY : 0) | (p.discard ? AV_PKT_FLAG_DISCARD : 0);
+    const auto& list = expected_[size_t(stream)];
+    pkt->duration = i + 1 < list.size() ? list[i + 1].timestamp - p.timestamp : 0;
+}
+
+std::string ContainerIndexPlan::verdict() const {
+    if (!mismatch_.empty()) return mismatch_;
+    for (size_t s = 0; s < expected_.size(); ++s)
+        if (met_[s] != expected_[s].size())
+            return "stream " + std::to_string(s) + " has " + std::to_string(met_[s]) + " of the " +
+                   std::to_string(expected_[s].size()) + " packets its index lists";
+    return {};
+}
+
+} // namespace ffmpeg_engine

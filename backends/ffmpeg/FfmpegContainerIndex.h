@@ -1,0 +1,78 @@
+// Indexing a file from the container's own index. Where the container lists every packet
+// of a stream with its byte position and size (MP4/MOV sample tables, AVI idx1 and OpenDML
+// indexes: what libavformat holds as the stream's index entries once the header is read),
+// the indexing pass still asks the demuxer for every packet, so that times, flags, edit
+// lists and trimming come out exactly as FFmpeg gives them, but the payload bytes are
+// never read: those byte ranges are hollow in the FileInput. The pass checks that it met
+// exactly the listed packets; anything else and the file is read whole after all.
+//
+// Formats whose index lists only some packets (Matroska cues name clusters and key
+// frames), none (MPEG-TS/PS, elementary streams, Ogg; MXF index tables are not exposed
+// as index entries), and streams whose packets the demuxer parses from their bytes are
+// read whole.
+#pragma once
+
+#include "backends/ffmpeg/FfmpegCommon.h"
+
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+namespace ffmpeg_engine {
+
+class ContainerIndexPlan {
+public:
+    // Whether a demuxer whose header has been read (before its stream info) may be indexed
+    // this way: a container that indexes every packet, holding only streams whose packets
+    // need no parser. The stream info and the pass must then run without parsers
+    // (AVFMT_FLAG_NOPARSE): a parser would look into bytes that are not read.
+    static bool mayIndex(const AVFormatContext* ctx);
+
+    struct Payload {
+        int64_t pos = 0;
+        int64_t timestamp = 0;
+        int32_t size = 0;
+        bool key = false;
+        bool discard = false;
+    };
+    // Audio packets of a stream the demuxer has shown to give exactly as the index lists
+    // them before the rest are taken from the index.
+    static constexpr size_t kVouchingPackets = 8;
+
+    // The plan for a demuxer whose header (and stream info) has been read: the streams in
+    // use are video (-1 for none) and audio. Video packets up to headPackets after the
+    // first key packet stay real. Fails with the reason when the file must be read whole.
+    // (Packets the stream-info probe already read come with their bytes all the same.)
+    static Result<ContainerIndexPlan> make(AVFormatContext* ctx, int video, const std::vector<int>& audio,
+                                           int headPackets);
+
+    // The byte ranges left unread, sorted and merged.
+    const std::vector<std::pair<int64_t, int64_t>>& hollow() const { return hollow_; }
+
+    // Checks a packet of the pass against the index, in the order the demuxer gives them.
+    void meet(const AVPacket* pkt);
+    // Empty when the pass met every listed packet and nothing else; else what went wrong.
+    std::string verdict() const;
+
+    // QuickTime audio that is not read depends on the index alone: once the demuxer has
+    // given the first kVouchingPackets packets of such a stream exactly as their entries
+    // say (times, flags, no side data after the first), the rest need not come through
+    // the demuxer. Called with each packet after meet(); true when pkt was the last one
+    // needed: the stream may then be discarded in the demuxer and its remaining packets
+    // taken with listedPacket().
+    bool vouches(const AVPacket* pkt);
+    // The stream's listed packet i as the demuxer gives it, without payload.
+    void listedPacket(int stream, size_t i, AVPacket* pkt) const;
+    size_t listedCount(int stream) const { return expected_[size_t(stream)].size(); }
+
+private:
+    std::vector<std::pair<int64_t, int64_t>> hollow_;
+    std::vector<std::vector<Payload>> expected_; // per stream of the file; empty: not checked
+    std::vector<size_t> met_;
+    std::vector<char> mayVouch_; // per stream: audio whose packets depend on the index alone
+    std::vector<int> vouched_;   // per stream: the first packets that came as listed
+    int payloadOffset_ = 0; // bytes between an entry's position and its payload (AVI: 8)
+    std::string mismatch_;
+};
+
+} // namespace ffmpeg_engine

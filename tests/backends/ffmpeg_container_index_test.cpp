@@ -1,0 +1,144 @@
+// Indexing from the container's own index against reading the whole file: for files the
+// ffmpeg program makes (B-frames, open groups, an edit list that starts on a non-key frame,
+// a start time other than 0, several codecs and audio kinds), the index built without
+// reading the payloads is the index the whole-file read builds, packet for packet and
+// sample for sample; containers without a complete index are read whole; and indexing a
+// file from its container's index reads a small part of it.
+#include "FfmpegOracle.h"
+#include "backends/ffmpeg/FfmpegEngine.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+using namespace testing_support;
+using namespace ffmpeg_engine;
+
+namespace {
+
+const std::string kVideo = "-f lavfi -i testsrc2=size=176x144:rate=25:duration=3 ";
+const std::string kTone = "-f lavfi -i sine=frequency=440:sample_rate=48000:duration=3 ";
+const std::string kH264 = "-c:v libx264 -preset veryfast -g 12 -bf 3 -pix_fmt yuv420p";
+
+std::shared_ptr<const MediaIndex> indexOf(const std::string& path, bool useContainerIndex) {
+    auto r = FfmpegSource::open(path, FfmpegSource::Options{useContainerIndex});
+    EXPECT_TRUE(r) << path << ": " << r.error;
+    return r ? r.value : nullptr;
+}
+
+// Everything a decoder or the readers use, compared field by field (the packets' digests
+// excepted: unread payloads have none).
+void expectSameKey(const PacketKey& a, const PacketKey& b, const std::string& what) {
+    EXPECT_EQ(a.pts, b.pts) << what;
+    EXPECT_EQ(a.dts, b.dts) << what;
+    EXPECT_EQ(a.pos, b.pos) << what;
+    EXPECT_EQ(a.size, b.size) << what;
+}
+
+void expectSameVideo(const VideoTrack& a, const VideoTrack& b) {
+    EXPECT_EQ(a.stream, b.stream);
+    EXPECT_EQ(a.codec->video_delay, b.codec->video_delay);
+    EXPECT_EQ(a.pixelFormat, b.pixelFormat);
+    EXPECT_EQ(a.orderFromDecoder, b.orderFromDecoder);
+    EXPECT_EQ(a.allFramesKey, b.allFramesKey);
+    ASSERT_EQ(a.packets.size(), b.packets.size());
+    for (size_t i = 0; i < a.packets.size(); ++i) {
+        const std::string what = "video packet " + std::to_string(i);
+        expectSameKey(a.packets[i].key, b.packets[i].key, what);
+        EXPECT_EQ(a.packets[i].frame, b.packets[i].frame) << what;
+        EXPECT_EQ(a.packets[i].keyFrame, b.packets[i].keyFrame) << what;
+        EXPECT_EQ(a.packets[i].discard, b.packets[i].discard) << what;
+    }
+    ASSERT_EQ(a.frames.size(), b.frames.size());
+    for (size_t i = 0; i < a.frames.size(); ++i) {
+        EXPECT_EQ(a.frames[i].pts, b.frames[i].pts) << "frame " << i;
+        EXPECT_EQ(a.frames[i].packet, b.frames[i].packet) << "frame " << i;
+        EXPECT_EQ(a.frames[i].startPacket, b.frames[i].startPacket) << "frame " << i;
+    }
+}
+
+void expectSameAudio(const AudioTrack& a, const AudioTrack& b) {
+    EXPECT_EQ(a.stream, b.stream);
+    EXPECT_EQ(a.totalSamples, b.totalSamples);
+    EXPECT_EQ(a.plainPcm, b.plainPcm);
+    EXPECT_EQ(a.prerollPackets, b.prerollPackets);
+    EXPECT_EQ(a.initialSkip, b.initialSkip);
+    EXPECT_EQ(a.pcmRuns.size(), b.pcmRuns.size());
+    ASSERT_EQ(a.packets.size(), b.packets.size());
+    for (size_t i = 0; i < a.packets.size(); ++i) {
+        const AudioPacket& x = a.packets[i];
+        const AudioPacket& y = b.packets[i];
+        const std::string what = "audio packet " + std::to_string(i);
+        expectSameKey(x.key, y.key, what);
+        EXPECT_EQ(x.outStart, y.outStart) << what;
+        EXPECT_EQ(x.outCount, y.outCount) << what;
+        EXPECT_EQ(x.decoded, y.decoded) << what;
+        EXPECT_EQ(x.skipStart, y.skipStart) << what;
+        EXPECT_EQ(x.skipEnd, y.skipEnd) << what;
+        EXPECT_EQ(x.trimmedStart, y.trimmedStart) << what;
+        EXPECT_EQ(x.discard, y.discard) << what;
+    }
+}
+
+struct Case {
+    std::string name;
+    std::string input;  // ffmpeg input arguments
+    std::string output; // ffmpeg output arguments
+    IndexSource expected;
+};
+
+} // namespace
+
+TEST(FfmpegContainerIndex, BuildsTheIndexTheWholeFileReadBuilds) {
+    TempDir dir;
+    const std::string source =
+        ffmpeg_oracle::made(dir, "source.mp4", kVideo + kTone, kH264 + " -x264-params open_gop=1 -c:a aac -b:a 64k");
+    const std::string copy = "-i " + shellQuote(source);
+    const std::vector<Case> cases = {
+        {"closed.mp4", kVideo + kTone, kH264 + " -c:a aac -b:a 64k", IndexSource::ContainerIndex},
+        {"cut.mp4", "-ss 1.3 " + copy, "-c copy", IndexSource::ContainerIndex},
+        {"offset.mp4", "-itsoffset 0.5 " + copy, "-c copy", IndexSource::ContainerIndex},
+        {"hevc.mp4", kVideo,
+         "-c:v libx265 -preset ultrafast -x265-params log-level=error:keyint=12:bframes=3 -pix_fmt yuv420p",
+         IndexSource::ContainerIndex},
+        {"ac3.mp4", kVideo + kTone, kH264 + " -c:a ac3 -b:a 96k", IndexSource::ContainerIndex},
+        {"prores.mov", kVideo + kTone, "-c:v prores_ks -profile:v 0 -c:a pcm_s24le", IndexSource::ContainerIndex},
+        {"mjpeg.avi", kVideo + kTone, "-c:v mjpeg -q:v 4 -c:a pcm_s16le", IndexSource::ContainerIndex},
+        {"mp3.mov", kVideo + kTone, kH264 + " -c:a libmp3lame -b:a 64k", IndexSource::Scan},
+        {"h264.mkv", kVideo + kTone, kH264 + " -c:a aac -b:a 64k", IndexSource::Scan},
+        {"mpeg2.ts", kVideo, "-c:v mpeg2video -g 12 -bf 2 -output_ts_offset 10", IndexSource::Scan},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string path = ffmpeg_oracle::made(dir, c.name, c.input, c.output);
+        auto fromIndex = indexOf(path, true);
+        auto whole = indexOf(path, false);
+        ASSERT_TRUE(fromIndex && whole);
+        EXPECT_EQ(fromIndex->source, c.expected) << fromIndex->scanReason;
+        EXPECT_EQ(whole->source, IndexSource::Scan);
+        ASSERT_EQ(bool(fromIndex->video), bool(whole->video));
+        if (whole->video) expectSameVideo(*fromIndex->video, *whole->video);
+        ASSERT_EQ(fromIndex->audio.size(), whole->audio.size());
+        for (size_t a = 0; a < whole->audio.size(); ++a) expectSameAudio(fromIndex->audio[a], whole->audio[a]);
+    }
+}
+
+// Most of a file is its payloads: indexed from its container's index, a file of many
+// frames is read for its header and the first packets only; read whole, once, in large
+// pieces.
+TEST(FfmpegContainerIndex, ReadsLittleOfTheFileWhereTheContainerIndexesIt) {
+    TempDir dir;
+    const std::string path = ffmpeg_oracle::made(
+        dir, "noise.mp4", "-f lavfi -i testsrc2=size=320x240:rate=25:duration=8 " + kTone,
+        "-vf noise=alls=40:allf=t -c:v libx264 -preset ultrafast -g 25 -b:v 6M -c:a aac -b:a 64k");
+    struct stat st {};
+    ASSERT_EQ(::stat(path.c_str(), &st), 0);
+    auto fromIndex = indexOf(path, true);
+    auto whole = indexOf(path, false);
+    ASSERT_TRUE(fromIndex && whole);
+    ASSERT_EQ(fromIndex->source, IndexSource::ContainerIndex) << fromIndex->scanReason;
+    EXPECT_LT(fromIndex->bytesRead, uint64_t(st.st_size) / 4);
+    EXPECT_GE(whole->bytesRead, uint64_t(st.st_size));
+    EXPECT_LT(whole->bytesRead, uint64_t(st.st_size) * 2);
+}
