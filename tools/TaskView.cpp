@@ -85,7 +85,7 @@ bool TaskView::run(const Zn::Ptr<BackgroundTaskBase>& task) {
             if (bar) bar->update(done);
         }
         iTaskLog::Progress p = log->getProgress();
-        if (p.fraction != lastFraction && (p.fraction > 0 || bar)) {
+        if (options_.showProgress && p.fraction != lastFraction && (p.fraction > 0 || bar)) {
             // Without a byte total the bar counts thousandths.
             uint64_t total = p.totalBytes ? p.totalBytes : 1000;
             style.bytes = p.totalBytes != 0;

@@ -18,7 +18,8 @@ public:
     struct Options {
         FILE* out = stdout;
         int terminal = -1;     // as ProgressBar::Style::terminal
-        bool showLines = true; // false leaves the log's lines to the caller (--json)
+        bool showLines = true;    // false leaves the log's lines to the caller (--json)
+        bool showProgress = true; // false draws no progress either
         std::string label = "working";
     };
 

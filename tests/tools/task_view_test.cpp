@@ -27,7 +27,7 @@ struct ScriptTask final : BackgroundTaskBase {
 // Runs the task in a view writing to a temporary file and answers what it printed.
 std::string viewed(const Zn::Ptr<BackgroundTaskBase>& task, int terminal, bool* interrupted = nullptr) {
     FILE* out = std::tmpfile();
-    tool::TaskView view({out, terminal, true, "copying"});
+    tool::TaskView view({.out = out, .terminal = terminal, .label = "copying"});
     EXPECT_TRUE(view.run(task));
     if (interrupted) *interrupted = view.interrupted();
     std::string text;
