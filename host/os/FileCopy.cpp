@@ -170,16 +170,10 @@ public:
     }
 
 private:
-    // Starts writing the chunk just copied to the disk and waits for the one before it, so
-    // that the disk works while the copy goes on, dirty memory stays at two chunks, and
-    // the closing fsync has little left to do. Errors show up at that fsync.
+    // Starts writing the chunk just copied to the disk, so that the disk works while the
+    // copy goes on and the closing fsync has little left to do. Errors show up at that fsync.
     void writeBehind(uint64_t off, uint64_t n) noexcept {
         ::sync_file_range(out_, off_t(off), off_t(n), SYNC_FILE_RANGE_WRITE);
-        if (behindLength_ != 0)
-            ::sync_file_range(out_, off_t(behindOffset_), off_t(behindLength_),
-                              SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER);
-        behindOffset_ = off;
-        behindLength_ = n;
     }
 
     RC copyRange(uint64_t off, uint64_t n) {
@@ -239,7 +233,6 @@ private:
     uint64_t chunk_;
     bool useCopyFileRange_;
     std::unique_ptr<char[]> buffer_;
-    uint64_t behindOffset_ = 0, behindLength_ = 0; // the chunk whose writing is under way
 };
 
 // The temporary's name: ".<dst's name>.XXXXXX" in dst's folder, the name shortened (on a
