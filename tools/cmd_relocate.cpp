@@ -116,7 +116,7 @@ int run(const std::vector<std::string>& args) {
     ProjectScope scope;
     if (!scope.open(project, false, error)) return fail(kFailure, "relocate: " + error);
     for (DriveId d : {to, from})
-        if (!d.isNone() && !DiskManager::getDriveWithUniqueId(d))
+        if ((d == to || !d.isNone()) && !DiskManager::getDriveWithUniqueId(d))
             return fail(kUsage, std::string("relocate: the project has no drive ") + d.getUniqueId());
     if (to == from) return fail(kUsage, "relocate: --from and --to name the same drive");
     CookieVec items;

@@ -131,7 +131,7 @@ TEST_F(RelocateCommand, JsonOutcomeHumanOutputAndUsageErrors) {
     EXPECT_NE(o.out.find("There is no material to relocate."), std::string::npos) << o.out;
 
     for (const std::string& bad : std::vector<std::string>{a, "--to B", "--to B --from A " + a, "--to Z " + a,
-                                                           "--to B nosuchclip", "--to BB " + a, "--to B --from B"}) {
+                                                           "--to B nosuchclip", "--to BB " + a, "--to B --from B", "--to 0 " + a}) {
         SCOPED_TRACE(bad);
         o = run(bad);
         EXPECT_EQ(o.status, 2);
