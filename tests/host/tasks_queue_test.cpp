@@ -151,19 +151,6 @@ TEST(BackgroundTaskQueue, EndingCancelsEverythingAndRefusesNewTasks) {
     queue.reset();
 }
 
-TEST(BackgroundTaskQueue, TheProcessQueueRunsTasks) {
-    auto& queue = UIBackgroundTasksQueue::instance();
-    EXPECT_EQ(&queue, &UIBackgroundTasksQueue::instance());
-    EXPECT_EQ(queue.workerCount(), 1u);
-    auto task = probe([](ProbeTask& t) {
-        EXPECT_EQ(BackgroundTaskBase::current(), &t);
-        EXPECT_EQ(BackgroundTaskQueueBase::getCurrentTaskStatus(), iBackgroundTask::eRunning);
-    });
-    ASSERT_TRUE(queue.queue(task));
-    task->waitForCompletion();
-    EXPECT_EQ(task->getStatus(), iBackgroundTask::eFinished);
-}
-
 // 50 tasks queued from 4 threads onto 2 workers held by gates: some cancelled while they
 // wait, some while they run, some racing their start; every one ends once, with the
 // status its history calls for.

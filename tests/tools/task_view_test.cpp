@@ -51,6 +51,20 @@ void copyTwoFiles(LoggerHandle& logger) {
 
 } // namespace
 
+// The process's queue lives here rather than with the queue's own tests: its worker
+// thread stays up to the end, which processes forked by those tests would report.
+TEST(TaskView, TheProcessQueueRunsTasksOnItsOneWorker) {
+    auto& queue = UIBackgroundTasksQueue::instance();
+    EXPECT_EQ(&queue, &UIBackgroundTasksQueue::instance());
+    EXPECT_EQ(queue.workerCount(), 1u);
+    Zn::Ptr<BackgroundTaskBase> seen;
+    auto task = Zn::makePtr<ScriptTask>([&seen](LoggerHandle&) { seen = BackgroundTaskBase::current(); });
+    ASSERT_TRUE(queue.queue(task));
+    task->waitForCompletion();
+    EXPECT_EQ(seen.get(), task.get());
+    EXPECT_EQ(task->getStatus(), iBackgroundTask::eFinished);
+}
+
 TEST(TaskView, PrintsTheLogInOrderWithProgressAsPlainLines) {
     auto task = Zn::makePtr<ScriptTask>(copyTwoFiles);
     std::string out = viewed(task, 0);
