@@ -130,3 +130,5 @@ void Logging::reopen() {
     state().file = nullptr;
     state().fileTried = false;
 }
+
+std::string Logging::formatv(const char* fmt, va_list args) { return format(fmt, args); }

@@ -7,6 +7,7 @@
 
 #include "host/core/LightweightString.h"
 
+#include <cstdarg>
 #include <string>
 
 void LogBoth(const char* format, ...) __attribute__((format(printf, 1, 2)));
@@ -28,4 +29,6 @@ void removeSink(iLogSink* sink);
 void setConsole(bool on);
 // Re-reads PLAYFILE_LOG and reopens the log file (tests point it at a temporary file).
 void reopen();
+// Formats as the log does: printf-style, "%ls" arguments written as UTF-8.
+std::string formatv(const char* format, va_list args);
 } // namespace Logging

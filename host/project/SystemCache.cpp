@@ -122,6 +122,9 @@ DriveId SystemCache::getDriveForCookie(const Cookie& material, int chanType) {
 
 bool SystemCache::isEligible(const WString& fileName) {
     WString ext = lower(getExtension(fileName));
+    // A play header kept beside its media is a copy of the project's own record that
+    // travels with the media file, like any other companion.
+    if (ext == L"hdr") return false;
     for (const wchar_t* m : kMediaExtensions)
         if (ext == m) return true;
     if (Cookie(stripPathAndExt(fileName), false).valid()) return true;

@@ -44,7 +44,8 @@ public:
     // Whether the directory would manage a file of that name itself: a file registered
     // in the project, or a media file (its name parses as a material cookie, or its
     // extension is one of a media file). Other files (a description beside a movie,
-    // say) are not eligible and travel with the media as companions.
+    // say, or the ".hdr" play header kept beside a material file) are not eligible and
+    // travel with the media as companions.
     static bool isEligible(const WString& fileName);
     // Every file of every material of the clip (cookies with the clip's identifier
     // words): for each material its high-resolution file, then its proxies.

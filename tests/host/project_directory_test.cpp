@@ -277,6 +277,7 @@ TEST_F(ProjectDirectory, CompanionFilesAreNotEligibleButMediaAndRegisteredFilesA
     Cookie v0 = convertCookie(importOne(src), 'V', 0);
     EXPECT_TRUE(SystemCache::isEligible(W("/x/other.MXF")));
     EXPECT_TRUE(SystemCache::isEligible(W("/x/") + v0.asWString() + L".bin"));
+    EXPECT_FALSE(SystemCache::isEligible(W("/x/") + v0.asWString() + L".hdr")); // travels with its media
     EXPECT_FALSE(SystemCache::isEligible(W("/x/movie.xml")));
     EXPECT_FALSE(SystemCache::isEligible(W("/x/notes")));
     std::string odd = makeFile(driveRoot / "video" / "strange.bin", 10);

@@ -1,0 +1,141 @@
+// Relocating 1 GiB of media (three large files and 160 small ones) from drive A to drive B
+// of a project under /tmp, against `cp` of the same files followed by `sync`, in one run.
+// The large and the small files are timed apart (each side: copy, then everything on
+// disk), three rounds alternating the two sides; the best round of each counts. Prints the
+// throughputs and the ratios (relocation over cp + sync; 1.0 is as fast), for each group
+// and for the whole.
+#include "host/core/Strings.h"
+#include "host/project/DiskManager.h"
+#include "host/project/EditManager.h"
+#include "host/project/ProjectImporter.h"
+#include "playfile/material/MaterialMove.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kRounds = 4;
+
+struct Group {
+    const char* name;
+    int files;
+    size_t bytes; // per file
+    std::vector<std::string> sources;
+    CookieVec items;
+    double bestCp = 1e9, bestRelocate = 1e9;
+    double mib() const { return double(files) * double(bytes) / 1048576.0; }
+};
+
+double seconds(std::chrono::steady_clock::time_point since) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
+}
+
+void writeMedia(const fs::path& path, size_t bytes, std::mt19937_64& rng) {
+    std::vector<uint64_t> block(size_t(1) << 17); // 1 MiB
+    std::ofstream out(path, std::ios::binary);
+    for (size_t done = 0; done < bytes; done += block.size() * 8) {
+        for (auto& w : block) w = rng();
+        out.write(reinterpret_cast<const char*>(block.data()), std::streamsize(std::min(bytes - done, block.size() * 8)));
+    }
+}
+
+[[noreturn]] void die(const char* what, const WString& why = WString()) {
+    std::fprintf(stderr, "bench_relocate: %s %ls\n", what, why.c_str());
+    std::exit(1);
+}
+
+void emptyFolder(const fs::path& folder) {
+    fs::create_directories(folder);
+    for (const auto& e : fs::directory_iterator(folder)) fs::remove(e.path());
+    ::sync();
+}
+
+void makeGroup(Group& g, const fs::path& drive, std::mt19937_64& rng) {
+    std::vector<ClipRecord> clips;
+    for (int i = 0; i < g.files; ++i) {
+        const std::string name = std::string(g.name) + std::to_string(i) + ".mov";
+        writeMedia(drive / "video" / name, g.bytes, rng);
+        g.sources.push_back((drive / "video" / name).string());
+        ClipRecord c;
+        c.name = fromUTF8(name.c_str());
+        c.audioChannels = 0;
+        c.file = MediaFileInfo(MaterialFilename(DriveId('A'), fromUTF8(("video/" + name).c_str())), g.bytes);
+        c.file.setStatus(MediaFileInfo::eStatusAvailable); // as an import records it
+        clips.push_back(c);
+    }
+    WString error;
+    std::vector<Cookie> made = ProjectImporter::registerClips(clips, &error);
+    if (made.size() != clips.size()) die("cannot register the clips:", error);
+    for (const Cookie& c : made) g.items.add(c);
+}
+
+void timeCp(Group& g, const fs::path& cpTo) {
+    std::string line = "cp";
+    for (const auto& s : g.sources) line += " '" + s + "'";
+    line += " '" + cpTo.string() + "/' && sync";
+    emptyFolder(cpTo);
+    auto t0 = std::chrono::steady_clock::now();
+    if (std::system(line.c_str()) != 0) die("cp failed");
+    g.bestCp = std::min(g.bestCp, seconds(t0));
+}
+
+void timeRelocation(Group& g, const fs::path& relocated) {
+    emptyFolder(relocated);
+    auto t0 = std::chrono::steady_clock::now();
+    MaterialMove::relocate(DriveId('B'), g.items, MaterialMove::eCopy, LoggerHandle());
+    g.bestRelocate = std::min(g.bestRelocate, seconds(t0));
+    if (fs::is_empty(relocated)) die("the relocation copied nothing");
+}
+
+} // namespace
+
+int main() {
+    char pattern[] = "/tmp/playfile-bench-relocate-XXXXXX";
+    if (!mkdtemp(pattern)) die("cannot make a folder under /tmp");
+    const fs::path dir = pattern, a = dir / "drive A", b = dir / "drive B";
+    WString error;
+    if (!EditManager::openProject(fromUTF8((dir / "project").c_str()), true, &error) ||
+        !DiskManager::addDrive(DriveId('A'), fromUTF8(a.c_str()), WString(), "import", &error) ||
+        !DiskManager::addDrive(DriveId('B'), fromUTF8(b.c_str()), WString(), "", &error))
+        die("cannot make the project:", error);
+
+    std::mt19937_64 rng(11);
+    Group groups[] = {{"large", 3, size_t(288) << 20, {}, {}}, {"small", 160, size_t(1) << 20, {}, {}}};
+    for (Group& g : groups) makeGroup(g, a, rng);
+    ::sync();
+    // Each side goes first in turn, so that neither always meets the disk still busy with
+    // the other's writes.
+    for (int r = 0; r < kRounds; ++r) {
+        for (Group& g : groups) {
+            if (r % 2 == 0) timeCp(g, dir / "cp");
+            timeRelocation(g, b / "video");
+            if (r % 2 == 1) timeCp(g, dir / "cp");
+        }
+    }
+
+    double cp = 0, relocate = 0, mib = 0;
+    for (const Group& g : groups) {
+        std::printf("%3d %s files, %4.0f MiB: relocate %.2f s (%.0f MiB/s), cp + sync %.2f s (%.0f MiB/s): %.2fx\n",
+                    g.files, g.name, g.mib(), g.bestRelocate, g.mib() / g.bestRelocate, g.bestCp, g.mib() / g.bestCp,
+                    g.bestCp / g.bestRelocate);
+        cp += g.bestCp;
+        relocate += g.bestRelocate;
+        mib += g.mib();
+    }
+    std::printf("all %4.0f MiB: relocate %.2f s (%.0f MiB/s), cp + sync %.2f s (%.0f MiB/s): ratio %.2fx\n", mib,
+                relocate, mib / relocate, cp, mib / cp, cp / relocate);
+    EditManager::closeProject();
+    fs::remove_all(dir);
+    return 0;
+}
