@@ -107,6 +107,13 @@ Result<CodecContextPtr> openDecoder(const AVCodecParameters* par, Threading thre
     return R::ok(std::move(ctx));
 }
 
+AVSampleFormat decoderSampleFormat(const AVCodecParameters* par) {
+    const AVSampleFormat given = par ? AVSampleFormat(par->format) : AV_SAMPLE_FMT_NONE;
+    auto decoder = openDecoder(par, Threading::Single, 1);
+    if (!decoder || decoder.value->sample_fmt == AV_SAMPLE_FMT_NONE) return given;
+    return decoder.value->sample_fmt;
+}
+
 Demuxer::~Demuxer() {
     if (ctx_) avformat_close_input(&ctx_);
 }

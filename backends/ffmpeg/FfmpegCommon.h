@@ -76,6 +76,13 @@ const char* threadingName(Threading t);
 // resolved here: it means FFmpeg's own choice) and number of threads (0: one per core).
 Result<CodecContextPtr> openDecoder(const AVCodecParameters* par, Threading threading, int threads);
 
+// The sample format that the decoder FFmpeg picks for these parameters (the one its own
+// program decodes with) puts out. The parameters' format can be another decoder's: a
+// probe may decode with a sibling (MP2 in MPEG-TS is probed with the float decoder and
+// decoded with the fixed-point one). A decoder that settles its format only on its first
+// frame leaves the parameters' format.
+AVSampleFormat decoderSampleFormat(const AVCodecParameters* par);
+
 // Cores available to this process (at least 1).
 int coreCount();
 

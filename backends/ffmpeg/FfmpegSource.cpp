@@ -276,7 +276,7 @@ bool FfmpegSource::Scan::chooseStreams(std::string& error) {
         a.timeBase = s->time_base;
         a.sampleRate = par->sample_rate;
         a.channels = par->ch_layout.nb_channels;
-        a.sampleFormat = AVSampleFormat(par->format);
+        a.sampleFormat = decoderSampleFormat(par);
         if (!a.codec) {
             error = "out of memory";
             return false;
