@@ -1,6 +1,8 @@
 // Owning pointers, error texts and the time-limited demuxer shared by the FFmpeg engine.
 #include "backends/ffmpeg/FfmpegCommon.h"
 
+#include "backends/ffmpeg/FfmpegMemoryMedia.h"
+
 #include <algorithm>
 #include <cstdarg>
 #include <cstring>
@@ -139,6 +141,11 @@ Result<std::unique_ptr<Demuxer>> Demuxer::open(const std::string& path, bool wit
     d->ctx_->interrupt_callback.callback = &Demuxer::interruptCallback;
     d->ctx_->interrupt_callback.opaque = d.get();
     d->arm(kOpenTimeLimit);
+    d->memory_ = MemoryReader::open(path);
+    if (d->memory_) {
+        d->ctx_->pb = d->memory_->io();
+        d->ctx_->flags |= AVFMT_FLAG_CUSTOM_IO;
+    }
     AVFormatContext* ctx = d->ctx_;
     int rc = avformat_open_input(&ctx, path.c_str(), nullptr, nullptr);
     if (rc < 0) {

@@ -17,6 +17,8 @@ extern "C" {
 
 namespace ffmpeg_engine {
 
+class MemoryReader;
+
 struct FrameDeleter {
     void operator()(AVFrame* f) const noexcept { av_frame_free(&f); }
 };
@@ -95,8 +97,9 @@ public:
     Demuxer(const Demuxer&) = delete;
     Demuxer& operator=(const Demuxer&) = delete;
 
-    // Opens path. withStreamInfo also runs avformat_find_stream_info (needed once to learn
-    // the streams' parameters; later opens of the same file copy them instead).
+    // Opens path (a file, or media registered in memory: FfmpegMemoryMedia.h).
+    // withStreamInfo also runs avformat_find_stream_info (needed once to learn the
+    // streams' parameters; later opens of the same file copy them instead).
     static Result<std::unique_ptr<Demuxer>> open(const std::string& path, bool withStreamInfo);
 
     AVFormatContext* context() const { return ctx_; }
@@ -110,6 +113,7 @@ private:
     static int interruptCallback(void* self);
 
     AVFormatContext* ctx_ = nullptr;
+    std::unique_ptr<MemoryReader> memory_; // the input of in-memory media; outlives ctx_
     std::chrono::steady_clock::time_point deadline_{};
 };
 

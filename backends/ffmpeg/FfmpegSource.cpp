@@ -2,6 +2,8 @@
 // packets of the video stream, and the sample positions of each audio stream.
 #include "backends/ffmpeg/FfmpegSource.h"
 
+#include "backends/ffmpeg/FfmpegMemoryMedia.h"
+
 #include "backends/ffmpeg/FfmpegPcm.h"
 
 extern "C" {
@@ -203,10 +205,15 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
     const auto started = std::chrono::steady_clock::now();
     path_ = path;
     index_->path = path;
+    size_t inMemory = 0;
     struct stat st {};
-    if (path.empty() || ::stat(path.c_str(), &st) != 0) return R::fail("file not found");
-    if (!S_ISREG(st.st_mode)) return R::fail("not a regular file");
-    if (st.st_size == 0) return R::fail("empty file");
+    if (isMemoryMedia(path, &inMemory)) {
+        if (inMemory == 0) return R::fail("empty file");
+    } else {
+        if (path.empty() || ::stat(path.c_str(), &st) != 0) return R::fail("file not found");
+        if (!S_ISREG(st.st_mode)) return R::fail("not a regular file");
+        if (st.st_size == 0) return R::fail("empty file");
+    }
 
     auto opened = Demuxer::open(path, true);
     if (!opened) return R::fail("not a media file FFmpeg can read (" + opened.error + ")");
