@@ -23,18 +23,25 @@ int RequestWaiter::readAudio(Zn::Ptr<AudioReadRequest>& request, const Cookie& m
     return rc;
 }
 
-bool RequestWaiter::queue(Zn::Ptr<VideoReadRequest>& request) {
+namespace {
+
+// Queues a request made by hand on its file's queue; false when the file refused it.
+template <class Request> bool queueOnItsFile(Zn::Ptr<Request>& request) {
     if (!request || !request->getFile()) return false;
     Zn::Ptr<FileReadInstance> file = request->getFile();
-    if (!file->queueReadRequest(request, false)) return false;
+    return file->queueReadRequest(request, false);
+}
+
+} // namespace
+
+bool RequestWaiter::queue(Zn::Ptr<VideoReadRequest>& request) {
+    if (!queueOnItsFile(request)) return false;
     queued(request->getStatus());
     return true;
 }
 
 bool RequestWaiter::queue(Zn::Ptr<AudioReadRequest>& request) {
-    if (!request || !request->getFile()) return false;
-    Zn::Ptr<FileReadInstance> file = request->getFile();
-    if (!file->queueReadRequest(request, false)) return false;
+    if (!queueOnItsFile(request)) return false;
     queued(request->getStatus());
     return true;
 }
