@@ -58,7 +58,7 @@ fuzz:
 	@scripts/bootstrap --fuzz
 	cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
 	    -DCMAKE_CXX_COMPILER=clang++ -DPLAYFILE_SANITIZE=address,undefined -DPLAYFILE_FUZZ=ON
-	cmake --build build-fuzz -j $(JOBS)
+	cmake --build build-fuzz -j $(JOBS) --target fuzz/all
 	@found=""; for f in build-fuzz/fuzz/fuzz_*; do \
 	    case $$f in *_seeds) continue;; esac; \
 	    t=$$(basename $$f); mkdir -p build-fuzz/corpus/$$t build-fuzz/findings/$$t; \
