@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <fcntl.h>
 #include <random>
 #include <sys/wait.h>
@@ -79,19 +80,27 @@ std::string integrity(ProjectDatabase& db) {
     return q.next() ? q.text(0).str() : "no answer";
 }
 
-// Starts the playfile program with args; its pid.
+// Starts the playfile program with args; its pid. Everything the child needs is made
+// before the fork: the test process has threads, so the child only calls exec.
 pid_t start(const std::vector<std::string>& args, const std::string& log) {
-    const pid_t pid = ::fork();
-    if (pid != 0) return pid;
-    const int null = ::open("/dev/null", O_WRONLY);
-    ::dup2(null, 1);
-    ::dup2(null, 2);
-    ::setenv("PLAYFILE_LOG", log.c_str(), 1);
-    std::vector<char*> argv{const_cast<char*>(PLAYFILE_BUILD_DIR "/tools/playfile")};
+    const std::string program = PLAYFILE_BUILD_DIR "/tools/playfile", logSetting = "PLAYFILE_LOG=" + log;
+    std::vector<char*> argv{const_cast<char*>(program.c_str())};
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
-    ::execv(argv[0], argv.data());
-    ::_exit(127);
+    std::vector<char*> env{const_cast<char*>(logSetting.c_str())};
+    for (char** e = environ; *e; ++e)
+        if (std::strncmp(*e, "PLAYFILE_LOG=", 13) != 0) env.push_back(*e);
+    env.push_back(nullptr);
+    const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::dup2(null, 1);
+        ::dup2(null, 2);
+        ::execve(argv[0], argv.data(), env.data());
+        ::_exit(127);
+    }
+    ::close(null);
+    return pid;
 }
 
 } // namespace
