@@ -82,7 +82,11 @@ private:
     void leftover(const Drive& d, const WString& folderName, const std::wstring& name, const WString& path,
                   ImportRecoveryReport& report) {
         const size_t dots = name.find_first_not_of(L'.');
-        if (dots == std::wstring::npos || !ours(cookieAtStart(name.substr(dots)))) return;
+        const Cookie c = dots == std::wstring::npos ? Cookie() : cookieAtStart(name.substr(dots));
+        if (!ours(c)) return;
+        // Another writer's temporary (a copy by a background task) belongs to a clip the
+        // project knows; an import's carry ".import", and an older build's belong to none.
+        if (name.find(kPendingSuffix) == std::wstring::npos && knows(db_, c)) return;
         // "." + final name + ".import", the final name not itself starting with '.'.
         const bool pending = name.size() > kPendingSuffix.size() + 1 && name[1] != L'.' &&
                              name.compare(name.size() - kPendingSuffix.size(), kPendingSuffix.size(),

@@ -13,7 +13,8 @@
 // names (the import was killed between its commit and its rename) is renamed into place;
 // every other such leftover is removed, as is a file under a final name whose cookie the
 // project handed out but knows nothing of (no clip, no material: left by a build that
-// renamed before committing).
+// renamed before committing). Temporaries of other writers (a background task copying a
+// known clip's file) are left alone.
 //
 // Locks: an import holds the project's import lock shared for its whole run; the recovery
 // takes it exclusively without waiting, and does nothing when an import is running in any

@@ -174,6 +174,8 @@ TEST_F(ImportRecovery, AKilledImportsLeftoversArePutInPlaceOrRemovedAndNothingEl
         {"." + lost + ".import", "gone"},                   // copied, killed before the clip was stored
         {".." + lost + ".import.Ab12Cd", "gone"},           // killed while copying
         {"." + lost + ".import.tmp123_4", "gone"},          // killed while making the link
+        {"." + lost + ".Xy34Zw", "gone"},                   // an older build's copy
+        {"." + storedName + ".Xy34Zw", "same"},             // a task copying a stored clip's file
         {lost, "gone"},                                     // placed before the clip was stored
         {foreign, "same"},                                  // another project's
         {"notes.txt", "same"},
