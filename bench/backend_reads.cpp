@@ -9,7 +9,8 @@
 //                                decoded
 //   random FILE [COUNT] [SEED]   COUNT (200) frames at random (FRAMES_SEED order, shared
 //                                with bench_direct_decode): mean and median latency from
-//                                queueing to the complete picture
+//                                queueing to the complete picture, pictures decoded per
+//                                access
 //   first FILE [TRIALS]          a newly opened file, one random frame: time to its picture
 //   backward FILE [STEPS]        from a random frame, one frame back at a time
 //   same-frame FILE [ISSUERS]    ISSUERS threads ask for the same frame at once: pictures
@@ -146,7 +147,9 @@ int random(const char* path, int count, unsigned seed) {
         ms.push_back(t);
     }
     printLatencies("random", ms);
-    std::printf(" decodes=%llu failed=%d\n", (unsigned long long)(decodes(file) - before), failed);
+    const uint64_t decoded = decodes(file) - before;
+    std::printf(" decodes=%llu decodes_per_access=%.1f failed=%d\n", (unsigned long long)decoded,
+                double(decoded) / count, failed);
     file->purge();
     return failed ? 1 : 0;
 }

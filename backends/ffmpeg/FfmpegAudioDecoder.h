@@ -55,6 +55,8 @@ private:
     bool openCodec(std::string& error);
     Result<int64_t> readPcm(int64_t start, int64_t count, AudioBlock& out);
     Result<int64_t> readDecoded(int64_t start, int64_t count, AudioBlock& out);
+    // Where a decode that must deliver position intact starts.
+    int firstPacketFor(int64_t position) const;
     bool startAt(int64_t position, std::string& error);
     // The next decoded frame and its position; false at the end (error set on failure).
     bool nextFrame(std::string& error);
@@ -63,6 +65,7 @@ private:
     std::shared_ptr<const MediaIndex> index_;
     const AudioTrack* track_ = nullptr;
     PcmLayout pcm_;
+    int64_t prerollSamples_ = 0; // decoded before the first wanted sample after a seek
     int fd_ = -1;
     std::unique_ptr<PacketCursor> cursor_;
     CodecContextPtr codec_;

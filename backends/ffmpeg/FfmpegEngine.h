@@ -28,12 +28,15 @@
 // What is kept between calls. The index is built once. A video decoder keeps its codec
 // and demuxer where they are: the next frame in order costs one decode, a frame further
 // on in the same group carries on decoding, anything else seeks to the frame's key
-// packet. Packets go into the codec with their decode index as timestamp, so every
+// packet; on the way to the frame, the packets of pictures that no other picture refers
+// to are not decoded at all (FfmpegDisposable.h). Packets go into the codec with their
+// decode index as timestamp, so every
 // picture coming out is identified for certain, and pictures that depend on packets
 // before the decode's start are never given out. Frames decoded on the way are kept up to
 // a memory budget (VideoDecoderOptions::cacheBytes), so stepping back through a group is
 // served without decoding. An audio decoder keeps its last decoded frame and carries on
-// for the next read in order; elsewhere it seeks and decodes the codec's pre-roll first.
+// for the next read in order; elsewhere it seeks and decodes the codec's pre-roll first,
+// far enough back that the samples equal those of an uninterrupted decode.
 //
 // Threading. Long-GOP codecs decode with frame threads (one per core): sequential
 // decoding and the run-up from a key packet gain most. Intra-only codecs use slice threads:

@@ -27,13 +27,15 @@ void FrameRanges::getFrameRange(uint32_t frame, int64_t& first, int64_t& end) {
     if (f == nextFrame_) {
         first = f;
         end = std::min<int64_t>(f + kChunk, v.frameCount());
+    } else if (f < runFirst_ && f >= runFirst_ - kChunk) {
+        // Just behind the last run: stepping back, so the run reaches back too.
+        first = std::max<int64_t>(v.groupStart(int(f)), f - kBackward + 1);
+        end = f + 1;
     } else {
-        int64_t from = v.groupStart(int(f));
-        // Further on in the group the decoder is in: it carries on from where it stands.
-        if (from <= nextFrame_ && nextFrame_ < f) from = nextFrame_;
-        first = std::max(from, f - kBackward + 1);
+        first = f;
         end = f + 1;
     }
+    runFirst_ = first;
     nextFrame_ = end;
 }
 

@@ -3,6 +3,7 @@
 #include "backends/ffmpeg/FfmpegVideoDecoder.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace ffmpeg_engine {
 
@@ -21,6 +22,7 @@ Result<std::unique_ptr<FfmpegVideoDecoder>> FfmpegVideoDecoder::open(std::shared
     d->cursor_ = std::move(cursor.value);
     d->packet_ = newPacket();
     if (!d->packet_) return R::fail("out of memory");
+    d->disposable_ = std::make_unique<DisposablePictures>(*v->codec);
     for (size_t i = 0; i < v->packets.size(); ++i)
         if (i == 0 || v->packets[i].keyFrame) d->keyPackets_.push_back(int(i));
     std::string error;
@@ -60,7 +62,7 @@ int FfmpegVideoDecoder::packetLimitFor(int frame) const {
     return track_->frames[size_t(frame)].packet + 17 + threads_ + std::max(0, track_->codec->video_delay);
 }
 
-bool FfmpegVideoDecoder::startAt(int packet, int target, std::string& error) {
+bool FfmpegVideoDecoder::startAt(int packet, int skipFrom, std::string& error) {
     ++stats_.sessions;
     sessionStart_ = -1;
     if (!cursor_->seekTo(packet, error)) return false;
@@ -68,19 +70,23 @@ bool FfmpegVideoDecoder::startAt(int packet, int target, std::string& error) {
     sessionStart_ = packet;
     lastShown_ = -1;
     inputEnded_ = decoderEnded_ = false;
-    skipBefore_ = options_.skipUnneededAfterSeek ? target : -1;
+    skipBefore_ = options_.skipUnneededAfterSeek ? skipFrom : -1;
     return true;
 }
 
-bool FfmpegVideoDecoder::prepare(int first, int last, std::string& error) {
+bool FfmpegVideoDecoder::prepare(int first, int last, int skipFrom, std::string& error) {
     int need = INT32_MAX;
     for (int k = first; k <= last; ++k) need = std::min(need, int(track_->frames[size_t(k)].startPacket));
     // Carrying on is right when the running decode started early enough to make these
     // frames intact, has not shown them yet, and has not read past where a seek would go.
     const bool carryOn = sessionStart_ >= 0 && !decoderEnded_ && need >= sessionStart_ &&
                          first > lastShown_ && need <= cursor_->position();
-    if (carryOn) return true;
-    return startAt(need, first, error);
+    if (carryOn) {
+        // Jumping ahead within the group: the pictures on the way may be left out too.
+        if (options_.skipUnneededAfterSeek && skipFrom > lastShown_ + 1) skipBefore_ = skipFrom;
+        return true;
+    }
+    return startAt(need, skipFrom, error);
 }
 
 int FfmpegVideoDecoder::produce(FramePtr& out, int packetLimit, std::string& error) {
@@ -129,10 +135,18 @@ int FfmpegVideoDecoder::produce(FramePtr& out, int packetLimit, std::string& err
             avcodec_send_packet(codec_.get(), nullptr);
             continue;
         }
+        // Pictures before the first one wanted that nobody refers to are never sent: the
+        // decoder cannot tell that it would show them in vain, and with frame threads even
+        // a picture it discards would hold up a thread.
+        const int shows = index >= 0 ? v.packets[size_t(index)].frame : -1;
+        if (skipBefore_ >= 0 && shows >= 0 && shows < skipBefore_ && disposable_->disposable(*packet_)) {
+            ++stats_.packetsSkipped;
+            av_packet_unref(packet_.get());
+            continue;
+        }
+        disposable_->observe(*packet_);
         packet_->pts = index >= 0 ? index : -1;
         packet_->dts = AV_NOPTS_VALUE;
-        const bool unneeded = skipBefore_ >= 0 && index >= 0 && v.packets[size_t(index)].frame < skipBefore_;
-        codec_->skip_frame = unneeded ? AVDISCARD_NONREF : AVDISCARD_DEFAULT;
         ++stats_.packetsSent;
         // A damaged packet is skipped, as FFmpeg's own program does.
         avcodec_send_packet(codec_.get(), packet_.get());
@@ -164,7 +178,8 @@ FramePtr FfmpegVideoDecoder::reach(int frame, std::string& error) {
                                   int(track_->frames[size_t(frame)].startPacket));
         auto it = std::lower_bound(keyPackets_.begin(), keyPackets_.end(), from);
         if (it == keyPackets_.begin()) break;
-        if (!startAt(*--it, frame, error)) return nullptr;
+        // Without leaving pictures out this time: whatever held the frame back, it is not that.
+        if (!startAt(*--it, -1, error)) return nullptr;
         picture = pumpTo(frame, error);
     }
     if (!picture && error.empty()) error = "frame " + std::to_string(frame) + " did not come out of the decoder";
@@ -175,9 +190,14 @@ Result<FramePtr> FfmpegVideoDecoder::decodeFrame(int frame) {
     using R = Result<FramePtr>;
     if (frame < 0 || frame >= frameCount())
         return R::fail("frame " + std::to_string(frame) + " is outside 0.." + std::to_string(frameCount() - 1));
+    const int asked = std::exchange(lastAsked_, frame);
     if (FramePtr hit = cacheFind(frame)) return R::ok(std::move(hit));
+    // A little behind the frame asked for last: a step back, likely followed by more, so
+    // the frames behind this one are decoded and kept too.
+    int skipFrom = frame;
+    if (frame < asked && asked - frame < kStepBack) skipFrom = std::max(track_->groupStart(frame), frame - kStepBack + 1);
     std::string error;
-    if (!prepare(frame, frame, error)) return R::fail(error);
+    if (!prepare(frame, frame, skipFrom, error)) return R::fail(error);
     FramePtr picture = reach(frame, error);
     if (!picture) return R::fail(error);
     cacheKeep(frame, picture.get());
@@ -201,7 +221,7 @@ Result<int> FfmpegVideoDecoder::decodeRange(int first, int last, const Deliver& 
     }
     if (k > last) return R::ok(delivered);
     std::string error;
-    if (!prepare(k, last, error)) return R::fail(error);
+    if (!prepare(k, last, k, error)) return R::fail(error);
     // A frame that does not come out (a damaged or missing packet) is left out and the run
     // goes on, as FFmpeg's own program shows the pictures after it; the run fails only
     // when none came out at all. After such a frame the decode only carries on forward:

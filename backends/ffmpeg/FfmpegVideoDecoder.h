@@ -4,6 +4,7 @@
 // decode, and frames decoded on the way are kept (up to a memory budget) for going back.
 #pragma once
 
+#include "backends/ffmpeg/FfmpegDisposable.h"
 #include "backends/ffmpeg/FfmpegIndex.h"
 #include "backends/ffmpeg/FfmpegPacketCursor.h"
 
@@ -22,10 +23,11 @@ struct VideoDecoderOptions {
     int threads = 0; // 0: one per core, at most 16
     // Decoded frames kept for answering again without decoding (stepping back).
     size_t cacheBytes = size_t(96) << 20;
-    // After a seek, pictures before the wanted one that no other picture refers to are
-    // not decoded at all (AVDISCARD_NONREF). Faster random access; such pictures are then
-    // not in the cache for stepping back.
-    bool skipUnneededAfterSeek = false;
+    // When decoding starts or jumps ahead, the packets of pictures before the first one
+    // wanted that no other picture refers to (DisposablePictures) are not decoded at all:
+    // with B-pyramids about half of a group. Such pictures are then not in the cache; a
+    // step back to one decodes the stretch behind it whole (kStepBack).
+    bool skipUnneededAfterSeek = true;
 };
 
 class FfmpegVideoDecoder {
@@ -60,7 +62,11 @@ public:
         int64_t packetsSent = 0;
         int64_t sessions = 0;        // times decoding restarted at a key packet
         int64_t cacheHits = 0;
+        int64_t packetsSkipped = 0;  // pictures left undecoded: nobody refers to them
     };
+    // decodeFrame takes a frame a little behind the one asked for last, not in the cache,
+    // for a step back: the decode from its key packet keeps the frames this far behind it.
+    static constexpr int kStepBack = 24;
     const Stats& stats() const { return stats_; }
     const PacketCursor::Stats& cursorStats() const { return cursor_->stats(); }
 
@@ -68,9 +74,11 @@ private:
     FfmpegVideoDecoder() = default;
     bool openCodec(std::string& error);
     // Makes sure the running decode will reach frames first..last intact, restarting at a
-    // key packet when it cannot.
-    bool prepare(int first, int last, std::string& error);
-    bool startAt(int packet, int target, std::string& error);
+    // key packet when it cannot. Pictures before skipFrom may be left out.
+    bool prepare(int first, int last, int skipFrom, std::string& error);
+    // Starts decoding at packet; pictures before frame skipFrom that nobody refers to are
+    // left out (-1: none).
+    bool startAt(int packet, int skipFrom, std::string& error);
     // The next frame of ours that comes out of the decoder, intact. Answers its number,
     // -1 when the stream ended (error empty) or failed (error set), or -2 when more than
     // `packetLimit` packets were needed.
@@ -95,6 +103,7 @@ private:
     std::vector<int> keyPackets_; // packets a decode may start at, ascending
     CodecContextPtr codec_;
     PacketPtr packet_;
+    std::unique_ptr<DisposablePictures> disposable_;
     Threading resolved_ = Threading::Single;
     int threads_ = 1;
 
@@ -102,6 +111,7 @@ private:
     int sessionStart_ = -1;
     int lastShown_ = -1;
     int skipBefore_ = -1; // frames before this one may be left undecoded
+    int lastAsked_ = -1;  // the frame decodeFrame was asked for last
     bool inputEnded_ = false;
     bool decoderEnded_ = false;
 

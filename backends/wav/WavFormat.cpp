@@ -1,5 +1,8 @@
 #include "backends/wav/WavFormat.h"
 
+#include "host/os/FileManager.h"
+#include "playfile/material/MaterialFile.h"
+
 #include <cstring>
 
 namespace wav {
@@ -24,8 +27,50 @@ void put64(std::vector<uint8_t>& v, uint64_t x) {
 }
 void putId(std::vector<uint8_t>& v, const char* id) { v.insert(v.end(), id, id + 4); }
 
-bool readExactly(const ReadAt& read, uint64_t offset, void* buf, size_t n) {
-    return read(offset, buf, n) == int64_t(n);
+// The reader's callback as a file, so that the chunk walk reads through MaterialFile.
+class CallbackFile final : public iFile {
+public:
+    CallbackFile(const ReadAt& read, uint64_t size) : read_(read), size_(size) {}
+    int64_t read(void* buf, uint64_t n) override {
+        int64_t got = read_(position_, buf, size_t(n));
+        if (got > 0) position_ += uint64_t(got);
+        return got;
+    }
+    int64_t readAt(uint64_t offset, void* buf, uint64_t n) override { return read_(offset, buf, size_t(n)); }
+    bool seek(uint64_t offset) override {
+        position_ = offset;
+        return true;
+    }
+    uint64_t position() const override { return position_; }
+    uint64_t size() const override { return size_; }
+    const WString& name() const override { return name_; }
+
+private:
+    const ReadAt& read_;
+    uint64_t size_;
+    uint64_t position_ = 0;
+    WString name_;
+};
+
+bool isCode(unsigned code, const char* text) { return std::memcmp(&code, text, 4) == 0; }
+
+bool readBody(iFile& file, uint64_t offset, void* buf, size_t n) {
+    return file.seek(offset) && file.read(buf, n) == int64_t(n);
+}
+
+// The data chunk at body: size bytes as its header says (0 when the writer never came
+// back to fill it in). An unknown size, or one past the end of a cut file, runs to the
+// end of the file.
+bool takeData(Info& info, uint64_t body, uint64_t fileSize, uint64_t size, Info& out) {
+    const uint64_t available = fileSize - body;
+    if (size == 0 || size > available) {
+        size = available;
+        info.dataRunsToEnd = true;
+    }
+    info.dataOffset = body;
+    info.dataBytes = size - size % info.blockAlign;
+    out = info;
+    return true;
 }
 
 // The GUID tail shared by the KSDATAFORMAT_SUBTYPE_* values.
@@ -90,46 +135,55 @@ bool parseFormat(const uint8_t* f, uint32_t size, Info& info, std::string& error
 } // namespace
 
 bool parseHeader(const ReadAt& read, uint64_t fileSize, Info& out, std::string& error) {
-    uint8_t riff[12];
-    if (fileSize < 12 || !readExactly(read, 0, riff, 12) ||
-        (std::memcmp(riff, "RIFF", 4) != 0 && std::memcmp(riff, "RF64", 4) != 0 && std::memcmp(riff, "BW64", 4) != 0) ||
-        std::memcmp(riff + 8, "WAVE", 4) != 0) {
-        error = "not a RIFF WAVE file";
+    Zn::Ptr<iFile> file(new CallbackFile(read, fileSize));
+    MaterialFile riff;
+    riff.set(file);
+    unsigned form = 0, riffSize = 0, wave = 0;
+    if (fileSize < 12 || !riff.readRIFFChunkHeader(form, riffSize) || !riff.readNextFourCC(wave) ||
+        (!isCode(form, "RIFF") && !isCode(form, "RF64") && !isCode(form, "BW64")) || !isCode(wave, "WAVE")) {
+        error = riffSize == MaterialFile::kDamagedChunkLength ? "damaged RIFF header (length 0xFF000000)"
+                                                              : "not a RIFF WAVE file";
         return false;
     }
     Info info;
-    info.rf64 = std::memcmp(riff, "RIFF", 4) != 0;
+    info.rf64 = !isCode(form, "RIFF");
     uint64_t ds64DataSize = 0;
     bool haveDs64 = false, haveFormat = false;
     uint64_t pos = 12;
     while (pos + 8 <= fileSize) {
-        uint8_t head[8];
-        if (!readExactly(read, pos, head, 8)) break;
-        const uint32_t size32 = le32(head + 4);
+        unsigned id = 0, size32 = 0;
+        if (!file->seek(pos)) break;
+        const bool whole = riff.readRIFFChunkHeader(id, size32);
         const uint64_t body = pos + 8;
-        if (std::memcmp(head, "ds64", 4) == 0 && info.rf64) {
+        if (!whole) {
+            if (size32 != MaterialFile::kDamagedChunkLength) break;
+            // An unfinished data chunk: its samples run to the end of the file.
+            if (isCode(id, "data") && haveFormat) return takeData(info, body, fileSize, fileSize - body, out);
+            error = "damaged chunk header (length 0xFF000000) at offset " + std::to_string(pos);
+            return false;
+        }
+        if (isCode(id, "ds64") && info.rf64) {
             uint8_t d[24];
-            if (size32 < 24 || !readExactly(read, body, d, 24)) {
+            if (size32 < 24 || !readBody(*file, body, d, 24)) {
                 error = "ds64 chunk too short";
                 return false;
             }
             ds64DataSize = le64(d + 8);
             haveDs64 = true;
-        } else if (std::memcmp(head, "fmt ", 4) == 0) {
+        } else if (isCode(id, "fmt ")) {
             uint8_t f[40] = {};
             uint32_t want = size32 < 40 ? size32 : 40;
-            if (!readExactly(read, body, f, want)) {
+            if (!readBody(*file, body, f, want)) {
                 error = "truncated format chunk";
                 return false;
             }
             if (!parseFormat(f, size32, info, error)) return false;
             haveFormat = true;
-        } else if (std::memcmp(head, "data", 4) == 0) {
+        } else if (isCode(id, "data")) {
             if (!haveFormat) {
                 error = "data chunk before the format chunk";
                 return false;
             }
-            const uint64_t available = fileSize - body;
             uint64_t size = size32;
             if (info.rf64 && size32 == 0xFFFFFFFFu) {
                 if (!haveDs64) {
@@ -138,16 +192,9 @@ bool parseHeader(const ReadAt& read, uint64_t fileSize, Info& out, std::string& 
                 }
                 size = ds64DataSize;
             }
-            // Streams written without seeking back leave 0 or all ones; a cut file has
-            // less than it says. Either way the samples run to the end of the file.
-            if (size == 0 || (!info.rf64 && size32 == 0xFFFFFFFFu) || size > available) {
-                size = available;
-                info.dataRunsToEnd = true;
-            }
-            info.dataOffset = body;
-            info.dataBytes = size - size % info.blockAlign;
-            out = info;
-            return true;
+            // Streams written without seeking back leave all ones in a plain RIFF file.
+            if (!info.rf64 && size32 == 0xFFFFFFFFu) size = 0;
+            return takeData(info, body, fileSize, size, out);
         }
         pos = body + size32 + (size32 & 1);
     }

@@ -5,12 +5,14 @@
 #include "host/core/Strings.h"
 #include "host/os/FileCopy.h"
 #include "host/os/MountTable.h"
+#include "host/os/MountWatch.h"
 #include "host/os/PosixFile.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <fnmatch.h>
@@ -253,9 +255,8 @@ WString PosixFileManager::volumeOf(const WString& path) {
     ExistingPart part;
     if (!nearestExisting(bytesOf(path), part)) return WString(L"/");
     std::string where = resolved(part.existing);
-    MountTable mounts = MountTable::current();
-    if (const MountEntry* m = mounts.mountHolding(where))
-        return fromUTF8(m->mountPoint.c_str(), int(m->mountPoint.size()));
+    std::string listed = MountWatch::shared().mountPointOf(where);
+    if (!listed.empty()) return fromUTF8(listed.c_str(), int(listed.size()));
     if (where.empty() || where[0] != '/') return WString(L"/");
     std::string mountPoint = mountPointByDevice(where, part.st.st_dev);
     return fromUTF8(mountPoint.c_str(), int(mountPoint.size()));
@@ -325,13 +326,9 @@ bool PosixFileManager::isRemoteLocation(const WString& path) {
     if (path.empty()) return false;
     std::string p = bytesOf(path);
 
+    // Without prefixes (the usual case) nothing is copied or allocated for them.
     std::vector<std::string> prefixes;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        prefixes = remotePrefixes_;
-    }
-    for (std::string& prefix : splitList(std::getenv("PLAYFILE_REMOTE_PREFIXES"), ':'))
-        prefixes.push_back(withoutTrailingSlashes(std::move(prefix)));
+    remotePrefixes(prefixes);
     auto underPrefix = [&](const std::string& candidate) {
         return std::any_of(prefixes.begin(), prefixes.end(), [&](const std::string& prefix) {
             return pathIsUnder(candidate, prefix);
@@ -342,12 +339,20 @@ bool PosixFileManager::isRemoteLocation(const WString& path) {
     ExistingPart part;
     if (!nearestExisting(p, part)) return false;
     if (!prefixes.empty() && underPrefix(resolvedFull(part))) return true;
+    return MountWatch::shared().isNetworkDevice(part.st.st_dev, part.existing);
+}
 
-    struct statfs fs;
-    if (::statfs(part.existing.c_str(), &fs) != 0) return false;
-    if (isNetworkFsMagic((unsigned long)fs.f_type)) return true;
-    if ((uint32_t)fs.f_type != kFuseSuperMagic) return false;
-    MountTable mounts = MountTable::current();
-    const MountEntry* mount = mounts.mountOfDevice(part.st.st_dev);
-    return mount && isNetworkFuse(*mount);
+void PosixFileManager::remotePrefixes(std::vector<std::string>& out) {
+    const char* env = std::getenv("PLAYFILE_REMOTE_PREFIXES");
+    if (!env) env = "";
+    std::lock_guard<std::mutex> lock(mutex_);
+    // The variable is parsed again only when its text changed.
+    if (std::string_view(envPrefixesText_.data(), envPrefixesText_.size()) != env) {
+        envPrefixesText_.assign(env, env + std::strlen(env));
+        envPrefixes_.clear();
+        for (std::string& prefix : splitList(env, ':')) envPrefixes_.push_back(withoutTrailingSlashes(std::move(prefix)));
+    }
+    if (remotePrefixes_.empty() && envPrefixes_.empty()) return;
+    out = remotePrefixes_;
+    out.insert(out.end(), envPrefixes_.begin(), envPrefixes_.end());
 }

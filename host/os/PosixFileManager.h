@@ -55,7 +55,9 @@ public:
     // network one (sshfs, rclone, s3fs, gcsfuse, ...; see MountTable.h), and under a
     // prefix given to addRemotePrefix or listed, colon-separated, in the environment
     // variable PLAYFILE_REMOTE_PREFIXES. Prefixes are matched whole components at a time
-    // against the path as written and against its resolved form (links followed).
+    // against the path as written and against its resolved form (links followed). The
+    // mount table and the answer per device are kept until the mounts change (MountWatch),
+    // so a question costs a stat or two when no prefix is set.
     bool isRemoteLocation(const WString& path) override;
 
     // Names a mounted volume for mapMountedName; an empty root forgets the name.
@@ -63,7 +65,15 @@ public:
     void addRemotePrefix(const WString& path);
 
 private:
+    // The added prefixes and those of PLAYFILE_REMOTE_PREFIXES, UTF-8, no trailing '/'.
+    void remotePrefixes(std::vector<std::string>& out);
+
+    // mutex_ guards the names and prefixes below; it is held only to read or change them.
     mutable std::mutex mutex_;
+    // The variable's text when last parsed (a vector: a string member would keep the
+    // manager from being constant-initialised).
+    std::vector<char> envPrefixesText_;
+    std::vector<std::string> envPrefixes_;  // its prefixes
     std::vector<std::pair<std::string, std::string>> mountedNames_; // NAME -> root, UTF-8
     std::vector<std::string> remotePrefixes_;                       // UTF-8, no trailing '/'
 };

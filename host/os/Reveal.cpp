@@ -33,10 +33,6 @@ bool ranWell(const Zn::ProgramRun& run, const std::string& program) {
     return false;
 }
 
-} // namespace
-
-namespace {
-
 std::string uriOfBytes(const std::string& bytes) {
     static const char hex[] = "0123456789ABCDEF";
     std::string uri = "file://";

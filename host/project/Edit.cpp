@@ -4,8 +4,10 @@
 #include "host/project/EditManager.h"
 #include "host/project/MaterialRecords.h"
 #include "host/project/ProjectDatabase.h"
+#include "host/project/RowCache.h"
 
 #include <algorithm>
+#include <memory>
 
 namespace {
 
@@ -14,6 +16,68 @@ void bindEdit(sqlite::Query& q, const Cookie& c) { q.bind(1, int64_t(c.id1())).b
 Cookie cookieFrom(sqlite::Query& q, int first) {
     return Cookie(char(q.int64(first)), uint32_t(q.int64(first + 1)), uint32_t(q.int64(first + 2)),
                   uint8_t(q.int64(first + 3)));
+}
+
+// An edit as stored, shared by the edits opened from it while the project is unchanged.
+struct StoredEdit {
+    WString name;
+    int logType = 0;
+    unsigned flags = 0;
+    unsigned sampleRate = 48000;
+    configb decodeOptions;
+    String audioMetadata;
+    std::vector<Edit::Channel> channels;
+    std::map<unsigned, CookieVec> refs;
+    std::vector<Edit::Segment> segments;
+};
+
+// Stored edits by identifier words; a null entry says there is no such edit.
+RowCache<uint64_t, std::shared_ptr<const StoredEdit>> g_storedEdits(1u << 17);
+
+std::shared_ptr<const StoredEdit> readStoredEdit(const ProjectDatabase& db, const Cookie& cookie) {
+    ProjectDatabase::Read r(db);
+    auto e = std::make_shared<StoredEdit>();
+    {
+        sqlite::Query q(r.db(), "SELECT name, log_type, flags, sample_rate, decode_options, audio_metadata "
+                                "FROM edits WHERE id1 = ?1 AND id2 = ?2");
+        bindEdit(q, cookie);
+        if (!q.next()) return nullptr;
+        e->name = q.wtext(0);
+        e->logType = int(q.int64(1));
+        e->flags = unsigned(q.int64(2));
+        e->sampleRate = unsigned(q.int64(3));
+        e->decodeOptions = configb::fromText(q.text(4));
+        e->audioMetadata = q.text(5);
+    }
+    {
+        sqlite::Query q(r.db(), "SELECT chan, kind, flags FROM channels WHERE id1 = ?1 AND id2 = ?2 ORDER BY chan");
+        bindEdit(q, cookie);
+        while (q.next()) e->channels.push_back({int(q.int64(0)), int(q.int64(1)), unsigned(q.int64(2))});
+    }
+    {
+        sqlite::Query q(r.db(), "SELECT selector, type, rid1, rid2, ridx FROM refs WHERE id1 = ?1 AND id2 = ?2 "
+                                "ORDER BY selector, seq");
+        bindEdit(q, cookie);
+        while (q.next()) e->refs[unsigned(q.int64(0))].add(cookieFrom(q, 1));
+    }
+    {
+        sqlite::Query q(r.db(), "SELECT chan, start, finish, kind, type, rid1, rid2, ridx, effect FROM segments "
+                                "WHERE id1 = ?1 AND id2 = ?2 ORDER BY chan, start");
+        bindEdit(q, cookie);
+        while (q.next())
+            e->segments.push_back({int(q.int64(0)), q.real(1), q.real(2), int(q.int64(3)), cookieFrom(q, 4), q.wtext(8)});
+    }
+    return e;
+}
+
+std::shared_ptr<const StoredEdit> storedEdit(const ProjectDatabase& db, const Cookie& cookie) {
+    const uint64_t key = (uint64_t(cookie.id1()) << 32) | cookie.id2();
+    std::shared_ptr<const StoredEdit> s;
+    uint64_t state;
+    if (g_storedEdits.find(db, key, s, state)) return s;
+    s = readStoredEdit(db, cookie);
+    g_storedEdits.put(db, key, s, state);
+    return s;
 }
 
 } // namespace
@@ -28,39 +92,27 @@ Edit::Edit(Zn::Ptr<ProjectDatabase> db, const Cookie& cookie, const WString& nam
 
 Zn::Ptr<Edit> Edit::load(const Zn::Ptr<ProjectDatabase>& db, const Cookie& cookie, bool readOnly) {
     if (!db || !cookie.valid()) return nullptr;
-    ProjectDatabase::Read r(*db);
-    Zn::Ptr<Edit> e;
-    {
-        sqlite::Query q(r.db(), "SELECT name, log_type, flags, sample_rate, decode_options, audio_metadata "
-                                "FROM edits WHERE id1 = ?1 AND id2 = ?2");
-        bindEdit(q, cookie);
-        if (!q.next()) return nullptr;
-        e = Zn::Ptr<Edit>(new Edit(db, cookie, q.wtext(0), int(q.int64(1)), unsigned(q.int64(2)), readOnly));
-        e->stored_ = true;
-        e->sampleRate_ = unsigned(q.int64(3));
-        e->decodeOptions_ = configb::fromText(q.text(4));
-        e->audioMetadata_ = q.text(5);
-    }
-    {
-        sqlite::Query q(r.db(), "SELECT chan, kind, flags FROM channels WHERE id1 = ?1 AND id2 = ?2 ORDER BY chan");
-        bindEdit(q, cookie);
-        while (q.next()) e->channels_.push_back({int(q.int64(0)), int(q.int64(1)), unsigned(q.int64(2))});
-    }
-    {
-        sqlite::Query q(r.db(), "SELECT selector, type, rid1, rid2, ridx FROM refs WHERE id1 = ?1 AND id2 = ?2 "
-                                "ORDER BY selector, seq");
-        bindEdit(q, cookie);
-        while (q.next()) e->refs_[unsigned(q.int64(0))].add(cookieFrom(q, 1));
-    }
-    {
-        sqlite::Query q(r.db(), "SELECT chan, start, finish, kind, type, rid1, rid2, ridx, effect FROM segments "
-                                "WHERE id1 = ?1 AND id2 = ?2 ORDER BY chan, start");
-        bindEdit(q, cookie);
-        while (q.next())
-            e->segments_.push_back(
-                {int(q.int64(0)), q.real(1), q.real(2), int(q.int64(3)), cookieFrom(q, 4), q.wtext(8)});
-    }
+    std::shared_ptr<const StoredEdit> s = storedEdit(*db, cookie);
+    if (!s) return nullptr;
+    Zn::Ptr<Edit> e(new Edit(db, cookie, s->name, s->logType, s->flags, readOnly));
+    e->stored_ = true;
+    e->sampleRate_ = s->sampleRate;
+    e->decodeOptions_ = s->decodeOptions;
+    e->audioMetadata_ = s->audioMetadata;
+    e->channels_ = s->channels;
+    e->refs_ = s->refs;
+    e->segments_ = s->segments;
     return e;
+}
+
+bool Edit::describe(const ProjectDatabase& db, const Cookie& cookie, WString& name, int& logType, unsigned& flags) {
+    if (!cookie.valid()) return false;
+    std::shared_ptr<const StoredEdit> s = storedEdit(db, cookie);
+    if (!s) return false;
+    name = s->name;
+    logType = s->logType;
+    flags = s->flags;
+    return true;
 }
 
 WString Edit::getName() const {

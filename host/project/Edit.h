@@ -58,6 +58,11 @@ public:
     // The edit with the identifier words of cookie, as stored in db; null when none.
     static Zn::Ptr<Edit> load(const Zn::Ptr<ProjectDatabase>& db, const Cookie& cookie, bool readOnly);
 
+    // The stored name, log type and flags of the edit with the cookie's identifier words,
+    // without opening it; false when there is none.
+    static bool describe(const ProjectDatabase& db, const Cookie& cookie, WString& name, int& logType,
+                         unsigned& flags);
+
     // The edit's cookie: type 'E', index 255.
     const Cookie& getCookie() const noexcept { return cookie_; }
     WString getName() const;

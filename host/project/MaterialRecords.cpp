@@ -16,6 +16,20 @@ void bindCookie(sqlite::Query& q, int first, const Cookie& c) {
     q.bind(first + 2, int64_t(uint8_t(c.type()))).bind(first + 3, int64_t(c.index()));
 }
 
+// A file row from the columns role, seq, drive, path, link_target, storage, status, size
+// and the drive's root, starting at column first.
+FileRow fileFrom(sqlite::Query& q, int first) {
+    FileRow row;
+    row.role = int(q.int64(first));
+    row.seq = int(q.int64(first + 1));
+    String drive = q.text(first + 2);
+    MaterialFilename name(DriveId(drive.empty() ? DriveId::kNone : drive[0]), q.wtext(first + 3), q.wtext(first + 8));
+    row.info = MediaFileInfo(name, uint64_t(q.int64(first + 7)), q.wtext(first + 4));
+    row.info.setStatus(int(q.int64(first + 6)));
+    row.info.setProxy(row.role == eProxy);
+    return row;
+}
+
 } // namespace
 
 bool loadEntry(sqlite::Connection& db, const Cookie& material, EntryRow& out) {
@@ -34,17 +48,22 @@ bool loadEntry(sqlite::Connection& db, const Cookie& material, EntryRow& out) {
         out.kind = int(q.int64(0));
         out.startOffset = q.int64(1);
         if (q.isNull(2)) continue;
-        FileRow row;
-        row.role = int(q.int64(2));
-        row.seq = int(q.int64(3));
-        String drive = q.text(4);
-        MaterialFilename name(DriveId(drive.empty() ? DriveId::kNone : drive[0]), q.wtext(5), q.wtext(10));
-        row.info = MediaFileInfo(name, uint64_t(q.int64(9)), q.wtext(6));
-        row.info.setStatus(int(q.int64(8)));
-        row.info.setProxy(row.role == eProxy);
-        out.files.push_back(std::move(row));
+        out.files.push_back(fileFrom(q, 2));
     }
     return found && q.ok();
+}
+
+bool forEachFile(sqlite::Connection& db, const std::function<void(const Cookie&, FileRow&&)>& visit) {
+    sqlite::Query q(db, "SELECT f.id1, f.id2, f.type, f.idx, f.role, f.seq, f.drive, f.path, f.link_target, "
+                        "f.storage, f.status, f.size, d.root "
+                        "FROM files f LEFT JOIN drives d ON d.id = f.drive "
+                        "ORDER BY f.id2, f.id1, CASE f.type WHEN 86 THEN 0 WHEN 83 THEN 1 ELSE 2 END, f.type, f.idx, "
+                        "f.role, f.seq");
+    while (q.next()) {
+        Cookie material(char(q.int64(2)), uint32_t(q.int64(0)), uint32_t(q.int64(1)), uint8_t(q.int64(3)));
+        visit(material, fileFrom(q, 4));
+    }
+    return q.ok();
 }
 
 bool ensureMaterial(sqlite::Connection& db, const Cookie& material, int kind) {
@@ -102,6 +121,13 @@ CookieVec materialsOf(sqlite::Connection& db, const Cookie& clip) {
     q.bind(1, int64_t(clip.id1())).bind(2, int64_t(clip.id2()));
     while (q.next()) out.add(Cookie(char(q.int64(0)), clip.id1(), clip.id2(), uint8_t(q.int64(1))));
     return out;
+}
+
+Cookie firstVideoVariant(sqlite::Connection& db, const Cookie& item) {
+    sqlite::Query q(db, "SELECT min(idx) FROM material WHERE id1 = ?1 AND id2 = ?2 AND type = 86");
+    q.bind(1, int64_t(item.id1())).bind(2, int64_t(item.id2()));
+    if (!q.next() || q.isNull(0)) return Cookie();
+    return Cookie('V', item.id1(), item.id2(), uint8_t(q.int64(0)));
 }
 
 } // namespace records

@@ -8,6 +8,7 @@
 #include "host/project/Sqlite.h"
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 namespace records {
@@ -29,6 +30,9 @@ struct EntryRow {
 // The entry of a material cookie with its files (their names carry the drive roots);
 // false when there is none.
 bool loadEntry(sqlite::Connection& db, const Cookie& material, EntryRow& out);
+// Every file of the directory with its material cookie, clip by clip (see
+// ProjectCatalog::mediaFiles for the order).
+bool forEachFile(sqlite::Connection& db, const std::function<void(const Cookie&, FileRow&&)>& visit);
 // Makes the entry when it is missing (kind 1 complete, 2 still being written).
 bool ensureMaterial(sqlite::Connection& db, const Cookie& material, int kind);
 bool insertFile(sqlite::Connection& db, const Cookie& material, int role, int seq, const MediaFileInfo& file);
@@ -40,5 +44,7 @@ int nextProxySeq(sqlite::Connection& db, const Cookie& material);
 // The material cookies of a clip (same identifier words): video, then sound, then any
 // other type, each by index.
 CookieVec materialsOf(sqlite::Connection& db, const Cookie& clip);
+// The video material with the lowest variant of the item; invalid when it has none.
+Cookie firstVideoVariant(sqlite::Connection& db, const Cookie& item);
 
 } // namespace records

@@ -17,6 +17,8 @@
 
 namespace {
 
+std::atomic<uint64_t> g_instances{0};
+
 // Version 1 of the schema. Cookies are stored as their four parts (type letter as its
 // character code, both identifier words, index) so that everything of one clip (same
 // words) is one key range. Edits are keyed by their identifier words alone.
@@ -232,9 +234,29 @@ bool createNew(const std::string& file, WString& error) {
 
 } // namespace
 
-ProjectDatabase::ProjectDatabase(const WString& folder) : folder_(folder), file_(pathOf(folder)) {}
+ProjectDatabase::ProjectDatabase(const WString& folder)
+    : folder_(folder), file_(pathOf(folder)), instanceId_(g_instances.fetch_add(1) + 1) {}
+
+uint64_t ProjectDatabase::stateGeneration() const {
+    const int64_t now = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                            std::chrono::steady_clock::now().time_since_epoch())
+                            .count();
+    if (now - lastWatch_.load(std::memory_order_relaxed) >= 1000000) {
+        std::lock_guard<std::mutex> lock(watchMutex_);
+        if (!watch_.isOpen() && !watch_.open(file_, sqlite::Connection::eReadOnly)) {
+            outsideChanges_.fetch_add(1); // cannot tell: count it as changed
+        } else {
+            int64_t version = watch_.scalar("PRAGMA data_version", -1);
+            if (version != lastVersion_ || version < 0) outsideChanges_.fetch_add(1);
+            lastVersion_ = version;
+        }
+        lastWatch_.store(now, std::memory_order_relaxed);
+    }
+    return localCommits_.load() + outsideChanges_.load();
+}
 
 ProjectDatabase::~ProjectDatabase() {
+    watch_.close();
     idle_.clear();
     writer_.close();
 }
@@ -284,7 +306,10 @@ std::unique_ptr<sqlite::Connection> ProjectDatabase::takeReader() const {
         }
     }
     auto conn = std::make_unique<sqlite::Connection>();
-    if (!conn->open(file_, sqlite::Connection::eReadWrite) || !conn->exec("PRAGMA query_only=ON")) {
+    // Readers map the file and keep a large page cache: status queries of a big project
+    // visit rows all over it, and a page read through a copy costs more than the query.
+    if (!conn->open(file_, sqlite::Connection::eReadWrite) ||
+        !conn->exec("PRAGMA query_only=ON; PRAGMA mmap_size=1073741824; PRAGMA cache_size=-32768")) {
         LogBoth("ProjectDatabase: cannot open a reader on %s: %s\n", file_.c_str(), conn->lastError().c_str());
         return nullptr;
     }
@@ -326,7 +351,10 @@ ProjectDatabase::Write::~Write() {
 
 bool ProjectDatabase::Write::commit() {
     done_ = true;
-    if (ok_ && owner_.writer_.commit()) return true;
+    if (ok_ && owner_.writer_.commit()) {
+        owner_.localCommits_.fetch_add(1);
+        return true;
+    }
     LogBoth("ProjectDatabase: write of %s failed: %s\n", owner_.file_.c_str(), owner_.writer_.lastError().c_str());
     owner_.writer_.rollback();
     ok_ = false;

@@ -11,6 +11,7 @@
 #include "host/core/RefCount.h"
 #include "host/project/Sqlite.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -87,6 +88,15 @@ public:
     // the next number of its counter (never the filler's 647). Inside a write transaction.
     static Cookie newCookie(sqlite::Connection& db, CookieType type);
 
+    // A number for the project's present state, for the row caches (RowCache.h): it
+    // changes after every commit made through this object, and within a millisecond of a
+    // commit made by another process (SQLite's data_version, asked at most once a
+    // millisecond). Equal numbers mean no commit in between, as far as this process can
+    // tell.
+    uint64_t stateGeneration() const;
+    // Unique among the ProjectDatabase objects of the process.
+    uint64_t instanceId() const noexcept { return instanceId_; }
+
     // Small named values of the project (project-space type and the like).
     static int64_t setting(sqlite::Connection& db, const char* key, int64_t fallback);
     static bool setSetting(sqlite::Connection& db, const char* key, int64_t value);
@@ -99,6 +109,17 @@ private:
 
     WString folder_;
     std::string file_;
+    const uint64_t instanceId_;
+
+    // Commits made through writer_, and changes seen by watch_: the state generation.
+    std::atomic<uint64_t> localCommits_{0};
+    mutable std::atomic<uint64_t> outsideChanges_{0};
+    mutable std::atomic<int64_t> lastWatch_{0}; // steady clock, nanoseconds
+    // watchMutex_ guards watch_ and lastVersion_; held for one PRAGMA, no other lock
+    // taken with it held.
+    mutable std::mutex watchMutex_;
+    mutable sqlite::Connection watch_;
+    mutable int64_t lastVersion_ = -1;
 
     // writeMutex_ guards writer_ and is held for the whole of a Write. It may be taken
     // with an Edit's or an FsysDirectoryEntry's own lock held (they write themselves

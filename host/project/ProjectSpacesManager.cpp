@@ -2,10 +2,13 @@
 #include "host/project/ProjectSpacesManager.h"
 
 #include "host/project/EditManager.h"
+#include "host/project/RowCache.h"
 
 #include <mutex>
 
 namespace {
+
+RowCache<int, int> g_spaceType(1);
 
 std::mutex g_mutex; // guards g_replaced and g_replacement
 bool g_replaced = false;
@@ -53,8 +56,16 @@ private:
 int ProjectSpacesManager::getCurrentProjectSpaceType() {
     auto db = EditManager::getProjdb();
     if (!db) return eLocal;
-    ProjectDatabase::Read r(*db);
-    return int(ProjectDatabase::setting(r.db(), "project_space_type", eLocal));
+    // Asked by every media query: kept while the project is unchanged.
+    int type;
+    uint64_t state;
+    if (g_spaceType.find(*db, 0, type, state)) return type;
+    {
+        ProjectDatabase::Read r(*db);
+        type = int(ProjectDatabase::setting(r.db(), "project_space_type", eLocal));
+    }
+    g_spaceType.put(*db, 0, type, state);
+    return type;
 }
 
 bool ProjectSpacesManager::setCurrentProjectSpaceType(int type) {
@@ -71,6 +82,10 @@ Zn::Ptr<iProjectSpaceResource> ProjectSpacesManager::getResourceForRemoteProject
         std::lock_guard<std::mutex> lock(g_mutex);
         if (g_replaced) return g_replacement;
     }
+    return getStoredResource();
+}
+
+Zn::Ptr<iProjectSpaceResource> ProjectSpacesManager::getStoredResource() {
     auto db = EditManager::getProjdb();
     return db ? Zn::Ptr<iProjectSpaceResource>(new StoredResource(db)) : nullptr;
 }
@@ -117,6 +132,25 @@ bool ProjectSpacesManager::clearRemoteResource() {
     ProjectDatabase::Write w(*db);
     if (!w.db().exec("DELETE FROM mount_points; DELETE FROM server_logs; DELETE FROM server_media;")) w.fail();
     return w.commit();
+}
+
+bool ProjectSpacesManager::clearMountPoints() {
+    auto db = EditManager::getProjdb();
+    if (!db) return false;
+    ProjectDatabase::Write w(*db);
+    if (!w.db().exec("DELETE FROM mount_points;")) w.fail();
+    return w.commit();
+}
+
+CookieVec ProjectSpacesManager::getServerLogs() {
+    CookieVec out;
+    auto db = EditManager::getProjdb();
+    if (!db) return out;
+    ProjectDatabase::Read r(*db);
+    sqlite::Query q(r.db(), "SELECT id1, id2 FROM server_logs WHERE has_proxies <> 0 "
+                            "UNION SELECT id1, id2 FROM server_media ORDER BY 2, 1");
+    while (q.next()) out.add(Cookie('E', uint32_t(q.int64(0)), uint32_t(q.int64(1))));
+    return out;
 }
 
 void ProjectSpacesManager::replaceResource(bool active, Zn::Ptr<iProjectSpaceResource> resource, bool& wasActive,

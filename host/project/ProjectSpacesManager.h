@@ -46,6 +46,10 @@ public:
     // name (an empty one included) gives it.
     static Zn::Ptr<iProjectSpaceResource> getResourceForRemoteProjectSpace(const WString& name = WString());
 
+    // The project's own resource as stored, whatever the type (to show or edit it); null
+    // without a project.
+    static Zn::Ptr<iProjectSpaceResource> getStoredResource();
+
     // What the project's own resource holds: mount points in order, and per log its
     // server-side media entries and whether the server has its proxies.
     static bool addMountPoint(const MountPointInfo& mount);
@@ -53,6 +57,11 @@ public:
     static bool setServerProxies(const Cookie& log, bool hasProxies);
     // Forgets every mount point and server entry.
     static bool clearRemoteResource();
+    // Forgets the mount points only.
+    static bool clearMountPoints();
+    // The logs for which the project's own resource records server-side media or
+    // proxies, in creation order.
+    static CookieVec getServerLogs();
 
 private:
     friend class ScopedProjectSpaceResource;

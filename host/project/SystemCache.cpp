@@ -6,9 +6,11 @@
 #include "host/project/MaterialRecords.h"
 #include "host/project/ProjectDatabase.h"
 #include "host/project/ProjectFiles.h"
+#include "host/project/RowCache.h"
 
 #include <algorithm>
 #include <cwctype>
+#include <memory>
 
 namespace {
 
@@ -65,17 +67,40 @@ int findProxy(const records::EntryRow& row, const MediaFileInfo& file) {
     return -1;
 }
 
+// A directory entry as stored, and the cookie it was found under.
+struct StoredEntry {
+    Cookie cookie;
+    records::EntryRow row;
+};
+
+// Entries by the cookie asked for; a null entry says the directory has none.
+RowCache<Cookie, std::shared_ptr<const StoredEntry>> g_entries(1u << 18);
+
+std::shared_ptr<const StoredEntry> readEntry(const ProjectDatabase& db, const Cookie& material) {
+    auto e = std::make_shared<StoredEntry>();
+    e->cookie = material;
+    ProjectDatabase::Read r(db);
+    if (records::loadEntry(r.db(), material, e->row)) return e;
+    // A video cookie without a variant (the index for none) names the item's first
+    // video variant, as the cookie of a still image's material is asked.
+    if (material.type() != 'V' || material.index() != Cookie::kNoIndex) return nullptr;
+    e->cookie = records::firstVideoVariant(r.db(), material);
+    if (!e->cookie.valid() || !records::loadEntry(r.db(), e->cookie, e->row)) return nullptr;
+    return e;
+}
+
 } // namespace
 
 Zn::Ptr<FsysDirectoryEntry> SystemCache::findEntryForCookie(const Cookie& material) {
     auto db = EditManager::getProjdb();
     if (!db) return nullptr;
-    records::EntryRow row;
-    {
-        ProjectDatabase::Read r(*db);
-        if (!records::loadEntry(r.db(), material, row)) return nullptr;
+    std::shared_ptr<const StoredEntry> stored;
+    uint64_t state;
+    if (!g_entries.find(*db, material, stored, state)) {
+        stored = readEntry(*db, material);
+        g_entries.put(*db, material, stored, state);
     }
-    return Zn::Ptr<FsysDirectoryEntry>(new FsysDirectoryEntry(db, material, row));
+    return stored ? Zn::Ptr<FsysDirectoryEntry>(new FsysDirectoryEntry(db, stored->cookie, stored->row)) : nullptr;
 }
 
 WString SystemCache::findFileForCookie(const Cookie& material) {

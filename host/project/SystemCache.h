@@ -28,7 +28,8 @@ public:
         eAddGrowing = 2, // the file is still being written (entry kind 2)
     };
 
-    // The entry of a material cookie, or null when the directory has none.
+    // The entry of a material cookie, or null when the directory has none. A video
+    // cookie with no variant (index 255) finds the item's lowest video variant.
     static Zn::Ptr<FsysDirectoryEntry> findEntryForCookie(const Cookie& material);
     // The physical file name of the material's high-resolution file (links not
     // resolved); empty when there is none.

@@ -149,19 +149,75 @@ TEST(FfmpegVideo, DecodeRangeByGroupsWithEveryThreading) {
 }
 
 // Stepping back one frame at a time through a long group is served from the frames kept
-// on the way, not by decoding the group again for every step.
+// on the way, not by decoding the group again for every step: the jump to frame 45 leaves
+// out the pictures nobody refers to, the first step back to one of those decodes the
+// stretch behind it whole, and so on a stretch at a time. Without leaving anything out,
+// the jump alone decodes the group and every step back is served from it.
 TEST(FfmpegVideo, SteppingBackUsesTheDecodedGroup) {
     TempDir dir;
     const std::string path = make(dir, "long.mp4", "-c:v libx264 -preset veryfast -g 50 -bf 3 -pix_fmt yuv420p");
     const std::vector<std::string> want = ffmpeg_oracle::frameMd5s(path);
     auto index = openIndex(path);
     ASSERT_TRUE(index);
-    auto d = FfmpegVideoDecoder::open(index);
-    ASSERT_TRUE(d);
-    for (int k = 45; k >= 0; --k) ASSERT_EQ(md5Of(*d.value, k), want[size_t(k)]) << k;
-    EXPECT_EQ(d.value->stats().sessions, 1);
-    EXPECT_LE(d.value->stats().picturesDecoded, 46 + 4);
-    EXPECT_EQ(d.value->stats().cacheHits, 45);
+    for (bool skip : {true, false}) {
+        VideoDecoderOptions options;
+        options.skipUnneededAfterSeek = skip;
+        auto d = FfmpegVideoDecoder::open(index, options);
+        ASSERT_TRUE(d);
+        for (int k = 45; k >= 0; --k) ASSERT_EQ(md5Of(*d.value, k), want[size_t(k)]) << k;
+        const auto& s = d.value->stats();
+        EXPECT_EQ(s.sessions, skip ? 3 : 1) << skip;
+        EXPECT_LE(s.picturesDecoded, skip ? 2 * 46 : 46 + 4) << skip;
+        EXPECT_GE(s.cacheHits, skip ? 40 : 45) << skip;
+    }
+}
+
+// After a seek, pictures before the frame wanted that no other picture refers to are not
+// decoded, and the frame and every frame after it are still FFmpeg's: H.264 with a
+// B-pyramid length-prefixed (MP4) and with start codes (MPEG-TS), HEVC in both framings
+// (x265's open groups, non-reference B-pictures) and with two temporal sub-layers (where
+// only the upper one's non-reference pictures are nobody's), MPEG-2 and MPEG-4 part 2
+// B-frames. At
+// random frames, each followed by the next two frames (playing on), with frame threads;
+// the same seeks without leaving anything out decode more.
+TEST(FfmpegVideo, SeeksLeaveOutPicturesNobodyRefersTo) {
+    TempDir dir;
+    const std::string source = "-f lavfi -i testsrc2=size=176x144:rate=25:duration=4 ";
+    const std::string x264 = "-c:v libx264 -preset veryfast -g 50 -bf 3 -x264-params b-pyramid=normal -pix_fmt yuv420p";
+    const std::string x265 = "-c:v libx265 -preset veryfast -pix_fmt yuv420p -x265-params log-level=error:keyint=50:bframes=4";
+    for (const auto& [name, args] : std::vector<std::pair<std::string, std::string>>{
+             {"pyramid.mp4", x264}, {"pyramid.ts", x264}, {"hevc.mp4", x265}, {"hevc.hevc", x265},
+             {"layers.mkv", x265 + ":temporal-layers=1"},
+             {"mpeg2.mpg", "-c:v mpeg2video -g 50 -bf 2 -q:v 4"}, {"mpeg4.mp4", "-c:v mpeg4 -g 50 -bf 2 -q:v 4"}}) {
+        SCOPED_TRACE(name);
+        const std::string path = make(dir, name, args, source);
+        const std::vector<std::string> want = ffmpeg_oracle::frameMd5s(path);
+        auto index = openIndex(path);
+        ASSERT_TRUE(index && index->video);
+        const int n = index->video->frameCount();
+        ASSERT_EQ(n, int(want.size()));
+        int64_t decoded[2] = {0, 0};
+        for (bool skip : {true, false}) {
+            VideoDecoderOptions options;
+            options.threading = Threading::Frame;
+            options.threads = 2;
+            options.cacheBytes = 0;
+            options.skipUnneededAfterSeek = skip;
+            auto d = FfmpegVideoDecoder::open(index, options);
+            ASSERT_TRUE(d) << d.error;
+            std::mt19937 rng(31);
+            for (int i = 0; i < 25; ++i) {
+                const int k = int(rng() % unsigned(n));
+                for (int j = k; j < std::min(n, k + 3); ++j)
+                    ASSERT_EQ(md5Of(*d.value, j), want[size_t(j)]) << "frame " << j << " after a seek to " << k;
+            }
+            decoded[skip ? 0 : 1] = d.value->stats().picturesDecoded;
+            EXPECT_EQ(d.value->stats().packetsSkipped > 0, skip);
+        }
+        EXPECT_LT(decoded[0], decoded[1] * 9 / 10);
+        std::printf("%s: %lld pictures decoded for 25 seeks, %lld without leaving any out\n", name.c_str(),
+                    (long long)decoded[0], (long long)decoded[1]);
+    }
 }
 
 // Intra-only frames read as compressed packets and decoded apart, by decoders on other

@@ -108,6 +108,32 @@ TEST_F(ReaderVideo, IrregularTimestampsNumberFramesAsFfmpegShowsThem) {
     expectEveryFrame(tail);
 }
 
+// A jump decodes only the pictures the frame needs: those of its group that nobody refers
+// to are left out. Stepping back from there decodes the stretch behind the frame once and
+// serves the next steps from it; playing on after a jump carries on decoding.
+TEST_F(ReaderVideo, JumpsLeaveOutPicturesNobodyRefersTo) {
+    TempDir dir;
+    const std::string path = make(dir, "pyramid.mp4", kH264 + " -g 50 -x264-params b-pyramid=normal",
+                                  "-f lavfi -i testsrc2=size=176x144:rate=25:duration=4 ");
+    const std::vector<std::string> want = ffmpeg_oracle::frameMd5s(path);
+    ASSERT_EQ(want.size(), 100u);
+    const Cookie material = video(clip(path));
+    Zn::Ptr<FileReadInstance> f = file(material);
+    auto* reader = dynamic_cast<ffmpeg_backend::FfmpegReadInstance*>(f.get());
+    ASSERT_TRUE(reader && reader->streamsVideo());
+    ASSERT_EQ(frameMd5(material, 47), want[47]);
+    const uint64_t jump = reader->picturesDecoded();
+    // Decoding every picture up to it would take 48, and more for the decoder's delay.
+    EXPECT_LT(jump, 40u);
+    for (int k = 46; k >= 30; --k) ASSERT_EQ(frameMd5(material, k), want[size_t(k)]) << "frame " << k;
+    const uint64_t back = reader->picturesDecoded() - jump;
+    EXPECT_LE(back, 50u); // the stretch from frame 23 to 46 and the references before it, once
+    for (int k = 60; k < 70; ++k) ASSERT_EQ(frameMd5(material, k), want[size_t(k)]) << "frame " << k;
+    EXPECT_LT(reader->picturesDecoded() - jump - back, 30u);
+    std::printf("jump to 47: %llu pictures; 17 steps back: %llu more\n", (unsigned long long)jump,
+                (unsigned long long)back);
+}
+
 TEST_F(ReaderVideo, IntraCodecsDecodeThroughTheDecoderRegistry) {
     TempDir dir;
     const std::string prores = make(dir, "prores.mov", "-c:v prores_ks -profile:v 0");

@@ -1,10 +1,14 @@
 // Volume questions: the mount table parser, mount points, free space and I/O unit,
 // mounted-volume names and remote locations (by configured prefix and by mount type).
 #include "host/os/MountTable.h"
+#include "host/os/MountWatch.h"
 #include "tests/host/file_test_support.h"
 
 #include <cstdlib>
 #include <memory>
+#include <cerrno>
+#include <cstring>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -97,4 +101,37 @@ TEST_F(PosixFiles, RemoteByConfiguredPrefixOrEnvironment) {
     auto env = scopedEnv("PLAYFILE_REMOTE_PREFIXES", "/elsewhere::" + tmp.file("network"));
     EXPECT_TRUE(fresh.isRemoteLocation(W(tmp.file("network/x"))));
     EXPECT_FALSE(fresh.isRemoteLocation(W(tmp.file("net/x"))));
+}
+
+// A real mount made by the test: the cached mount table is read again when the mounts
+// change (the new mount holds its files at once, and stops holding them once gone), and
+// not read again for each question while nothing changes.
+TEST_F(PosixFiles, MountTableFollowsARealMountAndIsReadOnlyWhenItChanges) {
+    const std::string point = tmp.file("mounted");
+    ASSERT_EQ(mkdir(point.c_str(), 0755), 0);
+    const WString inside = W(point + "/clip.mov");
+    const WString before = fm.volumeOf(inside);
+    if (::mount("playfile-test", point.c_str(), "tmpfs", 0, "size=1m") != 0)
+        GTEST_SKIP() << "mount(2) of a tmpfs refused: " << std::strerror(errno);
+    struct Unmount {
+        std::string at;
+        ~Unmount() { ::umount2(at.c_str(), MNT_DETACH); }
+    } unmount{point};
+
+    EXPECT_EQ(fm.volumeOf(inside), W(point));
+    EXPECT_FALSE(fm.isRemoteLocation(inside)); // tmpfs is local
+    const uint64_t generation = MountWatch::shared().generation();
+    for (int i = 0; i < 1000; ++i) fm.isRemoteLocation(inside);
+    // Other programs on the machine may mount meanwhile; a re-read per question would
+    // show as a thousand.
+    EXPECT_LT(MountWatch::shared().generation() - generation, 10u);
+    {
+        auto env = scopedEnv("PLAYFILE_REMOTE_PREFIXES", point);
+        EXPECT_TRUE(fm.isRemoteLocation(inside));
+        ASSERT_EQ(symlink(point.c_str(), tmp.file("alias").c_str()), 0);
+        EXPECT_TRUE(fm.isRemoteLocation(W(tmp.file("alias/clip.mov")))); // by its resolved name
+    }
+    ASSERT_EQ(::umount2(point.c_str(), 0), 0);
+    EXPECT_EQ(fm.volumeOf(inside), before);
+    EXPECT_GT(MountWatch::shared().generation(), generation);
 }

@@ -1,7 +1,12 @@
 // The project file: creation, reopening, and refusal of files it must not touch.
 #include "ProjectFixture.h"
 
+#include "host/project/EditInfo.h"
+#include "host/project/EditModifier.h"
 #include "host/project/ProjectImporter.h"
+
+#include <chrono>
+#include <thread>
 
 using namespace project_test;
 namespace fs = std::filesystem;
@@ -112,4 +117,36 @@ TEST(ProjectDatabase, RefusesFilesThatAreNotIntactProjectsOfThisSchemaWithoutTou
     fs::path cut = makeProject(tmp, "cut", 20);
     fs::resize_file(fileOf(cut), 3 * 4096);
     expectRefused(cut, "is damaged");
+}
+
+// Edits and directory entries are kept in memory between look-ups; a change made through
+// another connection (as another process would make it) is seen once the state has been
+// asked again a millisecond later, a change made here at once.
+TEST_F(ProjectTest, KeptRowsFollowChangesMadeHereAndElsewhere) {
+    Cookie clip = importClip("before", makeFile(sources / "a.mov", 10), 1);
+    ASSERT_EQ(U(EditInfo(clip).getName()), "before");
+    ASSERT_TRUE(SystemCache::findEntryForCookie(video(clip)));
+
+    WString error;
+    auto other = ProjectDatabase::open(W(projectDir.string()), false, error);
+    ASSERT_TRUE(other) << U(error);
+    {
+        ProjectDatabase::Write w(*other);
+        ASSERT_TRUE(w.db().exec("UPDATE edits SET name = 'elsewhere'; DELETE FROM files WHERE type = 86;"
+                                "DELETE FROM material WHERE type = 86;"));
+        ASSERT_TRUE(w.commit());
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(3));
+    EXPECT_EQ(U(EditInfo(clip).getName()), "elsewhere");
+    EXPECT_FALSE(SystemCache::findEntryForCookie(video(clip)));
+
+    EditPtr edit;
+    edit.i_open(clip);
+    {
+        EditModifier m(edit);
+        edit->setName(W("here"));
+    }
+    EXPECT_EQ(U(EditInfo(clip).getName()), "here");
+    ASSERT_EQ(SystemCache::addFile(video(clip), W((sources / "a.mov").string()), 0), 1);
+    EXPECT_TRUE(SystemCache::findEntryForCookie(video(clip)));
 }

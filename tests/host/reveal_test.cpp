@@ -13,6 +13,7 @@
 #include <dbus/dbus.h>
 
 #include <atomic>
+#include <cstdio>
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
@@ -73,7 +74,9 @@ public:
             pid_ = -1;
             return;
         }
-        for (int i = 0; i < 500 && !std::filesystem::exists(socket); ++i)
+        // The socket file appears at bind(), before the daemon listens: wait until a
+        // connection is accepted, or a client started in between is refused.
+        for (int i = 0; i < 500 && !accepts(socket); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     ~SessionBus() {
@@ -86,6 +89,16 @@ public:
     const std::string& address() const { return address_; }
 
 private:
+    static bool accepts(const std::string& socket) {
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socket.c_str());
+        int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        bool ok = fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+        if (fd >= 0) ::close(fd);
+        return ok;
+    }
+
     pid_t pid_ = -1;
     std::string address_;
 };
