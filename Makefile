@@ -49,12 +49,23 @@ format:
 clean:
 	rm -rf build build-*
 
-# Coverage-guided fuzzing of the parsers with libFuzzer (clang), FUZZ_SECONDS each.
+# Coverage-guided fuzzing with libFuzzer (clang): every target runs FUZZ_SECONDS (default
+# 60) from its corpus in build-fuzz/corpus/TARGET, which starts from the target's seeds and
+# keeps what each run adds. Every target runs even when one finds something; findings go
+# to build-fuzz/findings/TARGET/ and are listed at the end (then the exit status is 1).
 FUZZ_SECONDS ?= 60
 fuzz:
 	@scripts/bootstrap --fuzz
 	cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
 	    -DCMAKE_CXX_COMPILER=clang++ -DPLAYFILE_SANITIZE=address,undefined -DPLAYFILE_FUZZ=ON
-	cmake --build build-fuzz -j $(JOBS)
-	@for f in build-fuzz/fuzz/fuzz_*; do mkdir -p build-fuzz/corpus/$$(basename $$f); \
-	    $$f -max_total_time=$(FUZZ_SECONDS) -artifact_prefix=build-fuzz/ build-fuzz/corpus/$$(basename $$f) || exit 1; done
+	cmake --build build-fuzz -j $(JOBS) --target fuzz/all
+	@found=""; for f in build-fuzz/fuzz/fuzz_*; do \
+	    case $$f in *_seeds) continue;; esac; \
+	    t=$$(basename $$f); mkdir -p build-fuzz/corpus/$$t build-fuzz/findings/$$t; \
+	    $${f}_seeds build-fuzz/corpus/$$t; \
+	    echo "== $$t: $(FUZZ_SECONDS) s"; \
+	    $$f -max_total_time=$(FUZZ_SECONDS) -timeout=25 -print_final_stats=1 \
+	        -artifact_prefix=build-fuzz/findings/$$t/ build-fuzz/corpus/$$t || found="$$found $$t"; \
+	done; \
+	if [ -n "$$found" ]; then echo "fuzz: findings in:$$found (build-fuzz/findings/)"; exit 1; fi; \
+	echo "fuzz: every target ran $(FUZZ_SECONDS) s without a finding"

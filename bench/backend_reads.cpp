@@ -23,19 +23,17 @@
 #include "host/media/BackendPlugins.h"
 #include "host/media/FileReaderInfo.h"
 #include "playfile/open/FileReadInstance.h"
-#include "playfile/requests/ReadRequestIssuer.h"
+#include "playfile/requests/RequestWaiter.h"
 #include "playfile/requests/VideoReadRequest.h"
 
 #include <algorithm>
 #include <barrier>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <fcntl.h>
-#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
@@ -67,47 +65,25 @@ uint64_t decodes(const Zn::Ptr<FileReadInstance>& file) {
     return ffmpeg_backend::registeredDecoderPictures();
 }
 
-class Waiter : public ReadRequestIssuer {
-public:
-    ~Waiter() override { detachProxy(); }
-    void readRequestComplete(Zn::Ptr<iObject>& result, RequestStatus status) override {
-        std::lock_guard<std::mutex> l(m_);
-        buffer_ = Zn::dynamicPtrCast<FrameBufferRep>(result);
-        done_ = true;
-        cv_.notify_all();
-    }
-    // The picture, once complete (an empty surface when the read failed). A request
-    // joined to an equal one that had already failed gets no callback: its status says so.
-    Zn::Image::Surface picture(const VideoReadRequest& request) {
-        Zn::Ptr<FrameBufferRep> b;
-        {
-            std::unique_lock<std::mutex> l(m_);
-            cv_.wait(l, [&] { return done_ || request.getStatus() == Failed; });
-            b = buffer_;
-        }
-        Zn::Image::Surface s = b ? b->getSurface(0) : Zn::Image::Surface();
-        return s.wait() == Zn::Image::Surface::kWaitComplete ? s : Zn::Image::Surface();
-    }
-
-private:
-    std::mutex m_;
-    std::condition_variable cv_;
-    bool done_ = false;
-    Zn::Ptr<FrameBufferRep> buffer_;
-};
-
-// One queued frame read.
+// One queued frame read. A read that joins an equal one that had already failed gets no
+// callback; the waiter learns it from the status of the request it holds.
 struct Read {
-    Waiter waiter;
+    RequestWaiter waiter;
     Zn::Ptr<VideoReadRequest> request;
     Read(Zn::Ptr<FileReadInstance>& file, uint32_t frame) {
         Zn::Ptr<IndexInfoRep> index;
         file->ZnFileIxCache_open(index, frame);
         request = Zn::makePtr<VideoReadRequest>(file, index, frame, kResultDecoded, DecodeFormat::getDefault(),
                                                 waiter.getProxy());
-        file->queueReadRequest(request, false);
+        waiter.queue(request);
     }
-    Zn::Image::Surface picture() { return waiter.picture(*request); }
+    // The picture, once complete (an empty surface when the read failed).
+    Zn::Image::Surface picture() {
+        waiter.wait(std::chrono::hours(1));
+        Zn::Ptr<FrameBufferRep> b = Zn::dynamicPtrCast<FrameBufferRep>(waiter.result());
+        Zn::Image::Surface s = b ? b->getSurface(0) : Zn::Image::Surface();
+        return s.wait() == Zn::Image::Surface::kWaitComplete ? s : Zn::Image::Surface();
+    }
 };
 
 bool readOne(Zn::Ptr<FileReadInstance>& file, uint32_t frame, double* ms = nullptr) {

@@ -11,5 +11,7 @@ std::vector<std::string> fuzzSeeds() {
         "YUV4MPEG2 W-5 H99999999999\n",
         "YUV4MPEG2 W4 H4 C444alpha F0:0 A0:0\nFRAME",
         "YUV4MPEG2",
+        std::string("YUV4MPEG2 W16 H2 I\0\n", 21),
+        std::string("YUV4MPEG2 W16\0 H2 F+25:1\n", 26),
     };
 }

@@ -149,36 +149,8 @@ Cookie MediaSession::addClip(const std::string& path, bool video, unsigned audio
 
 // ---------------------------------------------------------------------------------------
 
-RequestWaiter::~RequestWaiter() { detachProxy(); }
-
-void RequestWaiter::readRequestComplete(Zn::Ptr<iObject>& result, RequestStatus status) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    result_ = result;
-    status_ = status;
-    finished_ = true;
-    done_.notify_all();
-}
-
-bool RequestWaiter::wait(std::chrono::milliseconds limit) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return done_.wait_for(lock, limit, [&] { return finished_; });
-}
-
-RequestStatus RequestWaiter::status() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return status_;
-}
-
-Zn::Ptr<iObject> RequestWaiter::result() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return result_;
-}
-
-// ---------------------------------------------------------------------------------------
-
 FrameRead::FrameRead(const Cookie& material, int frame, const DecodeFormat& format) : frame_(frame) {
-    queued_ = PlayFileCache::Shared().videoReadRequest(request_, material, frame, false, kResultDecoded, format,
-                                                       waiter_.getProxy()) == PlayFileCache::kVideoQueued;
+    queued_ = waiter_.readVideo(request_, material, frame, kResultDecoded, format) == PlayFileCache::kVideoQueued;
 }
 
 Zn::Image::Surface FrameRead::picture(std::string& error, std::chrono::milliseconds limit) {
@@ -214,12 +186,7 @@ Zn::Image::Surface FrameRead::picture(std::string& error, std::chrono::milliseco
 // ---------------------------------------------------------------------------------------
 
 AudioRead::AudioRead(const Cookie& material, uint64_t start, uint32_t count) {
-    created_ = PlayFileCache::Shared().audioReadRequest(request_, material, (unsigned long)start, count,
-                                                        kProxyLevelHighRes, waiter_.getProxy(), true);
-    if (created_ == PlayFileCache::kAudioCreated) {
-        Zn::Ptr<FileReadInstance> file = request_->getFile();
-        if (!file->queueReadRequest(request_, false)) created_ = PlayFileCache::kNotAvailable;
-    }
+    created_ = waiter_.readAudio(request_, material, start, count);
 }
 
 AudioRead::~AudioRead() = default;

@@ -10,14 +10,12 @@
 #include "host/media/Surface.h"
 #include "host/project/ProjectImporter.h"
 #include "playfile/open/OpenType.h"
-#include "playfile/requests/ReadRequestIssuer.h"
+#include "playfile/requests/RequestWaiter.h"
 #include "playfile/requests/VideoReadRequest.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <filesystem>
-#include <mutex>
 #include <string>
 
 class AudioReadRequest;
@@ -66,24 +64,6 @@ public:
 private:
     std::filesystem::path scratch_;
     bool open_ = false;
-};
-
-// One issuer's wait for the end of its request.
-class RequestWaiter : public ReadRequestIssuer {
-public:
-    ~RequestWaiter() override;
-    void readRequestComplete(Zn::Ptr<iObject>& result, RequestStatus status) override;
-    // False when the request did not end within the limit.
-    bool wait(std::chrono::milliseconds limit);
-    RequestStatus status();
-    Zn::Ptr<iObject> result();
-
-private:
-    std::mutex mutex_;
-    std::condition_variable done_;
-    bool finished_ = false;
-    RequestStatus status_ = Queued;
-    Zn::Ptr<iObject> result_;
 };
 
 // One frame of a video material read through PlayFileCache::videoReadRequest.

@@ -2,6 +2,7 @@
 #include "backends/ffmpeg/FfmpegCommon.h"
 
 #include "backends/ffmpeg/FfmpegFileInput.h"
+#include "backends/ffmpeg/FfmpegMemoryMedia.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -115,6 +116,13 @@ Result<CodecContextPtr> openDecoder(const AVCodecParameters* par, Threading thre
     return R::ok(std::move(ctx));
 }
 
+AVSampleFormat decoderSampleFormat(const AVCodecParameters* par) {
+    const AVSampleFormat given = par ? AVSampleFormat(par->format) : AV_SAMPLE_FMT_NONE;
+    auto decoder = openDecoder(par, Threading::Single, 1);
+    if (!decoder || decoder.value->sample_fmt == AV_SAMPLE_FMT_NONE) return given;
+    return decoder.value->sample_fmt;
+}
+
 Demuxer::~Demuxer() {
     if (ctx_) avformat_close_input(&ctx_);
     input_.reset();
@@ -143,14 +151,19 @@ Result<std::unique_ptr<Demuxer>> Demuxer::open(const std::string& path, bool wit
     std::unique_ptr<Demuxer> d(new Demuxer);
     d->ctx_ = avformat_alloc_context();
     if (!d->ctx_) return R::fail("out of memory", ENOMEM);
-    if (input) {
+    d->ctx_->interrupt_callback.callback = &Demuxer::interruptCallback;
+    d->ctx_->interrupt_callback.opaque = d.get();
+    d->arm(kOpenTimeLimit);
+    // Media held in memory is read from there whatever input was offered.
+    d->memory_ = MemoryReader::open(path);
+    if (d->memory_) {
+        d->ctx_->pb = d->memory_->io();
+        d->ctx_->flags |= AVFMT_FLAG_CUSTOM_IO;
+    } else if (input) {
         d->input_ = std::move(input);
         d->ctx_->pb = d->input_->io();
         d->ctx_->flags |= AVFMT_FLAG_CUSTOM_IO;
     }
-    d->ctx_->interrupt_callback.callback = &Demuxer::interruptCallback;
-    d->ctx_->interrupt_callback.opaque = d.get();
-    d->arm(kOpenTimeLimit);
     AVFormatContext* ctx = d->ctx_;
     int rc = avformat_open_input(&ctx, path.c_str(), nullptr, nullptr);
     if (rc < 0) {

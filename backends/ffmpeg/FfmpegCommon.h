@@ -17,6 +17,8 @@ extern "C" {
 
 namespace ffmpeg_engine {
 
+class MemoryReader;
+
 struct FrameDeleter {
     void operator()(AVFrame* f) const noexcept { av_frame_free(&f); }
 };
@@ -83,6 +85,13 @@ const char* threadingName(Threading t);
 // resolved here: it means FFmpeg's own choice) and number of threads (0: one per core).
 Result<CodecContextPtr> openDecoder(const AVCodecParameters* par, Threading threading, int threads);
 
+// The sample format that the decoder FFmpeg picks for these parameters (the one its own
+// program decodes with) puts out. The parameters' format can be another decoder's: a
+// probe may decode with a sibling (MP2 in MPEG-TS is probed with the float decoder and
+// decoded with the fixed-point one). A decoder that settles its format only on its first
+// frame leaves the parameters' format.
+AVSampleFormat decoderSampleFormat(const AVCodecParameters* par);
+
 // Cores available to this process (at least 1).
 int coreCount();
 
@@ -97,8 +106,9 @@ public:
     Demuxer(const Demuxer&) = delete;
     Demuxer& operator=(const Demuxer&) = delete;
 
-    // Opens path. withStreamInfo also runs avformat_find_stream_info (needed once to learn
-    // the streams' parameters; later opens of the same file copy them instead).
+    // Opens path (a file, or media registered in memory: FfmpegMemoryMedia.h).
+    // withStreamInfo also runs avformat_find_stream_info (needed once to learn the
+    // streams' parameters; later opens of the same file copy them instead).
     static Result<std::unique_ptr<Demuxer>> open(const std::string& path, bool withStreamInfo);
     // The same, reading through input (which the demuxer then owns).
     static Result<std::unique_ptr<Demuxer>> open(const std::string& path, bool withStreamInfo,
@@ -117,7 +127,8 @@ private:
     static int interruptCallback(void* self);
 
     AVFormatContext* ctx_ = nullptr;
-    std::unique_ptr<FileInput> input_; // outlives ctx_, whose pb it is
+    std::unique_ptr<FileInput> input_;     // outlives ctx_, whose pb it is
+    std::unique_ptr<MemoryReader> memory_; // the input of in-memory media; outlives ctx_
     std::chrono::steady_clock::time_point deadline_{};
 };
 

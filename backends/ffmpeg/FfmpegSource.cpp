@@ -4,6 +4,7 @@
 
 #include "backends/ffmpeg/FfmpegContainerIndex.h"
 #include "backends/ffmpeg/FfmpegFileInput.h"
+#include "backends/ffmpeg/FfmpegMemoryMedia.h"
 #include "backends/ffmpeg/FfmpegPcm.h"
 
 extern "C" {
@@ -33,6 +34,13 @@ constexpr int kMaxRetries = 200;
 
 uint32_t readLE32(const uint8_t* p) {
     return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+}
+
+// The demuxer's input for path: none for media held in memory (the demuxer reads it from
+// there), else a FileInput.
+Result<std::unique_ptr<FileInput>> openInput(const std::string& path) {
+    if (isMemoryMedia(path)) return Result<std::unique_ptr<FileInput>>::ok(nullptr);
+    return FileInput::open(path);
 }
 
 // Samples (at 48 kHz) in an Opus packet, from its table-of-contents byte (RFC 6716, 3.1).
@@ -226,12 +234,17 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
     const auto started = std::chrono::steady_clock::now();
     path_ = path;
     index_->path = path;
+    size_t inMemory = 0;
     struct stat st {};
-    if (path.empty() || ::stat(path.c_str(), &st) != 0) return R::fail("file not found");
-    if (!S_ISREG(st.st_mode)) return R::fail("not a regular file");
-    if (st.st_size == 0) return R::fail("empty file");
+    if (isMemoryMedia(path, &inMemory)) {
+        if (inMemory == 0) return R::fail("empty file");
+    } else {
+        if (path.empty() || ::stat(path.c_str(), &st) != 0) return R::fail("file not found");
+        if (!S_ISREG(st.st_mode)) return R::fail("not a regular file");
+        if (st.st_size == 0) return R::fail("empty file");
+    }
 
-    auto input = FileInput::open(path);
+    auto input = openInput(path);
     if (!input) return R::fail("cannot open the file: " + input.error, input.cause);
     input_ = input.value.get();
     auto opened = Demuxer::open(path, false, std::move(input.value));
@@ -241,7 +254,8 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
     index_->container = ctx->iformat->name;
     // Packets the container indexes pass as stored: no parser looks into bytes that may
     // go unread. (Read whole, a file is demuxed as FFmpeg's own program does it.)
-    tablesAllowed_ = options_.useContainerIndex && rescanReason_.empty() && ContainerIndexPlan::mayIndex(ctx);
+    tablesAllowed_ =
+        input_ && options_.useContainerIndex && rescanReason_.empty() && ContainerIndexPlan::mayIndex(ctx);
     if (tablesAllowed_) ctx->flags |= AVFMT_FLAG_NOPARSE;
     demux_->arm(kOpenTimeLimit);
     if (const int rc = avformat_find_stream_info(ctx, nullptr); rc < 0)
@@ -253,8 +267,8 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
     if (!chooseStreams(error)) return R::fail(error);
     planPass();
     readPackets();
-    index_->bytesRead = input_->bytesRead();
-    if (const int e = input_->readError())
+    index_->bytesRead = input_ ? input_->bytesRead() : uint64_t(inMemory);
+    if (const int e = input_ ? input_->readError() : 0)
         return R::fail(std::string("cannot read the file: ") + std::strerror(e), e);
     if (plan_) {
         rescanReason_ = plan_->verdict();
@@ -328,7 +342,7 @@ bool FfmpegSource::Scan::chooseStreams(std::string& error) {
         a.timeBase = s->time_base;
         a.sampleRate = par->sample_rate;
         a.channels = par->ch_layout.nb_channels;
-        a.sampleFormat = AVSampleFormat(par->format);
+        a.sampleFormat = decoderSampleFormat(par);
         if (!a.codec) {
             error = "out of memory";
             return false;
@@ -521,7 +535,7 @@ void FfmpegSource::Scan::checkPcmBytes(AudioTrack& a, const AVPacket* pkt) {
 std::vector<int> FfmpegSource::Scan::decodeOrderOfWholeStream() {
     const VideoTrack& v = *index_->video;
     OrderProbe probe;
-    auto input = FileInput::open(path_);
+    auto input = openInput(path_);
     if (!input) {
         systemCause_ = input.cause;
         return {};

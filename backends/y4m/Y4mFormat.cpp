@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 namespace y4m {
 
@@ -25,26 +26,31 @@ constexpr Layout kLayouts[] = {
     {"422p16", "yuv422p16le", 1, 0, 3, 16}, {"444p16", "yuv444p16le", 0, 0, 3, 16},
 };
 
-// Parses "num:den" with both parts non-negative integers.
-bool parseRatio(const std::string& s, int& num, int& den) {
-    size_t colon = s.find(':');
-    if (colon == std::string::npos || colon == 0 || colon + 1 >= s.size()) return false;
-    char* end = nullptr;
-    long n = std::strtol(s.c_str(), &end, 10);
-    if (end != s.c_str() + colon) return false;
-    long d = std::strtol(s.c_str() + colon + 1, &end, 10);
-    if (*end != '\0' || n < 0 || d < 0 || n > 1000000000 || d > 1000000000) return false;
-    num = int(n);
-    den = int(d);
+// The grammar's bytes: printable ASCII. Parameters are separated by spaces and the line
+// ends at its line feed; anything else (NUL, tabs, carriage returns, other control bytes)
+// is outside it.
+bool printable(char c) { return c >= 0x20 && c < 0x7f; }
+
+// A run of 1 to 9 decimal digits, nothing else (no sign, no spaces).
+bool parseDigits(std::string_view s, int& out) {
+    if (s.empty() || s.size() > 9) return false;
+    int v = 0;
+    for (char c : s) {
+        if (c < '0' || c > '9') return false;
+        v = v * 10 + (c - '0');
+    }
+    out = v;
     return true;
 }
 
-bool parseDimension(const std::string& s, int& out) {
-    if (s.empty() || s.size() > 9) return false;
-    char* end = nullptr;
-    long v = std::strtol(s.c_str(), &end, 10);
-    if (*end != '\0' || v < 0) return false;
-    out = int(v);
+// Parses "num:den" with both parts non-negative integers.
+bool parseRatio(std::string_view s, int& num, int& den) {
+    const size_t colon = s.find(':');
+    if (colon == std::string_view::npos) return false;
+    int n = 0, d = 0;
+    if (!parseDigits(s.substr(0, colon), n) || !parseDigits(s.substr(colon + 1), d)) return false;
+    num = n;
+    den = d;
     return true;
 }
 
@@ -95,7 +101,16 @@ bool parseStreamHeader(const uint8_t* data, size_t size, StreamHeader& out, std:
         return false;
     }
     const size_t lineEnd = size_t(static_cast<const uint8_t*>(nl) - data);
-    std::string line(reinterpret_cast<const char*>(data) + magicLen, lineEnd - magicLen);
+    const std::string line(reinterpret_cast<const char*>(data) + magicLen, lineEnd - magicLen);
+    if (!line.empty() && line[0] != ' ') {
+        error = "not a YUV4MPEG2 stream";
+        return false;
+    }
+    for (char c : line)
+        if (!printable(c)) {
+            error = "YUV4MPEG2 header holds a control byte";
+            return false;
+        }
 
     StreamHeader h;
     h.layout = *findLayout("420jpeg");
@@ -112,8 +127,8 @@ bool parseStreamHeader(const uint8_t* data, size_t size, StreamHeader& out, std:
         std::string value = line.substr(pos + 1, end - pos - 1);
         pos = end;
         switch (tag) {
-        case 'W': haveW = parseDimension(value, h.width); if (!haveW) { error = "bad width '" + value + "'"; return false; } break;
-        case 'H': haveH = parseDimension(value, h.height); if (!haveH) { error = "bad height '" + value + "'"; return false; } break;
+        case 'W': haveW = parseDigits(value, h.width); if (!haveW) { error = "bad width '" + value + "'"; return false; } break;
+        case 'H': haveH = parseDigits(value, h.height); if (!haveH) { error = "bad height '" + value + "'"; return false; } break;
         case 'F':
             if (!parseRatio(value, h.rateNum, h.rateDen)) { error = "bad frame rate '" + value + "'"; return false; }
             if (h.rateNum == 0 || h.rateDen == 0) { h.rateNum = 25; h.rateDen = 1; }
@@ -122,7 +137,7 @@ bool parseStreamHeader(const uint8_t* data, size_t size, StreamHeader& out, std:
             if (!parseRatio(value, h.aspectNum, h.aspectDen)) { error = "bad aspect ratio '" + value + "'"; return false; }
             break;
         case 'I':
-            if (value.size() != 1 || std::strchr("ptbm?", value[0]) == nullptr) { error = "bad interlacing '" + value + "'"; return false; }
+            if (value.size() != 1 || std::string_view("ptbm?").find(value[0]) == std::string_view::npos) { error = "bad interlacing '" + value + "'"; return false; }
             h.interlace = value[0] == '?' ? 'p' : value[0];
             break;
         case 'C': {
@@ -153,7 +168,11 @@ size_t parseFrameHeader(const uint8_t* data, size_t size) {
     if (data[5] != '\n' && data[5] != ' ') return 0;
     const size_t limit = size < kMaxHeaderBytes ? size : kMaxHeaderBytes;
     const void* nl = std::memchr(data + 5, '\n', limit - 5);
-    return nl ? size_t(static_cast<const uint8_t*>(nl) - data) + 1 : 0;
+    if (!nl) return 0;
+    const size_t end = size_t(static_cast<const uint8_t*>(nl) - data);
+    for (size_t i = 5; i < end; ++i)
+        if (!printable(char(data[i]))) return 0;
+    return end + 1;
 }
 
 std::string formatStreamHeader(const StreamHeader& h) {

@@ -2,6 +2,7 @@
 #include "host/project/EditManager.h"
 
 #include "host/project/Edit.h"
+#include "host/project/ImportRecovery.h"
 
 #include <map>
 #include <mutex>
@@ -22,6 +23,8 @@ bool EditManager::openProject(const WString& folder, bool create, WString* error
         if (error) *error = why;
         return false;
     }
+    // What a killed import left on the media drives goes before anyone reads them.
+    recoverInterruptedImports(*db);
     Zn::Ptr<ProjectDatabase> old;
     {
         std::lock_guard<std::mutex> lock(g_mutex);

@@ -69,6 +69,19 @@ bool remove(const WString& path) {
     return fs::remove(toPath(path), ec);
 }
 
+bool rename(const WString& from, const WString& to) {
+    bool ok;
+    if (iFileManager* m = fm()) {
+        ok = m->renameFile(from, to);
+    } else {
+        std::error_code ec;
+        fs::rename(toPath(from), toPath(to), ec);
+        ok = !ec;
+    }
+    if (ok) syncFolderOf(toPath(to));
+    return ok;
+}
+
 int64_t freeSpace(const WString& path) {
     if (iFileManager* m = fm()) return m->freeSpace(path);
     std::error_code ec;

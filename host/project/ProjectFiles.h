@@ -22,6 +22,8 @@ bool exists(const WString& path);
 int64_t size(const WString& path);
 bool createDirectory(const WString& path);
 bool remove(const WString& path);
+// Renames from to to (replacing it) and makes the rename durable.
+bool rename(const WString& from, const WString& to);
 // Free bytes on the volume that holds path; -1 when unknown.
 int64_t freeSpace(const WString& path);
 // Names (not paths) in dir matching a shell pattern, sorted.

@@ -5,6 +5,7 @@
 #include "host/project/DiskManager.h"
 #include "host/project/Edit.h"
 #include "host/project/EditManager.h"
+#include "host/project/ImportRecovery.h"
 #include "host/project/MaterialRecords.h"
 #include "host/project/ProjectFiles.h"
 
@@ -91,6 +92,9 @@ ImportResult ProjectImporter::importFile(const WString& path) {
     };
     auto db = EditManager::getProjdb();
     if (!db) return fail(WString(L"no project is open"));
+    // Held to the end: a recovery in another process must not take this import's pending
+    // file for a killed one's.
+    ImportLock importing(*db, false);
 
     std::error_code ec;
     fs::path source = fs::absolute(projectfs::toPath(path), ec).lexically_normal();
@@ -134,14 +138,17 @@ ImportResult ProjectImporter::importFile(const WString& path) {
     WString folder = primary.type() == 'S' ? drive->getSoundFolderName() : drive->getVideoFolderName();
     WString relative = joinPaths(folder, primary.asWString() + (ext.empty() ? WString(L"") : WString(L".") + ext));
     MaterialFilename name(driveId, relative, drive->getRoot());
-    WString placed = name.getOsPath();
+    // The file goes under its pending name, and gets its final name only once the project
+    // has the clip (see ImportRecovery.h).
+    const WString placed = name.getOsPath();
+    const WString pending = pendingImportName(placed);
     projectfs::createDirectory(getPath(placed));
 
     auto report = [&](ImportProgress::eStage stage, uint64_t done) {
         if (options_.progress) options_.progress(ImportProgress{stage, path, done, size});
     };
     if (options_.copy) {
-        auto rc = projectfs::copy(sourceName, placed, [&](uint64_t done, uint64_t) {
+        auto rc = projectfs::copy(sourceName, pending, [&](uint64_t done, uint64_t) {
             report(ImportProgress::eCopying, done);
             return true;
         }, false);
@@ -151,7 +158,7 @@ ImportResult ProjectImporter::importFile(const WString& path) {
         clip.file = MediaFileInfo(name, size);
     } else {
         clip.file = MediaFileInfo(name, size, sourceName);
-        if (!clip.file.createLinkFile())
+        if (!projectfs::makeLink(pending, sourceName, false))
             return fail(WString(L"cannot make the link file ") + placed);
     }
     clip.file.setStatus(MediaFileInfo::eStatusAvailable);
@@ -166,9 +173,12 @@ ImportResult ProjectImporter::importFile(const WString& path) {
         if (!stored) dbError = w.error();
     }
     if (!stored) {
-        projectfs::remove(placed); // the copy, or the link file: never the source
+        projectfs::remove(pending); // the copy, or the link file: never the source
         return fail(WString(L"the project refused the clip: ") + fromUTF8(dbError.c_str()));
     }
+    // Should this fail, the next opening of the project puts the file in place.
+    if (!projectfs::rename(pending, placed))
+        return fail(WString(L"the clip is stored, but its file could not be renamed to ") + placed);
     report(ImportProgress::eDone, size);
     result.ok = true;
     result.clip = cookie;

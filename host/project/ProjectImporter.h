@@ -3,7 +3,9 @@
 // its video material (variant 0) and sound material (channels 1..n), all held by the
 // one file, which is either linked in place (storage kind 512: a link file on the media
 // drive names the file where it is) or copied onto the media drive. Each clip is one
-// transaction: after a crash the project holds all of a clip or none of it.
+// transaction: after a crash the project holds all of a clip or none of it. The file
+// takes its final name only after that transaction (see ImportRecovery.h for what a
+// killed import leaves and how it is tidied up).
 //
 // Until the library's readers can be asked, the channel layout comes from the options,
 // or from the file's kind: sound files (wav, mp3, ...) one sound material per audio

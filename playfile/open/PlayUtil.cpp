@@ -135,13 +135,10 @@ Zn::iFileReader::Opened PlayUtil::openReadChecked(const WString& fileName, const
             unsigned c = readerCapabilities(*reader, format, type, *first->getMetadata(), stream);
             if (!OpenType(c).hasAll(type)) continue;
             if (reader.get() == opener) break;
-            // The stray '%' is part of the line as it has always been logged (printf prints
-            // "%\"" as the quote), so the compiler's format check is quietened for it.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat"
-            LogBoth("reopen %\"%s\" with %s for %s\n", toUTF8(fileName).c_str(), reader->name().c_str(),
+            // The '%' before the quote is part of the line as it has always been logged; it
+            // is printed through "%%", a valid conversion.
+            LogBoth("reopen %%\"%s\" with %s for %s\n", toUTF8(fileName).c_str(), reader->name().c_str(),
                     OpenType::asString(type));
-#pragma GCC diagnostic pop
             Zn::Ptr<FileReadInstance> again = readerOpens(*reader, format, fileName, type).file;
             if (!again) continue;
             again->setCapabilities(c);

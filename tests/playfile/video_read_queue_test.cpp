@@ -4,6 +4,7 @@
 // shows).
 #include "FrameFileReader.h"
 
+#include "playfile/requests/RequestWaiter.h"
 #include "playfile/requests/VideoReadQueue.h"
 #include "support/LogCapture.h"
 
@@ -148,6 +149,34 @@ TEST_F(VideoQueue, FailedRequestIsJoinedWithoutACallbackAPendingOneStaysInProgre
     ASSERT_TRUE(b.waitForCalls(1));
     EXPECT_EQ(b.status(), Failed);
     EXPECT_EQ(log.count("Exception reading frame 4 of \"" + f.path + "\": broken frame\n"), 1u);
+}
+
+// The library's waiter looks at the status of the request it holds after queuing: one that
+// joined a failed request ends at once, where a callback would never come.
+TEST_F(VideoQueue, AWaiterLearnsAJoinedFailureFromTheStatusAndEndsAtOnce) {
+    OpenFile f(dir, "waiter.frames");
+    auto ask = [&](RequestWaiter& w, uint32_t frame) {
+        Zn::Ptr<IndexInfoRep> none;
+        auto r = Zn::makePtr<VideoReadRequest>(f.file, none, frame, kResultDecoded, DecodeFormat::getDefault(),
+                                               w.getProxy());
+        EXPECT_TRUE(w.queue(r));
+        return r;
+    };
+    f.reader->mode = FrameFileReader::kFail;
+    RequestWaiter first, joiner;
+    auto failed = ask(first, 3);
+    ASSERT_TRUE(first.wait(std::chrono::seconds(5)));
+    EXPECT_EQ(first.status(), Failed);
+    EXPECT_EQ(ask(joiner, 3).get(), failed.get());
+    EXPECT_TRUE(joiner.finished());
+    EXPECT_EQ(joiner.status(), Failed);
+
+    f.reader->mode = FrameFileReader::kRaw;
+    joiner.reset();
+    auto read = ask(joiner, 5);
+    ASSERT_TRUE(joiner.wait(std::chrono::seconds(5)));
+    EXPECT_EQ(joiner.status(), Complete);
+    EXPECT_TRUE(Zn::dynamicPtrCast<FrameBufferRep>(joiner.result()));
 }
 
 TEST_F(VideoQueue, EndingTheThreadReadsTheWantedRequestsFirst) {
