@@ -1,7 +1,7 @@
 // Fuzz target for the file-name rules: whatever a clip name holds (read as UTF-8, so
 // invalid bytes and every code point appear), the safe name is one name that fits, with
 // or without room kept for a suffix; sequence and foreign-name helpers never crash.
-#include "host/core/FilespecUtils.h"
+#include "host/core/SafeFileNames.h"
 #include "host/core/Strings.h"
 
 #include <cstdint>

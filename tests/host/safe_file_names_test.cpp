@@ -1,6 +1,6 @@
 // File-name rules: hostile names made safe (and created for real inside a folder), image
 // sequence frame names, names written on another system.
-#include "host/core/FilespecUtils.h"
+#include "host/core/SafeFileNames.h"
 #include "host/core/Strings.h"
 #include "support/TempDir.h"
 

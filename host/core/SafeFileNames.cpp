@@ -1,5 +1,5 @@
 // Safe file names, image-sequence frame names and foreign names.
-#include "host/core/FilespecUtils.h"
+#include "host/core/SafeFileNames.h"
 
 #include "host/core/Strings.h"
 
