@@ -2,7 +2,16 @@
 // build. The library binds its own allocation operators to the host allocator, while a
 // sanitizer runtime supplies the operators of the rest of the process; memory crossing
 // between the two is the same heap underneath, so the pairing check is switched off.
+//
+// The command-line program runs without the leak check: at its exit, LeakSanitizer's
+// tracer (GCC 12's runtime on glibc 2.36) now and then crashes reading the dynamic TLS of
+// the back-end plug-ins it loaded, and the program's status turns to 1 although it did its
+// work. The test programs, which drive the same library code, keep the check.
+#ifdef PLAYFILE_NO_LEAK_CHECK
+extern "C" const char* __asan_default_options() { return "alloc_dealloc_mismatch=0:detect_leaks=0"; }
+#else
 extern "C" const char* __asan_default_options() { return "alloc_dealloc_mismatch=0:detect_leaks=1"; }
+#endif
 
 // FFmpeg's libraries are not built with ThreadSanitizer: their frame and slice threads hand
 // pictures over through atomics it cannot see, so every buffer a decoder thread fills and
