@@ -56,9 +56,14 @@ std::string TaskView::format(const iTaskLog::Entry& entry) {
 }
 
 bool TaskView::run(const Zn::Ptr<BackgroundTaskBase>& task) {
+    if (!UIBackgroundTasksQueue::instance().queue(task)) return false;
+    follow(task);
+    return true;
+}
+
+void TaskView::follow(const Zn::Ptr<BackgroundTaskBase>& task) {
     InterruptCatcher catcher;
     auto& queue = UIBackgroundTasksQueue::instance();
-    if (!queue.queue(task)) return false;
     Zn::Ptr<iTaskLog> log = task->getLog();
     ProgressBar::Style style;
     style.out = options_.out;
@@ -100,7 +105,6 @@ bool TaskView::run(const Zn::Ptr<BackgroundTaskBase>& task) {
     }
     if (bar) bar->finish();
     task->waitForCompletion();
-    return true;
 }
 
 } // namespace tool

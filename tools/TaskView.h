@@ -28,6 +28,8 @@ public:
     // Queues the task on the process's task queue and follows it until it has ended.
     // Answers false when the queue refused it.
     bool run(const Zn::Ptr<BackgroundTaskBase>& task);
+    // Follows a task already queued on the process's task queue until it has ended.
+    void follow(const Zn::Ptr<BackgroundTaskBase>& task);
     // Whether Ctrl-C was pressed while the task ran.
     bool interrupted() const noexcept { return interrupted_; }
 

@@ -334,3 +334,9 @@ iFileManager::eCopyRC copyFileSafely(const String& src, const String& dst,
     syncFolder(folderPrefix.empty() ? std::string(".") : folderPrefix);
     return iFileManager::eCopyOK;
 }
+
+iFileManager::eCopyRC copyFileData(int in, int out, uint64_t total, const iFileManager::ProgressFn& progress,
+                                   const FileCopyOptions& options) {
+    FileSizeSignalGuard signalGuard;
+    return DataCopier(in, out, total, progress, options).run();
+}

@@ -27,3 +27,10 @@ struct FileCopyOptions {
 iFileManager::eCopyRC copyFileSafely(const String& src, const String& dst,
                                      const iFileManager::ProgressFn& progress, bool overwrite,
                                      const FileCopyOptions& options = {});
+
+// The data part of a copy alone: the total bytes of the open regular file `in` are copied
+// into the open file `out` at the same offsets (holes stay holes), with the progress calls
+// of copyFileSafely except the final one (done == total), which is the caller's. `out`'s
+// length is not set and nothing is synced: the caller owns the file and its name.
+iFileManager::eCopyRC copyFileData(int in, int out, uint64_t total, const iFileManager::ProgressFn& progress,
+                                   const FileCopyOptions& options = {});
