@@ -73,9 +73,9 @@ std::vector<DownloadTask::CopyJob> DownloadTask::makeJobs(const std::set<Cookie>
     const Zn::Ptr<MediaDrive> drive = DiskManager::getDriveWithUniqueId(driveId);
     std::vector<CopyJob> jobs;
     std::set<std::wstring> sources, destinations;
-    for (const Cookie& material : materials) {
+    auto addJobsFor = [&](const Cookie& material) {
         const Zn::Ptr<FsysDirectoryEntry> entry = SystemCache::findEntryForCookie(material);
-        if (!entry) continue;
+        if (!entry) return;
         const WString folder = drive ? drive->getFolder(material) : WString();
         auto add = [&](const WString& source, bool proxy) {
             if (source.empty() || !sources.insert(source.str()).second) return;
@@ -97,7 +97,13 @@ std::vector<DownloadTask::CopyJob> DownloadTask::makeJobs(const std::set<Cookie>
         if ((args_.types & kMediaHighRes) && entry->hasFile()) add(entry->getPhysicalFilename(false), false);
         if (args_.types & kMediaProxy)
             for (const MediaFileInfo& proxy : entry->getProxyFiles()) add(proxy.getPhysicalFilename(false), true);
-    }
+    };
+    // Video material first: a file that holds a clip's pictures and its sound goes to
+    // the video folder.
+    for (const Cookie& material : materials)
+        if (material.type() == 'V') addJobsFor(material);
+    for (const Cookie& material : materials)
+        if (material.type() != 'V') addJobsFor(material);
     return jobs;
 }
 

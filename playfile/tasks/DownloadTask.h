@@ -73,8 +73,11 @@ public:
     const std::vector<WString>& writtenFiles() const noexcept { return written_; }
     uint64_t totalBytes() const noexcept { return total_.load(std::memory_order_relaxed); }
 
-    // The copy jobs for a set of material cookies: each distinct source file once,
-    // high-res files and proxies as the task's media types ask, sized from the disk.
+    // The copy jobs for a set of material cookies: each distinct source file once (video
+    // materials first, in set order, then the others), high-res files and proxies as the
+    // task's media types ask, sized from the disk. The destination is the file's name in
+    // the drive's folder for the material; a name taken by another job or by a file on
+    // the drive gets the material's cookie appended.
     std::vector<CopyJob> makeJobs(const std::set<Cookie>& materials);
 
     // Whether the clip's media is an image sequence (numbered still images, of which
