@@ -5,6 +5,7 @@
 #include "tools/MediaTaskRun.h"
 #include "tools/Options.h"
 #include "tools/ProjectItems.h"
+#include "tools/TaskView.h"
 
 #include "host/core/Strings.h"
 #include "playfile/material/MaterialManager.h"
@@ -96,6 +97,7 @@ int run(const std::vector<std::string>& args) {
     const bool proxies = o.has("--proxies");
     const bool highRes = o.has("--high-res") || !proxies;
     const auto types = eMediaTypes((highRes ? unsigned(kMediaHighRes) : 0u) | (proxies ? unsigned(kMediaProxy) : 0u));
+    TaskView::CatchInterrupts catcher; // the task may start before the view does
     return followDownload(MaterialManager::downloadRemoteMedia(items, types, settings), "download", "downloading");
 }
 

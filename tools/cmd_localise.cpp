@@ -4,6 +4,7 @@
 #include "tools/MediaTaskRun.h"
 #include "tools/Options.h"
 #include "tools/ProjectItems.h"
+#include "tools/TaskView.h"
 
 #include "host/project/DiskManager.h"
 #include "host/project/ProjectCatalog.h"
@@ -54,6 +55,7 @@ int run(const std::vector<std::string>& args) {
 
     const bool proxies = o.has("--proxies");
     const bool highRes = o.has("--high-res") || !proxies;
+    TaskView::CatchInterrupts catcher; // the task may start before the view does
     Zn::Ptr<DownloadTask> task;
     if (o.has("--to"))
         task = MaterialManager::localiseMedia(items, DriveId(to[0]), highRes, proxies,
