@@ -22,7 +22,6 @@ using namespace testing_support;
 using json = nlohmann::ordered_json;
 namespace fs = std::filesystem;
 
-
 namespace {
 
 class RelocateCommand : public ::testing::Test {
