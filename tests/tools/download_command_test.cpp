@@ -137,7 +137,7 @@ TEST_F(DownloadCommands, LocaliseDownloadAndRevealOnAnImportedProject) {
 // strictly less than the free bytes, localising onto a drive the free bytes at most; a
 // copy that hits a size limit says the disk is full and leaves nothing.
 TEST_F(DownloadCommands, FreeSpaceChecksAndAFullDisk) {
-    const std::string a = clip("a.mov", 1000), b = clip("b.mov", 3 << 20);
+    const std::string a = clip("a.mov", 1000), b = clip("b.mov", 3 << 20), c = clip("c.mov", 1000);
     const std::string program = shellQuote(PLAYFILE_BUILD_DIR "/tools/playfile");
     const std::string mnt = tmp.file("small"), out = tmp.file("out.txt");
     fs::create_directories(mnt);
@@ -152,7 +152,10 @@ TEST_F(DownloadCommands, FreeSpaceChecksAndAFullDisk) {
         "truncate -s $free " + shellQuote((remote / "a.mov").string()) + "\n" + "echo free=$free\n" +
         program + " download " + a + " --location " + shellQuote(mnt + "/dl") + project + "; echo download=$?\n" +
         program + " localise " + a + " --to B" + project + "; echo localise=$?\n" +
-        "ls -A " + shellQuote(mnt + "/B/video") + "\n";
+        "ls -A " + shellQuote(mnt + "/B/video") + "\n" +
+        "free=$(( $(stat -f -c '%a' " + shellQuote(mnt) + ") * $(stat -f -c '%S' " + shellQuote(mnt) + ") ))\n" +
+        "truncate -s $(( free + 1 )) " + shellQuote((remote / "c.mov").string()) + "\n" +
+        program + " localise " + c + " --to B" + project + "; echo more=$?\n";
     writeFile(tmp.file("space.sh"), script);
     const CommandResult r = runCommand("unshare -m sh " + shellQuote(tmp.file("space.sh")) + " 2>&1");
     if (r.exitCode == 99) GTEST_SKIP() << "cannot mount a tmpfs here: " << r.out;
@@ -162,6 +165,11 @@ TEST_F(DownloadCommands, FreeSpaceChecksAndAFullDisk) {
     EXPECT_NE(r.out.find("download=1"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("localise=0"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("\na.mov\n"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("more=1"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find("c.mov"), std::string::npos) << r.out;
+    size_t refusals = 0;
+    for (const std::string& l : lines(r.out)) refusals += l.find("Not enough space") != std::string::npos;
+    EXPECT_EQ(refusals, 4u) << "each refusal: its log line, and one line on standard error\n" << r.out;
 
     // A size limit below the file's size: the write fails as a full disk would.
     const CommandResult full = runCommand("ulimit -f 1024; PLAYFILE_LOG=" + shellQuote(tmp.file("playfile.log")) + " " + program + " download " + b + " --location " +
