@@ -252,6 +252,8 @@ TEST_F(DownloadProject, TaskTitlesNameOneLogOrCountSeveral) {
     EXPECT_EQ(U(task->getDescription()), "Localise media");
     EXPECT_EQ(task->args().types, kMediaNone);
     EXPECT_TRUE(task->writtenFiles().empty());
+    EXPECT_EQ(task->result(), DownloadTask::eResult::eDone) << "nothing to copy is done";
+    EXPECT_EQ(task->getProgress(), 0.0) << "a total of 0 bytes";
 }
 
 TEST_F(DownloadProject, RevealShowsThePresentFilesAndLogsTheMissingOnes) {
