@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 using filecopy::Descriptor;
@@ -114,6 +115,25 @@ bool putInPlace(const std::string& tmp, const std::string& dst, bool overwrite) 
 void syncFolder(const std::string& folder) {
     Descriptor fd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (fd.get() >= 0) ::fsync(fd.get());
+}
+
+// Whether one syncfs() of the file system holding fd makes every file on it durable, data
+// and metadata, and reports a failed write-back (Linux 5.8 on): true for the local
+// journaling and copy-on-write file systems. FUSE and network file systems may not pass
+// it on to where the data lives, so their files are synced one by one.
+bool syncsWhole(int fd) {
+    struct statfs fs;
+    if (::fstatfs(fd, &fs) != 0) return false;
+    switch (uint32_t(fs.f_type)) {
+    case 0xEF53u:     // ext2, ext3, ext4
+    case 0x58465342u: // XFS
+    case 0x9123683Eu: // Btrfs
+    case 0xF2F52010u: // F2FS
+    case 0x01021994u: // tmpfs: memory only, nothing to wait for
+        return true;
+    default:
+        return false;
+    }
 }
 
 // The temporary being written by add(): removed on every way out that does not keep it.
@@ -222,12 +242,9 @@ iFileManager::eCopyRC FileCopyBatch::addUTF8(const String& src, const String& ds
 std::vector<iCopyBatch::Outcome> FileCopyBatch::commit() {
     std::vector<Outcome> outcomes;
     outcomes.reserve(waiting_.size());
+    for (Waiting& w : waiting_) outcomes.push_back(Outcome{w.src, w.dst, iFileManager::eCopyOK});
     // The data first, all of it: the disk has been writing it since each copy was added.
-    for (Waiting& w : waiting_) {
-        Outcome o{w.src, w.dst, iFileManager::eCopyOK};
-        if (::fsync(w.fd.get()) != 0) o.rc = rcForErrno(errno);
-        outcomes.push_back(std::move(o));
-    }
+    syncData(outcomes);
     // Then the names, with each temporary still locked; then each folder once.
     std::vector<std::string> folders;
     for (size_t i = 0; i < waiting_.size(); ++i) {
@@ -241,6 +258,24 @@ std::vector<iCopyBatch::Outcome> FileCopyBatch::commit() {
     waiting_.clear(); // closes the descriptors, which releases the locks
     waitingBytes_ = 0;
     return outcomes;
+}
+
+void FileCopyBatch::syncData(std::vector<Outcome>& outcomes) {
+    // Per device: whether one syncfs made everything on it durable (a syncfs that fails
+    // names no file, so each file there is then synced on its own to know which failed).
+    std::vector<std::pair<dev_t, bool>> devices;
+    for (size_t i = 0; i < waiting_.size(); ++i) {
+        const int fd = waiting_[i].fd.get();
+        struct stat st;
+        bool whole = false;
+        if (::fstat(fd, &st) == 0) {
+            auto known = std::find_if(devices.begin(), devices.end(), [&](const auto& d) { return d.first == st.st_dev; });
+            if (known == devices.end())
+                known = devices.insert(devices.end(), {st.st_dev, syncsWhole(fd) && ::syncfs(fd) == 0});
+            whole = known->second;
+        }
+        if (!whole && ::fsync(fd) != 0) outcomes[i].rc = rcForErrno(errno);
+    }
 }
 
 iFileManager::eCopyRC copyFileSafely(const String& src, const String& dst,

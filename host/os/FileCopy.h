@@ -42,12 +42,14 @@ iFileManager::eCopyRC copyFileSafely(const String& src, const String& dst,
 // The real copy batch (see iCopyBatch in FileManager.h). A copy's temporary is
 // ".NAME.XXXXXX" in NAME's folder, created exclusively and held under an flock() until the
 // copy is committed or dropped; a temporary of that shape nobody holds is a killed copy's
-// and the next add() to NAME removes it (never renames it). The commit fsyncs each
-// temporary (the disk has been writing them since they were added, so this mostly waits
-// for what is still in flight), renames each onto its destination, fsyncs each distinct
-// destination folder once, and only then answers: a caller that records the copies
-// somewhere (a database) does so after the commit, so a record never names a copy that a
-// crash could still lose.
+// and the next add() to NAME removes it (never renames it). The disk starts writing each
+// chunk as it is copied. The commit makes the data durable: one syncfs() per destination
+// file system where that covers every file (ext4, XFS, Btrfs, F2FS, tmpfs), an fsync()
+// per temporary elsewhere or when the syncfs reports a failure; then renames each
+// temporary onto its destination, fsyncs each distinct destination folder once, and only
+// then answers: a caller that records the copies somewhere (a database) does so after the
+// commit, so a record never names a copy that a crash could still lose. (A syncfs also
+// writes what other programs left unwritten on that file system, as `sync` would.)
 class FileCopyBatch final : public iCopyBatch {
 public:
     explicit FileCopyBatch(const FileCopyOptions& options = {}) : options_(options) {}
@@ -78,6 +80,8 @@ private:
     // batch).
     void removeLeftovers(const std::string& folderPrefix, const std::string& tempPrefix);
     void drop(Waiting& w) noexcept;
+    // Makes the waiting copies' data durable; a copy that could not be gets its error.
+    void syncData(std::vector<Outcome>& outcomes);
 
     FileCopyOptions options_;
     std::vector<Waiting> waiting_;

@@ -21,17 +21,29 @@ namespace {
 
 const std::wstring kBuilding = L"Building file list";
 
-// The real file manager, with chosen copies failing and a hook after each copy.
+// The real file manager, with chosen copies of its batches failing and a hook after each
+// copy.
 struct FaultyCopies final : PosixFileManager {
     std::map<std::string, eCopyRC> failing; // by the destination's file name
     std::function<void()> afterCopy;
     int64_t freeBytes = -1;                 // replaces the free-space answer when set
-    eCopyRC copyFile(const WString& src, const WString& dst, const ProgressFn& progress, bool overwrite) override {
-        auto f = failing.find(U(stripPath(dst)));
-        if (f != failing.end()) return f->second;
-        eCopyRC rc = PosixFileManager::copyFile(src, dst, progress, overwrite);
-        if (afterCopy) afterCopy();
-        return rc;
+
+    struct Batch final : iCopyBatch {
+        Batch(FaultyCopies& owner, std::unique_ptr<iCopyBatch> real) : owner(owner), real(std::move(real)) {}
+        eCopyRC add(const WString& src, const WString& dst, const ProgressFn& progress, bool overwrite) override {
+            auto f = owner.failing.find(U(stripPath(dst)));
+            if (f != owner.failing.end()) return f->second;
+            eCopyRC rc = real->add(src, dst, progress, overwrite);
+            if (owner.afterCopy) owner.afterCopy();
+            return rc;
+        }
+        bool full() const override { return real->full(); }
+        std::vector<Outcome> commit() override { return real->commit(); }
+        FaultyCopies& owner;
+        std::unique_ptr<iCopyBatch> real;
+    };
+    std::unique_ptr<iCopyBatch> newCopyBatch() override {
+        return std::make_unique<Batch>(*this, PosixFileManager::newCopyBatch());
     }
     int64_t freeSpace(const WString& path) override {
         return freeBytes >= 0 ? freeBytes : PosixFileManager::freeSpace(path);
