@@ -197,8 +197,8 @@ void RelocationCopies::finish(const Travel& t, const User& u) const {
         Log("Link file %ls -> %ls not written\n", t.plan.destination.getOsPath().c_str(), t.plan.linkTarget.c_str());
     if (type_ != MaterialMove::eMove) return;
     if (Zn::Ptr<FsysDirectoryEntry> entry = SystemCache::findEntryForCookie(u.material)) {
-        entry->removeFile(u.file);
-        entry->addFile(moved);
+        // One transaction: a crash leaves the entry naming the old place or the new one.
+        entry->replaceFile(u.file, moved);
     }
 }
 

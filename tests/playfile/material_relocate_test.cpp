@@ -171,6 +171,28 @@ TEST_F(RelocationProject, AFileAlreadyAtTheDestinationIsNeitherOverwrittenNorReg
     EXPECT_EQ(lines().back(), text(12528));
 }
 
+// A clip's video and sound materials share one file: it is copied once, and a move points
+// every one of them at the copy.
+TEST_F(RelocationProject, AMoveRepointsEveryMaterialSharingAFile) {
+    ImportOptions o;
+    o.copy = true;
+    o.drive = DriveId('A');
+    o.videoChannels = 1;
+    o.audioChannels = 2;
+    ImportResult r = ProjectImporter(o).importFile(W(source("shared.mov", 3000)));
+    ASSERT_TRUE(r.ok) << U(r.error);
+    const Cookie materials[] = {video(r.clip), sound(r.clip, 1), sound(r.clip, 2)};
+    relocate({r.clip}, MaterialMove::eMove);
+    EXPECT_EQ(lines(), (Lines{kBuilding, sourceLine(1, 3), L"", toProcess(3), L"", text(12528)}));
+    EXPECT_EQ(readFile(on(driveB, r.clip)), readFile(sources / "shared.mov"));
+    for (const Cookie& m : materials) {
+        auto entry = SystemCache::findEntryForCookie(m);
+        ASSERT_TRUE(entry && entry->hasFile()) << U(m.asWString());
+        EXPECT_EQ(entry->getFile().getMaterialFilename().getDriveChar(), 'B') << U(m.asWString());
+    }
+    EXPECT_EQ(std::distance(fs::directory_iterator(driveB / "video"), fs::directory_iterator()), 1);
+}
+
 // Media linked from a drive's folder moves to the same place on the destination, and the
 // destination gets a link file naming it. A description beside it travels with it; a
 // second media file of the same name, which the directory would manage, does not.
