@@ -3,6 +3,7 @@
 #include "host/os/PartialCopy.h"
 
 #include "host/core/Strings.h"
+#include "host/os/DataCopy.h"
 #include "host/os/FileCopy.h"
 
 #include <cerrno>
@@ -20,10 +21,7 @@ namespace Zn {
 namespace {
 
 using RC = iFileManager::eCopyRC;
-
-RC rcForErrno(int e) {
-    return (e == ENOSPC || e == EDQUOT || e == EFBIG) ? iFileManager::eCopyNoSpace : iFileManager::eCopyFailed;
-}
+using filecopy::rcForErrno;
 
 // The destinations being written by this process. mutex_ guards busy_ only.
 class DestinationGate {
@@ -138,31 +136,24 @@ void syncFolderOf(const std::string& path) {
     ::close(fd);
 }
 
+// The file to copy, open for reading.
 class Source {
 public:
-    explicit Source(const std::string& path) {
-        do fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        while (fd_ < 0 && errno == EINTR);
-    }
-    ~Source() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Source(const Source&) = delete;
-    Source& operator=(const Source&) = delete;
-    // The size of a regular file; false for anything else.
-    bool regular(uint64_t& size) const {
+    explicit Source(const std::string& path) : fd_(filecopy::openForReading(path.c_str())) {}
+    // The size and mode of a regular file; false for anything else.
+    bool regular(uint64_t& size) {
         struct stat st;
-        if (fd_ < 0 || ::fstat(fd_, &st) != 0 || !S_ISREG(st.st_mode)) return false;
+        if (fd_.get() < 0 || ::fstat(fd_.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
         size = uint64_t(st.st_size);
         mode_ = st.st_mode & 0777;
         return true;
     }
-    int fd() const noexcept { return fd_; }
+    int fd() const noexcept { return fd_.get(); }
     mode_t mode() const noexcept { return mode_; }
 
 private:
-    int fd_ = -1;
-    mutable mode_t mode_ = 0644;
+    filecopy::Descriptor fd_;
+    mode_t mode_ = 0644;
 };
 
 } // namespace
@@ -188,7 +179,11 @@ PartialCopy::Result PartialCopy::copy(const WString& src, const WString& dst, co
     result.rc = partial.acquire(keepWaiting, result.discardedStale);
     if (result.rc != iFileManager::eCopyOK) return result;
 
-    result.rc = copyFileData(in.fd(), partial.fd(), total, progress);
+    {
+        filecopy::FileSizeSignalGuard signalGuard;
+        const FileCopyOptions options;
+        result.rc = filecopy::DataCopier(in.fd(), partial.fd(), total, progress, options).run();
+    }
     if (result.rc != iFileManager::eCopyOK) return result;
     // The length, when the source ends in a hole; then everything on the disk before the
     // name changes, so that a crash never leaves a short file under the final name.
