@@ -180,7 +180,7 @@ TEST_F(DownloadCommands, FreeSpaceChecksAndAFullDisk) {
 }
 
 TEST_F(DownloadCommands, AKilledDownloadRunAgainCompletesAndTwoAtOnceBothComplete) {
-    const std::string big = clip("big.mov", size_t(128) << 20), small = clip("small.mov", 64 << 10);
+    const std::string big = clip("big.mov", size_t(64) << 20), small = clip("small.mov", 64 << 10);
     const fs::path location = tmp.path() / "location";
     const std::vector<std::string> args = {"download", "--project", tmp.file("proj"), big,
                                            small,      "--location", location.string()};
