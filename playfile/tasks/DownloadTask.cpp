@@ -79,14 +79,18 @@ std::vector<DownloadTask::CopyJob> DownloadTask::makeJobs(const std::set<Cookie>
         const WString folder = drive ? drive->getFolder(material) : WString();
         auto add = [&](const WString& source, bool proxy) {
             if (source.empty() || !sources.insert(source.str()).second) return;
-            WString destination = folder.empty() ? WString() : joinPaths(folder, stripPath(source));
+            // The name leaves room for the ".partial" suffix while the copy is written.
+            const size_t fits = Zn::FilespecUtils::kMaxNameBytes - Zn::PartialCopy::kSuffixBytes;
+            auto in = [&](const WString& name) {
+                return folder.empty() ? WString() : joinPaths(folder, Zn::FilespecUtils::fitFilename(name, fits));
+            };
+            WString destination = in(stripPath(source));
             if (destination == source) return; // already there
             // Two sources of one name, or a file of that name already on the drive that
             // is not this one: the material's cookie tells the copy apart.
             if (!destination.empty() && (destinations.count(destination.str()) || files()->fileExists(destination))) {
                 const WString ext = getExtension(source);
-                destination = joinPaths(folder, stripPathAndExt(source) + L"_" + material.asWString() +
-                                                    (ext.empty() ? WString() : L"." + ext));
+                destination = in(stripPathAndExt(source) + L"_" + material.asWString() + (ext.empty() ? WString() : L"." + ext));
             }
             destinations.insert(destination.str());
             const int64_t size = files()->fileSize(source);

@@ -273,3 +273,15 @@ TEST_F(DownloadProject, RevealShowsThePresentFilesAndLogsTheMissingOnes) {
     EXPECT_EQ(MaterialManager::revealFilesInOS(Cookie('E', 5, 5)), 5);
     EXPECT_EQ(readFile(out), (remote / "a.frames").string() + "\n") << "the browser was not asked again";
 }
+
+TEST_F(DownloadProject, ASourceNameTooLongForItsPartialIsCutToFit) {
+    const std::string name = std::string(244, 'L') + ".frames"; // 251 bytes: with ".partial", 259
+    const Cookie a = remoteClip("long", name);
+    auto task = finished(MaterialManager::localiseRemoteMedia(items({a}), kMediaHighRes, kNormal));
+    EXPECT_EQ(task->result(), DownloadTask::eResult::eDone) << testing::PrintToString(errors(task));
+    const std::string copy = physical(video(a));
+    EXPECT_EQ(fs::path(copy).parent_path(), driveRoot / "video");
+    EXPECT_EQ(fs::path(copy).filename().string().size(), 247u);
+    EXPECT_EQ(fs::path(copy).extension(), ".frames");
+    EXPECT_EQ(readFile(copy), readFile(remote / name));
+}
