@@ -54,12 +54,11 @@ void StreamingDecodeReader::threadFn() {
             iCriticalSection::Lock lock(*slotLock_);
             slot = decodingSlot_;
         }
-        if (slot) {
-            const uint32_t first = slot->getStartValidFrameIndex();
-            Zn::Image::Surface surface = slot->getSurface(0);
-            // A pass woken again for a run already decoded has nothing to do.
-            if (surface.valid()) surface.set();
-            else decodeFrames(slot, first);
+        // A pass woken again for a run already decoded has nothing to do: decoding it again
+        // would attach new pixels to surfaces that completed and are being read.
+        if (slot && slot != decodedSlot_) {
+            decodedSlot_ = slot;
+            decodeFrames(slot, slot->getStartValidFrameIndex());
         }
         doneEvent_->set();
     }
@@ -98,7 +97,7 @@ int StreamingDecodeReader::readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::
         }
         if (decodingSlot_) {
             Zn::Image::Surface last = decodingSlot_->getSurface(decodingSlot_->getNumFrames() - 1);
-            if (last.wait(0) != Zn::Image::Surface::kWaitComplete) {
+            if (last.state() == Zn::Image::Surface::kWaitTimedOut) {
                 lock.leave();
                 wakeEvent_->set();
                 last.wait();

@@ -86,6 +86,9 @@ private:
     Zn::Ptr<iThreadEvent> doneEvent_; // manual-reset: clear while a pass runs
     Zn::Ptr<FrameBufferRep> decodingSlot_;
     Zn::Ptr<FrameBufferRep> currentSlot_;
+    // The decode thread's own (no lock): the slot of its last pass, which is never decoded
+    // twice, as its surfaces may only be written until they complete.
+    Zn::Ptr<FrameBufferRep> decodedSlot_;
     Zn::Ptr<StreamMetadata> streamMetadata_;
     Zn::Ptr<iCriticalSection> slotLock_;
 };

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <thread>
 
 using namespace test_backend;
 using Zn::Image::Surface;
@@ -31,12 +32,18 @@ struct PaintingReader : StreamingDecodeReader, Locking {
     std::vector<Pass> passes() { return locked([&] { return passes_; }); }
 
     Gate gate;
+    // Set before the first read: the first and last frames of every run do not come out.
+    bool brokenEnds = false;
 
     int decodeFrames(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) override {
         locked([&] { passes_.push_back({frame, buffer->getNumFrames(), BasicThread::current() == this}); });
         for (uint32_t i = 0; i < buffer->getNumFrames(); ++i) {
             gate.pass();
             Surface s = buffer->getSurface(i);
+            if (brokenEnds && buffer->isStreaming() && (i == 0 || i + 1 == buffer->getNumFrames())) {
+                s.fail();
+                continue;
+            }
             s.allocatePixels(Zn::Image::Core::Data(4, 2, Zn::Image::kFormatGray8));
             s.plane(0)[0] = uint8_t(buffer->getStartValidFrameIndex() + i);
             s.set();
@@ -141,4 +148,29 @@ TEST(StreamingDecodeReader, RunsOfAFrameRangeHandler) {
     f.reader->setFrameRangeHandler(Zn::makePtr<FixedRange>(-5, 7));
     EXPECT_EQ(paintedFrame(f.read(4)), 4);
     EXPECT_EQ(f.reader->passes().back(), (Pass{0, 7, true}));
+}
+
+// A run whose first and last frames did not come out has still been decoded: moving on to
+// the next run must not decode it again, which would replace the pictures of the frames
+// between while they are being read.
+TEST(StreamingDecodeReader, ARunWithFailedEndsIsDecodedOnce) {
+    Fixture f;
+    f.reader->setStreamMetadata(Zn::makePtr<StreamingDecodeReader::StreamMetadata>(true, 10));
+    f.reader->brokenEnds = true;
+    std::vector<std::pair<Surface, const uint8_t*>> seen; // with the pixels first seen
+    auto unchanged = [&] {
+        for (const auto& [s, pixels] : seen) EXPECT_EQ(s.plane(0), pixels);
+    };
+    std::vector<Pass> expected;
+    for (uint32_t run = 2; run < 10; ++run) {
+        const Surface s = f.read(run * 10 + 3);
+        EXPECT_EQ(paintedFrame(s), run * 10 + 3);
+        EXPECT_EQ(f.read(run * 10).wait(5000), Surface::kWaitFailed);
+        seen.emplace_back(s, s.plane(0));
+        expected.push_back({run * 10, 10, true});
+        unchanged();
+    }
+    // Reading on while a second pass would run (a race for ThreadSanitizer as well).
+    for (int i = 0; i < 10; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(5))) unchanged();
+    EXPECT_EQ(f.reader->passes(), expected);
 }
