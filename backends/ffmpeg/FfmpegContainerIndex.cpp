@@ -88,7 +88,7 @@ bool ContainerIndexPlan::mayIndex(const AVFormatContext* ctx) {
 }
 
 Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int video, const std::vector<int>& audio,
-                                                    int headPackets) {
+                                                    int headPackets, const MovTables* tables) {
     using R = Result<ContainerIndexPlan>;
     const Family family = familyOf(ctx);
     if (family == Family::Other) return R::fail(std::string("the ") + ctx->iformat->name + " container has no index of every packet");
@@ -98,19 +98,19 @@ Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int vi
     plan.met_.assign(ctx->nb_streams, 0);
     plan.mayVouch_.assign(ctx->nb_streams, 0);
     plan.vouched_.assign(ctx->nb_streams, 0);
+    plan.needed_.assign(ctx->nb_streams, int(kVouchingPackets));
+    plan.shift_.assign(ctx->nb_streams, 0);
 
     std::vector<std::pair<int64_t, int64_t>> ranges;
+    int firstKey = 0;
     auto addStream = [&](int stream, bool isVideo) -> std::string {
         const AVStream* s = ctx->streams[stream];
         auto listed = listedPayloads(s, isVideo);
         if (!listed) return listed.error;
-        int realUpTo = 0; // video: the head, whose bytes the order probe needs
+        int realUpTo = 0; // video: the first key packet, whose bytes the order probe needs
         if (isVideo) {
-            const int n = avformat_index_get_entries_count(s);
-            int firstKey = 0;
-            while (firstKey < n && !(avformat_index_get_entry(const_cast<AVStream*>(s), firstKey)->flags & AVINDEX_KEYFRAME))
-                ++firstKey;
-            realUpTo = firstKey + headPackets + 1;
+            while (size_t(firstKey) < listed.value.size() && !listed.value[size_t(firstKey)].key) ++firstKey;
+            realUpTo = firstKey + 1;
         }
         // Each stream's payloads in file order, then merged with the streams before it.
         const auto from = ranges.size();
@@ -128,6 +128,9 @@ Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int vi
         if (!passedUnparsed(family, ctx->streams[video]->codecpar))
             return R::fail("the demuxer reads the " + streamName(ctx->streams[video]) + " stream's packets from their bytes");
         if (std::string why = addStream(video, true); !why.empty()) return R::fail(why);
+        if (family != Family::QuickTime) plan.videoNote_ = "the container's index gives no presentation times";
+        else if (!tables) plan.videoNote_ = "the moov box was not read";
+        else plan.videoNote_ = plan.predictVideo(ctx->streams[video], *tables, firstKey + headPackets + 1);
     }
     for (int a : audio) {
         // PCM is read for real: it is small, and its bytes are checked against the file.
@@ -151,6 +154,35 @@ Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int vi
     return R::ok(std::move(plan));
 }
 
+std::string ContainerIndexPlan::predictVideo(const AVStream* s, const MovTables& tables, int needed) {
+    auto samples = tables.samples(uint32_t(s->id));
+    if (!samples) return samples.error;
+    const std::vector<int32_t>& cts = samples.value.compositionOffsets;
+    // libavformat leaves a packet's times as the demuxer gives them as long as decode times
+    // never go back, except that a codec other than H.264 or HEVC said not to reorder has
+    // its dts set to its pts when composition offsets make them differ.
+    const AVCodecID codec = s->codecpar->codec_id;
+    if (codec != AV_CODEC_ID_H264 && codec != AV_CODEC_ID_HEVC && s->codecpar->video_delay == 0 && !cts.empty())
+        return "the video has composition offsets but no reordering delay";
+    std::vector<Payload>& list = expected_[size_t(s->index)];
+    constexpr int64_t kTimeLimit = int64_t(1) << 60;
+    int64_t hint = 0;
+    int64_t last = INT64_MIN;
+    for (Payload& p : list) {
+        const int64_t at = samples.value.sampleAt(p.pos, p.size, hint);
+        if (at < 0) return "a video packet at byte " + std::to_string(p.pos) + " is not in the track's sample tables";
+        if (p.timestamp < last) return "the video's decode times go back";
+        if (p.timestamp > kTimeLimit || p.timestamp < -kTimeLimit) return "the video's times are out of range";
+        p.cts = cts.empty() ? 0 : cts[size_t(at)];
+        hint = at + 1;
+        last = p.timestamp;
+    }
+    mayVouch_[size_t(s->index)] = 1;
+    predictedVideo_ = s->index;
+    needed_[size_t(s->index)] = std::max(needed, int(kVouchingPackets));
+    return {};
+}
+
 void ContainerIndexPlan::meet(const AVPacket* pkt) {
     const int s = pkt->stream_index;
     if (!mismatch_.empty() || s < 0 || size_t(s) >= expected_.size() || expected_[size_t(s)].empty()) return;
@@ -170,20 +202,25 @@ bool ContainerIndexPlan::vouches(const AVPacket* pkt) {
     if (!mismatch_.empty() || s < 0 || size_t(s) >= mayVouch_.size() || !mayVouch_[size_t(s)]) return false;
     const size_t at = met_[size_t(s)] - 1; // meet() has counted this packet
     const Payload& want = expected_[size_t(s)][at];
-    const bool asListed = pkt->pts == want.timestamp && pkt->dts == want.timestamp &&
+    // libavformat shifts decode times back by its largest negative composition offset;
+    // the first packet shows by how much.
+    if (s == predictedVideo_ && vouched_[size_t(s)] == 0 && pkt->pts != AV_NOPTS_VALUE && pkt->pts > INT64_MIN / 2 && pkt->pts < INT64_MAX / 2)
+        shift_[size_t(s)] = pkt->pts - want.timestamp - want.cts;
+    const bool asListed = pkt->pts == want.timestamp + want.cts + shift_[size_t(s)] && pkt->dts == want.timestamp &&
                           bool(pkt->flags & AV_PKT_FLAG_KEY) == want.key &&
                           bool(pkt->flags & AV_PKT_FLAG_DISCARD) == want.discard && (at == 0 || pkt->side_data_elems == 0);
     if (!asListed) {
         mayVouch_[size_t(s)] = 0;
         return false;
     }
-    return ++vouched_[size_t(s)] == int(kVouchingPackets) && at + 1 < expected_[size_t(s)].size();
+    return ++vouched_[size_t(s)] == needed_[size_t(s)] && at + 1 < expected_[size_t(s)].size();
 }
 
 void ContainerIndexPlan::listedPacket(int stream, size_t i, AVPacket* pkt) const {
     const Payload& p = expected_[size_t(stream)][i];
     pkt->stream_index = stream;
-    pkt->pts = pkt->dts = p.timestamp;
+    pkt->dts = p.timestamp;
+    pkt->pts = p.timestamp + p.cts + shift_[size_t(stream)];
     pkt->pos = p.pos + payloadOffset_;
     pkt->size = p.size;
     pkt->data = nullptr;

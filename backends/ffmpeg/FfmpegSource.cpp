@@ -43,6 +43,19 @@ Result<std::unique_ptr<FileInput>> openInput(const std::string& path) {
     return FileInput::open(path);
 }
 
+// Reads the moov box of a QuickTime/MP4 file once, keeping its bytes in the input for the
+// demuxer (which then reads them from memory), and parses its sample tables.
+Result<MovTables> readMovTables(FileInput& input) {
+    auto readAt = [&](int64_t pos, void* buf, size_t n) { return input.readAt(pos, buf, n); };
+    auto where = MovTables::findMoov(readAt, input.size());
+    if (!where) return Result<MovTables>::fail(where.error);
+    auto bytes = std::make_shared<std::vector<uint8_t>>(size_t(where.value.second));
+    if (!input.readAt(where.value.first, bytes->data(), bytes->size()))
+        return Result<MovTables>::fail("cannot read the moov box");
+    input.keep(where.value.first, bytes);
+    return MovTables::parse(std::move(bytes));
+}
+
 // Samples (at 48 kHz) in an Opus packet, from its table-of-contents byte (RFC 6716, 3.1).
 int opusSamples(const uint8_t* data, int size) {
     if (size < 1) return 0;
@@ -196,6 +209,8 @@ private:
     std::unique_ptr<Demuxer> demux_;
     FileInput* input_ = nullptr; // demux_'s
     std::optional<ContainerIndexPlan> plan_; // set when the pass leaves payloads unread
+    std::optional<MovTables> movTables_; // a QuickTime/MP4 file's sample tables, when read
+    std::string movError_; // why they were not, when they were not
     bool tablesAllowed_ = false; // the container may be indexed from its tables (no parsers)
     bool headUnread_ = false; // the head probe needed packets that could not be read
     std::vector<int> fromIndex_; // audio streams whose later packets came from the index
@@ -247,6 +262,11 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
     auto input = openInput(path);
     if (!input) return R::fail("cannot open the file: " + input.error, input.cause);
     input_ = input.value.get();
+    if (input_ && options_.useContainerIndex && rescanReason_.empty()) {
+        auto tables = readMovTables(*input_);
+        if (tables) movTables_ = std::move(tables.value);
+        else movError_ = tables.error;
+    }
     auto opened = Demuxer::open(path, false, std::move(input.value));
     if (!opened) return R::fail("not a media file FFmpeg can read (" + opened.error + ")", opened.cause);
     demux_ = std::move(opened.value);
@@ -386,12 +406,15 @@ void FfmpegSource::Scan::planPass() {
     std::vector<int> audio;
     for (const AudioTrack& a : index_->audio) audio.push_back(a.stream);
     const int video = index_->video ? index_->video->stream : -1;
-    auto plan = ContainerIndexPlan::make(demux_->context(), video, audio, 0);
+    auto plan = ContainerIndexPlan::make(demux_->context(), video, audio, kHeadLookahead,
+                                         movTables_ ? &*movTables_ : nullptr);
     if (!plan) {
         index_->scanReason = plan.error;
         return;
     }
     plan_ = std::move(plan.value);
+    index_->indexNote = plan_->videoNote();
+    if (!movError_.empty() && !index_->indexNote.empty()) index_->indexNote += " (" + movError_ + ")";
     input_->setHollow(plan_->hollow());
     if (index_->video) index_->video->packets.reserve(plan_->listedCount(index_->video->stream));
     for (AudioTrack& a : index_->audio) a.packets.reserve(plan_->listedCount(a.stream));
@@ -421,24 +444,26 @@ void FfmpegSource::Scan::readPackets() {
         const int s = pkt->stream_index;
         const bool hollow = plan_ && input_->isHollow(pkt->pos, pkt->size);
         if (plan_) plan_->meet(pkt.get());
-        if (index_->video && s == index_->video->stream) {
+        if (index_->video && s == index_->video->stream)
             addVideoPacket(pkt.get(), hollow);
-        } else if (s >= 0 && size_t(s) < audioSlot_.size() && audioSlot_[size_t(s)] >= 0) {
+        else if (s >= 0 && size_t(s) < audioSlot_.size() && audioSlot_[size_t(s)] >= 0)
             addAudioPacket(index_->audio[size_t(audioSlot_[size_t(s)])], pkt.get(), hollow);
-            if (plan_ && hollow && plan_->vouches(pkt.get())) {
-                // The rest of this stream comes from the index: the demuxer skips it.
-                ctx->streams[s]->discard = AVDISCARD_ALL;
-                fromIndex_.push_back(s);
-            }
+        if (plan_ && plan_->vouches(pkt.get())) {
+            // The rest of this stream comes from the index: the demuxer skips it.
+            ctx->streams[s]->discard = AVDISCARD_ALL;
+            fromIndex_.push_back(s);
         }
         av_packet_unref(pkt.get());
+        if (fromIndex_.size() == index_->audio.size() + (index_->video ? 1 : 0)) break;
     }
     for (int s : fromIndex_) {
-        AudioTrack& track = index_->audio[size_t(audioSlot_[size_t(s)])];
-        for (size_t i = track.packets.size(); i < plan_->listedCount(s); ++i) {
+        const bool video = index_->video && s == index_->video->stream;
+        AudioTrack* track = video ? nullptr : &index_->audio[size_t(audioSlot_[size_t(s)])];
+        for (size_t i = video ? index_->video->packets.size() : track->packets.size(); i < plan_->listedCount(s); ++i) {
             plan_->listedPacket(s, i, pkt.get());
             plan_->meet(pkt.get());
-            addAudioPacket(track, pkt.get(), true);
+            if (video) addVideoPacket(pkt.get(), true);
+            else addAudioPacket(*track, pkt.get(), true);
         }
         av_packet_unref(pkt.get());
     }
@@ -455,7 +480,7 @@ void FfmpegSource::Scan::addVideoPacket(AVPacket* pkt, bool hollow) {
     if (p.keyFrame && firstKey_ < 0) firstKey_ = d;
     v.packets.push_back(p);
     const bool keep = (firstKey_ < 0 || d <= firstKey_ + kHeadLookahead) && headBytes_ < kHeadBytes;
-    if (keep && !v.codecIsIntraOnly) {
+    if (keep && !v.codecIsIntraOnly && pkt->buf) { // (packets taken from the index come after the head)
         PacketPtr copy = newPacket();
         if (copy && av_packet_ref(copy.get(), pkt) >= 0) {
             headBytes_ += size_t(pkt->size);
