@@ -67,8 +67,11 @@ Result<std::vector<ContainerIndexPlan::Payload>> listedPayloads(const AVStream* 
         if (!e || e->pos < 0 || e->size <= 0 || e->timestamp == AV_NOPTS_VALUE)
             return R::fail("the container's index of the " + streamName(s) + " stream has incomplete entries");
         anyKey |= (e->flags & AVINDEX_KEYFRAME) != 0;
-        out.push_back({e->pos, e->timestamp, e->size, (e->flags & AVINDEX_KEYFRAME) != 0,
-                       (e->flags & AVINDEX_DISCARD_FRAME) != 0});
+        out.push_back({.pos = e->pos,
+                       .timestamp = e->timestamp,
+                       .size = e->size,
+                       .key = (e->flags & AVINDEX_KEYFRAME) != 0,
+                       .discard = (e->flags & AVINDEX_DISCARD_FRAME) != 0});
     }
     if (needKey && !anyKey) return R::fail("the container's index marks no key frame");
     return R::ok(std::move(out));
@@ -101,57 +104,68 @@ Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int vi
     plan.needed_.assign(ctx->nb_streams, int(kVouchingPackets));
     plan.shift_.assign(ctx->nb_streams, 0);
 
-    std::vector<std::pair<int64_t, int64_t>> ranges;
-    int firstKey = 0;
-    auto addStream = [&](int stream, bool isVideo) -> std::string {
-        const AVStream* s = ctx->streams[stream];
-        auto listed = listedPayloads(s, isVideo);
-        if (!listed) return listed.error;
-        int realUpTo = 0; // video: the first key packet, whose bytes the order probe needs
-        if (isVideo) {
-            while (size_t(firstKey) < listed.value.size() && !listed.value[size_t(firstKey)].key) ++firstKey;
-            realUpTo = firstKey + 1;
-        }
-        // Each stream's payloads in file order, then merged with the streams before it.
-        const auto from = ranges.size();
-        for (size_t i = 0; i < listed.value.size(); ++i) {
-            const int64_t begin = listed.value[i].pos + plan.payloadOffset_;
-            if (int(i) >= realUpTo) ranges.emplace_back(begin, begin + listed.value[i].size);
-        }
-        const auto mid = ranges.begin() + std::ptrdiff_t(from);
-        if (!std::is_sorted(mid, ranges.end())) std::sort(mid, ranges.end());
-        std::inplace_merge(ranges.begin(), mid, ranges.end());
-        plan.expected_[size_t(stream)] = std::move(listed.value);
-        return {};
-    };
+    std::vector<std::span<const Payload>> unread; // per stream: the payloads left unread
     if (video >= 0) {
-        if (!passedUnparsed(family, ctx->streams[video]->codecpar))
-            return R::fail("the demuxer reads the " + streamName(ctx->streams[video]) + " stream's packets from their bytes");
-        if (std::string why = addStream(video, true); !why.empty()) return R::fail(why);
+        const AVStream* s = ctx->streams[video];
+        if (!passedUnparsed(family, s->codecpar))
+            return R::fail("the demuxer reads the " + streamName(s) + " stream's packets from their bytes");
+        auto listed = listedPayloads(s, true);
+        if (!listed) return R::fail(listed.error);
+        // The first key packet stays real: the order probe may need its bytes.
+        size_t firstKey = 0;
+        while (firstKey < listed.value.size() && !listed.value[firstKey].key) ++firstKey;
+        plan.expected_[size_t(video)] = std::move(listed.value);
+        unread.push_back(std::span<const Payload>(plan.expected_[size_t(video)]).subspan(firstKey + 1));
         if (family != Family::QuickTime) plan.videoNote_ = "the container's index gives no presentation times";
         else if (!tables) plan.videoNote_ = "the moov box was not read";
-        else plan.videoNote_ = plan.predictVideo(ctx->streams[video], *tables, firstKey + headPackets + 1);
+        else plan.videoNote_ = plan.predictVideo(s, *tables, int(firstKey) + headPackets + 1);
     }
     for (int a : audio) {
+        const AVStream* s = ctx->streams[a];
         // PCM is read for real: it is small, and its bytes are checked against the file.
-        if (isPcm(ctx->streams[a]->codecpar)) continue;
-        if (!passedUnparsed(family, ctx->streams[a]->codecpar))
-            return R::fail("the demuxer reads the " + streamName(ctx->streams[a]) + " stream's packets from their bytes");
-        if (std::string why = addStream(a, false); !why.empty()) return R::fail(why);
+        if (isPcm(s->codecpar)) continue;
+        if (!passedUnparsed(family, s->codecpar))
+            return R::fail("the demuxer reads the " + streamName(s) + " stream's packets from their bytes");
+        auto listed = listedPayloads(s, false);
+        if (!listed) return R::fail(listed.error);
         // Sample counts must follow from the sizes alone (not from the packets' durations).
-        AVCodecParameters* par = ctx->streams[a]->codecpar;
         bool fromSizes = family == Family::QuickTime;
-        for (const Payload& p : plan.expected_[size_t(a)])
-            fromSizes = fromSizes && av_get_audio_frame_duration2(par, p.size) > 0;
+        for (Payload& p : listed.value) {
+            p.samples = av_get_audio_frame_duration2(s->codecpar, p.size);
+            fromSizes = fromSizes && p.samples > 0;
+        }
         plan.mayVouch_[size_t(a)] = fromSizes;
+        plan.expected_[size_t(a)] = std::move(listed.value);
+        unread.push_back(plan.expected_[size_t(a)]);
     }
-    for (const auto& r : ranges) {
-        if (!plan.hollow_.empty() && r.first < plan.hollow_.back().second)
-            return R::fail("the container's index lists overlapping packets");
-        if (!plan.hollow_.empty() && r.first == plan.hollow_.back().second) plan.hollow_.back().second = r.second;
-        else plan.hollow_.push_back(r);
-    }
+    if (std::string why = plan.leaveUnread(unread); !why.empty()) return R::fail(why);
     return R::ok(std::move(plan));
+}
+
+std::string ContainerIndexPlan::leaveUnread(std::vector<std::span<const Payload>> streams) {
+    // Each stream's payloads in file order (a copy sorted by position where they are not),
+    // then merged into one sorted list of ranges, adjoining ones joined.
+    auto byPos = [](const Payload& a, const Payload& b) { return a.pos < b.pos; };
+    std::vector<std::vector<Payload>> sorted;
+    for (auto& list : streams)
+        if (!std::is_sorted(list.begin(), list.end(), byPos)) {
+            sorted.emplace_back(list.begin(), list.end());
+            std::sort(sorted.back().begin(), sorted.back().end(), byPos);
+            list = sorted.back();
+        }
+    std::vector<size_t> at(streams.size(), 0);
+    for (;;) {
+        size_t best = streams.size();
+        for (size_t k = 0; k < streams.size(); ++k)
+            if (at[k] < streams[k].size() && (best == streams.size() || streams[k][at[k]].pos < streams[best][at[best]].pos))
+                best = k;
+        if (best == streams.size()) return {};
+        const Payload& p = streams[best][at[best]++];
+        const int64_t begin = p.pos + payloadOffset_;
+        if (!hollow_.empty() && begin < hollow_.back().second) return "the container's index lists overlapping packets";
+        if (!hollow_.empty() && begin == hollow_.back().second) hollow_.back().second = begin + p.size;
+        else hollow_.emplace_back(begin, begin + p.size);
+    }
 }
 
 std::string ContainerIndexPlan::predictVideo(const AVStream* s, const MovTables& tables, int needed) {

@@ -23,6 +23,7 @@
 #include "backends/ffmpeg/FfmpegMovTables.h"
 
 #include <cstdint>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -40,9 +41,10 @@ public:
         int64_t pos = 0;
         int64_t timestamp = 0;
         int32_t size = 0;
+        int32_t cts = 0;     // video: composition offset; pts is timestamp + cts + the stream's shift
+        int32_t samples = 0; // audio: samples its size gives, 0 when the size does not tell
         bool key = false;
         bool discard = false;
-        int32_t cts = 0; // composition offset (QuickTime video): pts is timestamp + cts + the stream's shift
     };
     // Audio packets of a stream the demuxer has shown to give exactly as the index lists
     // them before the rest are taken from the index.
@@ -78,12 +80,18 @@ public:
     bool vouches(const AVPacket* pkt);
     // The stream's listed packet i as the demuxer gives it, without payload.
     void listedPacket(int stream, size_t i, AVPacket* pkt) const;
+    const Payload& listed(int stream, size_t i) const { return expected_[size_t(stream)][i]; }
     size_t listedCount(int stream) const { return expected_[size_t(stream)].size(); }
+    // Counts the stream's packets from the demuxer's last one on as met: they were taken
+    // with listedPacket().
+    void metAll(int stream) { met_[size_t(stream)] = expected_[size_t(stream)].size(); }
 
 private:
     // Gives each entry of the video stream its composition offset from the file's tables
     // and lets the stream vouch after needed packets; else says why not.
     std::string predictVideo(const AVStream* s, const MovTables& tables, int needed);
+    // Sets hollow_ to the payloads of these streams; fails when two overlap.
+    std::string leaveUnread(std::vector<std::span<const Payload>> streams);
 
     std::vector<std::pair<int64_t, int64_t>> hollow_;
     std::vector<std::vector<Payload>> expected_; // per stream of the file; empty: not checked

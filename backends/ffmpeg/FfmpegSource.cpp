@@ -23,6 +23,8 @@ extern "C" {
 #include <unistd.h>
 
 namespace ffmpeg_engine {
+static double T0;
+static void lap(const char* what) { if (!getenv("TIMING")) return; double t = std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); fprintf(stderr, "%-12s %.2f ms\n", what, (t - T0) * 1e3); T0 = t; }
 
 namespace {
 
@@ -139,6 +141,24 @@ bool hasPackedBFrames(const AVCodecParameters* par, const std::vector<PacketPtr>
     return false;
 }
 
+// Sorts items that are nearly in order already (pictures in decode order, which
+// reordering moves by a few places) by a strict total order: by insertion while that
+// stays cheap, else by a full sort.
+template <class Less> void sortNearlySorted(std::vector<int>& items, Less less) {
+    const size_t budget = 16 * items.size() + 64;
+    size_t moves = 0;
+    for (size_t i = 1; i < items.size(); ++i) {
+        const int x = items[i];
+        size_t j = i;
+        for (; j > 0 && less(x, items[j - 1]) && moves < budget; --j, ++moves) items[j] = items[j - 1];
+        items[j] = x;
+        if (moves >= budget) {
+            std::sort(items.begin(), items.end(), less);
+            return;
+        }
+    }
+}
+
 // Decodes packets with a single-threaded decoder, their pts replaced by their decode
 // index, and records which packets' pictures come out and in what order.
 class OrderProbe {
@@ -196,7 +216,8 @@ private:
     void planPass();
     void readPackets();
     void addVideoPacket(AVPacket* pkt, bool hollow);
-    void addAudioPacket(AudioTrack& track, AVPacket* pkt, bool hollow);
+    // knownSamples: the samples the packet's size gives, when already known.
+    void addAudioPacket(AudioTrack& track, AVPacket* pkt, bool hollow, int knownSamples = 0);
     void checkPcmBytes(AudioTrack& track, const AVPacket* pkt);
     bool finishVideo();
     bool readHollowHead();
@@ -217,7 +238,7 @@ private:
     int systemCause_ = 0; // errno of a system failure after the first pass (no descriptor...)
     std::shared_ptr<MediaIndex> index_ = std::make_shared<MediaIndex>();
     std::vector<int> audioSlot_; // per stream of the file: its place in index_->audio, or -1
-    std::vector<bool> pcmUsable_; // per audio track: PCM bytes seen in the file match the packets
+    std::vector<bool> pcmUsable_; // per audio track: PCM whose bytes seen in the file match the packets
     std::vector<int64_t> pcmRunEnd_;
     // Vorbis packets vary in length with the block sizes on either side of them; FFmpeg's
     // Vorbis parser knows them from the stream's setup header.
@@ -247,6 +268,7 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::open(const std::string& 
 
 Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::string& path) {
     const auto started = std::chrono::steady_clock::now();
+    T0 = std::chrono::duration<double>(started.time_since_epoch()).count();
     path_ = path;
     index_->path = path;
     size_t inMemory = 0;
@@ -267,7 +289,9 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
         if (tables) movTables_ = std::move(tables.value);
         else movError_ = tables.error;
     }
+    lap("moov");
     auto opened = Demuxer::open(path, false, std::move(input.value));
+    lap("open_input");
     if (!opened) return R::fail("not a media file FFmpeg can read (" + opened.error + ")", opened.cause);
     demux_ = std::move(opened.value);
     AVFormatContext* ctx = demux_->context();
@@ -282,11 +306,14 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
         return R::fail("not a media file FFmpeg can read (cannot read the streams: " + errorText(rc) + ")",
                        systemCause(rc));
     demux_->arm(kCallTimeLimit);
-
+    lap("stream_info");
     std::string error;
     if (!chooseStreams(error)) return R::fail(error);
+    lap("choose");
     planPass();
+    lap("plan");
     readPackets();
+    lap("packets");
     index_->bytesRead = input_ ? input_->bytesRead() : uint64_t(inMemory);
     if (const int e = input_ ? input_->readError() : 0)
         return R::fail(std::string("cannot read the file: ") + std::strerror(e), e);
@@ -304,7 +331,9 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
         if (systemCause_) return R::fail("cannot open the file again to order its pictures", systemCause_);
         index_->video.reset();
     }
+    lap("finishVideo");
     for (size_t i = 0; i < index_->audio.size(); ++i) finishAudio(index_->audio[i], i);
+    lap("finishAudio");
     std::erase_if(index_->audio, [](const AudioTrack& a) { return a.totalSamples <= 0; });
     if (!index_->video && index_->audio.empty()) {
         if (!index_->scanWarning.empty()) return R::fail("no readable frames or samples (" + index_->scanWarning + ")");
@@ -374,7 +403,9 @@ bool FfmpegSource::Scan::chooseStreams(std::string& error) {
         error = "no video or audio stream";
         return false;
     }
-    pcmUsable_.assign(index_->audio.size(), true);
+    pcmUsable_.resize(index_->audio.size());
+    for (size_t i = 0; i < index_->audio.size(); ++i)
+        pcmUsable_[i] = pcmLayout(index_->audio[i].codec->codec_id).storedBytes > 0;
     vorbis_.resize(index_->audio.size());
     for (size_t i = 0; i < index_->audio.size(); ++i) {
         const AVCodecParameters* par = index_->audio[i].codec.get();
@@ -456,15 +487,16 @@ void FfmpegSource::Scan::readPackets() {
         av_packet_unref(pkt.get());
         if (fromIndex_.size() == index_->audio.size() + (index_->video ? 1 : 0)) break;
     }
+    lap("demuxloop");
     for (int s : fromIndex_) {
         const bool video = index_->video && s == index_->video->stream;
         AudioTrack* track = video ? nullptr : &index_->audio[size_t(audioSlot_[size_t(s)])];
         for (size_t i = video ? index_->video->packets.size() : track->packets.size(); i < plan_->listedCount(s); ++i) {
             plan_->listedPacket(s, i, pkt.get());
-            plan_->meet(pkt.get());
             if (video) addVideoPacket(pkt.get(), true);
-            else addAudioPacket(*track, pkt.get(), true);
+            else addAudioPacket(*track, pkt.get(), true, plan_->listed(s, i).samples);
         }
+        plan_->metAll(s);
         av_packet_unref(pkt.get());
     }
 }
@@ -506,7 +538,7 @@ bool FfmpegSource::Scan::readHollowHead() {
     return true;
 }
 
-void FfmpegSource::Scan::addAudioPacket(AudioTrack& a, AVPacket* pkt, bool hollow) {
+void FfmpegSource::Scan::addAudioPacket(AudioTrack& a, AVPacket* pkt, bool hollow, int knownSamples) {
     AudioPacket p;
     p.key = {pkt->pts, pkt->dts, pkt->pos, pkt->size, hollow ? 0 : packetDigest(pkt), !hollow};
     p.discard = pkt->flags & AV_PKT_FLAG_DISCARD;
@@ -516,7 +548,7 @@ void FfmpegSource::Scan::addAudioPacket(AudioTrack& a, AVPacket* pkt, bool hollo
         const int n = av_vorbis_parse_frame(vorbis_[slot].get(), pkt->data, pkt->size);
         p.decoded = a.packets.empty() ? 0 : std::max(0, n);
     } else {
-        p.decoded = audioPacketSamples(a.codec.get(), a.timeBase, pkt);
+        p.decoded = knownSamples > 0 ? knownSamples : audioPacketSamples(a.codec.get(), a.timeBase, pkt);
     }
     size_t sideSize = 0;
     if (const uint8_t* side = av_packet_get_side_data(pkt, AV_PKT_DATA_SKIP_SAMPLES, &sideSize); side && sideSize >= 10) {
@@ -532,7 +564,7 @@ void FfmpegSource::Scan::addAudioPacket(AudioTrack& a, AVPacket* pkt, bool hollo
 // block header instead of its payload).
 void FfmpegSource::Scan::checkPcmBytes(AudioTrack& a, const AVPacket* pkt) {
     const size_t slot = size_t(&a - index_->audio.data());
-    if (!pcmUsable_[slot] || pcmLayout(a.codec->codec_id).storedBytes == 0) return;
+    if (!pcmUsable_[slot]) return;
     if (pkt->pos < 0 || pkt->size <= 0) {
         pcmUsable_[slot] = false;
         return;
@@ -659,6 +691,7 @@ bool FfmpegSource::Scan::finishVideo() {
     // The key packet each frame's decoding starts from.
     std::vector<int32_t> start(size_t(n), 0);
     std::vector<int> keys;
+    keys.reserve(size_t(n) / 8);
     for (int d = 0; d < n; ++d) {
         const VideoPacket& p = v.packets[size_t(d)];
         if (d >= firstKey && (p.keyFrame || d == firstKey)) keys.push_back(d);
@@ -669,10 +702,12 @@ bool FfmpegSource::Scan::finishVideo() {
     }
 
     std::vector<int> shown;
+    shown.reserve(size_t(n));
     for (int d = 0; d < n; ++d)
         if (included[size_t(d)]) shown.push_back(d);
-    std::stable_sort(shown.begin(), shown.end(),
-                     [&](int a, int b) { return order[size_t(a)] < order[size_t(b)]; });
+    sortNearlySorted(shown, [&](int a, int b) {
+        return order[size_t(a)] < order[size_t(b)] || (order[size_t(a)] == order[size_t(b)] && a < b);
+    });
     v.frames.clear();
     v.frames.reserve(shown.size());
     for (int d : shown) {
@@ -712,6 +747,7 @@ void FfmpegSource::Scan::finishAudio(AudioTrack& a, size_t slot) {
     a.initialSkip = int32_t(decoderInitialSkip(a.codec.get()));
     int64_t pendingSkip = a.initialSkip;
     std::vector<int> sizes;
+    sizes.reserve(a.packets.size());
     for (AudioPacket& p : a.packets) {
         if (p.skipStart || p.skipEnd) pendingSkip = p.skipStart;
         p.outStart = pos;
