@@ -104,7 +104,7 @@ Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int vi
     plan.needed_.assign(ctx->nb_streams, int(kVouchingPackets));
     plan.shift_.assign(ctx->nb_streams, 0);
 
-    std::vector<std::span<const Payload>> unread; // per stream: the payloads left unread
+    plan.unreadFrom_.assign(ctx->nb_streams, kNone);
     if (video >= 0) {
         const AVStream* s = ctx->streams[video];
         if (!passedUnparsed(family, s->codecpar))
@@ -115,7 +115,7 @@ Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int vi
         size_t firstKey = 0;
         while (firstKey < listed.value.size() && !listed.value[firstKey].key) ++firstKey;
         plan.expected_[size_t(video)] = std::move(listed.value);
-        unread.push_back(std::span<const Payload>(plan.expected_[size_t(video)]).subspan(firstKey + 1));
+        plan.unreadFrom_[size_t(video)] = firstKey + 1;
         if (family != Family::QuickTime) plan.videoNote_ = "the container's index gives no presentation times";
         else if (!tables) plan.videoNote_ = "the moov box was not read";
         else plan.videoNote_ = plan.predictVideo(s, *tables, int(firstKey) + headPackets + 1);
@@ -136,28 +136,55 @@ Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int vi
         }
         plan.mayVouch_[size_t(a)] = fromSizes;
         plan.expected_[size_t(a)] = std::move(listed.value);
-        unread.push_back(plan.expected_[size_t(a)]);
+        plan.unreadFrom_[size_t(a)] = 0;
     }
-    if (std::string why = plan.leaveUnread(unread); !why.empty()) return R::fail(why);
+    if (std::string why = plan.leaveUnread(plan.headEnd()); !why.empty()) return R::fail(why);
     return R::ok(std::move(plan));
 }
 
-std::string ContainerIndexPlan::leaveUnread(std::vector<std::span<const Payload>> streams) {
+int64_t ContainerIndexPlan::headEnd() const {
+    // Where every stream the index predicts has given its vouching packets, with room to
+    // spare; the whole file while some stream passes through the demuxer.
+    int64_t end = 0;
+    for (size_t s = 0; s < expected_.size(); ++s) {
+        if (unreadFrom_[s] == kNone) continue;
+        if (!mayVouch_[s]) return INT64_MAX;
+        const size_t last = std::min(2 * size_t(needed_[s]) + 16, expected_[s].size() - 1);
+        end = std::max(end, expected_[s][last].pos + expected_[s][last].size + payloadOffset_);
+    }
+    return end;
+}
+
+bool ContainerIndexPlan::widenHollow() {
+    if (!stale_ || hollowLimit_ == INT64_MAX) return false;
+    if (std::string why = leaveUnread(INT64_MAX); !why.empty() && mismatch_.empty()) mismatch_ = why;
+    return true;
+}
+
+std::string ContainerIndexPlan::leaveUnread(int64_t limit) {
     // Each stream's payloads in file order (a copy sorted by position where they are not),
     // then merged into one sorted list of ranges, adjoining ones joined.
+    hollow_.clear();
+    hollowLimit_ = limit;
     auto byPos = [](const Payload& a, const Payload& b) { return a.pos < b.pos; };
+    std::vector<std::span<const Payload>> streams;
     std::vector<std::vector<Payload>> sorted;
-    for (auto& list : streams)
+    for (size_t s = 0; s < expected_.size(); ++s) {
+        if (unreadFrom_[s] == kNone) continue;
+        std::span<const Payload> list = std::span<const Payload>(expected_[s]).subspan(unreadFrom_[s]);
         if (!std::is_sorted(list.begin(), list.end(), byPos)) {
             sorted.emplace_back(list.begin(), list.end());
             std::sort(sorted.back().begin(), sorted.back().end(), byPos);
             list = sorted.back();
         }
+        streams.push_back(list);
+    }
     std::vector<size_t> at(streams.size(), 0);
     for (;;) {
         size_t best = streams.size();
         for (size_t k = 0; k < streams.size(); ++k)
-            if (at[k] < streams[k].size() && (best == streams.size() || streams[k][at[k]].pos < streams[best][at[best]].pos))
+            if (at[k] < streams[k].size() && streams[k][at[k]].pos < limit &&
+                (best == streams.size() || streams[k][at[k]].pos < streams[best][at[best]].pos))
                 best = k;
         if (best == streams.size()) return {};
         const Payload& p = streams[best][at[best]++];
@@ -225,6 +252,7 @@ bool ContainerIndexPlan::vouches(const AVPacket* pkt) {
                           bool(pkt->flags & AV_PKT_FLAG_DISCARD) == want.discard && (at == 0 || pkt->side_data_elems == 0);
     if (!asListed) {
         mayVouch_[size_t(s)] = 0;
+        stale_ = true;
         return false;
     }
     return ++vouched_[size_t(s)] == needed_[size_t(s)] && at + 1 < expected_[size_t(s)].size();

@@ -63,8 +63,12 @@ public:
     // indexes them; empty when the index predicts them.
     const std::string& videoNote() const { return videoNote_; }
 
-    // The byte ranges left unread, sorted and merged.
+    // The byte ranges left unread, sorted and merged. While every stream is predicted,
+    // they reach only a little past the head the demuxer gives.
     const std::vector<std::pair<int64_t, int64_t>>& hollow() const { return hollow_; }
+    // After a stream stopped vouching (its packets now all pass through the demuxer): the
+    // ranges are widened to the whole file; true when they changed.
+    bool widenHollow();
 
     // Checks a packet of the pass against the index, in the order the demuxer gives them.
     void meet(const AVPacket* pkt);
@@ -90,8 +94,11 @@ private:
     // Gives each entry of the video stream its composition offset from the file's tables
     // and lets the stream vouch after needed packets; else says why not.
     std::string predictVideo(const AVStream* s, const MovTables& tables, int needed);
-    // Sets hollow_ to the payloads of these streams; fails when two overlap.
-    std::string leaveUnread(std::vector<std::span<const Payload>> streams);
+    // Sets hollow_ to the unread payloads before limit; fails when two overlap.
+    std::string leaveUnread(int64_t limit);
+    int64_t headEnd() const;
+
+    static constexpr size_t kNone = SIZE_MAX;
 
     std::vector<std::pair<int64_t, int64_t>> hollow_;
     std::vector<std::vector<Payload>> expected_; // per stream of the file; empty: not checked
@@ -100,6 +107,9 @@ private:
     std::vector<int> vouched_;   // per stream: the first packets that came as listed
     std::vector<int> needed_;    // per stream: packets to come as listed before it vouches
     std::vector<int64_t> shift_; // per stream: pts less timestamp and cts (libavformat's dts shift)
+    std::vector<size_t> unreadFrom_; // per stream: its first entry left unread; kNone: read all
+    int64_t hollowLimit_ = INT64_MAX; // hollow_ covers the payloads before this position
+    bool stale_ = false;              // a stream stopped vouching: hollow_ may be too short
     int predictedVideo_ = -1;    // the video stream predictVideo() accepted
     std::string videoNote_;
     int payloadOffset_ = 0; // bytes between an entry's position and its payload (AVI: 8)

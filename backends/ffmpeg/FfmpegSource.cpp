@@ -19,12 +19,14 @@ extern "C" {
 #include <numeric>
 #include <string_view>
 #include <sys/stat.h>
+#include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
 
 namespace ffmpeg_engine {
 static double T0;
-static void lap(const char* what) { if (!getenv("TIMING")) return; double t = std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); fprintf(stderr, "%-12s %.2f ms\n", what, (t - T0) * 1e3); T0 = t; }
+static long F0;
+static void lap(const char* what) { if (!getenv("TIMING")) return; double t = std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); struct rusage ru; getrusage(RUSAGE_THREAD, &ru); fprintf(stderr, "%-12s %.2f ms %ld faults\n", what, (t - T0) * 1e3, ru.ru_minflt - F0); T0 = t; F0 = ru.ru_minflt; }
 
 namespace {
 
@@ -484,6 +486,7 @@ void FfmpegSource::Scan::readPackets() {
             ctx->streams[s]->discard = AVDISCARD_ALL;
             fromIndex_.push_back(s);
         }
+        if (plan_ && plan_->widenHollow()) input_->setHollow(plan_->hollow());
         av_packet_unref(pkt.get());
         if (fromIndex_.size() == index_->audio.size() + (index_->video ? 1 : 0)) break;
     }
@@ -746,14 +749,17 @@ void FfmpegSource::Scan::finishAudio(AudioTrack& a, size_t slot) {
     int64_t pos = 0;
     a.initialSkip = int32_t(decoderInitialSkip(a.codec.get()));
     int64_t pendingSkip = a.initialSkip;
+    // Only Opus's preroll depends on how long its packets typically are.
+    const bool typicalMatters = a.codec->codec_id == AV_CODEC_ID_OPUS;
     std::vector<int> sizes;
-    sizes.reserve(a.packets.size());
+    bool anyDecoded = false;
     for (AudioPacket& p : a.packets) {
         if (p.skipStart || p.skipEnd) pendingSkip = p.skipStart;
         p.outStart = pos;
         p.outCount = 0;
         if (p.decoded <= 0) continue;
-        sizes.push_back(p.decoded);
+        anyDecoded = true;
+        if (typicalMatters) sizes.push_back(p.decoded);
         int64_t out = p.decoded;
         if (pendingSkip >= out) {
             pendingSkip -= out;
@@ -768,10 +774,8 @@ void FfmpegSource::Scan::finishAudio(AudioTrack& a, size_t slot) {
         pos += out;
     }
     a.totalSamples = pos;
-    if (!sizes.empty()) {
-        std::nth_element(sizes.begin(), sizes.begin() + sizes.size() / 2, sizes.end());
-        a.prerollPackets = prerollPacketsFor(a.codec.get(), sizes[sizes.size() / 2]);
-    }
+    if (!sizes.empty()) std::nth_element(sizes.begin(), sizes.begin() + sizes.size() / 2, sizes.end());
+    if (anyDecoded) a.prerollPackets = prerollPacketsFor(a.codec.get(), sizes.empty() ? 0 : sizes[sizes.size() / 2]);
 
     const PcmLayout layout = pcmLayout(a.codec->codec_id);
     a.bytesPerFrame = layout.storedBytes * a.channels;
