@@ -19,14 +19,10 @@ extern "C" {
 #include <numeric>
 #include <string_view>
 #include <sys/stat.h>
-#include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
 
 namespace ffmpeg_engine {
-static double T0;
-static long F0;
-static void lap(const char* what) { if (!getenv("TIMING")) return; double t = std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); struct rusage ru; getrusage(RUSAGE_THREAD, &ru); fprintf(stderr, "%-12s %.2f ms %ld faults\n", what, (t - T0) * 1e3, ru.ru_minflt - F0); T0 = t; F0 = ru.ru_minflt; }
 
 namespace {
 
@@ -270,7 +266,6 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::open(const std::string& 
 
 Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::string& path) {
     const auto started = std::chrono::steady_clock::now();
-    T0 = std::chrono::duration<double>(started.time_since_epoch()).count();
     path_ = path;
     index_->path = path;
     size_t inMemory = 0;
@@ -291,9 +286,7 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
         if (tables) movTables_ = std::move(tables.value);
         else movError_ = tables.error;
     }
-    lap("moov");
     auto opened = Demuxer::open(path, false, std::move(input.value));
-    lap("open_input");
     if (!opened) return R::fail("not a media file FFmpeg can read (" + opened.error + ")", opened.cause);
     demux_ = std::move(opened.value);
     AVFormatContext* ctx = demux_->context();
@@ -308,14 +301,10 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
         return R::fail("not a media file FFmpeg can read (cannot read the streams: " + errorText(rc) + ")",
                        systemCause(rc));
     demux_->arm(kCallTimeLimit);
-    lap("stream_info");
     std::string error;
     if (!chooseStreams(error)) return R::fail(error);
-    lap("choose");
     planPass();
-    lap("plan");
     readPackets();
-    lap("packets");
     index_->bytesRead = input_ ? input_->bytesRead() : uint64_t(inMemory);
     if (const int e = input_ ? input_->readError() : 0)
         return R::fail(std::string("cannot read the file: ") + std::strerror(e), e);
@@ -333,9 +322,7 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
         if (systemCause_) return R::fail("cannot open the file again to order its pictures", systemCause_);
         index_->video.reset();
     }
-    lap("finishVideo");
     for (size_t i = 0; i < index_->audio.size(); ++i) finishAudio(index_->audio[i], i);
-    lap("finishAudio");
     std::erase_if(index_->audio, [](const AudioTrack& a) { return a.totalSamples <= 0; });
     if (!index_->video && index_->audio.empty()) {
         if (!index_->scanWarning.empty()) return R::fail("no readable frames or samples (" + index_->scanWarning + ")");
@@ -490,7 +477,6 @@ void FfmpegSource::Scan::readPackets() {
         av_packet_unref(pkt.get());
         if (fromIndex_.size() == index_->audio.size() + (index_->video ? 1 : 0)) break;
     }
-    lap("demuxloop");
     for (int s : fromIndex_) {
         const bool video = index_->video && s == index_->video->stream;
         AudioTrack* track = video ? nullptr : &index_->audio[size_t(audioSlot_[size_t(s)])];
