@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -127,11 +128,13 @@ int FileInput::read(uint8_t* buf, int size) {
         // Read ahead, up to the next hollow range: more each time the reading goes on
         // where the last block ended.
         nextBlock_ = pos_ == blockPos_ + int64_t(blockLen_) ? std::min(nextBlock_ * 2, kBlockBytes) : kFirstBlockBytes;
-        block_.resize(kBlockBytes);
+        // Not zeroed: only the bytes a read fills are ever touched.
+        if (!block_) block_.reset(new (std::nothrow) uint8_t[kBlockBytes]);
+        if (!block_) return AVERROR(ENOMEM);
         const size_t want = size_t(std::min<int64_t>(int64_t(nextBlock_), realEnd - pos_));
         ssize_t got;
         do
-            got = ::pread(fd_, block_.data(), want, pos_);
+            got = ::pread(fd_, block_.get(), want, pos_);
         while (got < 0 && errno == EINTR);
         if (got < 0) {
             readError_ = errno;
@@ -143,7 +146,7 @@ int FileInput::read(uint8_t* buf, int size) {
         bytesRead_ += uint64_t(got);
     }
     const int copied = int(std::min<int64_t>(n, blockPos_ + int64_t(blockLen_) - pos_));
-    std::memcpy(buf, block_.data() + (pos_ - blockPos_), size_t(copied));
+    std::memcpy(buf, block_.get() + (pos_ - blockPos_), size_t(copied));
     pos_ += copied;
     return copied;
 }

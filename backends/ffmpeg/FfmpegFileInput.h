@@ -62,7 +62,7 @@ private:
     int64_t size_ = 0;
     int64_t pos_ = 0;
     AVIOContext* io_ = nullptr;
-    std::vector<uint8_t> block_; // file bytes [blockPos_, blockPos_ + blockLen_)
+    std::unique_ptr<uint8_t[]> block_; // kBlockBytes; file bytes [blockPos_, blockPos_ + blockLen_)
     int64_t blockPos_ = -1;
     size_t blockLen_ = 0;
     std::vector<std::pair<int64_t, int64_t>> hollow_;
