@@ -41,8 +41,7 @@ public:
         int64_t pos = 0;
         int64_t timestamp = 0;
         int32_t size = 0;
-        int32_t cts = 0;     // video: composition offset; pts is timestamp + cts + the stream's shift
-        int32_t samples = 0; // audio: samples its size gives, 0 when the size does not tell
+        int32_t cts = 0; // video: composition offset; pts is timestamp + cts + the stream's shift
         bool key = false;
         bool discard = false;
     };
@@ -84,13 +83,15 @@ public:
     bool vouches(const AVPacket* pkt);
     // The stream's listed packet i as the demuxer gives it, without payload.
     void listedPacket(int stream, size_t i, AVPacket* pkt) const;
-    const Payload& listed(int stream, size_t i) const { return expected_[size_t(stream)][i]; }
-    size_t listedCount(int stream) const { return expected_[size_t(stream)].size(); }
+    size_t listedCount(int stream) const { return count_[size_t(stream)]; }
     // Counts the stream's packets from the demuxer's last one on as met: they were taken
     // with listedPacket().
-    void metAll(int stream) { met_[size_t(stream)] = expected_[size_t(stream)].size(); }
+    void metAll(int stream) { met_[size_t(stream)] = count_[size_t(stream)]; }
 
 private:
+    // Entry i of the stream's index, read from libavformat's own (not copied: a long file
+    // has many).
+    Payload entry(int stream, size_t i) const;
     // Gives each entry of the video stream its composition offset from the file's tables
     // and lets the stream vouch after needed packets; else says why not.
     std::string predictVideo(const AVStream* s, const MovTables& tables, int needed);
@@ -101,7 +102,9 @@ private:
     static constexpr size_t kNone = SIZE_MAX;
 
     std::vector<std::pair<int64_t, int64_t>> hollow_;
-    std::vector<std::vector<Payload>> expected_; // per stream of the file; empty: not checked
+    std::vector<const AVStream*> listed_; // per stream of the file: its index; null: not checked
+    std::vector<size_t> count_;           // per stream: entries in its index
+    std::vector<int32_t> cts_;            // per entry of the predicted video: its composition offset
     std::vector<size_t> met_;
     std::vector<char> mayVouch_; // per stream: audio whose packets depend on the index alone
     std::vector<int> vouched_;   // per stream: the first packets that came as listed

@@ -214,8 +214,7 @@ private:
     void planPass();
     void readPackets();
     void addVideoPacket(AVPacket* pkt, bool hollow);
-    // knownSamples: the samples the packet's size gives, when already known.
-    void addAudioPacket(AudioTrack& track, AVPacket* pkt, bool hollow, int knownSamples = 0);
+    void addAudioPacket(AudioTrack& track, AVPacket* pkt, bool hollow);
     void checkPcmBytes(AudioTrack& track, const AVPacket* pkt);
     bool finishVideo();
     bool readHollowHead();
@@ -483,7 +482,7 @@ void FfmpegSource::Scan::readPackets() {
         for (size_t i = video ? index_->video->packets.size() : track->packets.size(); i < plan_->listedCount(s); ++i) {
             plan_->listedPacket(s, i, pkt.get());
             if (video) addVideoPacket(pkt.get(), true);
-            else addAudioPacket(*track, pkt.get(), true, plan_->listed(s, i).samples);
+            else addAudioPacket(*track, pkt.get(), true);
         }
         plan_->metAll(s);
         av_packet_unref(pkt.get());
@@ -527,7 +526,7 @@ bool FfmpegSource::Scan::readHollowHead() {
     return true;
 }
 
-void FfmpegSource::Scan::addAudioPacket(AudioTrack& a, AVPacket* pkt, bool hollow, int knownSamples) {
+void FfmpegSource::Scan::addAudioPacket(AudioTrack& a, AVPacket* pkt, bool hollow) {
     AudioPacket p;
     p.key = {pkt->pts, pkt->dts, pkt->pos, pkt->size, hollow ? 0 : packetDigest(pkt), !hollow};
     p.discard = pkt->flags & AV_PKT_FLAG_DISCARD;
@@ -537,7 +536,7 @@ void FfmpegSource::Scan::addAudioPacket(AudioTrack& a, AVPacket* pkt, bool hollo
         const int n = av_vorbis_parse_frame(vorbis_[slot].get(), pkt->data, pkt->size);
         p.decoded = a.packets.empty() ? 0 : std::max(0, n);
     } else {
-        p.decoded = knownSamples > 0 ? knownSamples : audioPacketSamples(a.codec.get(), a.timeBase, pkt);
+        p.decoded = audioPacketSamples(a.codec.get(), a.timeBase, pkt);
     }
     size_t sideSize = 0;
     if (const uint8_t* side = av_packet_get_side_data(pkt, AV_PKT_DATA_SKIP_SAMPLES, &sideSize); side && sideSize >= 10) {
