@@ -117,7 +117,11 @@ Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int vi
     for (int a : audio) {
         const AVStream* s = ctx->streams[a];
         // PCM is read for real: it is small, and its bytes are checked against the file.
-        if (isPcm(s->codecpar)) continue;
+        // The demuxer then reads on to the end, so every other payload is left unread.
+        if (isPcm(s->codecpar)) {
+            plan.toTheEnd_ = true;
+            continue;
+        }
         if (!passedUnparsed(family, s->codecpar))
             return R::fail("the demuxer reads the " + streamName(s) + " stream's packets from their bytes");
         size_t firstKey = 0;
@@ -139,6 +143,7 @@ Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int vi
 int64_t ContainerIndexPlan::headEnd() const {
     // Where every stream the index predicts has given its vouching packets, with room to
     // spare; the whole file while some stream passes through the demuxer.
+    if (toTheEnd_) return INT64_MAX;
     int64_t end = 0;
     for (size_t s = 0; s < listed_.size(); ++s) {
         if (unreadFrom_[s] == kNone) continue;

@@ -113,6 +113,7 @@ private:
     std::vector<size_t> unreadFrom_; // per stream: its first entry left unread; kNone: read all
     int64_t hollowLimit_ = INT64_MAX; // hollow_ covers the payloads before this position
     bool stale_ = false;              // a stream stopped vouching: hollow_ may be too short
+    bool toTheEnd_ = false;           // a stream in use always passes through the demuxer
     int predictedVideo_ = -1;    // the video stream predictVideo() accepted
     std::string videoNote_;
     int payloadOffset_ = 0; // bytes between an entry's position and its payload (AVI: 8)

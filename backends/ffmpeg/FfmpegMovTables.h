@@ -45,7 +45,7 @@ private:
 class MovTables {
 public:
     // Caps that keep a hostile file from asking for large allocations.
-    static constexpr int64_t kMaxMoovBytes = int64_t(256) << 20;
+    static constexpr int64_t kMaxMoovBytes = int64_t(64) << 20;
     static constexpr uint32_t kMaxSamples = 1u << 24;
     static constexpr int kMaxTopLevelBoxes = 4096;
 
