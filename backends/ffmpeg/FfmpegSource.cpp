@@ -231,7 +231,7 @@ private:
     std::string movError_; // why they were not, when they were not
     bool tablesAllowed_ = false; // the container may be indexed from its tables (no parsers)
     bool headUnread_ = false; // the head probe needed packets that could not be read
-    std::vector<int> fromIndex_; // audio streams whose later packets came from the index
+    std::vector<int> fromIndex_; // streams whose later packets came from the index
     int systemCause_ = 0; // errno of a system failure after the first pass (no descriptor...)
     std::shared_ptr<MediaIndex> index_ = std::make_shared<MediaIndex>();
     std::vector<int> audioSlot_; // per stream of the file: its place in index_->audio, or -1
@@ -300,6 +300,7 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
         return R::fail("not a media file FFmpeg can read (cannot read the streams: " + errorText(rc) + ")",
                        systemCause(rc));
     demux_->arm(kCallTimeLimit);
+
     std::string error;
     if (!chooseStreams(error)) return R::fail(error);
     planPass();
