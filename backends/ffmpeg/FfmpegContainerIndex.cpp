@@ -296,7 +296,7 @@ void ContainerIndexPlan::listedPacket(int stream, size_t i, AVPacket* pkt) const
     pkt->size = p.size;
     pkt->data = nullptr;
     pkt->flags = (p.key ? AV_PKT_FLAG_KEY : 0) | (p.discard ? AV_PKT_FLAG_DISCARD : 0);
-    pkt->duration = i + 1 < count_[size_t(stream)] ? entry(stream, i + 1).timestamp - p.timestamp : 0;
+    pkt->duration = 0;
 }
 
 std::string ContainerIndexPlan::verdict() const {

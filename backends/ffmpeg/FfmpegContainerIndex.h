@@ -81,7 +81,8 @@ public:
     // one needed: the stream may then be discarded in the demuxer and its remaining
     // packets taken with listedPacket().
     bool vouches(const AVPacket* pkt);
-    // The stream's listed packet i as the demuxer gives it, without payload.
+    // The stream's listed packet i as the demuxer gives it, without payload or duration
+    // (the sizes of the audio the index predicts give their sample counts).
     void listedPacket(int stream, size_t i, AVPacket* pkt) const;
     size_t listedCount(int stream) const { return count_[size_t(stream)]; }
     // Counts the stream's packets from the demuxer's last one on as met: they were taken

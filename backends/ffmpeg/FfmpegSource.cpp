@@ -540,7 +540,8 @@ void FfmpegSource::Scan::addAudioPacket(AudioTrack& a, AVPacket* pkt, bool hollo
         p.decoded = audioPacketSamples(a.codec.get(), a.timeBase, pkt);
     }
     size_t sideSize = 0;
-    if (const uint8_t* side = av_packet_get_side_data(pkt, AV_PKT_DATA_SKIP_SAMPLES, &sideSize); side && sideSize >= 10) {
+    if (const uint8_t* side = pkt->side_data_elems ? av_packet_get_side_data(pkt, AV_PKT_DATA_SKIP_SAMPLES, &sideSize) : nullptr;
+        side && sideSize >= 10) {
         p.skipStart = int32_t(std::min<uint32_t>(readLE32(side), INT32_MAX));
         p.skipEnd = int32_t(std::min<uint32_t>(readLE32(side + 4), INT32_MAX));
     }
