@@ -15,7 +15,8 @@
 // run on any thread. A cookie that does not open, a material without a directory entry or
 // a missing project-space resource counts as a negative answer. Refreshing a status
 // (FsysDirectoryEntry::updateStatus) stores it, so a query can change what a later one
-// sees.
+// sees. Each query looks at a file, and at the mount table, once however often it asks
+// about them (FileQueryScope); the next query looks again.
 #pragma once
 
 #include "host/core/Cookie.h"
