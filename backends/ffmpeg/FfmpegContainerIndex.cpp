@@ -99,15 +99,20 @@ Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int vi
     plan.shift_.assign(ctx->nb_streams, 0);
 
     plan.unreadFrom_.assign(ctx->nb_streams, kNone);
+    // Takes a stream's index as it is; else says why the file must be read whole.
+    auto takeIndex = [&](const AVStream* s, bool isVideo, size_t& firstKey) -> std::string {
+        if (!passedUnparsed(family, s->codecpar))
+            return "the demuxer reads the " + streamName(s) + " stream's packets from their bytes";
+        auto listed = checkEntries(s, isVideo, firstKey);
+        if (!listed) return listed.error;
+        plan.listed_[size_t(s->index)] = s;
+        plan.count_[size_t(s->index)] = listed.value;
+        return {};
+    };
     if (video >= 0) {
         const AVStream* s = ctx->streams[video];
-        if (!passedUnparsed(family, s->codecpar))
-            return R::fail("the demuxer reads the " + streamName(s) + " stream's packets from their bytes");
         size_t firstKey = 0;
-        auto listed = checkEntries(s, true, firstKey);
-        if (!listed) return R::fail(listed.error);
-        plan.listed_[size_t(video)] = s;
-        plan.count_[size_t(video)] = listed.value;
+        if (std::string why = takeIndex(s, true, firstKey); !why.empty()) return R::fail(why);
         // The first key packet stays real: the order probe may need its bytes.
         plan.unreadFrom_[size_t(video)] = firstKey + 1;
         if (family != Family::QuickTime) plan.videoNote_ = "the container's index gives no presentation times";
@@ -122,17 +127,12 @@ Result<ContainerIndexPlan> ContainerIndexPlan::make(AVFormatContext* ctx, int vi
             plan.toTheEnd_ = true;
             continue;
         }
-        if (!passedUnparsed(family, s->codecpar))
-            return R::fail("the demuxer reads the " + streamName(s) + " stream's packets from their bytes");
         size_t firstKey = 0;
-        auto listed = checkEntries(s, false, firstKey);
-        if (!listed) return R::fail(listed.error);
-        plan.listed_[size_t(a)] = s;
-        plan.count_[size_t(a)] = listed.value;
+        if (std::string why = takeIndex(s, false, firstKey); !why.empty()) return R::fail(why);
         plan.unreadFrom_[size_t(a)] = 0;
         // Sample counts must follow from the sizes alone (not from the packets' durations).
         bool fromSizes = family == Family::QuickTime;
-        for (size_t i = 0; i < listed.value && fromSizes; ++i)
+        for (size_t i = 0; i < plan.count_[size_t(a)] && fromSizes; ++i)
             fromSizes = av_get_audio_frame_duration2(s->codecpar, plan.entry(a, i).size) > 0;
         plan.mayVouch_[size_t(a)] = fromSizes;
     }
