@@ -39,8 +39,9 @@ bool encoderTakes(const AVCodec& codec, AVPixelFormat format) {
 
 } // namespace
 
-RunEncoder::RunEncoder(const AVStream& stream, std::function<int64_t(int64_t)> frameOf)
-    : stream_(stream), frameOf_(std::move(frameOf)) {}
+RunEncoder::RunEncoder(const AVStream& stream, std::function<int64_t(int64_t)> frameOf,
+                       std::function<int64_t(int64_t)> ptsOf)
+    : stream_(stream), frameOf_(std::move(frameOf)), ptsOf_(std::move(ptsOf)) {}
 
 Outcome RunEncoder::openDecoder(CodecPtr& dec) const {
     const AVCodec* codec = avcodec_find_decoder(stream_.codecpar->codec_id);
@@ -65,8 +66,9 @@ Outcome RunEncoder::openEncoder(const AVCodecContext& dec, const AVFrame& frame,
     enc->width = frame.width;
     enc->height = frame.height;
     enc->pix_fmt = AVPixelFormat(frame.format);
-    enc->time_base = stream_.time_base;
+    // Counted in frames: some codecs (MPEG-2) take only a frame rate's time base.
     enc->framerate = stream_.avg_frame_rate.num ? stream_.avg_frame_rate : stream_.r_frame_rate;
+    enc->time_base = av_inv_q(enc->framerate);
     enc->sample_aspect_ratio = frame.sample_aspect_ratio.num ? frame.sample_aspect_ratio : par.sample_aspect_ratio;
     enc->color_range = dec.color_range;
     enc->color_primaries = dec.color_primaries;
@@ -94,6 +96,10 @@ Outcome RunEncoder::receive(AVCodecContext& enc, EncodedRun& out) const {
         int rc = avcodec_receive_packet(&enc, pkt.get());
         if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return Outcome::done();
         if (rc < 0) return Outcome::failed("encoding", rc);
+        // Back from frame numbers to the source's time stamps.
+        if (pkt->pts != AV_NOPTS_VALUE) pkt->pts = ptsOf_(pkt->pts);
+        if (pkt->dts != AV_NOPTS_VALUE) pkt->dts = ptsOf_(pkt->dts);
+        pkt->duration = 0;
         out.packets.push_back(std::move(pkt));
     }
 }
@@ -113,7 +119,7 @@ Outcome RunEncoder::encode(const std::vector<SourcePacket>& packets, size_t star
             if (shown >= next && shown < to) {
                 if (!enc)
                     if (Outcome o = openEncoder(*dec, *frame, enc); !o.ok()) return o;
-                frame->pts = frame->best_effort_timestamp;
+                frame->pts = shown;
                 frame->pict_type = AV_PICTURE_TYPE_NONE; // the encoder chooses its own
                 if (int e = avcodec_send_frame(enc.get(), frame.get()); e < 0) return Outcome::failed("encoding", e);
                 if (Outcome o = receive(*enc, out); !o.ok()) return o;

@@ -28,8 +28,9 @@ struct EncodedRun {
 
 class RunEncoder {
 public:
-    // stream: the source's video stream; frameOf maps a presentation time to its frame.
-    RunEncoder(const AVStream& stream, std::function<int64_t(int64_t)> frameOf);
+    // stream: the source's video stream; frameOf maps a presentation time to its frame,
+    // ptsOf a frame to its presentation time.
+    RunEncoder(const AVStream& stream, std::function<int64_t(int64_t)> frameOf, std::function<int64_t(int64_t)> ptsOf);
 
     // Encodes frames [from, to) by decoding packets[start...] in order. progress is called
     // once per frame encoded; false stops with a cancelled outcome.
@@ -43,6 +44,7 @@ private:
 
     const AVStream& stream_;
     std::function<int64_t(int64_t)> frameOf_;
+    std::function<int64_t(int64_t)> ptsOf_;
 };
 
 } // namespace ffmpeg_xfer

@@ -8,6 +8,7 @@
 #include "backends/ffmpegxfer/XferCommon.h"
 #include "backends/ffmpegxfer/XferEncode.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace ffmpeg_xfer {
@@ -132,23 +133,30 @@ Outcome readSection(const Job& job, AVFormatContext& in, int vs, const Timeline&
     return Outcome::failed("no key frame found before the section");
 }
 
-// The plan of a long-GOP section: head [first, copyFrom) re-encoded, the packets showing
-// [copyFrom, copyTo) copied from packet index key on, tail [copyTo, end) re-encoded.
+// The plan of a long-GOP section: head [first, copyFrom) re-encoded; the packets of decode
+// indices [key, copyEnd) that show [copyFrom, copyTo) copied; tail [copyTo, end) re-encoded,
+// decoding from packet tailStart.
 struct Plan {
-    size_t key = 0; // decode-order index of the first copied packet
+    size_t key = 0, copyEnd = 0, tailStart = 0;
     int64_t copyFrom = 0, copyTo = 0;
-    size_t tailStart = 0; // where decoding for the tail starts
 };
 
-// Whether copying the pictures [from, to) from packet key on needs nothing shown at or
-// after `to`: no such packet comes, in decode order, before the last one to copy.
-bool cleanCut(const std::vector<SourcePacket>& p, size_t key, int64_t from, int64_t to) {
-    size_t last = key;
-    for (size_t i = key; i < p.size(); ++i)
-        if (p[i].frame >= from && p[i].frame < to) last = i;
-    for (size_t i = key; i <= last; ++i)
-        if (p[i].frame >= to) return false;
-    return true;
+// The frames that copying packets [key, stop) shows, from `from` on: a run [from, to) when
+// they form one within the section, with nothing outside it among them that a copied
+// picture might need. (Pictures shown before the key frame but decoded after it, the
+// leading pictures of an open group, are left out: later pictures never refer to them.)
+bool copyRun(const std::vector<SourcePacket>& p, size_t key, size_t stop, int64_t from, int64_t end, int64_t& to) {
+    std::vector<int64_t> frames;
+    for (size_t i = key; i < stop; ++i) {
+        if (p[i].frame < from) continue;
+        if (p[i].frame >= end) return false;
+        frames.push_back(p[i].frame);
+    }
+    std::sort(frames.begin(), frames.end());
+    for (size_t i = 0; i < frames.size(); ++i)
+        if (frames[i] != from + int64_t(i)) return false;
+    to = from + int64_t(frames.size());
+    return !frames.empty();
 }
 
 Plan planSection(const Job& job, const std::vector<SourcePacket>& p) {
@@ -161,19 +169,22 @@ Plan planSection(const Job& job, const std::vector<SourcePacket>& p) {
             break;
         }
     if (plan.copyFrom == job.end) return plan;
-    // Stop the copy at the section's end if it is clean there, else at the latest key frame
-    // where it is; with none, everything from the key frame on is re-encoded.
-    std::vector<std::pair<int64_t, size_t>> stops{{job.end, p.size()}};
+    // The copy stops at the end of what was read if that is clean, else before the latest
+    // key frame where it is.
+    std::vector<size_t> stops{p.size()};
     for (size_t i = p.size(); i-- > plan.key + 1;)
-        if (p[i].key && p[i].frame > plan.copyFrom && p[i].frame < job.end) stops.emplace_back(p[i].frame, i);
-    for (auto [to, at] : stops)
-        if (cleanCut(p, plan.key, plan.copyFrom, to)) {
-            plan.copyTo = to;
-            plan.tailStart = at;
-            return plan;
-        }
-    plan.copyTo = plan.copyFrom;
-    plan.tailStart = plan.key;
+        if (p[i].key && p[i].frame > plan.copyFrom) stops.push_back(i);
+    for (size_t stop : stops) {
+        if (!copyRun(p, plan.key, stop, plan.copyFrom, job.end, plan.copyTo)) continue;
+        plan.copyEnd = stop;
+        // The tail decodes from the last key frame showing a picture no later than its first.
+        plan.tailStart = plan.key;
+        for (size_t i = plan.key; i < stop; ++i)
+            if (p[i].key && p[i].frame <= plan.copyTo) plan.tailStart = i;
+        if (stop < p.size() && p[stop].frame <= plan.copyTo) plan.tailStart = stop;
+        return plan;
+    }
+    plan.copyFrom = plan.copyTo = job.end;
     return plan;
 }
 
@@ -234,7 +245,9 @@ private:
 
     Outcome encodeRun(size_t start, int64_t from, int64_t to) {
         if (from >= to) return Outcome::done();
-        RunEncoder encoder(*in_.streams[vs_], [this](int64_t pts) { return t_.frameOf(pts); });
+        RunEncoder encoder(
+            *in_.streams[vs_], [this](int64_t pts) { return t_.frameOf(pts); },
+            [this](int64_t frame) { return t_.ptsOf(frame); });
         EncodedRun run;
         Outcome o = encoder.encode(packets_, start, from, to, [this] {
             ++report_.encodedFrames;
@@ -247,14 +260,16 @@ private:
     }
 
     Outcome copy(const Plan& plan, AVBSFContext* bsf) {
-        for (size_t i = plan.key; plan.copyFrom < plan.copyTo && i < packets_.size(); ++i) {
+        for (size_t i = plan.key; plan.copyFrom < plan.copyTo && i < plan.copyEnd; ++i) {
             SourcePacket& p = packets_[i];
             if (p.frame < plan.copyFrom || p.frame >= plan.copyTo) continue;
             if (!bsf) {
                 if (Outcome o = write(*p.packet, false); !o.ok()) return o;
             } else {
-                if (int rc = av_bsf_send_packet(bsf, p.packet.get()); rc < 0) return Outcome::failed("filtering", rc);
-                PacketPtr filtered(av_packet_alloc());
+                // The filter takes the packet it is given; the tail may still decode this one.
+                PacketPtr filtered(av_packet_clone(p.packet.get()));
+                if (!filtered) return Outcome::failed("no memory for a packet");
+                if (int rc = av_bsf_send_packet(bsf, filtered.get()); rc < 0) return Outcome::failed("filtering", rc);
                 while (filtered && av_bsf_receive_packet(bsf, filtered.get()) >= 0) {
                     if (Outcome o = write(*filtered, false); !o.ok()) return o;
                     av_packet_unref(filtered.get());
