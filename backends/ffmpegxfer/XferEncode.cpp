@@ -16,7 +16,7 @@ void qualityOptions(AVCodecContext& enc, AVDictionary** options) {
     const std::string name = enc.codec->name;
     if (name == "libx264" || name == "libx264rgb") {
         av_dict_set(options, "crf", "8", 0);
-        av_dict_set(options, "preset", "fast", 0);
+        av_dict_set(options, "preset", "veryfast", 0);
     } else if (name == "libx265") {
         av_dict_set(options, "crf", "8", 0);
         av_dict_set(options, "preset", "fast", 0);
@@ -50,6 +50,7 @@ Outcome RunEncoder::openDecoder(CodecPtr& dec) const {
     if (!dec || avcodec_parameters_to_context(dec.get(), stream_.codecpar) < 0)
         return Outcome::failed("no memory for the video decoder");
     dec->pkt_timebase = stream_.time_base;
+    dec->thread_count = 0; // as many as the machine has: a run decodes a whole group
     if (int rc = avcodec_open2(dec.get(), codec, nullptr); rc < 0) return Outcome::failed("opening the decoder", rc);
     return Outcome::done();
 }
@@ -81,6 +82,7 @@ Outcome RunEncoder::openEncoder(const AVCodecContext& dec, const AVFrame& frame,
     enc->bit_rate = par.bit_rate;
     enc->max_b_frames = 0;
     enc->gop_size = 1 << 20; // one group: the run's first frame is its only key frame
+    enc->thread_count = 0;
     AVDictionary* options = nullptr;
     qualityOptions(*enc, &options);
     int rc = avcodec_open2(enc.get(), codec, &options);
