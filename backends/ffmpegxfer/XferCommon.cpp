@@ -24,6 +24,40 @@ Outcome openInput(const std::string& path, InputPtr& out) {
     return Outcome::done();
 }
 
+OutputFile::~OutputFile() {
+    if (!ctx_) return;
+    if (ctx_->pb) avio_closep(&ctx_->pb);
+    avformat_free_context(ctx_);
+}
+
+Outcome OutputFile::create(const std::string& path, const std::string& muxer, AVStream*& stream) {
+    path_ = path;
+    if (int rc = avformat_alloc_output_context2(&ctx_, nullptr, muxer.c_str(), path.c_str()); rc < 0)
+        return Outcome::failed(("cannot make a " + muxer + " file").c_str(), rc);
+    stream = avformat_new_stream(ctx_, nullptr);
+    return stream ? Outcome::done() : Outcome::failed("no memory for the stream");
+}
+
+Outcome OutputFile::start() {
+    if (int rc = avio_open(&ctx_->pb, path_.c_str(), AVIO_FLAG_WRITE); rc < 0)
+        return Outcome::failed(("cannot write " + path_).c_str(), rc);
+    if (int rc = avformat_write_header(ctx_, nullptr); rc < 0) return Outcome::failed("writing the file's header", rc);
+    return Outcome::done();
+}
+
+Outcome OutputFile::write(AVPacket& pkt) {
+    pkt.stream_index = 0;
+    pkt.pos = -1;
+    if (int rc = av_write_frame(ctx_, &pkt); rc < 0) return Outcome::failed("writing", rc);
+    return Outcome::done();
+}
+
+Outcome OutputFile::finish() {
+    if (int rc = av_write_trailer(ctx_); rc < 0) return Outcome::failed("finishing the file", rc);
+    if (int rc = avio_closep(&ctx_->pb); rc < 0) return Outcome::failed("closing the file", rc);
+    return Outcome::done();
+}
+
 std::string utf8(const WString& text) { return toUTF8(text).str(); }
 
 Container containerFor(const AVFormatContext& input, const AVCodecParameters& video) {

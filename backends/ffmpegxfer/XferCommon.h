@@ -53,6 +53,30 @@ struct Job {
     std::function<bool(double)> progress;
 };
 
+// A file written through a muxer with one stream: create makes the container and its
+// stream (which the caller then describes), start opens the file and writes the header,
+// finish writes the trailer and closes it. Destroyed unfinished, it closes the file,
+// which the caller then removes.
+class OutputFile {
+public:
+    OutputFile() = default;
+    ~OutputFile();
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+
+    Outcome create(const std::string& path, const std::string& muxer, AVStream*& stream);
+    Outcome start();
+    // Writes a packet of the stream, its time stamps in the stream's time base.
+    Outcome write(AVPacket& pkt);
+    Outcome finish();
+    bool started() const noexcept { return ctx_ && ctx_->pb; }
+    const AVStream& stream() const noexcept { return *ctx_->streams[0]; }
+
+private:
+    AVFormatContext* ctx_ = nullptr;
+    std::string path_;
+};
+
 // Opens a file for demuxing with its streams probed.
 Outcome openInput(const std::string& path, InputPtr& out);
 

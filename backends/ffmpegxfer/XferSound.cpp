@@ -45,19 +45,11 @@ int streamOfChannel(const AVFormatContext& in, unsigned channel) {
 
 class WavOut {
 public:
-    ~WavOut() {
-        if (ctx_) {
-            if (ctx_->pb) avio_closep(&ctx_->pb);
-            avformat_free_context(ctx_);
-        }
-    }
     Outcome open(const std::string& path, const AVCodecContext& dec, const PcmKind& kind, int rawBits) {
         kind_ = kind;
         channels_ = dec.ch_layout.nb_channels;
-        if (int rc = avformat_alloc_output_context2(&ctx_, nullptr, "wav", path.c_str()); rc < 0)
-            return Outcome::failed("cannot make a WAV file", rc);
-        AVStream* st = avformat_new_stream(ctx_, nullptr);
-        if (!st) return Outcome::failed("no memory for the WAV stream");
+        AVStream* st = nullptr;
+        if (Outcome o = file_.create(path, "wav", st); !o.ok()) return o;
         st->codecpar->codec_type = AVMEDIA_TYPE_AUDIO;
         st->codecpar->codec_id = kind.codec;
         st->codecpar->sample_rate = dec.sample_rate;
@@ -68,12 +60,9 @@ public:
         if (av_channel_layout_copy(&st->codecpar->ch_layout, &dec.ch_layout) < 0)
             return Outcome::failed("no memory for the channel layout");
         st->time_base = AVRational{1, dec.sample_rate};
-        if (int rc = avio_open(&ctx_->pb, path.c_str(), AVIO_FLAG_WRITE); rc < 0)
-            return Outcome::failed(("cannot write " + path).c_str(), rc);
-        if (int rc = avformat_write_header(ctx_, nullptr); rc < 0) return Outcome::failed("writing the WAV header", rc);
-        return Outcome::done();
+        return file_.start();
     }
-    bool isOpen() const noexcept { return ctx_ && ctx_->pb; }
+    bool isOpen() const noexcept { return file_.started(); }
 
     // Writes samples [from, from + count) of the frame, interleaved.
     Outcome write(const AVFrame& frame, int from, int count) {
@@ -93,17 +82,12 @@ public:
         pkt->pts = pkt->dts = written_;
         pkt->duration = count;
         written_ += count;
-        if (int rc = av_write_frame(ctx_, pkt.get()); rc < 0) return Outcome::failed("writing samples", rc);
-        return Outcome::done();
+        return file_.write(*pkt);
     }
-    Outcome finish() {
-        if (int rc = av_write_trailer(ctx_); rc < 0) return Outcome::failed("finishing the WAV file", rc);
-        if (int rc = avio_closep(&ctx_->pb); rc < 0) return Outcome::failed("closing the WAV file", rc);
-        return Outcome::done();
-    }
+    Outcome finish() { return file_.finish(); }
 
 private:
-    AVFormatContext* ctx_ = nullptr;
+    OutputFile file_;
     PcmKind kind_{};
     int channels_ = 0;
     int64_t written_ = 0;

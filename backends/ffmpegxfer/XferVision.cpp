@@ -29,50 +29,34 @@ struct Timeline {
 
 class Muxer {
 public:
-    ~Muxer() {
-        if (ctx_) {
-            if (ctx_->pb) avio_closep(&ctx_->pb);
-            avformat_free_context(ctx_);
-        }
-    }
     Outcome open(const std::string& path, const std::string& muxer, const AVStream& source,
                  const AVCodecParameters& par) {
-        if (int rc = avformat_alloc_output_context2(&ctx_, nullptr, muxer.c_str(), path.c_str()); rc < 0)
-            return Outcome::failed("cannot make the container", rc);
-        AVStream* st = avformat_new_stream(ctx_, nullptr);
-        if (!st || avcodec_parameters_copy(st->codecpar, &par) < 0) return Outcome::failed("no memory for the stream");
+        AVStream* st = nullptr;
+        if (Outcome o = file_.create(path, muxer, st); !o.ok()) return o;
+        if (avcodec_parameters_copy(st->codecpar, &par) < 0) return Outcome::failed("no memory for the stream");
         // The source's codec tag where the container knows it for the codec (it may carry the
         // codec's profile, as ProRes's does); the container's choice otherwise.
-        const AVCodecTag* const* tags = ctx_->oformat->codec_tag;
+        const AVOutputFormat* format = av_guess_format(muxer.c_str(), nullptr, nullptr);
+        const AVCodecTag* const* tags = format ? format->codec_tag : nullptr;
         if (!tags || av_codec_get_id(tags, par.codec_tag) != par.codec_id) st->codecpar->codec_tag = 0;
         st->time_base = source.time_base;
         st->avg_frame_rate = source.avg_frame_rate;
         st->r_frame_rate = source.r_frame_rate;
         st->sample_aspect_ratio = source.sample_aspect_ratio;
         inBase_ = source.time_base;
-        if (int rc = avio_open(&ctx_->pb, path.c_str(), AVIO_FLAG_WRITE); rc < 0)
-            return Outcome::failed(("cannot write " + path).c_str(), rc);
-        if (int rc = avformat_write_header(ctx_, nullptr); rc < 0) return Outcome::failed("writing the container", rc);
-        return Outcome::done();
+        return file_.start();
     }
     // Writes the packet with its time stamps moved back by shift (source time base).
     Outcome write(AVPacket& pkt, int64_t shift) {
-        pkt.stream_index = 0;
         if (pkt.pts != AV_NOPTS_VALUE) pkt.pts -= shift;
         if (pkt.dts != AV_NOPTS_VALUE) pkt.dts -= shift;
-        pkt.pos = -1;
-        av_packet_rescale_ts(&pkt, inBase_, ctx_->streams[0]->time_base);
-        if (int rc = av_write_frame(ctx_, &pkt); rc < 0) return Outcome::failed("writing a frame", rc);
-        return Outcome::done();
+        av_packet_rescale_ts(&pkt, inBase_, file_.stream().time_base);
+        return file_.write(pkt);
     }
-    Outcome finish() {
-        if (int rc = av_write_trailer(ctx_); rc < 0) return Outcome::failed("finishing the container", rc);
-        if (int rc = avio_closep(&ctx_->pb); rc < 0) return Outcome::failed("closing the file", rc);
-        return Outcome::done();
-    }
+    Outcome finish() { return file_.finish(); }
 
 private:
-    AVFormatContext* ctx_ = nullptr;
+    OutputFile file_;
     AVRational inBase_{1, 1};
 };
 
