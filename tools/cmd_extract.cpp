@@ -136,9 +136,12 @@ bool piecesOf(const Cookie& clip, const Cookie& target, std::vector<Piece>& out,
 bool registerClip(const Cookie& target, const WString& name, int video, int channels, unsigned rate,
                   std::vector<std::string>& files, std::string& error) {
     WString why;
-    const MaterialFilename sound = channels ? SystemCache::findEntryForCookie(convertCookie(target, 'S', 1))->getFile()
-                                                  .getMaterialFilename()
-                                            : MaterialFilename();
+    MaterialFilename sound;
+    if (channels) {
+        Zn::Ptr<FsysDirectoryEntry> entry = SystemCache::findEntryForCookie(convertCookie(target, 'S', 1));
+        if (!entry || !entry->hasFile()) return (error = "the sound file is not in the project", false);
+        sound = entry->getFile().getMaterialFilename();
+    }
     for (int ch = 2; ch <= channels; ++ch)
         if (SystemCache::addFile(convertCookie(target, 'S', uint8_t(ch)), sound, 0) != 1)
             return (error = "the project refused the sound channels", false);

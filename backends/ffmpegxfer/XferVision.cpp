@@ -94,7 +94,7 @@ Outcome readSection(const Job& job, AVFormatContext& in, int vs, const Timeline&
     for (int64_t back : {int64_t(0), int64_t(5), int64_t(60), int64_t(-1)}) {
         out.clear();
         const int64_t target = back < 0 ? INT64_MIN : first - av_rescale_q(back, AVRational{1, 1}, t.timeBase);
-        if (back < 0) avformat_seek_file(&in, vs, INT64_MIN, INT64_MIN, t.origin, 0);
+        if (back < 0) avformat_seek_file(&in, vs, INT64_MIN, t.origin, t.origin, 0);
         else if (av_seek_frame(&in, vs, target, AVSEEK_FLAG_BACKWARD) < 0) continue;
         PacketPtr pkt(av_packet_alloc());
         int rc;
