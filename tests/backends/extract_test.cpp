@@ -8,6 +8,7 @@
 #include "host/project/MaterialInfo.h"
 #include "host/tasks/BackgroundTask.h"
 #include "host/tasks/Logger.h"
+#include "host/tasks/TaskLog.h"
 #include "playfile/tasks/FileXferSpec.h"
 #include "support/LogCapture.h"
 
@@ -260,15 +261,16 @@ TEST_F(Extract, KeyFrameToKeyFrameIsAPureCopy) {
     for (int k = 0; k < 20; ++k) EXPECT_EQ(frameMd5(video(dest), k), want[size_t(10 + k)]) << k;
 }
 
-// A task that asks itself to stop before it extracts.
-class CancelledExtraction final : public BackgroundTaskBase {
+// An extraction run as a background task, which may ask itself to stop before it starts.
+class ExtractionTask final : public BackgroundTaskBase {
 public:
-    CancelledExtraction(Cookie source, Cookie destination) : source_(source), destination_(destination) {}
+    ExtractionTask(Cookie source, Cookie destination, bool cancel)
+        : source_(source), destination_(destination), cancel_(cancel) {}
     int result = -1;
 
 protected:
     void run() override {
-        setStatus(eCancelled);
+        if (cancel_) setStatus(eCancelled);
         FileXferSpec spec;
         spec.source = source_;
         spec.destination = destination_;
@@ -281,14 +283,26 @@ protected:
 
 private:
     Cookie source_, destination_;
+    bool cancel_;
 };
+
+TEST_F(Extract, ProgressGoesToTheTasksLog) {
+    const Cookie clip = importClip("h264", media("h264.mp4", "-c:v libx264 -g 10 -pix_fmt yuv420p"), 0);
+    auto task = Zn::makePtr<ExtractionTask>(video(clip), video(newClip()), false);
+    task->execute();
+    EXPECT_EQ(task->result, 1);
+    EXPECT_DOUBLE_EQ(task->getLog()->getProgress().fraction, 1.0);
+    const auto lines = task->getLog()->getEntries();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(U(lines.front().text).rfind("Extracting frames 5 to 37 of ", 0), 0u) << U(lines.front().text);
+}
 
 TEST_F(Extract, FailedAndInterruptedExtractionsLeaveNothing) {
     const Cookie clip = importClip("h264", media("h264.mp4", "-c:v libx264 -g 10 -pix_fmt yuv420p"), 0);
     {   // Cancelled through the task's status.
         LogCapture log;
         const Cookie dest = video(newClip());
-        auto task = Zn::makePtr<CancelledExtraction>(video(clip), dest);
+        auto task = Zn::makePtr<ExtractionTask>(video(clip), dest, true);
         task->execute();
         EXPECT_EQ(task->result, 3);
         EXPECT_EQ(log.count("playfile_extract: *** Interrupted ***\n"), 1u);
