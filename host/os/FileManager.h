@@ -8,7 +8,10 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <vector>
+
+class iCopyBatch;
 
 // An open file, read from its current position.
 class iFile : public iObject {
@@ -52,6 +55,10 @@ public:
     // (an existing dst is kept unless overwrite is set and the copy succeeds).
     virtual eCopyRC copyFile(const WString& src, const WString& dst, const ProgressFn& progress,
                              bool overwrite) = 0;
+    // A batch of copies with the same guarantees as copyFile, made durable together (one
+    // wait for the disk for all of them, not one per file): see iCopyBatch below. Many
+    // files copied in a row go much faster this way.
+    virtual std::unique_ptr<iCopyBatch> newCopyBatch() = 0;
     // Renames src to dst, replacing dst if it exists.
     virtual bool renameFile(const WString& src, const WString& dst) = 0;
     virtual bool deleteFile(const WString& path) = 0;
@@ -72,6 +79,43 @@ public:
     // True when path lies on a network file system (NFS, SMB/CIFS, network FUSE, ...) or
     // under one of the configured remote prefixes.
     virtual bool isRemoteLocation(const WString& path) = 0;
+};
+
+// Copies of many files made durable together. add() copies a file's data into a temporary
+// beside its destination at once (progress reported as it goes) but does not wait for the
+// disk; commit() then syncs the data of every copy added since the last commit, puts each
+// under its destination name and syncs each destination folder once. Until its commit a
+// copy is invisible under its final name; after a crash or a kill at any moment, a final
+// name holds either what it held before or the whole copy. A temporary left by a killed
+// copy (".NAME.XXXXXX" beside NAME) is removed by the next copy to that destination.
+//
+// One batch is used by one thread at a time; batches are independent of each other.
+// Destroying a batch drops the copies not committed (their temporaries are removed).
+class iCopyBatch {
+public:
+    using eCopyRC = iFileManager::eCopyRC;
+    // What became of one copy at its commit.
+    struct Outcome {
+        WString src;
+        WString dst;
+        eCopyRC rc = iFileManager::eCopyOK; // eCopyOK: dst holds the whole copy, on disk
+    };
+
+    virtual ~iCopyBatch() = default;
+
+    // Copies src into a temporary beside dst, with copyFile's rules for src, dst and
+    // overwrite (an existing dst is refused without overwrite, checked again at the
+    // commit). eCopyOK: the copy waits for the commit, and progress has been called
+    // last with done == total. Any other answer: nothing of this copy is left, and it
+    // has no outcome at the commit.
+    virtual eCopyRC add(const WString& src, const WString& dst, const iFileManager::ProgressFn& progress,
+                        bool overwrite) = 0;
+    // True when the copies waiting are many or large enough that the caller should
+    // commit before adding more (each holds an open descriptor until then).
+    virtual bool full() const = 0;
+    // Commits every waiting copy: the outcomes in the order the copies were added. The
+    // batch is empty afterwards and may be used again.
+    virtual std::vector<Outcome> commit() = 0;
 };
 
 // The real file manager; OS()->fileManager() answers it unless a test replaced it.

@@ -195,6 +195,8 @@ iFileManager::eCopyRC PosixFileManager::copyFile(const WString& src, const WStri
     return copyFileSafely(toUTF8(src), toUTF8(dst), progress, overwrite);
 }
 
+std::unique_ptr<iCopyBatch> PosixFileManager::newCopyBatch() { return std::make_unique<FileCopyBatch>(); }
+
 bool PosixFileManager::renameFile(const WString& src, const WString& dst) {
     if (src.empty() || dst.empty()) return false;
     String from = toUTF8(src), to = toUTF8(dst);

@@ -27,6 +27,8 @@ public:
     // See FileCopy.h. A dst ending in '/' names no file: eCopyNoDestination.
     eCopyRC copyFile(const WString& src, const WString& dst, const ProgressFn& progress,
                      bool overwrite) override;
+    // A FileCopyBatch (FileCopy.h) with the default options.
+    std::unique_ptr<iCopyBatch> newCopyBatch() override;
     // Across file systems a file is copied (times kept) and the source then deleted; a
     // folder cannot be moved that way and answers false. If the source cannot be deleted
     // after the copy, both stay and the answer is false.

@@ -118,54 +118,64 @@ int FsysDirectoryEntry::updateStatus(unsigned types) {
     return statusOfLocked(types);
 }
 
-bool FsysDirectoryEntry::addFile(const MediaFileInfo& file) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    MediaFileInfo added = file;
-    added.refreshStatus();
-    ProjectDatabase::Write w(*db_);
-    if (!records::ensureMaterial(w.db(), cookie_, kind_)) w.fail();
-    int seq = 0;
-    if (added.isProxy()) {
-        seq = -1;
-        for (const auto& p : proxies_)
-            if (p.info == added) seq = p.seq;
-        if (seq < 0) seq = records::nextProxySeq(w.db(), cookie_);
-    }
-    if (!records::insertFile(w.db(), cookie_, added.isProxy() ? records::eProxy : records::eHighRes, seq, added))
-        w.fail();
-    if (!w.commit()) return false;
-    if (!added.isProxy()) {
-        file_ = added;
-        hasFile_ = true;
-        return true;
-    }
-    for (auto& p : proxies_) {
-        if (p.seq == seq) {
-            p.info = added;
-            return true;
-        }
-    }
-    proxies_.push_back({seq, added});
-    return true;
+bool FsysDirectoryEntry::addFile(const MediaFileInfo& file) { return changeFiles(nullptr, &file); }
+
+bool FsysDirectoryEntry::removeFile(const MediaFileInfo& file) { return changeFiles(&file, nullptr); }
+
+bool FsysDirectoryEntry::replaceFile(const MediaFileInfo& old, const MediaFileInfo& file) {
+    return changeFiles(&old, &file);
 }
 
-bool FsysDirectoryEntry::removeFile(const MediaFileInfo& file) {
+bool FsysDirectoryEntry::changeFiles(const MediaFileInfo* removed, const MediaFileInfo* file) {
     std::lock_guard<std::mutex> lock(mutex_);
-    bool high = hasFile_ && file_ == file;
+    bool high = false;
     auto proxy = proxies_.end();
-    for (auto it = proxies_.begin(); it != proxies_.end(); ++it)
-        if (it->info == file) proxy = it;
-    if (!high && proxy == proxies_.end()) return false;
+    if (removed) {
+        high = hasFile_ && file_ == *removed;
+        for (auto it = proxies_.begin(); it != proxies_.end(); ++it)
+            if (it->info == *removed) proxy = it;
+        if (!high && proxy == proxies_.end() && !file) return false;
+    }
+    MediaFileInfo added = file ? *file : MediaFileInfo();
+    if (file) added.refreshStatus();
     ProjectDatabase::Write w(*db_);
     if (high && !records::deleteFile(w.db(), cookie_, records::eHighRes, 0)) w.fail();
     if (proxy != proxies_.end() && !records::deleteFile(w.db(), cookie_, records::eProxy, proxy->seq)) w.fail();
+    int seq = 0;
+    if (file) {
+        if (!records::ensureMaterial(w.db(), cookie_, kind_)) w.fail();
+        if (added.isProxy()) {
+            seq = -1;
+            for (auto it = proxies_.begin(); it != proxies_.end(); ++it)
+                if (it != proxy && it->info == added) seq = it->seq;
+            if (seq < 0) seq = records::nextProxySeq(w.db(), cookie_);
+        }
+        if (!records::insertFile(w.db(), cookie_, added.isProxy() ? records::eProxy : records::eHighRes, seq, added))
+            w.fail();
+    }
     if (!w.commit()) return false;
     if (high) {
         hasFile_ = false;
         file_ = MediaFileInfo();
     }
     if (proxy != proxies_.end()) proxies_.erase(proxy);
+    if (file) keepAddedLocked(added, seq);
     return true;
+}
+
+void FsysDirectoryEntry::keepAddedLocked(const MediaFileInfo& added, int seq) {
+    if (!added.isProxy()) {
+        file_ = added;
+        hasFile_ = true;
+        return;
+    }
+    for (auto& p : proxies_) {
+        if (p.seq == seq) {
+            p.info = added;
+            return;
+        }
+    }
+    proxies_.push_back({seq, added});
 }
 
 bool FsysDirectoryEntry::updateFileSize() {

@@ -64,6 +64,10 @@ public:
     // Drops the record of the file with that material file name (high-res or proxy).
     // Records only: the file on disk stays. False when the entry has no such file.
     bool removeFile(const MediaFileInfo& file);
+    // removeFile(old) and addFile(file) in one transaction: the project names one or the
+    // other at every moment, a crash included. When the entry has no file named as old,
+    // file is added all the same. False (nothing changed) when the project refused it.
+    bool replaceFile(const MediaFileInfo& old, const MediaFileInfo& file);
     // Measures every file of the entry again and stores the sizes.
     bool updateFileSize();
     // The high-resolution file's size.
@@ -75,6 +79,10 @@ private:
         MediaFileInfo info;
     };
     int statusOfLocked(unsigned types) const;
+    // Drops the record of *removed (when given and there) and adds *file (when given) in
+    // one transaction; false when there is nothing to do or the write failed.
+    bool changeFiles(const MediaFileInfo* removed, const MediaFileInfo* file);
+    void keepAddedLocked(const MediaFileInfo& added, int seq);
 
     Zn::Ptr<ProjectDatabase> db_;
     Cookie cookie_;

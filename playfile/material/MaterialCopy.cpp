@@ -1,5 +1,6 @@
-// Copying logical media files between drives: per file, per record, and the progress
-// callback that turns a copy's bytes into the logger's sub-task progress.
+// Copying logical media files between drives: the plan of each file, the copies of a
+// relocation in one batch with what follows each committed copy, and the progress callback
+// that turns a copy's bytes into the logger's sub-task progress.
 #include "playfile/material/MaterialCopy.h"
 
 #include "host/core/Strings.h"
@@ -12,6 +13,8 @@
 #include "host/tasks/SystemWatchdog.h"
 #include "playfile/material/MediaLocationUtils.h"
 
+#include <map>
+#include <memory>
 #include <string>
 
 namespace {
@@ -72,54 +75,160 @@ void reportFailure(iFileManager::eCopyRC rc, const FilePlan& plan, const LoggerH
         logger.write(resourceStrW(kCopyFailed) + L" (" + plan.from + L" -> " + plan.to + L")", LoggerBase::eError);
 }
 
+// A relocation's copies on their way: every file is written into the destination as it
+// is reached, and the copies are committed together (one wait for the disk for many
+// files) when the batch is full and at the end. What makes a copy count (its link file,
+// the material directory re-pointed for a move) is done only after its commit, so the
+// directory never names a copy that a crash could still lose.
+class RelocationCopies {
+public:
+    RelocationCopies(const DriveId& destination, MaterialMove::eType type, const LoggerHandle& logger)
+        : destination_(destination), type_(type), logger_(logger),
+          destDrive_(DiskManager::getDriveWithUniqueId(destination)), batch_(OS()->fileManager()->newCopyBatch()) {}
+    RelocationCopies(const RelocationCopies&) = delete;
+    RelocationCopies& operator=(const RelocationCopies&) = delete;
+
+    // Copies the record's files, one sub-task per file, weighted by size.
+    void add(const LogicalMediaFile& record) {
+        std::vector<uint64_t> sizes;
+        for (const auto& f : record.files) sizes.push_back(f.getFileSize());
+        logger_.startSubTasks(sizes);
+        for (const auto& f : record.files) {
+            addFile(record.cookie, f);
+            // Also after a file left alone, so that progress keeps following the bytes.
+            logger_.nextSubTask();
+        }
+        logger_.endSubTasks();
+    }
+    bool full() const { return batch_ && batch_->full(); }
+    // Commits the copies made so far, then does what each one that is in place calls for.
+    void commit();
+
+private:
+    // A material whose file travels, and that file's record.
+    struct User {
+        Cookie material;
+        MediaFileInfoEx file;
+    };
+    // One file on its way to the destination, with every material that uses it.
+    struct Travel {
+        FilePlan plan;
+        std::vector<User> users;
+        enum { eWaiting, eDone, eFailed } state = eWaiting;
+    };
+
+    void addFile(const Cookie& material, const MediaFileInfoEx& file);
+    void copyCompanions(const WString& source, const WString& to);
+    void finish(const Travel& t, const User& u) const;
+
+    DriveId destination_;
+    MaterialMove::eType type_;
+    LoggerHandle logger_;
+    Zn::Ptr<MediaDrive> destDrive_;
+    std::unique_ptr<iCopyBatch> batch_;
+    std::vector<Travel> travels_;
+    // By destination OS path: the file this relocation sends there (several materials can
+    // share one file; each is re-pointed when it arrives).
+    std::map<std::wstring, size_t> byDestination_;
+    // Per copy waiting in the batch, in the order added: its travel, or npos for a
+    // companion file.
+    std::vector<size_t> waiting_;
+    static constexpr size_t kCompanion = size_t(-1);
+};
+
+void RelocationCopies::addFile(const Cookie& material, const MediaFileInfoEx& file) {
+    const WString destOsPath = MaterialFilename(destination_, file.getMaterialFilename().getPath()).getOsPath();
+    auto known = byDestination_.find(destOsPath.str());
+    if (known != byDestination_.end()) {
+        Travel& t = travels_[known->second];
+        t.users.push_back({material, file});
+        if (t.state == Travel::eDone) finish(t, t.users.back());
+        return;
+    }
+    // A file already at its destination is neither overwritten nor registered.
+    if (!destOsPath.empty() && OS()->fileManager()->fileExists(destOsPath)) return;
+
+    Travel t;
+    t.plan = planFor(file, destination_, destDrive_);
+    t.users.push_back({material, file});
+    iFileManager::eCopyRC rc = iFileManager::eCopyOK;
+    if (t.plan.copy) {
+        void* client = logger_.progressClient();
+        rc = batch_ ? batch_->add(t.plan.from, t.plan.to,
+                                  [client](uint64_t done, uint64_t total) {
+                                      return progress(client, (unsigned long)done, (unsigned long)total) != 0;
+                                  },
+                                  true)
+                    : iFileManager::eCopyFailed;
+    }
+    if (rc != iFileManager::eCopyOK) {
+        reportFailure(rc, t.plan, logger_);
+        return;
+    }
+    byDestination_.emplace(destOsPath.str(), travels_.size());
+    if (t.plan.copy) waiting_.push_back(travels_.size());
+    const bool companions = !file.isProxy();
+    const FilePlan plan = t.plan;
+    travels_.push_back(std::move(t));
+    if (companions) copyCompanions(plan.from, plan.to);
+}
+
 // Copies the files beside `source` that share its base name and that the material
 // directory does not manage (a description next to a movie), into the folder of `to`.
-void copyCompanions(const WString& source, const WString& to) {
+void RelocationCopies::copyCompanions(const WString& source, const WString& to) {
     iFileManager* fm = OS()->fileManager();
     const WString folder = getPath(source), destFolder = getPath(to);
     const WString pattern = patternEscaped(stripPathAndExt(source)) + L".*";
     for (const WString& name : fm->listDirectory(folder, pattern)) {
         WString companion = folder + name;
         if (SystemCache::isEligible(companion)) continue;
-        iFileManager::eCopyRC rc = fm->copyFile(companion, destFolder + name, nullptr, false);
-        if (rc != iFileManager::eCopyOK)
-            Log("Companion file %ls not copied to %ls (result %d)\n", companion.c_str(), destFolder.c_str(), int(rc));
+        iFileManager::eCopyRC rc = batch_->add(companion, destFolder + name, nullptr, false);
+        if (rc == iFileManager::eCopyOK) waiting_.push_back(kCompanion);
+        else Log("Companion file %ls not copied to %ls (result %d)\n", companion.c_str(), destFolder.c_str(), int(rc));
     }
 }
 
-void copyOneFile(const Cookie& material, const MediaFileInfoEx& file, const DriveId& destination,
-                 const Zn::Ptr<MediaDrive>& destDrive, MaterialMove::eType type, const LoggerHandle& logger) {
-    iFileManager* fm = OS()->fileManager();
-    const WString destOsPath = MaterialFilename(destination, file.getMaterialFilename().getPath()).getOsPath();
-    // A file already at its destination is neither overwritten nor registered.
-    if (!destOsPath.empty() && fm->fileExists(destOsPath)) return;
+// What a file in place calls for, for one material using it: the link file of linked
+// media, and for a move the directory entry pointed at the copy.
+void RelocationCopies::finish(const Travel& t, const User& u) const {
+    MediaFileInfo moved(t.plan.destination, u.file.getSize(), t.plan.linkTarget);
+    moved.setProxy(u.file.isProxy());
+    if (!t.plan.linkTarget.empty() && !moved.createLinkFile())
+        Log("Link file %ls -> %ls not written\n", t.plan.destination.getOsPath().c_str(), t.plan.linkTarget.c_str());
+    if (type_ != MaterialMove::eMove) return;
+    if (Zn::Ptr<FsysDirectoryEntry> entry = SystemCache::findEntryForCookie(u.material)) {
+        // One transaction: a crash leaves the entry naming the old place or the new one.
+        entry->replaceFile(u.file, moved);
+    }
+}
 
-    FilePlan plan = planFor(file, destination, destDrive);
-    iFileManager::eCopyRC rc = iFileManager::eCopyOK;
-    if (plan.copy) {
-        void* client = logger.progressClient();
-        rc = fm->copyFile(plan.from, plan.to,
-                          [client](uint64_t done, uint64_t total) {
-                              return progress(client, (unsigned long)done, (unsigned long)total) != 0;
-                          },
-                          true);
-    }
-    if (rc != iFileManager::eCopyOK) {
-        reportFailure(rc, plan, logger);
-        return;
-    }
-    MediaFileInfo moved(plan.destination, file.getSize(), plan.linkTarget);
-    moved.setProxy(file.isProxy());
-    if (!plan.linkTarget.empty() && !moved.createLinkFile())
-        Log("Link file %ls -> %ls not written\n", destOsPath.c_str(), plan.linkTarget.c_str());
-    if (type == MaterialMove::eMove) {
-        Zn::Ptr<FsysDirectoryEntry> entry = SystemCache::findEntryForCookie(material);
-        if (entry) {
-            entry->removeFile(file);
-            entry->addFile(moved);
+void RelocationCopies::commit() {
+    std::vector<iCopyBatch::Outcome> outcomes;
+    if (batch_) outcomes = batch_->commit();
+    for (size_t i = 0; i < waiting_.size() && i < outcomes.size(); ++i) {
+        const iCopyBatch::Outcome& o = outcomes[i];
+        if (waiting_[i] == kCompanion) {
+            if (o.rc != iFileManager::eCopyOK)
+                Log("Companion file %ls not copied to %ls (result %d)\n", o.src.c_str(), o.dst.c_str(), int(o.rc));
+            continue;
         }
+        Travel& t = travels_[waiting_[i]];
+        if (o.rc != iFileManager::eCopyOK) {
+            t.state = Travel::eFailed;
+            reportFailure(o.rc, t.plan, logger_);
+            continue;
+        }
+        t.state = Travel::eDone;
+        for (const User& u : t.users) finish(t, u);
     }
-    if (!file.isProxy()) copyCompanions(plan.from, plan.to);
+    waiting_.clear();
+    // Files that needed no copy (linked media already on the destination drive) count
+    // from here too. Users that come later are finished as they come.
+    for (Travel& t : travels_) {
+        if (t.state != Travel::eWaiting) continue;
+        t.state = Travel::eDone;
+        for (const User& u : t.users) finish(t, u);
+    }
 }
 
 } // namespace
@@ -133,16 +242,9 @@ int progress(void* client, unsigned long done, unsigned long total) {
 
 void copyMaterialFile(const LogicalMediaFile& record, const DriveId& destination, MaterialMove::eType type,
                       LoggerHandle logger) {
-    Zn::Ptr<MediaDrive> destDrive = DiskManager::getDriveWithUniqueId(destination);
-    std::vector<uint64_t> sizes;
-    for (const auto& f : record.files) sizes.push_back(f.getFileSize());
-    logger.startSubTasks(sizes);
-    for (const auto& f : record.files) {
-        copyOneFile(record.cookie, f, destination, destDrive, type, logger);
-        // Also after a file left alone, so that progress keeps following the bytes.
-        logger.nextSubTask();
-    }
-    logger.endSubTasks();
+    RelocationCopies copies(destination, type, logger);
+    copies.add(record);
+    copies.commit();
 }
 
 void copyFiles(const std::vector<LogicalMediaFile>& records, const DriveId& destination, MaterialMove::eType type,
@@ -167,12 +269,15 @@ void copyFiles(const std::vector<LogicalMediaFile>& records, const DriveId& dest
         return;
     }
 
+    RelocationCopies copies(destination, type, logger);
     logger.startSubTasks(sizes);
     for (const auto& r : records) {
         if (g_esc_pressed) break;
-        copyMaterialFile(r, destination, type, logger);
+        copies.add(r);
         logger.nextSubTask();
+        if (copies.full()) copies.commit();
     }
+    copies.commit(); // what was copied before Escape is kept too
     logger.endSubTasks();
     DiskManager::issueMediaOnlineChangeNotification();
     logger.write(resourceStrW(kCopyFinished), LoggerBase::eHeading);

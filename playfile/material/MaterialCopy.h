@@ -5,9 +5,15 @@
 // directory re-pointed at the copies. Progress goes to the logger weighted by bytes;
 // Escape (g_esc_pressed) stops between files.
 //
-// Every copy goes through the host file manager's copy, so a file appears under its final
-// name only once it is complete and synced. Runs on the calling thread; the progress
-// callback runs inside the file manager's copy on that thread. No locks of its own.
+// The copies go through a copy batch of the host file manager (iCopyBatch): each file is
+// written beside its destination as it is reached, and the batch is committed (data
+// synced, then every file renamed into place, then each folder synced) when it is full and
+// at the end, Escape included. Only then are link files written and, for a move, the
+// material directory re-pointed, so a file appears under its final name only once it is
+// complete and on disk, and the directory never names a copy that is not. Several
+// materials sharing one file are all re-pointed at its one copy. Runs on the calling
+// thread; the progress callback runs inside the batch's copy on that thread. No locks of
+// its own.
 #pragma once
 
 #include "host/project/DriveId.h"

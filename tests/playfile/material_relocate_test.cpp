@@ -21,17 +21,29 @@ namespace {
 
 const std::wstring kBuilding = L"Building file list";
 
-// The real file manager, with chosen copies failing and a hook after each copy.
+// The real file manager, with chosen copies of its batches failing and a hook after each
+// copy.
 struct FaultyCopies final : PosixFileManager {
     std::map<std::string, eCopyRC> failing; // by the destination's file name
     std::function<void()> afterCopy;
     int64_t freeBytes = -1;                 // replaces the free-space answer when set
-    eCopyRC copyFile(const WString& src, const WString& dst, const ProgressFn& progress, bool overwrite) override {
-        auto f = failing.find(U(stripPath(dst)));
-        if (f != failing.end()) return f->second;
-        eCopyRC rc = PosixFileManager::copyFile(src, dst, progress, overwrite);
-        if (afterCopy) afterCopy();
-        return rc;
+
+    struct Batch final : iCopyBatch {
+        Batch(FaultyCopies& owner, std::unique_ptr<iCopyBatch> real) : owner(owner), real(std::move(real)) {}
+        eCopyRC add(const WString& src, const WString& dst, const ProgressFn& progress, bool overwrite) override {
+            auto f = owner.failing.find(U(stripPath(dst)));
+            if (f != owner.failing.end()) return f->second;
+            eCopyRC rc = real->add(src, dst, progress, overwrite);
+            if (owner.afterCopy) owner.afterCopy();
+            return rc;
+        }
+        bool full() const override { return real->full(); }
+        std::vector<Outcome> commit() override { return real->commit(); }
+        FaultyCopies& owner;
+        std::unique_ptr<iCopyBatch> real;
+    };
+    std::unique_ptr<iCopyBatch> newCopyBatch() override {
+        return std::make_unique<Batch>(*this, PosixFileManager::newCopyBatch());
     }
     int64_t freeSpace(const WString& path) override {
         return freeBytes >= 0 ? freeBytes : PosixFileManager::freeSpace(path);
@@ -157,6 +169,28 @@ TEST_F(RelocationProject, AFileAlreadyAtTheDestinationIsNeitherOverwrittenNorReg
     EXPECT_EQ(driveOf(a), 'A');
     EXPECT_EQ(driveOf(b), 'B');
     EXPECT_EQ(lines().back(), text(12528));
+}
+
+// A clip's video and sound materials share one file: it is copied once, and a move points
+// every one of them at the copy.
+TEST_F(RelocationProject, AMoveRepointsEveryMaterialSharingAFile) {
+    ImportOptions o;
+    o.copy = true;
+    o.drive = DriveId('A');
+    o.videoChannels = 1;
+    o.audioChannels = 2;
+    ImportResult r = ProjectImporter(o).importFile(W(source("shared.mov", 3000)));
+    ASSERT_TRUE(r.ok) << U(r.error);
+    const Cookie materials[] = {video(r.clip), sound(r.clip, 1), sound(r.clip, 2)};
+    relocate({r.clip}, MaterialMove::eMove);
+    EXPECT_EQ(lines(), (Lines{kBuilding, sourceLine(1, 3), L"", toProcess(3), L"", text(12528)}));
+    EXPECT_EQ(readFile(on(driveB, r.clip)), readFile(sources / "shared.mov"));
+    for (const Cookie& m : materials) {
+        auto entry = SystemCache::findEntryForCookie(m);
+        ASSERT_TRUE(entry && entry->hasFile()) << U(m.asWString());
+        EXPECT_EQ(entry->getFile().getMaterialFilename().getDriveChar(), 'B') << U(m.asWString());
+    }
+    EXPECT_EQ(std::distance(fs::directory_iterator(driveB / "video"), fs::directory_iterator()), 1);
 }
 
 // Media linked from a drive's folder moves to the same place on the destination, and the
