@@ -76,17 +76,17 @@ void timeFfmpeg(Source& s, const fs::path& dir) {
 }
 
 void timeExtract(Source& s) {
-    FileXferSpec spec;
-    spec.source = convertCookie(s.clip, 'V', 0);
-    spec.destination = convertCookie(ProjectImporter::newClipCookie(), 'V', 0);
-    spec.videoMetadata = ShotVideoMetadata(Zn::Image::FormatUID{}, Zn::kFrameRate25);
-    spec.start = kStart;
-    spec.end = kEnd;
+    FileXferSpec xfer;
+    xfer.source = convertCookie(s.clip, 'V', 0);
+    xfer.destination = convertCookie(ProjectImporter::newClipCookie(), 'V', 0);
+    xfer.videoMetadata = ShotVideoMetadata(Zn::Image::FormatUID{}, Zn::kFrameRate25);
+    xfer.start = kStart;
+    xfer.end = kEnd;
     LoggerHandle log;
     auto t0 = std::chrono::steady_clock::now();
-    if (spec.get_extract(log) != 1) die(std::string("the extraction of ") + s.name + " failed");
+    if (xfer.get_extract(log) != 1) die(std::string("the extraction of ") + s.name + " failed");
     s.bestExtract = std::min(s.bestExtract, seconds(t0));
-    fs::remove(toUTF8(SystemCache::findFileForCookie(spec.destination)).str());
+    fs::remove(toUTF8(SystemCache::findFileForCookie(xfer.destination)).str());
 }
 
 } // namespace

@@ -72,14 +72,14 @@ protected:
         // Each material one equal part of the whole.
         log.startSubTasks(std::vector<uint64_t>(pieces_.size(), 0));
         for (Piece& p : pieces_) {
-            FileXferSpec spec;
-            spec.source = p.source;
-            spec.destination = p.destination;
-            spec.videoMetadata = p.video;
-            spec.start = start_;
-            spec.end = end_;
-            spec.destinationDrive = drive_;
-            p.result = spec.get_extract(log);
+            FileXferSpec xfer;
+            xfer.source = p.source;
+            xfer.destination = p.destination;
+            xfer.videoMetadata = p.video;
+            xfer.start = start_;
+            xfer.end = end_;
+            xfer.destinationDrive = drive_;
+            p.result = xfer.get_extract(log);
             if (p.result != FileXferSpec::kExtractDone) break;
             log.nextSubTask();
         }

@@ -18,8 +18,8 @@ bool hasStream(const AVFormatContext& in, AVMediaType type) {
 }
 
 // Where the section goes: the material's name on the drive with the writer's extension.
-WString finalName(const FileXferSpec& spec, const std::string& extension) {
-    WString base = getMaterialFilenameForCookie(spec.destination, spec.destinationDrive).getOsPath();
+WString finalName(const FileXferSpec& xfer, const std::string& extension) {
+    WString base = getMaterialFilenameForCookie(xfer.destination, xfer.destinationDrive).getOsPath();
     return base.empty() ? base : base + L"." + fromUTF8(extension.c_str());
 }
 
@@ -30,35 +30,35 @@ int fail(LoggerHandle& log, const WString& what) {
 
 } // namespace
 
-bool FfmpegXferManager::acceptsExtraction(const FileXferSpec& spec) {
-    const char kind = spec.source.type();
-    if ((kind != 'S' && kind != 'V') || spec.destination.type() != kind || spec.sourceFile.empty()) return false;
+bool FfmpegXferManager::acceptsExtraction(const FileXferSpec& xfer) {
+    const char kind = xfer.source.type();
+    if ((kind != 'S' && kind != 'V') || xfer.destination.type() != kind || xfer.sourceFile.empty()) return false;
     InputPtr in;
-    if (!openInput(utf8(spec.sourceFile), in).ok()) return false;
+    if (!openInput(utf8(xfer.sourceFile), in).ok()) return false;
     return hasStream(*in, kind == 'S' ? AVMEDIA_TYPE_AUDIO : AVMEDIA_TYPE_VIDEO);
 }
 
-int FfmpegXferManager::extract(const FileXferSpec& spec, LoggerHandle& log) {
+int FfmpegXferManager::extract(const FileXferSpec& xfer, LoggerHandle& log) {
     Job job;
-    job.source = utf8(spec.sourceFile);
-    job.first = spec.firstSample;
-    job.end = spec.endSample;
-    job.channel = spec.source.index();
+    job.source = utf8(xfer.sourceFile);
+    job.first = xfer.firstSample;
+    job.end = xfer.endSample;
+    job.channel = xfer.source.index();
     if (job.first < 0 || job.end <= job.first)
-        return fail(log, WString(L"The section holds nothing to extract from ") + spec.sourceFile);
+        return fail(log, WString(L"The section holds nothing to extract from ") + xfer.sourceFile);
 
-    const bool sound = spec.source.type() == 'S';
+    const bool sound = xfer.source.type() == 'S';
     std::string extension = "wav", muxer = "wav";
     if (!sound) {
         InputPtr in;
         if (Outcome o = openInput(job.source, in); !o.ok()) return fail(log, fromUTF8(o.reason.c_str()));
         const int v = av_find_best_stream(in.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-        if (v < 0) return fail(log, WString(L"No video in ") + spec.sourceFile);
+        if (v < 0) return fail(log, WString(L"No video in ") + xfer.sourceFile);
         Container c = containerFor(*in, *in->streams[v]->codecpar);
         extension = c.extension;
         muxer = c.muxer;
     }
-    const WString target = finalName(spec, extension);
+    const WString target = finalName(xfer, extension);
     if (target.empty()) return fail(log, WString(L"The destination drive has no folder for the new material"));
     if (projectfs::exists(target)) return fail(log, target + L" exists already");
     const WString partial = target + L".partial";
@@ -70,7 +70,7 @@ int FfmpegXferManager::extract(const FileXferSpec& spec, LoggerHandle& log) {
     };
 
     log.write(WString(sound ? L"Extracting samples " : L"Extracting frames ") + Zn::WStringFromInteger(job.first) +
-              L" to " + Zn::WStringFromInteger(job.end) + L" of " + spec.sourceFile + L"\n");
+              L" to " + Zn::WStringFromInteger(job.end) + L" of " + xfer.sourceFile + L"\n");
     SoundFormat soundFormat;
     VisionReport vision;
     Outcome o = sound ? writeSoundSection(job, soundFormat) : writeVisionSection(job, muxer, vision);
@@ -86,7 +86,7 @@ int FfmpegXferManager::extract(const FileXferSpec& spec, LoggerHandle& log) {
         projectfs::remove(partial);
         return fail(log, WString(L"Cannot rename the new file to ") + target);
     }
-    FileXferSpec header = spec;
+    FileXferSpec header = xfer;
     if (!sound && !header.videoMetadata.isSet() && vision.frameRate.den)
         header.videoMetadata = ShotVideoMetadata::fromPicture(unsigned(vision.width), unsigned(vision.height),
                                                               vision.frameRate.num, vision.frameRate.den);

@@ -17,8 +17,8 @@ namespace ffmpeg_xfer {
 class FfmpegXferManager final : public iFileXferManager {
 public:
     WString getName() const override { return WString(L"FFmpeg transfer"); }
-    bool acceptsExtraction(const FileXferSpec& spec) override;
-    int extract(const FileXferSpec& spec, LoggerHandle& log) override;
+    bool acceptsExtraction(const FileXferSpec& xfer) override;
+    int extract(const FileXferSpec& xfer, LoggerHandle& log) override;
 };
 
 } // namespace ffmpeg_xfer

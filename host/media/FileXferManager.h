@@ -28,10 +28,10 @@ public:
     virtual WString getName() const = 0;
     // Whether this manager can perform the extraction (its source it can read, its kind of
     // material it can write). Cheap enough to ask of every plug-in in turn.
-    virtual bool acceptsExtraction(const FileXferSpec& spec) = 0;
+    virtual bool acceptsExtraction(const FileXferSpec& xfer) = 0;
     // Writes the section as the destination material's file on the destination drive, with
     // progress through the logger and cancellation through the status of the task that
     // runs it. A failed or interrupted extraction leaves no file behind. The caller
     // registers the new file with the project.
-    virtual int extract(const FileXferSpec& spec, LoggerHandle& log) = 0;
+    virtual int extract(const FileXferSpec& xfer, LoggerHandle& log) = 0;
 };

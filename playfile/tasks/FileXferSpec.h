@@ -5,7 +5,7 @@
 // first file-transfer plug-in that accepts it and registers the new file with the project.
 //
 // Not thread-safe: one extraction is driven by one thread; the plug-in it calls reads the
-// spec on that thread too.
+// description on that thread too.
 #pragma once
 
 #include "host/core/Cookie.h"

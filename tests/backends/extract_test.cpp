@@ -58,15 +58,15 @@ protected:
     // Runs get_extract for [start, end) of the source material into the destination's.
     static int extract(const Cookie& source, const Cookie& destination, double start, double end,
                        FileXferSpec* out = nullptr) {
-        FileXferSpec spec;
-        spec.source = source;
-        spec.destination = destination;
-        spec.start = start;
-        spec.end = end;
-        spec.videoMetadata = ShotVideoMetadata(Zn::Image::FormatUID{}, Zn::kFrameRate25);
+        FileXferSpec xfer;
+        xfer.source = source;
+        xfer.destination = destination;
+        xfer.start = start;
+        xfer.end = end;
+        xfer.videoMetadata = ShotVideoMetadata(Zn::Image::FormatUID{}, Zn::kFrameRate25);
         LoggerHandle log;
-        const int rc = spec.get_extract(log);
-        if (out) *out = spec;
+        const int rc = xfer.get_extract(log);
+        if (out) *out = xfer;
         return rc;
     }
 
@@ -99,14 +99,14 @@ TEST_F(Extract, SectionsBecomeFramesAndSamplesWithTheirMargins) {
         {'S', 0.25, 0.9999999999, 12000, 48000},
     };
     for (const Case& c : cases) {
-        FileXferSpec spec;
-        spec.source = c.type == 'V' ? video(clip) : sound(clip, 1);
-        spec.videoMetadata = ShotVideoMetadata(Zn::Image::FormatUID{}, Zn::kFrameRate25);
-        spec.start = c.start;
-        spec.end = c.end;
-        EXPECT_EQ(spec.get_extract_samples(), 1);
-        EXPECT_EQ(spec.firstSample, c.first) << c.type << " " << c.start;
-        EXPECT_EQ(spec.endSample, c.last) << c.type << " " << c.end;
+        FileXferSpec xfer;
+        xfer.source = c.type == 'V' ? video(clip) : sound(clip, 1);
+        xfer.videoMetadata = ShotVideoMetadata(Zn::Image::FormatUID{}, Zn::kFrameRate25);
+        xfer.start = c.start;
+        xfer.end = c.end;
+        EXPECT_EQ(xfer.get_extract_samples(), 1);
+        EXPECT_EQ(xfer.firstSample, c.first) << c.type << " " << c.start;
+        EXPECT_EQ(xfer.endSample, c.last) << c.type << " " << c.end;
     }
     EXPECT_EQ(FileXferSpec::get_soundfile_sample_rate(sound(clip, 1)), 48000u);
     EXPECT_EQ(FileXferSpec().destinationDrive, DriveId('A')); // the drive for rendered material
@@ -135,12 +135,12 @@ TEST_F(Extract, SectionsOutsideTheSourceAnswerWithoutExtracting) {
         EXPECT_TRUE(filesOf(dest).empty());
     }
     LogCapture log;
-    FileXferSpec spec;
-    spec.source = convertCookie(clip, 'I', 0);
-    spec.start = 0;
-    spec.end = 1;
+    FileXferSpec xfer;
+    xfer.source = convertCookie(clip, 'I', 0);
+    xfer.start = 0;
+    xfer.end = 1;
     LoggerHandle handle;
-    EXPECT_EQ(spec.get_extract(handle), 0);
+    EXPECT_EQ(xfer.get_extract(handle), 0);
     EXPECT_EQ(log.count("get_extract_samples(): Unknown Cookie type"), 1u);
 }
 
@@ -167,10 +167,10 @@ TEST_F(Extract, SoundIsTheSourcesSamplesFromItsOffsetInItsOwnFormat) {
         for (auto [start, end, first, last] : {std::tuple{0.5, 1.0, 24100, 48100}, std::tuple{1.5, 3.0, 72100, 96000}}) {
             if (!c.pcm && end > 2) continue;
             const Cookie dest = newClip();
-            FileXferSpec spec;
-            ASSERT_EQ(extract(sound(clip, 1), sound(dest, 1), start, end, &spec), 1) << c.name;
-            EXPECT_EQ(spec.firstSample, first);
-            EXPECT_EQ(spec.endSample, last) << c.name;
+            FileXferSpec xfer;
+            ASSERT_EQ(extract(sound(clip, 1), sound(dest, 1), start, end, &xfer), 1) << c.name;
+            EXPECT_EQ(xfer.firstSample, first);
+            EXPECT_EQ(xfer.endSample, last) << c.name;
             const std::string made = U(SystemCache::findFileForCookie(sound(dest, 1)));
             EXPECT_NE(testing_support::runCommand("ffprobe -v error -show_entries stream=codec_name -of csv=p=0 " +
                                     testing_support::shellQuote(made))
@@ -271,14 +271,14 @@ public:
 protected:
     void run() override {
         if (cancel_) setStatus(eCancelled);
-        FileXferSpec spec;
-        spec.source = source_;
-        spec.destination = destination_;
-        spec.start = 0.2;
-        spec.end = 1.5;
-        spec.videoMetadata = ShotVideoMetadata(Zn::Image::FormatUID{}, Zn::kFrameRate25);
+        FileXferSpec xfer;
+        xfer.source = source_;
+        xfer.destination = destination_;
+        xfer.start = 0.2;
+        xfer.end = 1.5;
+        xfer.videoMetadata = ShotVideoMetadata(Zn::Image::FormatUID{}, Zn::kFrameRate25);
         LoggerHandle log(getLog());
-        result = spec.get_extract(log);
+        result = xfer.get_extract(log);
     }
 
 private:
