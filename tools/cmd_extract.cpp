@@ -131,8 +131,8 @@ bool piecesOf(const Cookie& clip, const Cookie& target, std::vector<Piece>& out,
     return !out.empty();
 }
 
-// Registers the new clip whose pieces are extracted: the further sound channels on the
-// sound file, then the clip itself. False, with the reason, when the project refuses.
+// Registers the new clip whose pieces are extracted: the further sound channels that the
+// sound file holds, then the clip itself. False, with the reason, when the project refuses.
 bool registerClip(const Cookie& target, const WString& name, int video, int channels, unsigned rate,
                   std::vector<std::string>& files, std::string& error) {
     WString why;
@@ -141,6 +141,11 @@ bool registerClip(const Cookie& target, const WString& name, int video, int chan
         Zn::Ptr<FsysDirectoryEntry> entry = SystemCache::findEntryForCookie(convertCookie(target, 'S', 1));
         if (!entry || !entry->hasFile()) return (error = "the sound file is not in the project", false);
         sound = entry->getFile().getMaterialFilename();
+        // The file holds the channels of the source's audio stream that has the first one;
+        // channels in further streams of the source are not extracted.
+        Zn::Ptr<FileReadInstance> file = PlayFileCache::Shared().open(convertCookie(target, 'S', 1), DecodeFormat(1), 0);
+        if (!file) return (error = "the new sound file cannot be read", false);
+        channels = std::min(channels, int(file->getMetadata()->getTotalChannels()));
     }
     for (int ch = 2; ch <= channels; ++ch)
         if (SystemCache::addFile(convertCookie(target, 'S', uint8_t(ch)), sound, 0) != 1)
