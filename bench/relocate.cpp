@@ -4,6 +4,8 @@
 // disk), three rounds alternating the two sides; the best round of each counts. Prints the
 // throughputs and the ratios (relocation over cp + sync; 1.0 is as fast), for each group
 // and for the whole.
+#include "CopyBench.h"
+
 #include "host/core/Strings.h"
 #include "host/project/DiskManager.h"
 #include "host/project/EditManager.h"
@@ -22,6 +24,9 @@
 #include <vector>
 
 namespace fs = std::filesystem;
+using copy_bench::emptyFolder;
+using copy_bench::seconds;
+using copy_bench::writeMedia;
 
 namespace {
 
@@ -37,28 +42,9 @@ struct Group {
     double mib() const { return double(files) * double(bytes) / 1048576.0; }
 };
 
-double seconds(std::chrono::steady_clock::time_point since) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
-}
-
-void writeMedia(const fs::path& path, size_t bytes, std::mt19937_64& rng) {
-    std::vector<uint64_t> block(size_t(1) << 17); // 1 MiB
-    std::ofstream out(path, std::ios::binary);
-    for (size_t done = 0; done < bytes; done += block.size() * 8) {
-        for (auto& w : block) w = rng();
-        out.write(reinterpret_cast<const char*>(block.data()), std::streamsize(std::min(bytes - done, block.size() * 8)));
-    }
-}
-
 [[noreturn]] void die(const char* what, const WString& why = WString()) {
     std::fprintf(stderr, "bench_relocate: %s %ls\n", what, why.c_str());
     std::exit(1);
-}
-
-void emptyFolder(const fs::path& folder) {
-    fs::create_directories(folder);
-    for (const auto& e : fs::directory_iterator(folder)) fs::remove(e.path());
-    ::sync();
 }
 
 void makeGroup(Group& g, const fs::path& drive, std::mt19937_64& rng) {
@@ -81,13 +67,9 @@ void makeGroup(Group& g, const fs::path& drive, std::mt19937_64& rng) {
 }
 
 void timeCp(Group& g, const fs::path& cpTo) {
-    std::string line = "cp";
-    for (const auto& s : g.sources) line += " '" + s + "'";
-    line += " '" + cpTo.string() + "/' && sync";
-    emptyFolder(cpTo);
-    auto t0 = std::chrono::steady_clock::now();
-    if (std::system(line.c_str()) != 0) die("cp failed");
-    g.bestCp = std::min(g.bestCp, seconds(t0));
+    const double took = copy_bench::cpAndSync(g.sources, cpTo);
+    if (took < 0) die("cp failed");
+    g.bestCp = std::min(g.bestCp, took);
 }
 
 void timeRelocation(Group& g, const fs::path& relocated) {

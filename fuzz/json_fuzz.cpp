@@ -1,7 +1,8 @@
 // Fuzz target for the JSON reader: any text is parsed or refused with a reason, never a
 // crash; what parses can be walked with every getter, written out and parsed again, and a
-// settings-like record read from it round-trips through the builder.
+// download task's settings read from it round-trip through the builder.
 #include "host/core/JSON.h"
+#include "playfile/tasks/ExternalDownloadTask.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -9,23 +10,7 @@
 
 namespace {
 
-struct Record : JSON::iPersistable {
-    WString location, proxyExt;
-    String naming;
-    void write(JSON::Builder& b) const override {
-        b.startChild();
-        b.add("Location", location, true);
-        b.add("ProxyExt", proxyExt, true);
-        b.add("Naming", naming, true);
-        b.endChild();
-    }
-    bool read(const Zn::Ptr<JSON::Element>& e) override {
-        location = e->getWString("Location");
-        proxyExt = e->getWString("ProxyExt");
-        naming = e->getString("Naming");
-        return !location.empty() && !proxyExt.empty();
-    }
-};
+using Record = ExternalDownloadTask::Settings;
 
 void walk(const Zn::Ptr<JSON::Element>& e, int depth) {
     if (depth > JSON::kMaxDepth + 1) std::abort();
@@ -57,7 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (r.read(root)) {
         Record back;
         if (!JSON::fromText(back, JSON::toText(r).view())) std::abort();
-        if (!(back.location == r.location) || !(back.proxyExt == r.proxyExt)) std::abort();
+        if (!(back.location == r.location) || !(back.proxyExt == r.proxyExt) || back.naming != r.naming) std::abort();
+        if ((r.naming == Record::eNameByClip) != (root->getString("Naming").view() == "clip")) std::abort();
     }
     return 0;
 }

@@ -14,33 +14,29 @@ namespace tool {
 namespace {
 
 std::atomic<bool> g_interrupt{false};
+// CatchInterrupts alive; only the outermost starts with a clean flag.
+std::atomic<int> g_catchers{0};
 
 extern "C" void onInterrupt(int) {
     g_esc_pressed.store(true);
     g_interrupt.store(true);
 }
 
-// Catches the first Ctrl-C for the life of the view; the handler resets itself, so a
-// second one has the default effect.
-class InterruptCatcher {
-public:
-    InterruptCatcher() {
-        g_interrupt = false;
-        struct sigaction sa {};
-        sa.sa_handler = onInterrupt;
-        sigemptyset(&sa.sa_mask);
-        sa.sa_flags = SA_RESETHAND;
-        sigaction(SIGINT, &sa, &previous_);
-    }
-    ~InterruptCatcher() { sigaction(SIGINT, &previous_, nullptr); }
-    InterruptCatcher(const InterruptCatcher&) = delete;
-    InterruptCatcher& operator=(const InterruptCatcher&) = delete;
-
-private:
-    struct sigaction previous_ {};
-};
-
 } // namespace
+
+TaskView::CatchInterrupts::CatchInterrupts() {
+    if (g_catchers++ == 0) g_interrupt = false;
+    struct sigaction sa {};
+    sa.sa_handler = onInterrupt;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = SA_RESETHAND;
+    sigaction(SIGINT, &sa, &previous_);
+}
+
+TaskView::CatchInterrupts::~CatchInterrupts() {
+    sigaction(SIGINT, &previous_, nullptr);
+    --g_catchers;
+}
 
 std::string TaskView::format(const iTaskLog::Entry& entry) {
     std::string text = toUTF8(entry.text).str();
@@ -56,9 +52,15 @@ std::string TaskView::format(const iTaskLog::Entry& entry) {
 }
 
 bool TaskView::run(const Zn::Ptr<BackgroundTaskBase>& task) {
-    InterruptCatcher catcher;
+    CatchInterrupts catcher; // from before the task can start
+    if (!UIBackgroundTasksQueue::instance().queue(task)) return false;
+    follow(task);
+    return true;
+}
+
+void TaskView::follow(const Zn::Ptr<BackgroundTaskBase>& task) {
+    CatchInterrupts catcher;
     auto& queue = UIBackgroundTasksQueue::instance();
-    if (!queue.queue(task)) return false;
     Zn::Ptr<iTaskLog> log = task->getLog();
     ProgressBar::Style style;
     style.out = options_.out;
@@ -100,7 +102,6 @@ bool TaskView::run(const Zn::Ptr<BackgroundTaskBase>& task) {
     }
     if (bar) bar->finish();
     task->waitForCompletion();
-    return true;
 }
 
 } // namespace tool

@@ -8,6 +8,7 @@
 #include "host/tasks/BackgroundTask.h"
 #include "host/tasks/TaskLog.h"
 
+#include <csignal>
 #include <cstdio>
 #include <string>
 
@@ -15,6 +16,20 @@ namespace tool {
 
 class TaskView {
 public:
+    // Catches the first Ctrl-C for its life (a second one has the default effect): a
+    // view holds one while it follows a task, and a command that queues a task itself
+    // makes one first, so that a Ctrl-C before the view starts is not lost.
+    class CatchInterrupts {
+    public:
+        CatchInterrupts();
+        ~CatchInterrupts();
+        CatchInterrupts(const CatchInterrupts&) = delete;
+        CatchInterrupts& operator=(const CatchInterrupts&) = delete;
+
+    private:
+        struct sigaction previous_ {};
+    };
+
     struct Options {
         FILE* out = stdout;
         int terminal = -1;     // as ProgressBar::Style::terminal
@@ -28,6 +43,8 @@ public:
     // Queues the task on the process's task queue and follows it until it has ended.
     // Answers false when the queue refused it.
     bool run(const Zn::Ptr<BackgroundTaskBase>& task);
+    // Follows a task already queued on the process's task queue until it has ended.
+    void follow(const Zn::Ptr<BackgroundTaskBase>& task);
     // Whether Ctrl-C was pressed while the task ran.
     bool interrupted() const noexcept { return interrupted_; }
 

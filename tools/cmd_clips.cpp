@@ -6,6 +6,7 @@
 
 #include "host/core/Strings.h"
 #include "host/os/FileManager.h"
+#include "host/os/FileQueryScope.h"
 #include "host/os/OS.h"
 #include "host/project/ProjectCatalog.h"
 
@@ -110,6 +111,8 @@ int run(const std::vector<std::string>& args) {
     const std::vector<EditSummary> edits = ProjectCatalog::edits();
     const std::vector<ClipMediaFile> files = ProjectCatalog::mediaFiles();
     PresenceCache presence;
+    // One listing is one query: the mount table is looked at once, each file once.
+    FileQueryScope filesQuery;
     size_t next = 0;
     std::string out = json ? "[" : "";
     for (size_t i = 0; i < edits.size(); ++i) {

@@ -96,9 +96,13 @@ String toUTF8(const wchar_t* text) {
 
 String toUTF8(const WString& text) {
     if (text.isNull()) return String();
-    std::string out;
-    out.reserve(text.size());
-    for (wchar_t c : text) appendUTF8(out, char32_t(c));
+    // Paths are mostly ASCII: those characters are stored directly, the rest encoded.
+    const std::wstring_view v = text.view();
+    std::string out(v.size(), '\0');
+    size_t i = 0;
+    for (; i < v.size() && uint32_t(v[i]) < 0x80; ++i) out[i] = char(v[i]);
+    out.resize(i);
+    for (; i < v.size(); ++i) appendUTF8(out, char32_t(v[i]));
     return String(out);
 }
 

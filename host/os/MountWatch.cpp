@@ -1,6 +1,8 @@
 // The cached mount table and its change notice.
 #include "host/os/MountWatch.h"
 
+#include "host/os/FileQueryScope.h"
+
 #include <cerrno>
 #include <fcntl.h>
 #include <new>
@@ -36,6 +38,8 @@ void MountWatch::refreshLocked() {
         loaded_ = false;
         forked_ = false;
     }
+    // Within one query the table is checked once (FileQueryScope.h).
+    if (loaded_ && !FileQueryScope::shouldCheckMounts()) return;
     if (loaded_ && fd_ >= 0) {
         pollfd p{fd_, POLLPRI, 0};
         int n;

@@ -2,7 +2,8 @@
 // kernel reports a change (poll on /proc/self/mountinfo signals POLLPRI | POLLERR after
 // any mount or unmount in the process's mount namespace), and the per-device answer to
 // "is this a network file system?" kept with it. This makes the remote-location test
-// cheap enough to ask for every file of every query: a stat, one poll and a look-up.
+// cheap enough to ask for every file of every query: a stat, one poll and a look-up, and
+// within a FileQueryScope (one query) the poll once for all its questions.
 // Where /proc cannot be polled, the table is read again on every question. A child
 // process made by fork reads its own table afresh; a process that moves to another mount
 // namespace without forking (unshare) keeps watching the one it started in.

@@ -4,6 +4,7 @@
 
 #include "host/core/Strings.h"
 #include "host/os/FileCopy.h"
+#include "host/os/FileQueryScope.h"
 #include "host/os/MountTable.h"
 #include "host/os/MountWatch.h"
 #include "host/os/PosixFile.h"
@@ -57,7 +58,7 @@ bool nearestExisting(const std::string& path, ExistingPart& out) {
     if (path.empty()) return false;
     std::string p = path;
     for (;;) {
-        if (::stat(p.c_str(), &out.st) == 0) break;
+        if (FileQueryScope::stat(p, out.st) == 0) break;
         if (p == "/" || p == ".") return false;
         p = parentOf(p);
     }
@@ -152,17 +153,17 @@ iFileManager* defaultFileManager() noexcept {
 
 bool PosixFileManager::fileExists(const WString& path) {
     struct stat st;
-    return !path.empty() && ::stat(bytesOf(path).c_str(), &st) == 0;
+    return !path.empty() && FileQueryScope::stat(bytesOf(path), st) == 0;
 }
 
 bool PosixFileManager::isDirectory(const WString& path) {
     struct stat st;
-    return !path.empty() && ::stat(bytesOf(path).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    return !path.empty() && FileQueryScope::stat(bytesOf(path), st) == 0 && S_ISDIR(st.st_mode);
 }
 
 int64_t PosixFileManager::fileSize(const WString& path) {
     struct stat st;
-    if (path.empty() || ::stat(bytesOf(path).c_str(), &st) != 0 || S_ISDIR(st.st_mode)) return -1;
+    if (path.empty() || FileQueryScope::stat(bytesOf(path), st) != 0 || S_ISDIR(st.st_mode)) return -1;
     return int64_t(st.st_size);
 }
 

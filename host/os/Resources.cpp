@@ -24,6 +24,9 @@ constexpr Entry kTexts[] = {
     {11591, L"$NUM$ logs"},
     {11995, L"Could not write the file $FILE$"},
     {12528, L"Material copy finished."},
+    {12531, L"proxy"},
+    {12532, L"Discarded an unfinished copy left by an earlier run: $FILE$"},
+    {12533, L"Downloaded files"},
     {13649, L"Download media"},
     {14293, L"Localise media"},
 };
@@ -39,6 +42,30 @@ WString resourceStrW(unsigned id) {
     }
     if (lo < std::size(kTexts) && kTexts[lo].id == id) return WString(kTexts[lo].text);
     return WString(L"<message " + std::to_wstring(id) + L">");
+}
+
+namespace {
+
+// The texts of the host's result codes, sorted by code.
+constexpr Entry kResultTexts[] = {
+    {1, L"The operation failed"},
+    {2, L"There is not enough space on the disk"},
+    {3, L"The operation was cancelled"},
+};
+
+} // namespace
+
+WString resourceStrW(ZnResult result, ResStrFmt format) {
+    const wchar_t* text = L"Unknown result";
+    for (const Entry& e : kResultTexts)
+        if (int(e.id) == result.code) text = e.text;
+    const std::wstring code = L"error " + std::to_wstring(result.code);
+    switch (format) {
+    case eResStrText: return WString(text);
+    case eResStrCode: return WString(code);
+    case eResStrTextAndCode: break;
+    }
+    return WString(std::wstring(text) + L" (" + code + L")");
 }
 
 WString paddedResourceStrW(unsigned id) {

@@ -130,7 +130,7 @@ private:
     // By destination OS path: the file this relocation sends there (several materials can
     // share one file; each is re-pointed when it arrives).
     std::map<std::wstring, size_t> byDestination_;
-    // Per copy waiting in the batch, in the order added: its travel, or npos for a
+    // Per copy waiting in the batch, in the order added: its travel, or kCompanion for a
     // companion file.
     std::vector<size_t> waiting_;
     static constexpr size_t kCompanion = size_t(-1);
@@ -177,6 +177,7 @@ void RelocationCopies::addFile(const Cookie& material, const MediaFileInfoEx& fi
 // directory does not manage (a description next to a movie), into the folder of `to`.
 void RelocationCopies::copyCompanions(const WString& source, const WString& to) {
     iFileManager* fm = OS()->fileManager();
+    if (!batch_) return;
     const WString folder = getPath(source), destFolder = getPath(to);
     const WString pattern = patternEscaped(stripPathAndExt(source)) + L".*";
     for (const WString& name : fm->listDirectory(folder, pattern)) {
@@ -205,8 +206,10 @@ void RelocationCopies::finish(const Travel& t, const User& u) const {
 void RelocationCopies::commit() {
     std::vector<iCopyBatch::Outcome> outcomes;
     if (batch_) outcomes = batch_->commit();
-    for (size_t i = 0; i < waiting_.size() && i < outcomes.size(); ++i) {
-        const iCopyBatch::Outcome& o = outcomes[i];
+    for (size_t i = 0; i < waiting_.size(); ++i) {
+        // A batch that lost track of a copy has not put it in place.
+        const iCopyBatch::Outcome o =
+            i < outcomes.size() ? outcomes[i] : iCopyBatch::Outcome{WString(), WString(), iFileManager::eCopyFailed};
         if (waiting_[i] == kCompanion) {
             if (o.rc != iFileManager::eCopyOK)
                 Log("Companion file %ls not copied to %ls (result %d)\n", o.src.c_str(), o.dst.c_str(), int(o.rc));
@@ -225,7 +228,7 @@ void RelocationCopies::commit() {
     // Files that needed no copy (linked media already on the destination drive) count
     // from here too. Users that come later are finished as they come.
     for (Travel& t : travels_) {
-        if (t.state != Travel::eWaiting) continue;
+        if (t.state != Travel::eWaiting || t.plan.copy) continue;
         t.state = Travel::eDone;
         for (const User& u : t.users) finish(t, u);
     }

@@ -2,6 +2,7 @@
 #include "playfile/material/MaterialManager.h"
 
 #include "host/os/FileManager.h"
+#include "host/os/FileQueryScope.h"
 #include "host/os/OS.h"
 #include "host/project/Edit.h"
 #include "host/project/FsysDirectoryEntry.h"
@@ -76,6 +77,7 @@ void addReferences(const CookieVec& logs, unsigned selector, std::set<Cookie>& o
 } // namespace
 
 bool MaterialManager::isMediaRemote(const std::set<Cookie>& materials, eMediaTypes types) {
+    FileQueryScope files;
     const int spaceType = ProjectSpacesManager::getCurrentProjectSpaceType();
     if (spaceType == ProjectSpacesManager::eLocal || spaceType == ProjectSpacesManager::eLocalShared)
         return anyLinkedFileRemote(entriesOf(materials), types);
@@ -103,6 +105,7 @@ bool MaterialManager::isMediaRemote(const Cookie& material, eMediaTypes types) {
 }
 
 bool MaterialManager::isMediaLocal(const std::set<Cookie>& materials, eMediaTypes types) {
+    FileQueryScope files;
     if (ProjectSpacesManager::getCurrentProjectSpaceType() != ProjectSpacesManager::eRemote) return false;
     auto resource = ProjectSpacesManager::getResourceForRemoteProjectSpace();
     if (!resource) return false;
@@ -128,6 +131,7 @@ bool MaterialManager::isMediaLocal(const Cookie& material, eMediaTypes types) {
 }
 
 bool MaterialManager::isMediaAvailable(const Cookie& clip, eMediaTypes types) {
+    FileQueryScope files;
     EditPtr edit;
     if (!edit.i_open(clip, eEditOpenReadOnly)) return false;
     for (const Cookie& c : edit->getReferences(Edit::eRefAvailability))
@@ -152,6 +156,7 @@ bool MaterialManager::logsReferToLocalMedia(const CookieVec& logs, eMediaTypes t
 }
 
 bool MaterialManager::canDownload(const CookieVec& logs, eMediaTypes types) {
+    FileQueryScope files;
     auto resource = ProjectSpacesManager::getResourceForRemoteProjectSpace();
     if (!resource) return (types & kMediaHighRes) && logsReferToRemoteMedia(logs, kMediaHighRes);
     for (const Cookie& log : logs) {

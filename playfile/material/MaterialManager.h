@@ -15,14 +15,19 @@
 // run on any thread. A cookie that does not open, a material without a directory entry or
 // a missing project-space resource counts as a negative answer. Refreshing a status
 // (FsysDirectoryEntry::updateStatus) stores it, so a query can change what a later one
-// sees.
+// sees. Each query looks at a file, and at the mount table, once however often it asks
+// about them (FileQueryScope); the next query looks again.
 #pragma once
 
 #include "host/core/Cookie.h"
 #include "host/core/LightweightString.h"
+#include "host/project/DriveId.h"
+#include "host/tasks/BackgroundTask.h"
 #include "playfile/open/MediaTypes.h"
+#include "playfile/tasks/ExternalDownloadTask.h"
 
 #include <set>
+#include <vector>
 
 class MaterialManager {
 public:
@@ -61,4 +66,29 @@ public:
 
     // The physical file name of a still-image clip's media; empty for any other clip.
     static WString findFileForImageClip(const Cookie& clip);
+
+    // The actions of the user interface. The three transfers queue a task on the
+    // process's UIBackgroundTasksQueue and return at once, answering the task so that a
+    // caller can follow it (null when the queue has ended); the task copies, reports and
+    // fails on its own (DownloadTask).
+    //
+    // Makes the remote media of the logs' clips local, on the drive that serves imports.
+    static Zn::Ptr<DownloadTask> localiseRemoteMedia(const CookieVec& logs, eMediaTypes types,
+                                                     iBackgroundTask::eImportance importance);
+    // Copies the media of the logs' clips onto the destination drive; an empty title is
+    // the localise message.
+    static Zn::Ptr<DownloadTask> localiseMedia(const CookieVec& logs, const DriveId& destination, bool highRes,
+                                               bool proxies, iBackgroundTask::eImportance importance,
+                                               const WString& title);
+    // Downloads the remote media of the logs' clips into the settings' folder.
+    static Zn::Ptr<DownloadTask> downloadRemoteMedia(const CookieVec& logs, eMediaTypes types,
+                                                     const ExternalDownloadTask::Settings& settings);
+    // prefix + " : " + the log's name for one log (the bare prefix when it does not
+    // open), or + " : " + the "$NUM$ logs" message for any other count.
+    static WString makeTaskTitle(const CookieVec& logs, const WString& prefix);
+    // Appends the physical file names (links not resolved) of the shot's materials.
+    static void findFilesForShot(const Cookie& shot, std::vector<WString>& out);
+    // Shows the shot's files that exist in the desktop's file browser (each missing one
+    // costs a log line): 1 when some were shown, 5 when none exists.
+    static int revealFilesInOS(const Cookie& shot);
 };

@@ -4,6 +4,7 @@
 
 #include "host/core/Strings.h"
 #include "host/os/FileManager.h"
+#include "host/os/FileQueryScope.h"
 #include "host/os/OS.h"
 #include "host/project/DiskManager.h"
 #include "host/project/Edit.h"
@@ -43,6 +44,7 @@ bool MediaLocationUtils::servesLogType(int logType) noexcept {
 }
 
 MediaLocationInfo MediaLocationUtils::getClipLocationInfo(const Cookie& clip) {
+    FileQueryScope files; // a file shared by the clip's materials is looked at once
     MediaLocationInfo info;
     if (!servesLogType(EditInfo(clip).getLogType())) return info;
     EditPtr edit;
@@ -56,6 +58,7 @@ MediaLocationInfo MediaLocationUtils::getClipLocationInfo(const Cookie& clip) {
 }
 
 bool isMediaOffline(const EditModule& module) {
+    FileQueryScope files;
     const EditPtr& edit = module.getEdit();
     if (!edit || edit->isEmpty(1)) return false;
     const int logType = edit->getLogType();

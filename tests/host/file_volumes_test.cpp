@@ -1,5 +1,6 @@
 // Volume questions: the mount table parser, mount points, free space and I/O unit,
 // mounted-volume names and remote locations (by configured prefix and by mount type).
+#include "host/os/FileQueryScope.h"
 #include "host/os/MountTable.h"
 #include "host/os/MountWatch.h"
 #include "tests/host/file_test_support.h"
@@ -134,4 +135,41 @@ TEST_F(PosixFiles, MountTableFollowsARealMountAndIsReadOnlyWhenItChanges) {
     ASSERT_EQ(::umount2(point.c_str(), 0), 0);
     EXPECT_EQ(fm.volumeOf(inside), before);
     EXPECT_GT(MountWatch::shared().generation(), generation);
+
+    // Within one query the table is looked at once: a mount made meanwhile is seen by
+    // the next query.
+    uint64_t inQuery = 0;
+    {
+        FileQueryScope query;
+        inQuery = MountWatch::shared().generation();
+        ASSERT_EQ(::mount("playfile-test", point.c_str(), "tmpfs", 0, "size=1m"), 0);
+        EXPECT_EQ(fm.volumeOf(inside), before);
+        EXPECT_EQ(MountWatch::shared().generation(), inQuery);
+    }
+    EXPECT_EQ(fm.volumeOf(inside), W(point));
+    EXPECT_GT(MountWatch::shared().generation(), inQuery);
+}
+
+// Within one query a file is looked at once; the next query sees what changed. Scopes
+// nest, the outermost one counting.
+TEST_F(PosixFiles, AQueryLooksAtEachFileOnceAndTheNextSeesChanges) {
+    const std::string file = tmp.file("clip.mov");
+    writeFile(file, "12345");
+    {
+        FileQueryScope query;
+        EXPECT_TRUE(fm.fileExists(W(file)));
+        { FileQueryScope inner; }
+        ASSERT_EQ(unlink(file.c_str()), 0);
+        EXPECT_TRUE(fm.fileExists(W(file))) << "as first seen in this query";
+        EXPECT_EQ(fm.fileSize(W(file)), 5);
+        // Past the paths a query keeps, a file is looked at again.
+        for (int i = 0; i < 16; ++i) fm.fileExists(W(tmp.file("other" + std::to_string(i))));
+        EXPECT_FALSE(fm.fileExists(W(file)));
+        writeFile(file, "1");
+    }
+    EXPECT_EQ(fm.fileSize(W(file)), 1);
+    ASSERT_EQ(unlink(file.c_str()), 0);
+    EXPECT_FALSE(fm.fileExists(W(file)));
+    FileQueryScope next;
+    EXPECT_FALSE(fm.fileExists(W(file)));
 }

@@ -15,15 +15,12 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <nlohmann/json.hpp>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <thread>
 
 using namespace testing_support;
 using json = nlohmann::ordered_json;
 namespace fs = std::filesystem;
-
-extern char** environ;
 
 namespace {
 
@@ -53,25 +50,13 @@ protected:
 
     // Starts the program on its own; answers its process id.
     pid_t start(const std::string& args) {
-        std::vector<std::string> words = {PLAYFILE_BUILD_DIR "/tools/playfile", "relocate", "--project",
-                                          tmp.file("proj")};
+        std::vector<std::string> words = {"relocate", "--project", tmp.file("proj")};
         for (size_t at = 0, next; at < args.size(); at = next + 1) {
             next = args.find(' ', at);
             if (next == std::string::npos) next = args.size();
             if (next > at) words.push_back(args.substr(at, next - at));
         }
-        std::vector<char*> argv;
-        for (auto& w : words) argv.push_back(w.data());
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, tmp.file("stdout.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_addopen(&actions, 2, tmp.file("stderr.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        pid_t pid = -1;
-        ::setenv("PLAYFILE_LOG", tmp.file("playfile.log").c_str(), 1);
-        EXPECT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
-        posix_spawn_file_actions_destroy(&actions);
-        return pid;
+        return startPlayfile(tmp, words);
     }
     // Waits until the copy of the file at rel on drive B is under way (its temporary holds
     // at least `bytes`), then sends the signal; false when the program ended first.
@@ -100,11 +85,6 @@ protected:
         for (const auto& e : fs::directory_iterator((driveB / rel).parent_path(), ec))
             if (e.path().filename().string().rfind(prefix, 0) == 0) out.push_back(e.path().filename().string());
         return out;
-    }
-    static int exitOf(pid_t pid) {
-        int status = 0;
-        ::waitpid(pid, &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     }
 
     TempDir tmp{"playfile-relocate-command"};
