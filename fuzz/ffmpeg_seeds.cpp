@@ -1,16 +1,12 @@
 // Seed inputs of the FFmpeg fuzz target: small real files of the containers and codecs the
 // back-end serves, made with the ffmpeg program when the seeds are asked for (nothing
 // binary is kept in the tree). Files ffmpeg cannot make here are left out.
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
+#include "MadeMedia.h"
+
 #include <string>
 #include <vector>
 
 std::vector<std::string> fuzzSeeds() {
-    namespace fs = std::filesystem;
     const std::string video = "-f lavfi -i testsrc2=size=32x24:rate=25:duration=0.12 ";
     const std::string audio = "-f lavfi -i sine=frequency=440:sample_rate=8000:duration=0.12 ";
     const std::vector<std::pair<std::string, std::string>> files = {
@@ -24,19 +20,7 @@ std::vector<std::string> fuzzSeeds() {
         {"s16.wav", audio + "-c:a pcm_s16le"},
         {"raw.h264", video + "-c:v libx264 -preset ultrafast"},
     };
-    std::error_code ec;
-    std::string pattern = (fs::temp_directory_path(ec) / "playfile-fuzz-seeds-XXXXXX").string();
-    std::vector<std::string> seeds;
-    if (!::mkdtemp(pattern.data())) return {std::string("\0\0\0\x1c" "ftypisom", 12)};
-    const fs::path dir = pattern;
-    for (const auto& [name, args] : files) {
-        const fs::path out = dir / name;
-        const std::string command = "ffmpeg -nostdin -hide_banner -loglevel quiet -y " + args + " '" + out.string() + "'";
-        if (std::system(command.c_str()) != 0) continue;
-        std::ifstream in(out, std::ios::binary);
-        seeds.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-    fs::remove_all(dir, ec);
+    std::vector<std::string> seeds = madeMedia(files);
     if (seeds.empty()) seeds.push_back(std::string("\0\0\0\x1c" "ftypisom", 12));
     return seeds;
 }

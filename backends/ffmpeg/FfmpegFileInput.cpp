@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -67,6 +68,26 @@ bool FileInput::isHollow(int64_t pos, int64_t size) const {
     return it != hollow_.end() && it->first <= pos && pos + size <= it->second;
 }
 
+bool FileInput::readAt(int64_t pos, void* buf, size_t n) {
+    auto* out = static_cast<uint8_t*>(buf);
+    while (n > 0) {
+        const ssize_t got = ::pread(fd_, out, n, pos);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) readError_ = errno;
+        if (got <= 0) return false;
+        bytesRead_ += uint64_t(got);
+        out += got;
+        pos += got;
+        n -= size_t(got);
+    }
+    return true;
+}
+
+void FileInput::keep(int64_t pos, std::shared_ptr<const std::vector<uint8_t>> bytes) {
+    kept_ = std::move(bytes);
+    keptPos_ = pos;
+}
+
 int FileInput::readPacket(void* self, uint8_t* buf, int size) { return static_cast<FileInput*>(self)->read(buf, size); }
 
 int64_t FileInput::seek(void* self, int64_t offset, int whence) {
@@ -87,6 +108,12 @@ int64_t FileInput::seek(void* self, int64_t offset, int whence) {
 int FileInput::read(uint8_t* buf, int size) {
     if (size <= 0) return 0;
     if (pos_ >= size_) return AVERROR_EOF;
+    if (kept_ && pos_ >= keptPos_ && pos_ - keptPos_ < int64_t(kept_->size())) {
+        const int n = int(std::min<int64_t>(size, keptPos_ + int64_t(kept_->size()) - pos_));
+        std::memcpy(buf, kept_->data() + (pos_ - keptPos_), size_t(n));
+        pos_ += n;
+        return n;
+    }
     auto next = hollowAt(pos_);
     if (next != hollow_.end() && next->first <= pos_) {
         // Nobody looks at these bytes: the packet keeps whatever its buffer held.
@@ -94,17 +121,20 @@ int FileInput::read(uint8_t* buf, int size) {
         pos_ += n;
         return n;
     }
-    const int64_t realEnd = next != hollow_.end() ? std::min(next->first, size_) : size_;
+    int64_t realEnd = next != hollow_.end() ? std::min(next->first, size_) : size_;
+    if (kept_ && keptPos_ > pos_) realEnd = std::min(realEnd, keptPos_);
     const int n = int(std::min<int64_t>(size, realEnd - pos_));
     if (pos_ < blockPos_ || pos_ >= blockPos_ + int64_t(blockLen_)) {
         // Read ahead, up to the next hollow range: more each time the reading goes on
         // where the last block ended.
         nextBlock_ = pos_ == blockPos_ + int64_t(blockLen_) ? std::min(nextBlock_ * 2, kBlockBytes) : kFirstBlockBytes;
-        block_.resize(kBlockBytes);
+        // Not zeroed: only the bytes a read fills are ever touched.
+        if (!block_) block_.reset(new (std::nothrow) uint8_t[kBlockBytes]);
+        if (!block_) return AVERROR(ENOMEM);
         const size_t want = size_t(std::min<int64_t>(int64_t(nextBlock_), realEnd - pos_));
         ssize_t got;
         do
-            got = ::pread(fd_, block_.data(), want, pos_);
+            got = ::pread(fd_, block_.get(), want, pos_);
         while (got < 0 && errno == EINTR);
         if (got < 0) {
             readError_ = errno;
@@ -116,7 +146,7 @@ int FileInput::read(uint8_t* buf, int size) {
         bytesRead_ += uint64_t(got);
     }
     const int copied = int(std::min<int64_t>(n, blockPos_ + int64_t(blockLen_) - pos_));
-    std::memcpy(buf, block_.data() + (pos_ - blockPos_), size_t(copied));
+    std::memcpy(buf, block_.get() + (pos_ - blockPos_), size_t(copied));
     pos_ += copied;
     return copied;
 }

@@ -3,7 +3,9 @@
 // kBlockBytes), so that a pass over the whole file is one sequential read in big pieces
 // while the scattered reads of a header stay small. Byte ranges marked hollow (packet payloads nobody will look
 // at, known from the container's own tables) are answered without reading them: their
-// bytes in the packets are left as they are, and the demuxer never notices. The errno of a
+// bytes in the packets are left as they are, and the demuxer never notices. One range may
+// be kept in memory (a QuickTime moov box, read once for our own use): the demuxer's reads
+// of it are served from there instead of the file. The errno of a
 // failed open or read is kept, so that a storage failure can be told from a damaged file.
 // Belongs to one thread.
 #pragma once
@@ -38,6 +40,11 @@ public:
     void setHollow(std::vector<std::pair<int64_t, int64_t>> ranges);
     // True when [pos, pos + size) lies inside one hollow range: its bytes were not read.
     bool isHollow(int64_t pos, int64_t size) const;
+    // Reads n bytes at pos straight from the file (counted in bytesRead); false when they
+    // cannot all be read (readError then says why, if the system failed).
+    bool readAt(int64_t pos, void* buf, size_t n);
+    // From now on, reads of [pos, pos + bytes->size()) are answered from bytes.
+    void keep(int64_t pos, std::shared_ptr<const std::vector<uint8_t>> bytes);
     // Bytes really read from the file.
     uint64_t bytesRead() const { return bytesRead_; }
     // The errno of the last failed read, 0 when none failed.
@@ -55,10 +62,12 @@ private:
     int64_t size_ = 0;
     int64_t pos_ = 0;
     AVIOContext* io_ = nullptr;
-    std::vector<uint8_t> block_; // file bytes [blockPos_, blockPos_ + blockLen_)
+    std::unique_ptr<uint8_t[]> block_; // kBlockBytes; file bytes [blockPos_, blockPos_ + blockLen_)
     int64_t blockPos_ = -1;
     size_t blockLen_ = 0;
     std::vector<std::pair<int64_t, int64_t>> hollow_;
+    std::shared_ptr<const std::vector<uint8_t>> kept_; // the file's bytes from keptPos_
+    int64_t keptPos_ = 0;
     size_t nextBlock_ = kFirstBlockBytes;
     uint64_t bytesRead_ = 0;
     int readError_ = 0;

@@ -118,6 +118,8 @@ struct MediaIndex {
     std::string path;
     IndexSource source = IndexSource::Scan;
     std::string scanReason;    // why the whole file was read, when it was
+    std::string indexNote;     // from the container's index: why the video packets still all
+                               // went through the demuxer, when they did
     uint64_t bytesRead = 0;    // bytes of the file the indexing pass read
     std::string container;     // the demuxer's name ("mov,mp4,m4a,3gp,3g2,mj2", "matroska,webm")
     std::string scanWarning;   // why the packet scan stopped before the end, if it did

@@ -57,8 +57,10 @@ Result<std::unique_ptr<PacketCursor>> PacketCursor::open(std::shared_ptr<const M
         if (k.pos >= 0) c->byPos_.emplace_back(k.pos, i);
         if (k.pts != AV_NOPTS_VALUE) c->byPts_.emplace_back(k.pts, i);
     }
-    std::sort(c->byPos_.begin(), c->byPos_.end());
-    std::sort(c->byPts_.begin(), c->byPts_.end());
+    // Both are nearly always in order already (packets in file order, pictures reordered
+    // by a few places at most).
+    if (!std::is_sorted(c->byPos_.begin(), c->byPos_.end())) std::sort(c->byPos_.begin(), c->byPos_.end());
+    if (!std::is_sorted(c->byPts_.begin(), c->byPts_.end())) std::sort(c->byPts_.begin(), c->byPts_.end());
     c->pending_ = newPacket();
     if (!c->pending_) return R::fail("out of memory");
     return R::ok(std::move(c));

@@ -65,8 +65,9 @@ Zn::Ptr<FfmpegReadInstance> FfmpegReadInstance::open(const DecodeFormat& format,
     }
     const MediaIndex& index = *opened.value;
     if (index.source == IndexSource::ContainerIndex)
-        Log("FFmpeg indexed \"%ls\" from the container's index in %.1f ms (%llu bytes read)\n", fileName.c_str(),
-            index.openSeconds * 1e3, static_cast<unsigned long long>(index.bytesRead));
+        Log("FFmpeg indexed \"%ls\" from the container's index in %.1f ms (%llu bytes read)%s%s\n", fileName.c_str(),
+            index.openSeconds * 1e3, static_cast<unsigned long long>(index.bytesRead),
+            index.indexNote.empty() ? "" : "; every video packet demuxed: ", index.indexNote.c_str());
     else
         Log("FFmpeg indexed \"%ls\" by reading the whole file in %.1f ms (%llu bytes read): %s\n", fileName.c_str(),
             index.openSeconds * 1e3, static_cast<unsigned long long>(index.bytesRead), index.scanReason.c_str());

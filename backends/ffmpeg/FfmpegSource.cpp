@@ -43,6 +43,19 @@ Result<std::unique_ptr<FileInput>> openInput(const std::string& path) {
     return FileInput::open(path);
 }
 
+// Reads the moov box of a QuickTime/MP4 file once, keeping its bytes in the input for the
+// demuxer (which then reads them from memory), and parses its sample tables.
+Result<MovTables> readMovTables(FileInput& input) {
+    auto readAt = [&](int64_t pos, void* buf, size_t n) { return input.readAt(pos, buf, n); };
+    auto where = MovTables::findMoov(readAt, input.size());
+    if (!where) return Result<MovTables>::fail(where.error);
+    auto bytes = std::make_shared<std::vector<uint8_t>>(size_t(where.value.second));
+    if (!input.readAt(where.value.first, bytes->data(), bytes->size()))
+        return Result<MovTables>::fail("cannot read the moov box");
+    input.keep(where.value.first, bytes);
+    return MovTables::parse(std::move(bytes));
+}
+
 // Samples (at 48 kHz) in an Opus packet, from its table-of-contents byte (RFC 6716, 3.1).
 int opusSamples(const uint8_t* data, int size) {
     if (size < 1) return 0;
@@ -126,6 +139,24 @@ bool hasPackedBFrames(const AVCodecParameters* par, const std::vector<PacketPtr>
     return false;
 }
 
+// Sorts items that are nearly in order already (pictures in decode order, which
+// reordering moves by a few places) by a strict total order: by insertion while that
+// stays cheap, else by a full sort.
+template <class Less> void sortNearlySorted(std::vector<int>& items, Less less) {
+    const size_t budget = 16 * items.size() + 64;
+    size_t moves = 0;
+    for (size_t i = 1; i < items.size(); ++i) {
+        const int x = items[i];
+        size_t j = i;
+        for (; j > 0 && less(x, items[j - 1]) && moves < budget; --j, ++moves) items[j] = items[j - 1];
+        items[j] = x;
+        if (moves >= budget) {
+            std::sort(items.begin(), items.end(), less);
+            return;
+        }
+    }
+}
+
 // Decodes packets with a single-threaded decoder, their pts replaced by their decode
 // index, and records which packets' pictures come out and in what order.
 class OrderProbe {
@@ -196,13 +227,15 @@ private:
     std::unique_ptr<Demuxer> demux_;
     FileInput* input_ = nullptr; // demux_'s
     std::optional<ContainerIndexPlan> plan_; // set when the pass leaves payloads unread
+    std::optional<MovTables> movTables_; // a QuickTime/MP4 file's sample tables, when read
+    std::string movError_; // why they were not, when they were not
     bool tablesAllowed_ = false; // the container may be indexed from its tables (no parsers)
     bool headUnread_ = false; // the head probe needed packets that could not be read
-    std::vector<int> fromIndex_; // audio streams whose later packets came from the index
+    std::vector<int> fromIndex_; // streams whose later packets came from the index
     int systemCause_ = 0; // errno of a system failure after the first pass (no descriptor...)
     std::shared_ptr<MediaIndex> index_ = std::make_shared<MediaIndex>();
     std::vector<int> audioSlot_; // per stream of the file: its place in index_->audio, or -1
-    std::vector<bool> pcmUsable_; // per audio track: PCM bytes seen in the file match the packets
+    std::vector<bool> pcmUsable_; // per audio track: PCM whose bytes seen in the file match the packets
     std::vector<int64_t> pcmRunEnd_;
     // Vorbis packets vary in length with the block sizes on either side of them; FFmpeg's
     // Vorbis parser knows them from the stream's setup header.
@@ -247,6 +280,11 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
     auto input = openInput(path);
     if (!input) return R::fail("cannot open the file: " + input.error, input.cause);
     input_ = input.value.get();
+    if (input_ && options_.useContainerIndex && rescanReason_.empty()) {
+        auto tables = readMovTables(*input_);
+        if (tables) movTables_ = std::move(tables.value);
+        else movError_ = tables.error;
+    }
     auto opened = Demuxer::open(path, false, std::move(input.value));
     if (!opened) return R::fail("not a media file FFmpeg can read (" + opened.error + ")", opened.cause);
     demux_ = std::move(opened.value);
@@ -354,7 +392,9 @@ bool FfmpegSource::Scan::chooseStreams(std::string& error) {
         error = "no video or audio stream";
         return false;
     }
-    pcmUsable_.assign(index_->audio.size(), true);
+    pcmUsable_.resize(index_->audio.size());
+    for (size_t i = 0; i < index_->audio.size(); ++i)
+        pcmUsable_[i] = pcmLayout(index_->audio[i].codec->codec_id).storedBytes > 0;
     vorbis_.resize(index_->audio.size());
     for (size_t i = 0; i < index_->audio.size(); ++i) {
         const AVCodecParameters* par = index_->audio[i].codec.get();
@@ -386,12 +426,15 @@ void FfmpegSource::Scan::planPass() {
     std::vector<int> audio;
     for (const AudioTrack& a : index_->audio) audio.push_back(a.stream);
     const int video = index_->video ? index_->video->stream : -1;
-    auto plan = ContainerIndexPlan::make(demux_->context(), video, audio, 0);
+    auto plan = ContainerIndexPlan::make(demux_->context(), video, audio, kHeadLookahead,
+                                         movTables_ ? &*movTables_ : nullptr);
     if (!plan) {
         index_->scanReason = plan.error;
         return;
     }
     plan_ = std::move(plan.value);
+    index_->indexNote = plan_->videoNote();
+    if (!movError_.empty() && !index_->indexNote.empty()) index_->indexNote += " (" + movError_ + ")";
     input_->setHollow(plan_->hollow());
     if (index_->video) index_->video->packets.reserve(plan_->listedCount(index_->video->stream));
     for (AudioTrack& a : index_->audio) a.packets.reserve(plan_->listedCount(a.stream));
@@ -421,25 +464,28 @@ void FfmpegSource::Scan::readPackets() {
         const int s = pkt->stream_index;
         const bool hollow = plan_ && input_->isHollow(pkt->pos, pkt->size);
         if (plan_) plan_->meet(pkt.get());
-        if (index_->video && s == index_->video->stream) {
+        if (index_->video && s == index_->video->stream)
             addVideoPacket(pkt.get(), hollow);
-        } else if (s >= 0 && size_t(s) < audioSlot_.size() && audioSlot_[size_t(s)] >= 0) {
+        else if (s >= 0 && size_t(s) < audioSlot_.size() && audioSlot_[size_t(s)] >= 0)
             addAudioPacket(index_->audio[size_t(audioSlot_[size_t(s)])], pkt.get(), hollow);
-            if (plan_ && hollow && plan_->vouches(pkt.get())) {
-                // The rest of this stream comes from the index: the demuxer skips it.
-                ctx->streams[s]->discard = AVDISCARD_ALL;
-                fromIndex_.push_back(s);
-            }
+        if (plan_ && plan_->vouches(pkt.get())) {
+            // The rest of this stream comes from the index: the demuxer skips it.
+            ctx->streams[s]->discard = AVDISCARD_ALL;
+            fromIndex_.push_back(s);
         }
+        if (plan_ && plan_->widenHollow()) input_->setHollow(plan_->hollow());
         av_packet_unref(pkt.get());
+        if (fromIndex_.size() == index_->audio.size() + (index_->video ? 1 : 0)) break;
     }
     for (int s : fromIndex_) {
-        AudioTrack& track = index_->audio[size_t(audioSlot_[size_t(s)])];
-        for (size_t i = track.packets.size(); i < plan_->listedCount(s); ++i) {
+        const bool video = index_->video && s == index_->video->stream;
+        AudioTrack* track = video ? nullptr : &index_->audio[size_t(audioSlot_[size_t(s)])];
+        for (size_t i = video ? index_->video->packets.size() : track->packets.size(); i < plan_->listedCount(s); ++i) {
             plan_->listedPacket(s, i, pkt.get());
-            plan_->meet(pkt.get());
-            addAudioPacket(track, pkt.get(), true);
+            if (video) addVideoPacket(pkt.get(), true);
+            else addAudioPacket(*track, pkt.get(), true);
         }
+        plan_->metAll(s);
         av_packet_unref(pkt.get());
     }
 }
@@ -455,7 +501,7 @@ void FfmpegSource::Scan::addVideoPacket(AVPacket* pkt, bool hollow) {
     if (p.keyFrame && firstKey_ < 0) firstKey_ = d;
     v.packets.push_back(p);
     const bool keep = (firstKey_ < 0 || d <= firstKey_ + kHeadLookahead) && headBytes_ < kHeadBytes;
-    if (keep && !v.codecIsIntraOnly) {
+    if (keep && !v.codecIsIntraOnly && pkt->buf) { // (packets taken from the index come after the head)
         PacketPtr copy = newPacket();
         if (copy && av_packet_ref(copy.get(), pkt) >= 0) {
             headBytes_ += size_t(pkt->size);
@@ -494,7 +540,8 @@ void FfmpegSource::Scan::addAudioPacket(AudioTrack& a, AVPacket* pkt, bool hollo
         p.decoded = audioPacketSamples(a.codec.get(), a.timeBase, pkt);
     }
     size_t sideSize = 0;
-    if (const uint8_t* side = av_packet_get_side_data(pkt, AV_PKT_DATA_SKIP_SAMPLES, &sideSize); side && sideSize >= 10) {
+    if (const uint8_t* side = pkt->side_data_elems ? av_packet_get_side_data(pkt, AV_PKT_DATA_SKIP_SAMPLES, &sideSize) : nullptr;
+        side && sideSize >= 10) {
         p.skipStart = int32_t(std::min<uint32_t>(readLE32(side), INT32_MAX));
         p.skipEnd = int32_t(std::min<uint32_t>(readLE32(side + 4), INT32_MAX));
     }
@@ -507,7 +554,7 @@ void FfmpegSource::Scan::addAudioPacket(AudioTrack& a, AVPacket* pkt, bool hollo
 // block header instead of its payload).
 void FfmpegSource::Scan::checkPcmBytes(AudioTrack& a, const AVPacket* pkt) {
     const size_t slot = size_t(&a - index_->audio.data());
-    if (!pcmUsable_[slot] || pcmLayout(a.codec->codec_id).storedBytes == 0) return;
+    if (!pcmUsable_[slot]) return;
     if (pkt->pos < 0 || pkt->size <= 0) {
         pcmUsable_[slot] = false;
         return;
@@ -634,6 +681,7 @@ bool FfmpegSource::Scan::finishVideo() {
     // The key packet each frame's decoding starts from.
     std::vector<int32_t> start(size_t(n), 0);
     std::vector<int> keys;
+    keys.reserve(size_t(n) / 8);
     for (int d = 0; d < n; ++d) {
         const VideoPacket& p = v.packets[size_t(d)];
         if (d >= firstKey && (p.keyFrame || d == firstKey)) keys.push_back(d);
@@ -644,10 +692,12 @@ bool FfmpegSource::Scan::finishVideo() {
     }
 
     std::vector<int> shown;
+    shown.reserve(size_t(n));
     for (int d = 0; d < n; ++d)
         if (included[size_t(d)]) shown.push_back(d);
-    std::stable_sort(shown.begin(), shown.end(),
-                     [&](int a, int b) { return order[size_t(a)] < order[size_t(b)]; });
+    sortNearlySorted(shown, [&](int a, int b) {
+        return order[size_t(a)] < order[size_t(b)] || (order[size_t(a)] == order[size_t(b)] && a < b);
+    });
     v.frames.clear();
     v.frames.reserve(shown.size());
     for (int d : shown) {
@@ -686,13 +736,17 @@ void FfmpegSource::Scan::finishAudio(AudioTrack& a, size_t slot) {
     int64_t pos = 0;
     a.initialSkip = int32_t(decoderInitialSkip(a.codec.get()));
     int64_t pendingSkip = a.initialSkip;
+    // Only Opus's preroll depends on how long its packets typically are.
+    const bool typicalMatters = a.codec->codec_id == AV_CODEC_ID_OPUS;
     std::vector<int> sizes;
+    bool anyDecoded = false;
     for (AudioPacket& p : a.packets) {
         if (p.skipStart || p.skipEnd) pendingSkip = p.skipStart;
         p.outStart = pos;
         p.outCount = 0;
         if (p.decoded <= 0) continue;
-        sizes.push_back(p.decoded);
+        anyDecoded = true;
+        if (typicalMatters) sizes.push_back(p.decoded);
         int64_t out = p.decoded;
         if (pendingSkip >= out) {
             pendingSkip -= out;
@@ -707,10 +761,8 @@ void FfmpegSource::Scan::finishAudio(AudioTrack& a, size_t slot) {
         pos += out;
     }
     a.totalSamples = pos;
-    if (!sizes.empty()) {
-        std::nth_element(sizes.begin(), sizes.begin() + sizes.size() / 2, sizes.end());
-        a.prerollPackets = prerollPacketsFor(a.codec.get(), sizes[sizes.size() / 2]);
-    }
+    if (!sizes.empty()) std::nth_element(sizes.begin(), sizes.begin() + sizes.size() / 2, sizes.end());
+    if (anyDecoded) a.prerollPackets = prerollPacketsFor(a.codec.get(), sizes.empty() ? 0 : sizes[sizes.size() / 2]);
 
     const PcmLayout layout = pcmLayout(a.codec->codec_id);
     a.bytesPerFrame = layout.storedBytes * a.channels;

@@ -52,7 +52,8 @@ bool writeClip(const Zn::Ptr<ProjectDatabase>& db, sqlite::Connection& conn, con
     for (const Cookie& m : materialsOf(clip, r.videoChannels, r.audioChannels)) {
         edit->addReference(Edit::eRefMaterial, m);
         edit->addReference(Edit::eRefAvailability, m);
-        ok = ok && records::ensureMaterial(conn, m, 1) && records::insertFile(conn, m, records::eHighRes, 0, r.file);
+        if (!r.file.getMaterialFilename().empty())
+            ok = ok && records::ensureMaterial(conn, m, 1) && records::insertFile(conn, m, records::eHighRes, 0, r.file);
     }
     return ok && edit->store(conn);
 }
@@ -127,12 +128,8 @@ ImportResult ProjectImporter::importFile(const WString& path) {
 
     // The clip's number first (a transaction of its own: a failed import leaves a gap in
     // the numbers, nothing else), because the material file is named after it.
-    Cookie cookie;
-    {
-        ProjectDatabase::Write w(*db);
-        cookie = ProjectDatabase::newCookie(w.db(), 'E');
-        if (!cookie.valid() || !w.commit()) return fail(WString(L"the project refused a new clip: ") + fromUTF8(w.error().c_str()));
-    }
+    Cookie cookie = newClipCookie(&why);
+    if (!cookie.valid()) return fail(why);
     Cookie primary = materialsOf(cookie, clip.videoChannels, clip.audioChannels).front();
     WString ext = getExtension(sourceName);
     WString folder = primary.type() == 'S' ? drive->getSoundFolderName() : drive->getVideoFolderName();
@@ -189,6 +186,32 @@ std::vector<ImportResult> ProjectImporter::importFiles(const std::vector<WString
     std::vector<ImportResult> out;
     for (const auto& p : paths) out.push_back(importFile(p));
     return out;
+}
+
+Cookie ProjectImporter::newClipCookie(WString* error) {
+    auto db = EditManager::getProjdb();
+    if (!db) {
+        if (error) *error = WString(L"no project is open");
+        return Cookie();
+    }
+    ProjectDatabase::Write w(*db);
+    Cookie cookie = ProjectDatabase::newCookie(w.db(), 'E');
+    if (cookie.valid() && w.commit()) return cookie;
+    if (error) *error = WString(L"the project refused a new clip: ") + fromUTF8(w.error().c_str());
+    return Cookie();
+}
+
+bool ProjectImporter::registerClip(const Cookie& clip, const ClipRecord& record, WString* error) {
+    auto db = EditManager::getProjdb();
+    if (!db) {
+        if (error) *error = WString(L"no project is open");
+        return false;
+    }
+    ProjectDatabase::Write w(*db);
+    if (!writeClip(db, w.db(), clip, record)) w.fail();
+    if (w.commit()) return true;
+    if (error) *error = fromUTF8(w.error().c_str());
+    return false;
 }
 
 std::vector<Cookie> ProjectImporter::registerClips(const std::vector<ClipRecord>& clips, WString* error) {

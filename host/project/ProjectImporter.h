@@ -60,7 +60,8 @@ struct ClipRecord {
     int audioChannels = 2;
     unsigned flags = 0; // Edit::eFlags besides "imported"
     unsigned sampleRate = 48000;
-    MediaFileInfo file; // the one file that holds all of the clip's material
+    MediaFileInfo file; // the one file that holds all of the clip's material; none when
+                        // the material's files are registered already (SystemCache::addFile)
 };
 
 class ProjectImporter {
@@ -73,6 +74,12 @@ public:
     // Registers clips whose files are in place already, all in one transaction. Answers
     // their edit cookies in order; empty (and nothing stored) on failure.
     static std::vector<Cookie> registerClips(const std::vector<ClipRecord>& clips, WString* error = nullptr);
+
+    // A new clip number, in a transaction of its own: material files are named after the
+    // clip before the clip is written. Invalid, with the reason in error, on failure.
+    static Cookie newClipCookie(WString* error = nullptr);
+    // Writes the clip under a number from newClipCookie, in one transaction.
+    static bool registerClip(const Cookie& clip, const ClipRecord& record, WString* error = nullptr);
 
     // The drive that imports go to, as described for ImportOptions::drive; '0' with a
     // reason in error when there is none and none can be made.

@@ -31,6 +31,8 @@ WString lower(const WString& s) {
 WString withFoundExtension(const WString& path) {
     if (path.empty() || projectfs::exists(path)) return path;
     auto found = projectfs::listDirectory(getPath(path), stripPath(path) + L".*");
+    // The play header beside the file is its companion, never the file itself.
+    std::erase_if(found, [](const WString& name) { return getExtension(name) == WString(L"hdr"); });
     return found.size() == 1 ? joinPaths(getPath(path), found.front()) : path;
 }
 

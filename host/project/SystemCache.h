@@ -53,8 +53,8 @@ public:
 
     // Registers a file for the material: an operating-system path (on the drive whose
     // root holds it, else on drive '0'), or a material file name. When the exact name
-    // does not exist but one file "<name>.<ext>" does, that file is registered (a writer
-    // adds the extension). The entry is made when missing. 1 on success, 0 otherwise.
+    // does not exist but one file "<name>.<ext>" does (its ".hdr" header aside), that file
+    // is registered (a writer adds the extension). The entry is made when missing. 1 on success, 0 otherwise.
     static int addFile(const Cookie& material, const WString& osPath, unsigned flags);
     static int addFile(const Cookie& material, const MaterialFilename& name, unsigned flags);
     // Deletes files of the material: the given one, or with null every file of the kinds

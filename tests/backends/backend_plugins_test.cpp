@@ -3,6 +3,8 @@
 #include "host/media/BackendPlugins.h"
 #include "host/media/FileReaderInfo.h"
 #include "host/media/FileWriterInfo.h"
+#include "host/media/FileXferManager.h"
+#include "host/media/PluginResources.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
@@ -12,14 +14,19 @@
 #include <cstdlib>
 #include <fstream>
 
-TEST(BackendPlugins, TheBuildsPluginFolderLoadsY4mWavAndFfmpegInThatOrder) {
+TEST(BackendPlugins, TheBuildsPluginFolderLoadsY4mWavFfmpegAndTheTransferPluginInThatOrder) {
     ::unsetenv("PLAYFILE_BACKEND_PATH");
     const std::vector<std::string> folders = Zn::BackendPlugins::pluginFolders();
     ASSERT_EQ(folders.size(), 1u);
     EXPECT_EQ(folders[0], std::string(PLAYFILE_BUILD_DIR) + "/lib/playfile/backends");
 
     Zn::BackendPlugins::loadAll();
-    EXPECT_EQ(Zn::BackendPlugins::loadedNames(), (std::vector<std::string>{"Y4M", "WAV", "FFmpeg"}));
+    EXPECT_EQ(Zn::BackendPlugins::loadedNames(),
+              (std::vector<std::string>{"Y4M", "WAV", "FFmpeg", "FFmpeg transfer"}));
+    // The transfer plug-in's manager is the host's one plug-in resource of type 32.
+    const auto managers = Zn::findPluginResources<iFileXferManager>(Zn::kFileXferPluginResource);
+    ASSERT_EQ(managers.size(), 1u);
+    EXPECT_EQ(managers[0]->getName(), WString(L"FFmpeg transfer"));
     // A second load finds nothing new.
     EXPECT_EQ(Zn::BackendPlugins::loadAll(), 0u);
 
