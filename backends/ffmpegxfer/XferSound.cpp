@@ -103,14 +103,18 @@ struct StreamDecode {
 // streams' channels one after the other, as one file.
 class SoundSection {
 public:
-    SoundSection(const Job& job, AVFormatContext& in) : job_(job), in_(in) {}
+    // seek: linear PCM may be found by its time stamps rather than decoded from the start.
+    SoundSection(const Job& job, AVFormatContext& in, bool seek) : job_(job), in_(in), seek_(seek) {}
+    // After a failed run: the seek landed past the section's start in some stream, so the
+    // section is to be decoded from the file's start.
+    bool missedStart() const noexcept { return missedStart_; }
 
     Outcome run(SoundFormat& format) {
         for (int index : audioStreams(in_))
             if (Outcome o = openDecoder(index); !o.ok()) return o;
         if (streams_.empty()) return Outcome::failed("the source has no sound");
         if (Outcome o = openOutput(); !o.ok()) return o;
-        if (streams_.size() == 1) seekNearFirst(streams_.front());
+        if (seek_) seekNearFirst();
 
         PacketPtr pkt(av_packet_alloc());
         frame_.reset(av_frame_alloc());
@@ -185,16 +189,28 @@ private:
     }
 
     // Linear PCM is found by its time stamps; anything else is decoded from its start, as
-    // only that counts samples exactly as FFmpeg's own decode does (priming included). Of
-    // several streams, each is decoded from its start, as a seek lands on one stream only.
-    void seekNearFirst(StreamDecode& s) {
-        const AVStream& st = *in_.streams[s.index];
-        const AVCodecDescriptor* d = avcodec_descriptor_get(st.codecpar->codec_id);
-        if (!d || std::strncmp(d->name, "pcm_", 4) != 0 || st.codecpar->sample_rate <= 0) return;
+    // only that counts samples exactly as FFmpeg's own decode does (priming included). The
+    // seek is by the first stream; every stream then takes its place from its first frame's
+    // time stamp (a stream whose first frame comes after the section's start fails the run,
+    // before anything is written: see missedStart). Time stamps coarser than a sample (a
+    // Matroska file's milliseconds) cannot place a frame exactly: such files are decoded
+    // from the start too.
+    void seekNearFirst() {
+        for (const StreamDecode& s : streams_) {
+            const AVStream& st = *in_.streams[s.index];
+            const AVCodecParameters& p = *st.codecpar;
+            const AVCodecDescriptor* d = avcodec_descriptor_get(p.codec_id);
+            if (!d || std::strncmp(d->name, "pcm_", 4) != 0 || p.sample_rate <= 0 || st.time_base.num <= 0 ||
+                int64_t(st.time_base.den) % (int64_t(st.time_base.num) * p.sample_rate) != 0)
+                return;
+        }
+        const AVStream& st = *in_.streams[streams_.front().index];
         const int64_t origin = st.start_time == AV_NOPTS_VALUE ? 0 : st.start_time;
         const int64_t ts = origin + av_rescale_q(job_.first, AVRational{1, st.codecpar->sample_rate}, st.time_base);
-        if (av_seek_frame(&in_, s.index, ts, AVSEEK_FLAG_BACKWARD) >= 0) {
-            s.seekedFrom = origin;
+        if (av_seek_frame(&in_, streams_.front().index, ts, AVSEEK_FLAG_BACKWARD) < 0) return;
+        for (StreamDecode& s : streams_) {
+            const AVStream& own = *in_.streams[s.index];
+            s.seekedFrom = own.start_time == AV_NOPTS_VALUE ? 0 : own.start_time;
             s.positionFromPts = true;
         }
     }
@@ -215,6 +231,10 @@ private:
             const AVRational tb = in_.streams[s.index]->time_base;
             s.position = av_rescale_q(f.pts - s.seekedFrom, tb, AVRational{1, f.sample_rate});
             s.positionFromPts = false;
+            if (s.position > job_.first) {
+                missedStart_ = true;
+                return Outcome::failed("the seek passed the section's start");
+            }
         }
         if (f.ch_layout.nb_channels != s.channels || f.sample_rate != s.dec->sample_rate ||
             av_get_packed_sample_fmt(AVSampleFormat(f.format)) != av_get_packed_sample_fmt(s.dec->sample_fmt))
@@ -269,16 +289,23 @@ private:
     WavOut out_;
     PcmKind kind_{};
     int64_t written_ = 0;
+    const bool seek_;
+    bool missedStart_ = false;
 };
 
 } // namespace
 
 Outcome writeSoundSection(const Job& job, SoundFormat& format) {
-    InputPtr in;
-    if (Outcome o = openInput(job.source, in); !o.ok()) return o;
-    for (unsigned i = 0; i < in->nb_streams; ++i)
-        if (in->streams[i]->codecpar->codec_type != AVMEDIA_TYPE_AUDIO) in->streams[i]->discard = AVDISCARD_ALL;
-    return SoundSection(job, *in).run(format);
+    for (bool seek : {true, false}) {
+        InputPtr in;
+        if (Outcome o = openInput(job.source, in); !o.ok()) return o;
+        for (unsigned i = 0; i < in->nb_streams; ++i)
+            if (in->streams[i]->codecpar->codec_type != AVMEDIA_TYPE_AUDIO) in->streams[i]->discard = AVDISCARD_ALL;
+        SoundSection section(job, *in, seek);
+        Outcome o = section.run(format);
+        if (!section.missedStart()) return o;
+    }
+    return Outcome::failed("the section's start cannot be found");
 }
 
 } // namespace ffmpeg_xfer
