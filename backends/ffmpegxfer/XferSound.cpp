@@ -69,6 +69,8 @@ public:
         return file_.start();
     }
 
+    bool isOpen() const noexcept { return file_.started(); }
+
     // Writes `count` samples of every channel, interleaved in `data`.
     Outcome write(const uint8_t* data, int count) {
         PacketPtr pkt(av_packet_alloc());
@@ -87,12 +89,17 @@ private:
     int64_t written_ = 0;
 };
 
-// One audio stream being decoded: its decoder, where its next sample is, and the section's
-// samples it has given that are not written yet (its channels interleaved, as written).
+// One audio stream being decoded: its decoder, its form (taken from its first frame, as
+// some decoders learn their channels and rate only then), where its next sample is, and the
+// section's samples it has given that are not written yet (its channels interleaved, as
+// written).
 struct StreamDecode {
     int index = -1;
     CodecPtr dec;
-    int channels = 0;
+    int channels = 0; // 0 until the first frame
+    int rate = 0;
+    AVSampleFormat format = AV_SAMPLE_FMT_NONE; // packed
+    PcmKind kind{};
     int64_t position = 0; // the sample number of the next decoded sample
     int64_t seekedFrom = 0;
     bool positionFromPts = false;
@@ -113,7 +120,6 @@ public:
         for (int index : audioStreams(in_))
             if (Outcome o = openDecoder(index); !o.ok()) return o;
         if (streams_.empty()) return Outcome::failed("the source has no sound");
-        if (Outcome o = openOutput(); !o.ok()) return o;
         if (seek_) seekNearFirst();
 
         PacketPtr pkt(av_packet_alloc());
@@ -136,9 +142,10 @@ public:
                 if (Outcome o = drain(s); !o.ok()) return o;
             }
         if (Outcome o = flush(); !o.ok()) return o;
-        if (written_ < job_.end - job_.first) return Outcome::failed("the sound ends before the section does");
-        format.sampleRate = streams_.front().dec->sample_rate;
-        format.bytesPerSample = kind_.bytes;
+        if (!out_.isOpen() || written_ < job_.end - job_.first)
+            return Outcome::failed("the sound ends before the section does");
+        format.sampleRate = streams_.front().rate;
+        format.bytesPerSample = streams_.front().kind.bytes;
         return out_.finish();
     }
 
@@ -154,27 +161,38 @@ private:
             return Outcome::failed("no memory for the sound decoder");
         s.dec->pkt_timebase = st->time_base;
         if (int rc = avcodec_open2(s.dec.get(), codec, nullptr); rc < 0) return Outcome::failed("opening the decoder", rc);
-        s.channels = s.dec->ch_layout.nb_channels;
         streams_.push_back(std::move(s));
         return Outcome::done();
     }
 
-    // The file takes the streams' common rate and sample format: streams that differ in
-    // either cannot share it without converting samples.
+    // The file takes the streams' common rate and sample format, once every stream has
+    // given a frame: streams that differ in either cannot share it without converting.
     Outcome openOutput() {
-        const AVCodecContext& first = *streams_.front().dec;
+        const StreamDecode& first = streams_.front();
         int channels = 0;
         for (const StreamDecode& s : streams_) {
-            if (s.dec->sample_rate != first.sample_rate ||
-                av_get_packed_sample_fmt(s.dec->sample_fmt) != av_get_packed_sample_fmt(first.sample_fmt) ||
-                s.dec->bits_per_raw_sample != first.bits_per_raw_sample)
+            if (s.rate != first.rate || s.format != first.format || s.kind.codec != first.kind.codec)
                 return Outcome::failed("the sound's streams differ in sample rate or sample format");
             channels += s.channels;
         }
-        if (!pcmKindOf(first.sample_fmt, first.bits_per_raw_sample, kind_))
-            return Outcome::failed("the sound's sample format has no WAV form");
-        return out_.open(job_.target, first.sample_rate, streams_.size() == 1 ? &first.ch_layout : nullptr, channels,
-                         kind_, first.bits_per_raw_sample);
+        return out_.open(job_.target, first.rate, streams_.size() == 1 ? &first.dec->ch_layout : nullptr, channels,
+                         first.kind, first.dec->bits_per_raw_sample);
+    }
+
+    // Takes the stream's form from its first frame; later frames must keep it.
+    Outcome formOf(StreamDecode& s, const AVFrame& f) {
+        const AVSampleFormat packed = av_get_packed_sample_fmt(AVSampleFormat(f.format));
+        if (s.channels == 0) {
+            if (f.ch_layout.nb_channels <= 0 || f.sample_rate <= 0) return Outcome::failed("the sound has no channels");
+            if (!pcmKindOf(packed, s.dec->bits_per_raw_sample, s.kind))
+                return Outcome::failed("the sound's sample format has no WAV form");
+            s.channels = f.ch_layout.nb_channels;
+            s.rate = f.sample_rate;
+            s.format = packed;
+        }
+        if (f.ch_layout.nb_channels != s.channels || f.sample_rate != s.rate || packed != s.format)
+            return Outcome::failed("the sound's format changes within the stream");
+        return Outcome::done();
     }
 
     StreamDecode* streamFor(int index) {
@@ -236,9 +254,7 @@ private:
                 return Outcome::failed("the seek passed the section's start");
             }
         }
-        if (f.ch_layout.nb_channels != s.channels || f.sample_rate != s.dec->sample_rate ||
-            av_get_packed_sample_fmt(AVSampleFormat(f.format)) != av_get_packed_sample_fmt(s.dec->sample_fmt))
-            return Outcome::failed("the sound's format changes within the stream");
+        if (Outcome o = formOf(s, f); !o.ok()) return o;
         const int64_t from = std::max(s.position, job_.first), to = std::min(s.position + f.nb_samples, job_.end);
         const int in = av_get_bytes_per_sample(AVSampleFormat(f.format));
         const bool planar = av_sample_fmt_is_planar(AVSampleFormat(f.format));
@@ -246,7 +262,7 @@ private:
             for (int c = 0; c < s.channels; ++c) {
                 const uint8_t* p = planar ? f.extended_data[c] + size_t(i) * size_t(in)
                                           : f.extended_data[0] + (size_t(i) * size_t(s.channels) + size_t(c)) * size_t(in);
-                s.pending.insert(s.pending.end(), p + kind_.skipBytes, p + kind_.skipBytes + kind_.bytes);
+                s.pending.insert(s.pending.end(), p + s.kind.skipBytes, p + s.kind.skipBytes + s.kind.bytes);
             }
         s.position += f.nb_samples;
         return Outcome::done();
@@ -256,8 +272,10 @@ private:
     Outcome flush() {
         size_t count = SIZE_MAX;
         for (const StreamDecode& s : streams_)
-            count = std::min(count, s.pending.size() / (size_t(s.channels) * size_t(kind_.bytes)));
+            count = s.channels ? std::min(count, s.pending.size() / bytesOf(s)) : 0;
         if (count == 0) return Outcome::done();
+        if (!out_.isOpen())
+            if (Outcome o = openOutput(); !o.ok()) return o;
         std::vector<uint8_t> buffer;
         if (streams_.size() == 1) {
             buffer.swap(streams_.front().pending);
@@ -265,11 +283,11 @@ private:
             buffer.reserve(count * frameBytes());
             for (size_t i = 0; i < count; ++i)
                 for (const StreamDecode& s : streams_) {
-                    const size_t n = size_t(s.channels) * size_t(kind_.bytes);
+                    const size_t n = bytesOf(s);
                     buffer.insert(buffer.end(), s.pending.begin() + ptrdiff_t(i * n), s.pending.begin() + ptrdiff_t((i + 1) * n));
                 }
             for (StreamDecode& s : streams_)
-                s.pending.erase(s.pending.begin(), s.pending.begin() + ptrdiff_t(count * size_t(s.channels) * size_t(kind_.bytes)));
+                s.pending.erase(s.pending.begin(), s.pending.begin() + ptrdiff_t(count * bytesOf(s)));
         }
         if (Outcome o = out_.write(buffer.data(), int(count)); !o.ok()) return o;
         written_ += int64_t(count);
@@ -278,16 +296,17 @@ private:
     }
     size_t frameBytes() const {
         size_t n = 0;
-        for (const StreamDecode& s : streams_) n += size_t(s.channels) * size_t(kind_.bytes);
+        for (const StreamDecode& s : streams_) n += bytesOf(s);
         return n;
     }
+    // Bytes of one sample of all the stream's channels, as written.
+    static size_t bytesOf(const StreamDecode& s) { return size_t(s.channels) * size_t(s.kind.bytes); }
 
     const Job& job_;
     AVFormatContext& in_;
     std::vector<StreamDecode> streams_;
     FramePtr frame_;
     WavOut out_;
-    PcmKind kind_{};
     int64_t written_ = 0;
     const bool seek_;
     bool missedStart_ = false;
