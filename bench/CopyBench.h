@@ -49,4 +49,14 @@ inline double cpAndSync(const std::vector<std::string>& sources, const std::file
     return seconds(t0);
 }
 
+// A set of files of one size, and the best time of each side over the rounds.
+struct Group {
+    const char* name;
+    int files;
+    size_t bytes; // per file
+    std::vector<std::string> sources;
+    double bestCp = 1e9, bestOurs = 1e9;
+    double mib() const { return double(files) * double(bytes) / 1048576.0; }
+};
+
 } // namespace copy_bench
