@@ -17,7 +17,7 @@
 #include "playfile/open/FileReadInstance.h"
 #include "playfile/open/PlayFileCache.h"
 #include "playfile/open/PlayUtil.h"
-#include "playfile/tasks/FileXferSpec.h"
+#include "playfile/tasks/FileXfer.h"
 
 #include <nlohmann/json.hpp>
 

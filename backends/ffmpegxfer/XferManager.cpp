@@ -8,7 +8,7 @@
 #include "host/project/ProjectFiles.h"
 #include "host/tasks/BackgroundTaskQueue.h"
 #include "host/tasks/Logger.h"
-#include "playfile/tasks/FileXferSpec.h"
+#include "playfile/tasks/FileXfer.h"
 
 namespace ffmpeg_xfer {
 namespace {

@@ -9,7 +9,7 @@
 #include "host/tasks/BackgroundTask.h"
 #include "host/tasks/Logger.h"
 #include "host/tasks/TaskLog.h"
-#include "playfile/tasks/FileXferSpec.h"
+#include "playfile/tasks/FileXfer.h"
 #include "support/LogCapture.h"
 
 #include "FfmpegOracle.h"
