@@ -16,7 +16,7 @@
 #include "host/project/SystemCache.h"
 #include "host/tasks/Logger.h"
 #include "playfile/open/PlayFileCache.h"
-#include "playfile/tasks/FileXferSpec.h"
+#include "playfile/tasks/FileXfer.h"
 
 #include <algorithm>
 #include <chrono>

@@ -17,7 +17,7 @@
 #include "playfile/open/FileReadInstance.h"
 #include "playfile/open/PlayFileCache.h"
 #include "playfile/open/PlayUtil.h"
-#include "playfile/tasks/FileXferSpec.h"
+#include "playfile/tasks/FileXfer.h"
 
 #include <nlohmann/json.hpp>
 
@@ -37,8 +37,9 @@ const char kExtractUsage[] =
     "Writes the section [--start, --end) of the clip ITEM (by cookie or name) as a new clip\n"
     "of the project: its video as a file of the source's kind, with intra-coded frames\n"
     "copied as they are and long-GOP video cut at the exact frames (only the frames before\n"
-    "the first key frame in the section are encoded again), and its sound as a WAV file\n"
-    "in the source's sample format. Prints the new clip's cookie and its files.\n"
+    "the first key frame in the section are encoded again), and its sound as one WAV file\n"
+    "holding the channels of all the source's audio streams in order, in their own sample\n"
+    "format. Prints the new clip's cookie and its files.\n"
     "\n"
     "  --project DIR     the project folder (required)\n"
     "  --start SECONDS   where the section starts, from the clip's start (required)\n"
@@ -100,7 +101,7 @@ bool seconds(const Options& o, const char* name, double& out) {
 }
 
 // The clip's material to extract: its video (variant 0) and its sound channels, the first
-// channel standing for all of them (they share one file).
+// channel standing for all of them (they share one file, whose audio streams hold them).
 bool piecesOf(const Cookie& clip, const Cookie& target, std::vector<Piece>& out, int& channels, unsigned& rate,
               WString& name, std::string& error) {
     EditPtr edit;
@@ -141,8 +142,9 @@ bool registerClip(const Cookie& target, const WString& name, int video, int chan
         Zn::Ptr<FsysDirectoryEntry> entry = SystemCache::findEntryForCookie(convertCookie(target, 'S', 1));
         if (!entry || !entry->hasFile()) return (error = "the sound file is not in the project", false);
         sound = entry->getFile().getMaterialFilename();
-        // The file holds the channels of the source's audio stream that has the first one;
-        // channels in further streams of the source are not extracted.
+        // The file holds the channels of all the source's audio streams in order, as the
+        // source file gives them to the clip's channels; a clip with fewer channels than
+        // its file keeps its own number.
         Zn::Ptr<FileReadInstance> file = PlayFileCache::Shared().open(convertCookie(target, 'S', 1), DecodeFormat(1), 0);
         if (!file) return (error = "the new sound file cannot be read", false);
         channels = std::min(channels, int(file->getMetadata()->getTotalChannels()));

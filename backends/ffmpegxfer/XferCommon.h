@@ -48,7 +48,6 @@ struct Job {
     std::string target;     // the file to write (a temporary name; the caller renames it)
     int64_t first = 0;      // first sample or frame of the section
     int64_t end = 0;        // end sample or frame (exclusive)
-    unsigned channel = 1;   // sound: the material's channel (1-based, over all audio streams)
     // Called with the fraction done; false when the extraction is to stop.
     std::function<bool(double)> progress;
 };
@@ -86,8 +85,9 @@ struct SoundFormat {
     int bytesPerSample = 0;
 };
 
-// Writes the section's samples of the audio stream holding the job's channel as a WAV file
-// with all of that stream's channels, in the stream's own sample format. (XferSound.cpp)
+// Writes the section's samples of every audio stream of the source as one WAV file holding
+// all their channels in order (the material's channels 1..n), in the streams' own sample
+// format; streams that differ in rate or sample format are refused. (XferSound.cpp)
 Outcome writeSoundSection(const Job& job, SoundFormat& format);
 
 // What a vision section wrote, for the log and the header.

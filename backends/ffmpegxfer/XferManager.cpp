@@ -8,7 +8,7 @@
 #include "host/project/ProjectFiles.h"
 #include "host/tasks/BackgroundTaskQueue.h"
 #include "host/tasks/Logger.h"
-#include "playfile/tasks/FileXferSpec.h"
+#include "playfile/tasks/FileXfer.h"
 
 namespace ffmpeg_xfer {
 namespace {
@@ -43,7 +43,6 @@ int FfmpegXferManager::extract(const FileXferSpec& xfer, LoggerHandle& log) {
     job.source = utf8(xfer.sourceFile);
     job.first = xfer.firstSample;
     job.end = xfer.endSample;
-    job.channel = xfer.source.index();
     if (job.first < 0 || job.end <= job.first)
         return fail(log, WString(L"The section holds nothing to extract from ") + xfer.sourceFile);
 

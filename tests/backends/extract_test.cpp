@@ -9,7 +9,7 @@
 #include "host/tasks/BackgroundTask.h"
 #include "host/tasks/Logger.h"
 #include "host/tasks/TaskLog.h"
-#include "playfile/tasks/FileXferSpec.h"
+#include "playfile/tasks/FileXfer.h"
 #include "support/LogCapture.h"
 
 #include "FfmpegOracle.h"
@@ -182,6 +182,68 @@ TEST_F(Extract, SoundIsTheSourcesSamplesFromItsOffsetInItsOwnFormat) {
                 << c.name << " from " << start;
             EXPECT_FALSE(MaterialInfo::read_header(sound(dest, 1)).empty());
             EXPECT_TRUE(fs::exists(fs::path(made).replace_extension(".hdr")));
+        }
+    }
+}
+
+// Sound spread over several audio streams (a mono and a stereo one here, of different
+// tones) becomes one file with all their channels in order: each channel is its stream's
+// samples of the section, and reads back through the library as the source's channel does.
+TEST_F(Extract, EveryAudioStreamsChannelsAreExtractedInOrder) {
+    struct Case {
+        const char* name;
+        const char* codec;
+        const char* raw; // FFmpeg's raw form of the decoded samples
+        int bytes;       // bytes per raw sample
+        int stored;      // bytes per sample as the library gives the new WAV file's
+        int decoded;     // and the source's (24-bit samples come in 32 from FFmpeg)
+    } cases[] = {
+        {"streams.mov", "-c:a pcm_s24le", "s32le", 4, 3, 4},
+        {"streams.mkv", "-c:a pcm_s16le", "s16le", 2, 2, 2},
+    };
+    const int64_t first = 24000, last = 60000; // 0.5 s to 1.25 s at 48 kHz
+    for (const Case& c : cases) {
+        const std::string path = ffmpeg_oracle::made(
+            tmp, c.name,
+            "-f lavfi -i sine=frequency=440:sample_rate=48000:duration=2 -f lavfi -i "
+            "aevalsrc='sin(2*PI*660*t)|0.5*sin(2*PI*990*t)':s=48000:d=2",
+            "-map 0 -map 1 " + std::string(c.codec));
+        const Cookie clip = importClip(c.name, path, 3);
+        const Cookie dest = newClip();
+        ASSERT_EQ(extract(sound(clip, 1), sound(dest, 1), 0.5, 1.25), 1) << c.name;
+        const std::string made = U(SystemCache::findFileForCookie(sound(dest, 1)));
+        const std::string got = ffmpeg_oracle::decodedSamples(made, 0, c.raw);
+        ASSERT_EQ(got.size(), size_t(last - first) * 3 * size_t(c.bytes)) << c.name;
+        // The source's channels in the material's order: stream 0's one, stream 1's two.
+        std::vector<std::string> want;
+        for (int stream : {0, 1}) {
+            const std::string decoded = ffmpeg_oracle::decodedSamples(path, stream, c.raw);
+            const int channels = stream == 0 ? 1 : 2;
+            for (int ch = 0; ch < channels; ++ch) {
+                std::string one;
+                for (int64_t i = first; i < last; ++i)
+                    one += decoded.substr((size_t(i) * size_t(channels) + size_t(ch)) * size_t(c.bytes), size_t(c.bytes));
+                want.push_back(one);
+            }
+        }
+        for (size_t ch = 0; ch < 3; ++ch) {
+            std::string one;
+            for (size_t i = 0; i < size_t(last - first); ++i)
+                one += got.substr((i * 3 + ch) * size_t(c.bytes), size_t(c.bytes));
+            EXPECT_TRUE(one == want[ch]) << c.name << " channel " << ch + 1;
+        }
+        MaterialFilename file = SystemCache::findEntryForCookie(sound(dest, 1))->getFile().getMaterialFilename();
+        for (uint8_t ch = 2; ch <= 3; ++ch) ASSERT_EQ(SystemCache::addFile(sound(dest, ch), file, 0), 1);
+        for (uint8_t ch = 1; ch <= 3; ++ch) {
+            const std::string back = samples(sound(dest, ch), 0, uint32_t(last - first), uint32_t(c.stored));
+            EXPECT_EQ(back.size(), size_t(last - first) * size_t(c.stored)) << c.name << " channel " << int(ch);
+            const std::string source =
+                samples(sound(clip, ch), uint64_t(first), uint32_t(last - first), uint32_t(c.decoded));
+            std::string same; // the source's samples without the low bytes FFmpeg adds
+            for (size_t at = 0; at + size_t(c.decoded) <= source.size(); at += size_t(c.decoded))
+                same += source.substr(at + size_t(c.decoded - c.stored), size_t(c.stored));
+            EXPECT_TRUE(back == same)
+                << c.name << " channel " << int(ch);
         }
     }
 }

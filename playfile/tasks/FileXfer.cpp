@@ -1,6 +1,6 @@
 // Extraction of material sections: the section in samples or frames, the checks against the
 // source, the hand-over to a file-transfer plug-in and the registration of the new file.
-#include "playfile/tasks/FileXferSpec.h"
+#include "playfile/tasks/FileXfer.h"
 
 #include "host/core/Strings.h"
 #include "host/media/DecodeFormat.h"
