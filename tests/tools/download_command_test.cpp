@@ -34,9 +34,7 @@ protected:
 
     // Imports a remote file of n bytes (linked where it is); answers the clip's cookie.
     std::string clip(const std::string& name, size_t n) {
-        std::string content(n, 'x');
-        for (size_t i = 0; i < n; i += 4096) content[i] = char('a' + (i / 4096) % 26);
-        writeFile(remote / name, content);
+        writePatternedFile(remote / name, n);
         Outcome o = playfile(tmp, "import " + shellQuote((remote / name).string()) + " --video 1 --audio 1" + project);
         EXPECT_EQ(o.status, 0) << (o.err.empty() ? "" : o.err[0]);
         return json::parse(playfile(tmp, "clips --json" + project).out).back()["cookie"];

@@ -37,9 +37,7 @@ protected:
     // path of its material file on a drive.
     std::pair<std::string, std::string> clip(const std::string& name, size_t n) {
         fs::create_directories(tmp.path() / "src");
-        std::string content(n, 'x');
-        for (size_t i = 0; i < n; i += 4096) content[i] = char('a' + (i / 4096) % 26);
-        writeFile(tmp.path() / "src" / name, content);
+        writePatternedFile(tmp.path() / "src" / name, n);
         EXPECT_EQ(playfile(tmp, "import " + shellQuote(tmp.file("src/" + name)) + " --video 1 --audio 0" + project).status,
                   0);
         json clips = json::parse(playfile(tmp, "clips --json" + project).out);
