@@ -8,6 +8,7 @@
 
 #include "host/media/StreamBuffer.h"
 #include "host/threads/CriticalSection.h"
+#include "playfile/Export.h"
 #include "playfile/requests/AudioReadRequest.h"
 
 #include <cstdint>
@@ -20,7 +21,7 @@
 // queue's lock is never held while reading). Taken under it: a request's lock (while its
 // issuers are called) and whatever the file's reading and decoding take. Views handed out
 // outlive the lock safely: each holds a reference to its source.
-class AudioChannelCache {
+class PLAYFILE_API AudioChannelCache {
 public:
     struct CacheEntry {
         Aud::StreamBufferList buffers; // one per channel, in channel order

@@ -17,6 +17,7 @@
 #include "host/media/AudioMetadata.h"
 #include "host/media/MemHolder.h"
 #include "host/media/StreamBuffer.h"
+#include "playfile/Export.h"
 #include "playfile/audio/AudioChannelCache.h"
 #include "playfile/requests/AudioReadRequest.h"
 
@@ -32,7 +33,7 @@ namespace Zn {
 // another request of the same file. The raw reads and the codecs are called under it.
 // It may be taken with no other lock of the library held (the audio queue's lock is never
 // held while reading); taken under it: each request's lock, the codec registry's lock.
-class AudioReader : public AudioChannelCache {
+class PLAYFILE_API AudioReader : public AudioChannelCache {
 public:
     enum eResult : int {
         kFailed = 0,

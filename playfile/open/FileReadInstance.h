@@ -18,6 +18,7 @@
 #include "host/media/FrameBufferRep.h"
 #include "host/media/GenericParam.h"
 #include "host/threads/CriticalSection.h"
+#include "playfile/Export.h"
 #include "playfile/open/OpenType.h"
 #include "playfile/open/PlayFile.h"
 
@@ -33,7 +34,7 @@ class VideoReadQueue;
 struct FileWriterParams;
 } // namespace Zn
 
-class FileReadInstance : public PlayFile {
+class PLAYFILE_API FileReadInstance : public PlayFile {
 public:
     // Results of the frame-buffer readVideo.
     enum eReadResult : int {

@@ -11,6 +11,7 @@
 #include "host/threads/BasicThread.h"
 #include "host/threads/CriticalSection.h"
 #include "host/threads/ThreadEvent.h"
+#include "playfile/Export.h"
 #include "playfile/requests/QueuePool.h"
 #include "playfile/requests/VideoReadRequest.h"
 
@@ -32,7 +33,7 @@ namespace Zn {
 //
 // Reference counts of requests are read without a lock: a count of 1 seen under lock_ is
 // final, since only the queue could add a reference and it holds the lock.
-class VideoReadQueue : public BasicThread {
+class PLAYFILE_API VideoReadQueue : public BasicThread {
 public:
     VideoReadQueue();
     ~VideoReadQueue() override;
