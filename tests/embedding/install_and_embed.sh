@@ -23,6 +23,26 @@ fi
 [ "$(pkg-config --variable=includedir playfile)" -ef "$prefix/include/playfile" ] ||
     { echo "includedir is $(pkg-config --variable=includedir playfile)"; exit 1; }
 
+# The CMake package of the moved installation names the moved files.
+mkdir "$work/package"
+cat >"$work/package/CMakeLists.txt" <<'CMAKE'
+cmake_minimum_required(VERSION 3.25)
+project(uses_playfile LANGUAGES CXX)
+find_package(playfile REQUIRED)
+get_target_property(configs playfile::playfile IMPORTED_CONFIGURATIONS)
+list(GET configs 0 config)
+get_target_property(library playfile::playfile IMPORTED_LOCATION_${config})
+get_target_property(includes playfile::playfile INTERFACE_INCLUDE_DIRECTORIES)
+message(STATUS "library=${library} includes=${includes}")
+foreach(path ${library} ${includes})
+    if(NOT EXISTS "${path}" OR NOT path MATCHES "^${PLAYFILE_PREFIX}/")
+        message(FATAL_ERROR "the package names ${path}, outside ${PLAYFILE_PREFIX}")
+    endif()
+endforeach()
+CMAKE
+cmake -S "$work/package" -B "$work/package/build" -DCMAKE_PREFIX_PATH="$prefix" -DPLAYFILE_PREFIX="$prefix" \
+    >"$work/package.log" 2>&1 || { cat "$work/package.log"; exit 1; }
+
 # Only the headers an embedding program needs: the library's internals stay behind.
 for internal in playfile/requests/QueuePool.h playfile/requests/VideoReadQueue.h playfile/header/PlayPriv.h \
                 playfile/tasks/LocaliseTask.h host/project/ProjectCatalog.h; do
