@@ -49,7 +49,11 @@ for internal in playfile/requests/QueuePool.h playfile/requests/VideoReadQueue.h
     if [ -e "$prefix/include/playfile/$internal" ]; then echo "$internal is installed"; exit 1; fi
 done
 
+read -r -a cflags <<<"$(pkg-config --cflags playfile)"
 read -r -a flags <<<"$(pkg-config --cflags --libs playfile)"
+# Every installed header compiles with nothing but the installation.
+(cd "$prefix/include/playfile" && find . -name '*.h' | sort | sed 's|^\./\(.*\)|#include "\1"|') >"$work/all.cpp"
+"$cxx" -std=c++20 -fsyntax-only "$work/all.cpp" "${cflags[@]}"
 "$cxx" -std=c++20 "$source" "$@" "${flags[@]}" -o "$work/embedding_program"
 
 # The back-ends are found beside the installed host library; nothing points at the build.
