@@ -177,12 +177,6 @@ Zn::Ptr<AudioCodecInstance> AudioReader::getCodec(unsigned int stream) {
     return it == codecs_.end() ? nullptr : it->second;
 }
 
-uint64_t AudioReader::getLastBlock(int stream) {
-    CriticalSection::Lock guard(getLock());
-    auto it = lastBlock_.find(stream);
-    return it == lastBlock_.end() ? kNoBlock : it->second;
-}
-
 void AudioReader::createOutputBuffers(unsigned int blocks, const Aud::Metadata& stream,
                                       Aud::StreamBufferList& list) {
     const uint32_t samples = blocks * stream.getSamplesPerBlock();
@@ -346,18 +340,6 @@ int AudioReader::decodeBlocks(uint64_t firstBlock, Aud::StreamBufferList& buffer
         b.getMemory()->setUsed(total * bytes);
     }
     return kSuccess;
-}
-
-int AudioReader::readAndDecode(int s, uint64_t block, Aud::StreamBufferList& buffers,
-                               uint32_t& produced) {
-    CriticalSection::Lock guard(getLock());
-    return decodeStep(s, block, buffers, produced, false);
-}
-
-int AudioReader::readAndDecodeInterleaved(int s, uint64_t block, Aud::StreamBufferList& buffers,
-                                          uint32_t& produced) {
-    CriticalSection::Lock guard(getLock());
-    return decodeStep(s, block, buffers, produced, true);
 }
 
 int AudioReader::decodeStep(int s, uint64_t block, Aud::StreamBufferList& buffers,

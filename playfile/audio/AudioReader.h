@@ -88,8 +88,6 @@ public:
 
     uint32_t getReadSlack() const noexcept { return readSlack_; }
     void setReadSlack(uint32_t bytes) noexcept { readSlack_ = bytes; }
-    // The last block the stream's codec decoded, or kNoBlock.
-    uint64_t getLastBlock(int stream);
 
 protected:
     // The file's raw sample read: up to samples multi-channel samples of the stream from
@@ -103,13 +101,6 @@ protected:
     // kFailed.
     virtual int readAudioBlock(uint32_t stream, uint64_t block, std::vector<uint8_t>& data);
 
-    // One decoding step: reads block of stream s, decodes it and appends what falls at or
-    // after getOutputStart() to the buffers. produced is what the codec gave (0: the block
-    // was not taken and must be offered again). Answers the read's or codec's code.
-    int readAndDecode(int s, uint64_t block, Aud::StreamBufferList& buffers, uint32_t& produced);
-    int readAndDecodeInterleaved(int s, uint64_t block, Aud::StreamBufferList& buffers,
-                                 uint32_t& produced);
-
 private:
     int readPlain(Zn::Ptr<AudioReadRequest>& request, uint32_t s);
     int readCompressed(Zn::Ptr<AudioReadRequest>& request, uint32_t s,
@@ -117,6 +108,9 @@ private:
     bool answerWithSilence(AudioReadRequest& request);
     int decodeBlocks(uint64_t firstBlock, Aud::StreamBufferList& buffers, AudioReadRequest& request,
                      bool interleaved);
+    // One decoding step: reads block of stream s, decodes it and appends what falls at or
+    // after getOutputStart() to the buffers. produced is what the codec gave (0: the block
+    // was not taken and must be offered again). Answers the read's or codec's code.
     int decodeStep(int s, uint64_t block, Aud::StreamBufferList& buffers, uint32_t& produced,
                    bool interleaved);
     bool continuesCachedBlock(int s, const AudioRequest& request, uint64_t& cachedEnd);

@@ -48,22 +48,12 @@ bool VideoReadQueue::queueReadRequest(Zn::Ptr<VideoReadRequest>& request, bool) 
 // The lists are walked in place rather than copied: the lock is held throughout and
 // matching neither calls out nor changes them, so the order and the answer are those of a
 // copy, without its allocation on every request.
-Zn::Ptr<VideoReadRequest> VideoReadQueue::findMatchingRequest(Zn::Ptr<VideoReadRequest>& request) {
-    CriticalSection::Lock lock(lock_);
-    return findMatchLocked(*request);
-}
-
 Zn::Ptr<VideoReadRequest> VideoReadQueue::findMatchLocked(const VideoReadRequest& request) const {
     for (const Entry& c : pending_)
         if (c.serves(request)) return c.request;
     for (const Entry& c : inProgress_)
         if (c.serves(request)) return c.request;
     return nullptr;
-}
-
-void VideoReadQueue::reuseRequest(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<VideoReadRequest>& request) {
-    CriticalSection::Lock lock(lock_);
-    reuseLocked(existing, request);
 }
 
 void VideoReadQueue::reuseLocked(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<VideoReadRequest>& request) {
