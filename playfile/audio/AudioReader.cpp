@@ -253,71 +253,102 @@ void AudioReader::forgetCodecState(int s) {
     lastBlock_[s] = kNoBlock;
 }
 
+namespace {
+// Empties the buffers (keeping their memory) for a decode to fill from the start.
+void clearBuffers(Aud::StreamBufferList& buffers) {
+    for (Aud::StreamBuffer& b : buffers)
+        b.setSampleCount(0);
+    buffers.setSampleCount(0);
+}
+} // namespace
+
 int AudioReader::decodeBlocks(uint64_t firstBlock, Aud::StreamBufferList& buffers,
                               AudioReadRequest& r, bool interleaved) {
     const int s = int(r.stream);
     auto found = codecs_.find(s);
     if (found == codecs_.end() || r.stream >= metadata_.size()) return kFailed;
-    AudioCodecInstance& codec = *found->second;
     const Aud::Metadata& m = metadata_[r.stream];
-    const uint32_t perBlock = m.getSamplesPerBlock();
+    if (!m.getSamplesPerBlock()) return kFailed;
+    clearBuffers(buffers);
+
+    int code = positionCodec(s, *found->second, r, firstBlock, buffers, interleaved);
+    if (code != kSuccess) return code;
+    code = decodeUntilFilled(s, firstBlock, r.start + r.count, buffers, interleaved);
+
+    const uint32_t total = buffers.getSampleCount();
+    if (total == 0 || (code != kSuccess && code != kEndedEarly)) forgetCodecState(s);
+    if (total == 0) return kFailed;
     const uint32_t bytes = decodedBytes(m);
-    if (!perBlock) return kFailed;
+    for (Aud::StreamBuffer& b : buffers) {
+        b.setSampleCount(total);
+        b.getMemory()->setUsed(total * bytes);
+    }
+    return kSuccess;
+}
+
+int AudioReader::positionCodec(int s, AudioCodecInstance& codec, const AudioRequest& r,
+                               uint64_t& firstBlock, Aud::StreamBufferList& buffers,
+                               bool interleaved) {
+    const uint32_t perBlock = metadata_[uint32_t(s)].getSamplesPerBlock();
     const int64_t delay = codec.getDelaySamples();
-    const uint32_t p = codec.getPrimingBlocks();
     auto lastIt = lastBlock_.find(s);
     const uint64_t last = lastIt == lastBlock_.end() ? kNoBlock : lastIt->second;
     int64_t& next = nextPosition_[s];
-    for (Aud::StreamBuffer& b : buffers)
-        b.setSampleCount(0);
-    buffers.setSampleCount(0);
 
-    // Positioning. A request that starts inside the cached block, where the codec stands
-    // right after it, continues from the codec's next block: the cached tail is carried
-    // over, so reads that do not end on a block boundary still decode on without a reset.
+    // A request that starts inside the cached block, where the codec stands right after
+    // it, continues from the codec's next block: the cached tail is carried over, so reads
+    // that do not end on a block boundary still decode on without a reset.
     uint64_t cachedEnd = 0;
     if (last != kNoBlock && continuesCachedBlock(s, r, cachedEnd)) {
         firstBlock = last + 1;
         storeFrom_ = int64_t(r.start);
-        seedFromCache(r, cachedEnd, bytes, buffers);
-    } else {
-        if (p != 0 && firstBlock != 0 && last + 1 != firstBlock) {
-            // A jump: reset, then decode the p blocks before firstBlock and throw their
-            // output away (nothing is kept while storeFrom_ is kStoreNothing).
-            codec.resetToStart();
-            const uint64_t from = firstBlock - std::min<uint64_t>(p, firstBlock);
-            next = int64_t(from * perBlock) - delay;
-            storeFrom_ = kStoreNothing;
-            int code = kSuccess;
-            for (uint64_t b = from; b < firstBlock; ++b) {
-                uint32_t produced = 0;
-                code = decodeStep(s, b, buffers, produced, interleaved);
-                if (code != kSuccess) break;
-            }
-            for (Aud::StreamBuffer& b : buffers)
-                b.setSampleCount(0);
-            buffers.setSampleCount(0);
-            if (code != kSuccess) {
-                forgetCodecState(s);
-                return code;
-            }
-            lastBlock_[s] = firstBlock - 1;
-            // Whatever the pre-roll gave, firstBlock's output starts here.
-            next = int64_t(firstBlock * perBlock) - delay;
-        } else if (firstBlock == 0) {
-            if (last != kNoBlock) codec.resetToStart();
-            next = -delay;
-        } else if (last + 1 != firstBlock) {
-            // A codec without priming is used as it stands for a jump: its blocks decode on
-            // their own. Only the position moves.
-            next = int64_t(firstBlock * perBlock) - delay;
-        }
-        storeFrom_ = std::max<int64_t>(next, 0);
+        seedFromCache(r, cachedEnd, decodedBytes(metadata_[uint32_t(s)]), buffers);
+        return kSuccess;
     }
+    if (codec.getPrimingBlocks() != 0 && firstBlock != 0 && last + 1 != firstBlock) {
+        const int code = prerollBefore(s, codec, firstBlock, buffers, interleaved);
+        if (code != kSuccess) return code;
+        // Whatever the pre-roll gave, firstBlock's output starts here.
+        next = int64_t(firstBlock * perBlock) - delay;
+    } else if (firstBlock == 0) {
+        if (last != kNoBlock) codec.resetToStart();
+        next = -delay;
+    } else if (last + 1 != firstBlock) {
+        // A codec without priming is used as it stands for a jump: its blocks decode on
+        // their own. Only the position moves.
+        next = int64_t(firstBlock * perBlock) - delay;
+    }
+    storeFrom_ = std::max<int64_t>(next, 0);
+    return kSuccess;
+}
 
-    // Decoding. A block that gives nothing is offered again. Nine steps in a row that add
-    // nothing to the buffers end the read: with nothing kept at all, as a failure.
-    const uint64_t wantedEnd = r.start + r.count;
+int AudioReader::prerollBefore(int s, AudioCodecInstance& codec, uint64_t firstBlock,
+                               Aud::StreamBufferList& buffers, bool interleaved) {
+    // A jump: reset, then decode the priming blocks before firstBlock and throw their
+    // output away (nothing is kept while storeFrom_ is kStoreNothing).
+    codec.resetToStart();
+    const uint32_t perBlock = metadata_[uint32_t(s)].getSamplesPerBlock();
+    const uint64_t from = firstBlock - std::min<uint64_t>(codec.getPrimingBlocks(), firstBlock);
+    nextPosition_[s] = int64_t(from * perBlock) - codec.getDelaySamples();
+    storeFrom_ = kStoreNothing;
+    int code = kSuccess;
+    for (uint64_t b = from; b < firstBlock && code == kSuccess; ++b) {
+        uint32_t produced = 0;
+        code = decodeStep(s, b, buffers, produced, interleaved);
+    }
+    clearBuffers(buffers);
+    if (code != kSuccess) {
+        forgetCodecState(s);
+        return code;
+    }
+    lastBlock_[s] = firstBlock - 1;
+    return kSuccess;
+}
+
+int AudioReader::decodeUntilFilled(int s, uint64_t firstBlock, uint64_t wantedEnd,
+                                   Aud::StreamBufferList& buffers, bool interleaved) {
+    // A block that gives nothing is offered again. Nine steps in a row that add nothing
+    // to the buffers end the read: with nothing kept at all, as a failure.
     uint64_t block = firstBlock;
     int code = kSuccess;
     unsigned idleSteps = 0;
@@ -332,14 +363,7 @@ int AudioReader::decodeBlocks(uint64_t firstBlock, Aud::StreamBufferList& buffer
         if (idleSteps > 8) break;
         if (uint64_t(storeFrom_) + total >= wantedEnd || code != kSuccess) break;
     }
-    const uint32_t total = buffers.getSampleCount();
-    if (total == 0 || (code != kSuccess && code != kEndedEarly)) forgetCodecState(s);
-    if (total == 0) return kFailed;
-    for (Aud::StreamBuffer& b : buffers) {
-        b.setSampleCount(total);
-        b.getMemory()->setUsed(total * bytes);
-    }
-    return kSuccess;
+    return code;
 }
 
 int AudioReader::decodeStep(int s, uint64_t block, Aud::StreamBufferList& buffers,

@@ -106,8 +106,18 @@ private:
     int readCompressed(Zn::Ptr<AudioReadRequest>& request, uint32_t s,
                        const Zn::Ptr<AudioCodecInstance>& codec);
     bool answerWithSilence(AudioReadRequest& request);
+    // The compressed read's steps: position the codec for firstBlock (which a read that
+    // continues the cached block moves on), decode until the buffers hold the request's
+    // span, and leave the buffers' sample counts and used sizes set.
     int decodeBlocks(uint64_t firstBlock, Aud::StreamBufferList& buffers, AudioReadRequest& request,
                      bool interleaved);
+    int positionCodec(int s, AudioCodecInstance& codec, const AudioRequest& request,
+                      uint64_t& firstBlock, Aud::StreamBufferList& buffers, bool interleaved);
+    // Resets the codec and decodes, unkept, the priming blocks before firstBlock.
+    int prerollBefore(int s, AudioCodecInstance& codec, uint64_t firstBlock,
+                      Aud::StreamBufferList& buffers, bool interleaved);
+    int decodeUntilFilled(int s, uint64_t firstBlock, uint64_t wantedEnd,
+                          Aud::StreamBufferList& buffers, bool interleaved);
     // One decoding step: reads block of stream s, decodes it and appends what falls at or
     // after getOutputStart() to the buffers. produced is what the codec gave (0: the block
     // was not taken and must be offered again). Answers the read's or codec's code.
