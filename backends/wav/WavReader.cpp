@@ -111,7 +111,7 @@ int64_t WavReadInstance::readSamples(uint64_t position, uint32_t count, uint8_t*
 
 void WavReadInstance::readAudio(Zn::Ptr<AudioReadRequest>& request) { Zn::AudioReader::readAudio(request); }
 
-int WavReadInstance::readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
+Zn::AudioReader::eResult WavReadInstance::readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
                                       uint32_t& delivered) {
     delivered = 0;
     if (stream != 0) return kFailed;

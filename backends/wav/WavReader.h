@@ -38,7 +38,7 @@ public:
     const Info& info() const { return info_; }
 
 protected:
-    int readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
+    eResult readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
                          uint32_t& delivered) override;
 
 private:

@@ -202,7 +202,7 @@ Zn::Ptr<Y4mReadInstance> Y4mReadInstance::open(const DecodeFormat& format, const
     return Zn::Ptr<Y4mReadInstance>(new Y4mReadInstance(fileName, format, type, fd, h, std::move(offsets)));
 }
 
-int Y4mReadInstance::readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request) {
+FileReadInstance::eReadResult Y4mReadInstance::readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request) {
     const uint32_t frame = request->getFrame();
     if (frame >= offsets_.size()) return kReadFailed;
     const uint64_t bytes = header_.frameBytes();

@@ -30,7 +30,7 @@ public:
     ~Y4mReadInstance() override;
 
     String getReaderName() const override { return "Y4M"; }
-    int readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request) override;
+    eReadResult readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request) override;
     using FileReadInstance::readVideo;
 
     const StreamHeader& header() const { return header_; }

@@ -7,7 +7,7 @@
 namespace Zn {
 
 namespace {
-bool isFinished(RequestStatus s) { return s != Queued && s != InProgress; }
+bool isFinished(RequestStatus s) { return s != RequestStatus::Queued && s != RequestStatus::InProgress; }
 } // namespace
 
 VideoReadQueue::VideoReadQueue()
@@ -70,15 +70,15 @@ void VideoReadQueue::reuseLocked(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<Vi
         status = existing->getStatus();
     }
     switch (status) {
-    case Queued:
-    case InProgress:
+    case RequestStatus::Queued:
+    case RequestStatus::InProgress:
         if (!same) request = existing;
         break;
-    case Complete:
+    case RequestStatus::Complete:
         if (!same) request = existing;
-        existing->requestHasCompleted(Complete);
+        existing->requestHasCompleted(RequestStatus::Complete);
         break;
-    case Failed:
+    case RequestStatus::Failed:
         // The issuer finds the failed status on the request it now holds; nobody is called.
         request = existing;
         break;
@@ -99,7 +99,7 @@ void VideoReadQueue::despatchItemFromQueue() {
         if (taken.request.refCount() != 1) {
             wanted = true;
             request = taken.request;
-            request->setStatus(InProgress);
+            request->setStatus(RequestStatus::InProgress);
             inProgress_.push_back(std::move(taken));
             ++inProgressCount_;
         } else {

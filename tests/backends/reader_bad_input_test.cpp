@@ -63,7 +63,7 @@ protected:
                 for (uint64_t at = 0; at < length; at += 7919) {
                     RequestStatus status;
                     o.sampleBytes += samples(material, at, 7919, bytes, &status).size();
-                    EXPECT_TRUE(status == Complete || status == Failed) << "at " << at;
+                    EXPECT_TRUE(status == RequestStatus::Complete || status == RequestStatus::Failed) << "at " << at;
                 }
             }
         }

@@ -61,7 +61,7 @@ TEST_F(ReadInstance, AnInstanceWithoutAQueueFailsRequestsOfThatKindAndNothingEls
     RecordingIssuer v;
     auto frame = audioOnly.request(1, &v);
     EXPECT_FALSE(audioOnly.file->queueReadRequest(frame, false));
-    EXPECT_EQ(frame->getStatus(), Failed);
+    EXPECT_EQ(frame->getStatus(), RequestStatus::Failed);
     EXPECT_EQ(v.calls(), 1);
     EXPECT_EQ(audioOnly.reader->reads.load(), 0);
 
@@ -70,7 +70,7 @@ TEST_F(ReadInstance, AnInstanceWithoutAQueueFailsRequestsOfThatKindAndNothingEls
     RecordingIssuer a;
     auto samples = videoOnly.audio(0, 0, 0, 8, &a);
     EXPECT_FALSE(videoOnly.file->queueReadRequest(samples, false));
-    EXPECT_EQ(samples->getStatus(), Failed);
+    EXPECT_EQ(samples->getStatus(), RequestStatus::Failed);
     EXPECT_EQ(a.calls(), 1);
 }
 
