@@ -171,7 +171,7 @@ Zn::Image::Surface FrameRead::picture(std::string& error, std::chrono::milliseco
     }
     request_ = nullptr;
     Surface s = buffer->getSurface(0);
-    const int state = s.wait(unsigned(limit.count()));
+    const Surface::eWaitResult state = s.wait(unsigned(limit.count()));
     if (state == Surface::kWaitTimedOut) {
         error = where + ": decoding did not finish in time";
         return Surface();

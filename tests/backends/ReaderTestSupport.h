@@ -73,7 +73,7 @@ protected:
         auto buffer = waiter.buffer();
         if (waiter.status() != RequestStatus::Complete || !buffer) return "failed";
         Zn::Image::Surface s = buffer->getSurface(0);
-        const int state = s.wait(30000);
+        const auto state = s.wait(30000);
         if (state == Zn::Image::Surface::kWaitTimedOut) return "timed out";
         if (state != Zn::Image::Surface::kWaitComplete || !s.valid()) return "failed";
         if (picture) *picture = s;
