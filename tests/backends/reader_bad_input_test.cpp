@@ -109,10 +109,9 @@ TEST_F(ReaderBadInput, AbsurdWavHeaderSizes) {
     auto patched = [&](size_t at, const std::string& bytes) {
         std::string copy = real;
         readAs(dir.file("absurd.wav"), copy.replace(at, bytes.size(), bytes));
-        std::string error;
-        const bool wavOpened = bool(wav::WavReadInstance::open(DecodeFormat(1), fromUTF8(dir.file("absurd.wav").c_str()),
-                                                               OpenType::kAudio, error));
-        EXPECT_TRUE(wavOpened || !error.empty());
+        auto opened = wav::WavReadInstance::open(DecodeFormat(1), fromUTF8(dir.file("absurd.wav").c_str()), OpenType::kAudio);
+        const bool wavOpened = bool(opened.value);
+        EXPECT_TRUE(wavOpened || !opened.error.empty());
         return wavOpened;
     };
     EXPECT_FALSE(patched(fmt + 10, std::string("\0\0", 2))) << "no channels";
