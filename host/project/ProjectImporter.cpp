@@ -200,12 +200,6 @@ ImportResult ProjectImporter::importFile(const WString& path) {
     return result;
 }
 
-std::vector<ImportResult> ProjectImporter::importFiles(const std::vector<WString>& paths) {
-    std::vector<ImportResult> out;
-    for (const auto& p : paths) out.push_back(importFile(p));
-    return out;
-}
-
 Cookie ProjectImporter::newClipCookie(WString* error) {
     auto db = EditManager::getProjdb();
     if (!db) {

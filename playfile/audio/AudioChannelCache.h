@@ -34,10 +34,6 @@ public:
     AudioChannelCache(const AudioChannelCache&) = delete;
     AudioChannelCache& operator=(const AudioChannelCache&) = delete;
 
-    // The buffers of r's stream (the entry is made if absent), its span set to r's, for
-    // the caller to fill in place under the lock.
-    Aud::StreamBufferList& getBuffers(const AudioRequest& r);
-
     // Replaces the stream's block with list (sharing its memory), first sample at start.
     // Every buffer's sample count becomes the list's. One block per stream is kept: the
     // previous one is released (views into it keep their part alive).

@@ -57,7 +57,7 @@ public:
 
     // The frame-buffer read of FileReadInstance: streams when the stream metadata has a
     // group size of 2 or more, else decodes synchronously.
-    int readVideo(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) override;
+    eReadResult readVideo(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) override;
     using FileReadInstance::readVideo;
 
     void beginStreamDecode();
@@ -71,8 +71,8 @@ protected:
     // its run, each surface set or failed as it is done, the last one always finished; a
     // one-frame buffer on the synchronous path: the frame or its data). Answers the
     // FileReadInstance read result (kReadDone, kReadPending, anything else failed).
-    virtual int decodeFrames(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) = 0;
-    virtual int readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request);
+    virtual eReadResult decodeFrames(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) = 0;
+    virtual eReadResult readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request);
     void threadFn() override;
 
     void setFrameRangeHandler(Zn::Ptr<iVariableFrameRateHandler> handler) { handler_ = std::move(handler); }

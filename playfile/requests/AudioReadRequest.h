@@ -70,5 +70,5 @@ private:
     const Zn::Ptr<FileReadInstance> file_;
     Aud::StreamBuffer result_;
     const unsigned int sampleFactor_;
-    std::atomic<RequestStatus> status_{Queued};
+    std::atomic<RequestStatus> status_{RequestStatus::Queued};
 };

@@ -28,7 +28,6 @@ public:
         bool call(Zn::Ptr<iObject>& result, RequestStatus status);
         // Forgets the issuer; returns once no callback through this proxy is running.
         void clear() noexcept;
-        ReadRequestIssuer* getIssuer() const noexcept;
 
     private:
         mutable CriticalSection lock_;

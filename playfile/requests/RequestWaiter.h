@@ -72,6 +72,6 @@ private:
     std::mutex mutex_;
     std::condition_variable done_;
     bool finished_ = false;
-    RequestStatus status_ = Queued;
+    RequestStatus status_ = RequestStatus::Queued;
     Zn::Ptr<iObject> result_;
 };

@@ -41,12 +41,6 @@ public:
     // Queues request, or joins it to an equal request, in which case request is made to
     // point to that one. Answers true (the flag is not used by video queues).
     bool queueReadRequest(Zn::Ptr<VideoReadRequest>& request, bool flag);
-    // The first queued, then the first taken, request that serves request; null if none.
-    // Takes lock_ (queueReadRequest already holds it).
-    Zn::Ptr<VideoReadRequest> findMatchingRequest(Zn::Ptr<VideoReadRequest>& request);
-    // Joins request's issuers to existing and points request at it; an issuer joining a
-    // finished request is called at once. Takes lock_ (queueReadRequest already holds it).
-    void reuseRequest(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<VideoReadRequest>& request);
     // Takes the front request and has its file read it, unless nobody else holds it.
     void despatchItemFromQueue();
     // Drops finished requests that only the queue holds.
@@ -94,7 +88,11 @@ private:
         uint32_t width;
         eResultType resultType;
     };
+    // Under lock_: the first queued, then the first taken, request that serves request;
+    // null if none.
     Zn::Ptr<VideoReadRequest> findMatchLocked(const VideoReadRequest& request) const;
+    // Under lock_: joins request's issuers to existing and points request at it; an issuer
+    // joining a finished request is called at once.
     void reuseLocked(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<VideoReadRequest>& request);
     // limitUsage's work, under lock_: moves the droppable requests to dropped, which the
     // caller destroys after leaving the lock.

@@ -65,7 +65,7 @@ private:
     // Decoding or wrapping of a claimed frame buffer; answers the status to report.
     RequestStatus finishFrameBuffer(FrameBufferRep& buffer, RequestStatus s);
 
-    std::atomic<RequestStatus> status_{Queued};
+    std::atomic<RequestStatus> status_{RequestStatus::Queued};
     const unsigned int frame_;
     const Zn::Ptr<IndexInfoRep> indexInfo_;
     ProxySet proxies_;
