@@ -93,11 +93,12 @@ private:
         uint32_t width;
         eResultType resultType;
     };
-    Zn::Ptr<VideoReadRequest> findMatchLocked(const VideoReadRequest& request) const;
-    void reuseLocked(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<VideoReadRequest>& request);
+    Zn::Ptr<VideoReadRequest> findMatchLocked(const VideoReadRequest& request) const REQUIRES(lock_);
+    void reuseLocked(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<VideoReadRequest>& request)
+        REQUIRES(lock_);
     // limitUsage's work, under lock_: moves the droppable requests to dropped, which the
     // caller destroys after leaving the lock.
-    void collectFinished(RequestList& dropped);
+    void collectFinished(RequestList& dropped) REQUIRES(lock_);
     // Drops finished requests of files that nothing outside this queue refers to any more.
     // Such a file holds this queue and the queue holds its requests, which hold the file:
     // nobody can queue on it again, so no later queuing would ever drop them.
@@ -105,10 +106,10 @@ private:
 
     Zn::Ptr<iThreadEvent> wakeEvent_;
     const uint32_t pollDelay_;
-    std::deque<Entry> pending_;
+    std::deque<Entry> pending_ GUARDED_BY(lock_);
     std::atomic<uint32_t> pendingCount_{0};
-    std::vector<Entry> inProgress_;
-    uint32_t inProgressCount_ = 0;
+    std::vector<Entry> inProgress_ GUARDED_BY(lock_);
+    uint32_t inProgressCount_ GUARDED_BY(lock_) = 0;
     mutable CriticalSection lock_;
     Zn::Ptr<VideoReadQueue> self_; // only ever touched on the queue's own thread
 };
