@@ -59,9 +59,9 @@ public:
     bool cachedSpan(uint32_t stream, uint64_t& start, uint32_t& count);
 
 protected:
-    CriticalSection& getLock() noexcept { return lock_; }
+    CriticalSection& getLock() noexcept RETURN_CAPABILITY(lock_) { return lock_; }
 
 private:
-    std::map<uint32_t, CacheEntry> entries_;
+    std::map<uint32_t, CacheEntry> entries_ GUARDED_BY(lock_);
     CriticalSection lock_;
 };

@@ -84,10 +84,16 @@ public:
                             Zn::Ptr<AudioReadRequest>& request);
     eResult readCompressedAudioInterleaved(uint64_t firstBlock, Aud::StreamBufferList& buffers,
                                        Zn::Ptr<AudioReadRequest>& request);
-    int64_t getOutputStart() const noexcept { return storeFrom_; }
+    int64_t getOutputStart() noexcept REQUIRES(getLock()) { return storeFrom_; }
 
-    uint32_t getReadSlack() const noexcept { return readSlack_; }
-    void setReadSlack(uint32_t bytes) noexcept { readSlack_ = bytes; }
+    uint32_t getReadSlack() noexcept {
+        CriticalSection::Lock guard(getLock());
+        return readSlack_;
+    }
+    void setReadSlack(uint32_t bytes) noexcept {
+        CriticalSection::Lock guard(getLock());
+        readSlack_ = bytes;
+    }
 
 protected:
     // The file's raw sample read: up to samples multi-channel samples of the stream from
@@ -102,49 +108,49 @@ protected:
     virtual eResult readAudioBlock(uint32_t stream, uint64_t block, std::vector<uint8_t>& data);
 
 private:
-    eResult readPlain(Zn::Ptr<AudioReadRequest>& request, uint32_t s);
+    eResult readPlain(Zn::Ptr<AudioReadRequest>& request, uint32_t s) REQUIRES(getLock());
     eResult readCompressed(Zn::Ptr<AudioReadRequest>& request, uint32_t s,
-                       const Zn::Ptr<AudioCodecInstance>& codec);
-    bool answerWithSilence(AudioReadRequest& request);
+                       const Zn::Ptr<AudioCodecInstance>& codec) REQUIRES(getLock());
+    bool answerWithSilence(AudioReadRequest& request) REQUIRES(getLock());
     // The compressed read's steps: position the codec for firstBlock (which a read that
     // continues the cached block moves on), decode until the buffers hold the request's
     // span, and leave the buffers' sample counts and used sizes set.
     eResult decodeBlocks(uint64_t firstBlock, Aud::StreamBufferList& buffers, AudioReadRequest& request,
-                     bool interleaved);
+                     bool interleaved) REQUIRES(getLock());
     eResult positionCodec(int s, AudioCodecInstance& codec, const AudioRequest& request,
-                      uint64_t& firstBlock, Aud::StreamBufferList& buffers, bool interleaved);
+                      uint64_t& firstBlock, Aud::StreamBufferList& buffers, bool interleaved) REQUIRES(getLock());
     // Resets the codec and decodes, unkept, the priming blocks before firstBlock.
     eResult prerollBefore(int s, AudioCodecInstance& codec, uint64_t firstBlock,
-                      Aud::StreamBufferList& buffers, bool interleaved);
+                      Aud::StreamBufferList& buffers, bool interleaved) REQUIRES(getLock());
     eResult decodeUntilFilled(int s, uint64_t firstBlock, uint64_t wantedEnd,
-                          Aud::StreamBufferList& buffers, bool interleaved);
+                          Aud::StreamBufferList& buffers, bool interleaved) REQUIRES(getLock());
     // One decoding step: reads block of stream s, decodes it and appends what falls at or
     // after getOutputStart() to the buffers. produced is what the codec gave (0: the block
     // was not taken and must be offered again). Answers the read's or codec's code.
     eResult decodeStep(int s, uint64_t block, Aud::StreamBufferList& buffers, uint32_t& produced,
-                   bool interleaved);
-    bool continuesCachedBlock(int s, const AudioRequest& request, uint64_t& cachedEnd);
+                   bool interleaved) REQUIRES(getLock());
+    bool continuesCachedBlock(int s, const AudioRequest& request, uint64_t& cachedEnd) REQUIRES(getLock());
     void seedFromCache(const AudioRequest& request, uint64_t cachedEnd, uint32_t bytes,
-                       Aud::StreamBufferList& buffers);
-    void forgetCodecState(int s);
+                       Aud::StreamBufferList& buffers) REQUIRES(getLock());
+    void forgetCodecState(int s) REQUIRES(getLock());
 
     const std::vector<Aud::Metadata>& metadata_;
-    std::map<int32_t, uint64_t> lastBlock_;
-    std::map<int32_t, Zn::Ptr<AudioCodecInstance>> codecs_;
+    std::map<int32_t, uint64_t> lastBlock_ GUARDED_BY(getLock());
+    std::map<int32_t, Zn::Ptr<AudioCodecInstance>> codecs_ GUARDED_BY(getLock());
     // Per compressed stream: the position of the next sample the codec will give (negative
     // while it gives the encoder's priming). Meaningful while lastBlock is not kNoBlock,
     // and set whenever decoding is (re)started at a block.
-    std::map<int32_t, int64_t> nextPosition_;
-    uint32_t readSlack_ = kDefaultReadSlack;
-    Zn::Ptr<ByteBufferImpl> readBuffer_; // the last plain read's buffer, kept for the next
-    Aud::StreamBuffer silence_;
+    std::map<int32_t, int64_t> nextPosition_ GUARDED_BY(getLock());
+    uint32_t readSlack_ GUARDED_BY(getLock()) = kDefaultReadSlack;
+    Zn::Ptr<ByteBufferImpl> readBuffer_ GUARDED_BY(getLock()); // the last plain read's buffer, kept for the next
+    Aud::StreamBuffer silence_ GUARDED_BY(getLock());
 
     // State of the decode under way: the position of the buffers' first sample, decoded
     // samples before which are not kept (none are kept while it is kStoreNothing).
     static constexpr int64_t kStoreNothing = INT64_MAX;
-    int64_t storeFrom_ = kStoreNothing;
-    std::vector<uint8_t> block_;      // compressed bytes of the current block
-    std::vector<uint8_t*> channelAt_; // where each channel's next sample goes
+    int64_t storeFrom_ GUARDED_BY(getLock()) = kStoreNothing;
+    std::vector<uint8_t> block_ GUARDED_BY(getLock());      // compressed bytes of the current block
+    std::vector<uint8_t*> channelAt_ GUARDED_BY(getLock()); // where each channel's next sample goes
 };
 
 } // namespace Zn

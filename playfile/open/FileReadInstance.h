@@ -109,7 +109,7 @@ public:
 protected:
     // For the back-end: what it guards, and which locks may be held when it is taken, is
     // the back-end's to say. The base never takes it.
-    CriticalSection& getLock() noexcept { return lock_; }
+    CriticalSection& getLock() noexcept RETURN_CAPABILITY(lock_) { return lock_; }
 
 private:
     std::atomic<uint64_t> lastUse_;

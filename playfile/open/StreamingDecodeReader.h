@@ -85,8 +85,8 @@ private:
     Zn::Ptr<iVariableFrameRateHandler> handler_;
     Zn::Ptr<iThreadEvent> wakeEvent_; // auto-reset: starts a decoding pass
     Zn::Ptr<iThreadEvent> doneEvent_; // manual-reset: clear while a pass runs
-    Zn::Ptr<FrameBufferRep> decodingSlot_;
-    Zn::Ptr<FrameBufferRep> currentSlot_;
+    Zn::Ptr<FrameBufferRep> decodingSlot_ GUARDED_BY(slotLock_);
+    Zn::Ptr<FrameBufferRep> currentSlot_ GUARDED_BY(slotLock_);
     // The decode thread's own (no lock): the slot of its last pass, which is never decoded
     // twice, as its surfaces may only be written until they complete.
     Zn::Ptr<FrameBufferRep> decodedSlot_;

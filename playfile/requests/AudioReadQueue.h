@@ -60,7 +60,7 @@ private:
         }
     };
 
-    std::multimap<Key, Zn::Ptr<AudioReadRequest>> pending_;
+    std::multimap<Key, Zn::Ptr<AudioReadRequest>> pending_ GUARDED_BY(lock_);
     std::atomic<uint32_t> pendingCount_{0};
     Zn::Ptr<iThreadEvent> wakeEvent_;
     const uint32_t pollDelay_;

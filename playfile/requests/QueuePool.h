@@ -57,9 +57,9 @@ private:
     // on the queue's own thread (its file was destroyed there); the queue then ends itself.
     static void release(Zn::Ptr<T> queue);
 
-    uint32_t active_ = 1;
-    std::deque<Zn::Ptr<T>> idle_;
-    unsigned count_ = 0;
+    uint32_t active_ GUARDED_BY(lock_) = 1;
+    std::deque<Zn::Ptr<T>> idle_ GUARDED_BY(lock_);
+    unsigned count_ GUARDED_BY(lock_) = 0;
     mutable CriticalSection lock_;
     Shutdown::Handle shutdownHandle_ = 0;
     // Cleared when the pool is destroyed at exit, so a file destroyed later does not

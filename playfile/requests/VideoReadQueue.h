@@ -90,13 +90,14 @@ private:
     };
     // Under lock_: the first queued, then the first taken, request that serves request;
     // null if none.
-    Zn::Ptr<VideoReadRequest> findMatchLocked(const VideoReadRequest& request) const;
+    Zn::Ptr<VideoReadRequest> findMatchLocked(const VideoReadRequest& request) const REQUIRES(lock_);
     // Under lock_: joins request's issuers to existing and points request at it; an issuer
     // joining a finished request is called at once.
-    void reuseLocked(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<VideoReadRequest>& request);
+    void reuseLocked(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<VideoReadRequest>& request)
+        REQUIRES(lock_);
     // limitUsage's work, under lock_: moves the droppable requests to dropped, which the
     // caller destroys after leaving the lock.
-    void collectFinished(RequestList& dropped);
+    void collectFinished(RequestList& dropped) REQUIRES(lock_);
     // Drops finished requests of files that nothing outside this queue refers to any more.
     // Such a file holds this queue and the queue holds its requests, which hold the file:
     // nobody can queue on it again, so no later queuing would ever drop them.
@@ -104,10 +105,10 @@ private:
 
     Zn::Ptr<iThreadEvent> wakeEvent_;
     const uint32_t pollDelay_;
-    std::deque<Entry> pending_;
+    std::deque<Entry> pending_ GUARDED_BY(lock_);
     std::atomic<uint32_t> pendingCount_{0};
-    std::vector<Entry> inProgress_;
-    uint32_t inProgressCount_ = 0;
+    std::vector<Entry> inProgress_ GUARDED_BY(lock_);
+    uint32_t inProgressCount_ GUARDED_BY(lock_) = 0;
     mutable CriticalSection lock_;
     Zn::Ptr<VideoReadQueue> self_; // only ever touched on the queue's own thread
 };
