@@ -3,6 +3,7 @@
 #include "backends/ffmpeg/FfmpegSource.h"
 
 #include "backends/ffmpeg/FfmpegMemoryMedia.h"
+#include "backends/ffmpeg/FfmpegMovSource.h"
 #include "backends/ffmpeg/FfmpegPcm.h"
 #include "backends/ffmpeg/FfmpegSourceScan.h"
 #include "backends/ffmpeg/FfmpegVideoOrder.h"
@@ -52,11 +53,17 @@ Result<std::unique_ptr<FileInput>> openInput(const std::string& path) {
 Result<std::shared_ptr<const MediaIndex>> FfmpegSource::open(const std::string& path) { return open(path, Options{}); }
 
 Result<std::shared_ptr<const MediaIndex>> FfmpegSource::open(const std::string& path, Options options) {
-    Scan scan(options, {});
+    std::string tablesNote;
+    if (options.videoOnly && options.useContainerIndex && !isMemoryMedia(path)) {
+        auto fromTables = MovVideoSource::open(path);
+        if (fromTables || fromTables.cause) return fromTables;
+        tablesNote = fromTables.error;
+    }
+    Scan scan(options, {}, tablesNote);
     auto r = scan.run(path);
     if (r || scan.rescanReason().empty()) return r;
     options.useContainerIndex = false;
-    Scan whole(options, scan.rescanReason());
+    Scan whole(options, scan.rescanReason(), tablesNote);
     return whole.run(path);
 }
 
@@ -64,6 +71,7 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
     const auto started = std::chrono::steady_clock::now();
     path_ = path;
     index_->path = path;
+    index_->tablesNote = tablesNote_;
     size_t inMemory = 0;
     struct stat st {};
     if (isMemoryMedia(path, &inMemory)) {

@@ -28,7 +28,9 @@ Result<std::unique_ptr<FileInput>> openInput(const std::string& path);
 class FfmpegSource::Scan {
 public:
     // rescanReason: why an earlier pass over the container's index was given up, if it was.
-    Scan(Options options, std::string rescanReason) : options_(options), rescanReason_(std::move(rescanReason)) {}
+    // tablesNote: why the file's sample tables could not stand in for the pass, if they were tried.
+    Scan(Options options, std::string rescanReason, std::string tablesNote)
+        : options_(options), rescanReason_(std::move(rescanReason)), tablesNote_(std::move(tablesNote)) {}
     ~Scan() {
         if (fd_ >= 0) ::close(fd_);
     }
@@ -52,6 +54,7 @@ private:
 
     const Options options_;
     std::string rescanReason_;
+    const std::string tablesNote_;
     std::string path_;
     std::unique_ptr<Demuxer> demux_;
     FileInput* input_ = nullptr; // demux_'s
