@@ -133,7 +133,9 @@ std::string cutFor(const MovTrackInfo& info, const MovTrackSamples& s, const Mov
     if (info.edits.empty()) return {};
     size_t e = 0;
     int64_t empty = 0;
-    while (e < info.edits.size() && info.edits[e].mediaTime == -1) empty += info.edits[e++].duration;
+    // Times beyond this are refused, so that sums of them cannot overflow.
+    constexpr int64_t kLongest = int64_t(1) << 60;
+    while (e < info.edits.size() && info.edits[e].mediaTime == -1 && empty <= kLongest) empty += info.edits[e++].duration;
     if (info.edits.size() - e != 1) return "its edit list has several edits";
     const MovEdit& edit = info.edits[e];
     if (edit.rate != 0x10000) return "its edit plays at another rate";
@@ -141,6 +143,8 @@ std::string cutFor(const MovTrackInfo& info, const MovTrackSamples& s, const Mov
     emptyTime = av_rescale(empty, info.timeScale, info.movieTimeScale);
     const int64_t duration = av_rescale(edit.duration, info.timeScale, info.movieTimeScale);
     if (duration <= 0) return "its edit has no duration";
+    if (empty > kLongest || emptyTime < 0 || emptyTime > kLongest || duration > kLongest || edit.mediaTime > kLongest)
+        return "its edit list's times are out of range";
     cut.edited = true;
     cut.start = edit.mediaTime;
     cut.end = edit.mediaTime + duration;
@@ -170,8 +174,10 @@ std::string cutFor(const MovTrackInfo& info, const MovTrackSamples& s, const Mov
     return {};
 }
 
-// The track's packets, in decode order, as libavformat's demuxer gives them.
-std::string listPackets(const MovTrackInfo& info, const MovTrackSamples& s, const MovSampleTimes& t, VideoTrack& v) {
+// The track's packets, in decode order, as libavformat's demuxer gives them. Each must lie
+// inside the file (fileSize bytes): its bytes are later read by position.
+std::string listPackets(const MovTrackInfo& info, const MovTrackSamples& s, const MovSampleTimes& t, int64_t fileSize,
+                        VideoTrack& v) {
     const bool hasOffsets = !s.compositionOffsets.empty();
     for (int32_t offset : s.compositionOffsets)
         if (offset < 0) return "it has negative composition offsets";
@@ -191,17 +197,20 @@ std::string listPackets(const MovTrackInfo& info, const MovTrackSamples& s, cons
         VideoPacket& p = v.packets[k - cut.first];
         const int64_t dts = t.decodeTimes[k] + shift;
         const int64_t offset = hasOffsets ? s.compositionOffsets[k] : 0;
-        p.key = {dts + offset, dts, s.offsets[k], int32_t(s.sizes[k]), 0, false};
+        if (s.offsets[k] > fileSize || int64_t(s.sizes[k]) > fileSize - s.offsets[k])
+            return "a sample lies past the end of the file";
         if (s.sizes[k] > uint32_t(INT32_MAX)) return "a sample is too large";
+        p.key = {dts + offset, dts, s.offsets[k], int32_t(s.sizes[k]), 0, false};
         p.keyFrame = t.sync[k] || v.codecIsIntraOnly;
         p.discard = dts - shift + offset < cut.start || dts - shift + offset >= cut.end;
     }
     return {};
 }
 
-// Decodes from the first frame's key packet until a picture comes out, and takes the
-// decoder's pixel format, size and shape as the track's, as libavformat learns them at
-// open. Only the decoder's settings are wanted, so it leaves out the loop filter.
+// Decodes the first frame's key packet (and more while the decoder has not settled its
+// output), and takes the decoder's pixel format, size, shape and reordering delay as the
+// track's, as libavformat learns them at open. Only the decoder's settings are wanted,
+// so it leaves out the loop filter and stops once they are known.
 std::string firstPicture(int fd, VideoTrack& v, AVCodecParameters* par, uint64_t& bytesRead) {
     auto codec = openDecoder(par, Threading::Single, 1);
     if (!codec) return "its decoder does not open: " + codec.error;
@@ -211,19 +220,20 @@ std::string firstPicture(int fd, VideoTrack& v, AVCodecParameters* par, uint64_t
     FramePtr picture = newFrame();
     if (!pkt || !picture) return "out of memory";
     const int start = v.frames.front().startPacket;
-    bool got = false;
-    for (int d = start; d < int(v.packets.size()) && d < start + kFirstPictureLimit && !got; ++d) {
+    bool known = false;
+    for (int d = start; d < int(v.packets.size()) && d < start + kFirstPictureLimit && !known; ++d) {
         if (int rc = readStoredPacket(fd, v.packets[size_t(d)], pkt.get()); rc < 0)
             return "cannot read its first packets: " + errorText(rc);
         bytesRead += uint64_t(pkt->size);
-        avcodec_send_packet(ctx, pkt.get());
-        got = avcodec_receive_frame(ctx, picture.get()) >= 0;
+        const int sent = avcodec_send_packet(ctx, pkt.get());
+        known = avcodec_receive_frame(ctx, picture.get()) >= 0 ||
+                (sent >= 0 && ctx->pix_fmt != AV_PIX_FMT_NONE && ctx->width > 0 && ctx->height > 0);
     }
-    if (!got) {
+    if (!known) {
         avcodec_send_packet(ctx, nullptr);
-        got = avcodec_receive_frame(ctx, picture.get()) >= 0;
+        known = avcodec_receive_frame(ctx, picture.get()) >= 0;
     }
-    if (!got || ctx->pix_fmt == AV_PIX_FMT_NONE || ctx->width <= 0 || ctx->height <= 0)
+    if (!known || ctx->pix_fmt == AV_PIX_FMT_NONE || ctx->width <= 0 || ctx->height <= 0)
         return "its first picture does not decode";
     par->format = ctx->pix_fmt;
     par->width = v.width = ctx->width;
@@ -253,7 +263,7 @@ Result<uint32_t> videoTrackOf(const MovTables& tables) {
 }
 
 // Builds v from the tables of one track; empty on success, else why not.
-std::string buildTrack(const MovTables& tables, uint32_t id, VideoTrack& v, Parameters& par) {
+std::string buildTrack(const MovTables& tables, uint32_t id, int64_t fileSize, VideoTrack& v, Parameters& par) {
     auto info = tables.describe(id);
     if (!info) return info.error;
     auto samples = tables.samples(id);
@@ -265,14 +275,15 @@ std::string buildTrack(const MovTables& tables, uint32_t id, VideoTrack& v, Para
     par = parametersFor(info.value, why);
     if (!par) return why;
     v.stream = info.value.ordinal;
-    v.timeBase = AVRational{1, int(std::min<uint32_t>(info.value.timeScale, INT32_MAX))};
-    if (info.value.timeScale == 0) return "its time scale is 0";
+    if (info.value.timeScale == 0 || info.value.timeScale > uint32_t(INT32_MAX)) return "its time scale is out of range";
+    v.timeBase = AVRational{1, int(info.value.timeScale)};
+    if (times.value.tableSamples > uint64_t(INT32_MAX)) return "its stts table counts too many samples";
     if (times.value.tableDuration > 0)
         av_reduce(&v.frameRate.num, &v.frameRate.den, int64_t(info.value.timeScale) * int64_t(times.value.tableSamples),
                   times.value.tableDuration, INT32_MAX);
     const AVCodecDescriptor* desc = avcodec_descriptor_get(par->codec_id);
     v.codecIsIntraOnly = desc && (desc->props & AV_CODEC_PROP_INTRA_ONLY);
-    if (why = listPackets(info.value, samples.value, times.value, v); !why.empty()) return why;
+    if (why = listPackets(info.value, samples.value, times.value, fileSize, v); !why.empty()) return why;
 
     int firstKey = -1;
     for (size_t d = 0; d < v.packets.size() && firstKey < 0; ++d)
@@ -285,6 +296,17 @@ std::string buildTrack(const MovTables& tables, uint32_t id, VideoTrack& v, Para
 }
 
 } // namespace
+
+Result<VideoTrack> MovVideoSource::trackOf(const MovTables& tables, int64_t fileSize) {
+    using R = Result<VideoTrack>;
+    auto id = videoTrackOf(tables);
+    if (!id) return R::fail(id.error);
+    VideoTrack v;
+    Parameters par;
+    if (std::string why = buildTrack(tables, id.value, fileSize, v, par); !why.empty()) return R::fail(why);
+    v.codec = CodecParametersPtr(par.release(), CodecParametersDeleter());
+    return R::ok(std::move(v));
+}
 
 int readStoredPacket(int fd, const VideoPacket& packet, AVPacket* pkt) {
     av_packet_unref(pkt);
@@ -327,12 +349,11 @@ Result<std::shared_ptr<const MediaIndex>> MovVideoSource::open(const std::string
     auto tables = MovTables::parse(std::move(moov));
     if (!tables) return R::fail(tables.error);
     if (tables.value.fragmented()) return R::fail("the file is fragmented");
-    auto id = videoTrackOf(tables.value);
-    if (!id) return R::fail(id.error);
-
-    VideoTrack v;
-    Parameters par;
-    if (std::string why = buildTrack(tables.value, id.value, v, par); !why.empty()) return R::fail(why);
+    auto track = trackOf(tables.value, int64_t(st.st_size));
+    if (!track) return R::fail(track.error);
+    VideoTrack& v = track.value;
+    Parameters par(avcodec_parameters_alloc());
+    if (!par || avcodec_parameters_copy(par.get(), v.codec.get()) < 0) return R::fail("out of memory");
     if (std::string why = firstPicture(file.fd, v, par.get(), index->bytesRead); !why.empty()) return R::fail(why);
     v.codec = CodecParametersPtr(par.release(), CodecParametersDeleter());
     index->path = path;

@@ -15,6 +15,7 @@
 #pragma once
 
 #include "backends/ffmpeg/FfmpegIndex.h"
+#include "backends/ffmpeg/FfmpegMovTables.h"
 
 #include <memory>
 #include <string>
@@ -26,6 +27,11 @@ public:
     // The index of path's video stream, without audio. Result::cause holds the errno when
     // the system failed (the caller then reports that rather than trying libavformat).
     static Result<std::shared_ptr<const MediaIndex>> open(const std::string& path);
+
+    // The video track of a file's parsed tables (the file being fileSize bytes long): its
+    // packets and frames, and the decoder's parameters as the sample description gives
+    // them (the picture's format is learnt by decoding, in open()). No file is read.
+    static Result<VideoTrack> trackOf(const MovTables& tables, int64_t fileSize);
 };
 
 // Reads the packet k describes straight from the file (fd) at its position: payload,

@@ -111,7 +111,8 @@ Result<MovSampleTimes> MovTables::times(uint32_t trackId, size_t samples) const 
         const uint32_t delta = be32(stts.data() + 12 + 8 * size_t(i));
         if (delta > uint32_t(std::numeric_limits<int32_t>::max())) return R::fail("the stts table has a negative duration");
         out.tableSamples += count;
-        out.tableDuration += int64_t(count) * delta; // under 2^32 entries of under 2^63: no overflow
+        out.tableDuration += int64_t(count) * delta;
+        if (out.tableDuration > (int64_t(1) << 62)) return R::fail("the stts table's durations are out of range");
         for (uint32_t k = 0; k < count && out.decodeTimes.size() < samples; ++k, dts += delta) out.decodeTimes.push_back(dts);
         if (out.decodeTimes.size() == samples && !covered) {
             out.end = dts;
