@@ -235,16 +235,10 @@ std::string firstPicture(int fd, VideoTrack& v, AVCodecParameters* par, uint64_t
     }
     if (!known || ctx->pix_fmt == AV_PIX_FMT_NONE || ctx->width <= 0 || ctx->height <= 0)
         return "its first picture does not decode";
-    par->format = ctx->pix_fmt;
-    par->width = v.width = ctx->width;
-    par->height = v.height = ctx->height;
-    par->sample_aspect_ratio = v.sar = ctx->sample_aspect_ratio;
-    par->color_range = ctx->color_range;
-    par->color_primaries = ctx->color_primaries;
-    par->color_trc = ctx->color_trc;
-    par->color_space = ctx->colorspace;
-    par->chroma_location = ctx->chroma_sample_location;
-    par->video_delay = ctx->has_b_frames;
+    if (avcodec_parameters_from_context(par, ctx) < 0) return "out of memory";
+    v.width = par->width;
+    v.height = par->height;
+    v.sar = par->sample_aspect_ratio;
     v.pixelFormat = ctx->pix_fmt;
     return {};
 }
