@@ -54,7 +54,8 @@ void checkTables(std::shared_ptr<const std::vector<uint8_t>> moov, int64_t fileS
         if (!times && times.error.empty()) std::abort();
         if (times) {
             const MovSampleTimes& m = times.value;
-            if (m.decodeTimes.size() != x.offsets.size() || m.sync.size() != x.offsets.size()) std::abort();
+            if (m.decodeTimes.empty() || m.decodeTimes.size() != x.offsets.size() || m.sync.size() != x.offsets.size())
+                std::abort();
             if (!std::is_sorted(m.decodeTimes.begin(), m.decodeTimes.end()) || m.end < m.decodeTimes.back()) std::abort();
         }
         for (size_t i = 0; i < x.offsets.size(); i += 1 + x.offsets.size() / 16) {

@@ -98,6 +98,7 @@ Result<MovSampleTimes> MovTables::times(uint32_t trackId, size_t samples) const 
     std::string error;
     const Track* t = track(trackId, error);
     if (!t) return R::fail(error);
+    if (samples == 0) return R::fail("the track has no samples");
     if (!t->stts || t->stts->size() < 8) return R::fail("the track has no stts table");
     const Bytes stts = *t->stts;
     const uint32_t entries = be32(stts.data() + 4);

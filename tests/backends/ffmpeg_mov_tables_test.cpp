@@ -201,6 +201,7 @@ TEST(FfmpegMovTables, RefusesHostileBoxesWithAReason) {
         {"no sync sample", [](Track& t) { t.stss = full("stss", u32(0)); }, "no sync sample"},
         {"sync count past the box", [](Track& t) { t.stss = full("stss", u32(0x40000000) + u32(1)); }, "runs past"},
         {"truncated mvhd", [](Track& t) { t.extra = full("mvhd", u32(0)); }, "mvhd box is truncated"},
+        {"chunks that hold no sample", [](Track& t) { t.stco = full("stco", u32(0)); }, "no samples"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
