@@ -125,7 +125,8 @@ struct EditCut {
 // empty edits followed by one edit at normal rate: from the last sync sample at or before
 // the edit's start in decode time whose presentation time is not after it, to the sync
 // sample that ends the edit (the second one with composition offsets, so that trailing
-// B-frames belong to it). Empty when the edit list is of another kind.
+// B-frames belong to it). Without an edit list, every sample. Answers why not when the edit
+// list is of another kind.
 std::string cutFor(const MovTrackInfo& info, const MovTrackSamples& s, const MovSampleTimes& t, EditCut& cut,
                    int64_t& emptyTime) {
     const size_t n = s.offsets.size();
