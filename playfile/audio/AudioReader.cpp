@@ -94,10 +94,10 @@ AudioReader::eResult AudioReader::readPlain(Zn::Ptr<AudioReadRequest>& request, 
     const bool reused =
         perSample &&
         reclaimBuffers(s, interleaved->getUsed() / perSample * m.getBytesPerSample(), buffers) &&
-        AudioInterleaver::deinterleaveInto(m, *interleaved, buffers) == 1;
+        AudioInterleaver::deinterleaveInto(m, *interleaved, buffers);
     if (!reused) {
         buffers.clear();
-        if (AudioInterleaver::deinterleaveAudio(m, interleaved, buffers) != 1) return kFailed;
+        if (!AudioInterleaver::deinterleaveAudio(m, interleaved, buffers)) return kFailed;
     }
     interleaved.reset(); // the channels have their own copies now
     addBuffers(s, request->start, std::move(buffers));
