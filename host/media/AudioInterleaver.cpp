@@ -180,7 +180,7 @@ void setCounts(Aud::StreamBufferList& out, const Aud::Metadata& stream, uint32_t
 } // namespace
 
 bool AudioInterleaver::deinterleaveInto(const Aud::Metadata& stream, const iMemHolder& interleaved,
-                                       Aud::StreamBufferList& out) {
+                                        Aud::StreamBufferList& out) {
     const uint32_t n = stream.getNumChannels();
     const uint32_t b = stream.getBytesPerSample();
     if (!n || !b || out.size() != n) return false;
@@ -200,8 +200,8 @@ bool AudioInterleaver::deinterleaveInto(const Aud::Metadata& stream, const iMemH
 }
 
 bool AudioInterleaver::deinterleaveAudio(const Aud::Metadata& stream,
-                                        const Zn::Ptr<iMemHolder>& interleaved,
-                                        Aud::StreamBufferList& out) {
+                                         const Zn::Ptr<iMemHolder>& interleaved,
+                                         Aud::StreamBufferList& out) {
     const uint32_t n = stream.getNumChannels();
     const uint32_t b = stream.getBytesPerSample();
     if (!n || !b || !interleaved) return false;

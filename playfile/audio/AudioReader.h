@@ -62,13 +62,13 @@ public:
     // Plain read of the request's samples, all channels interleaved, into a new buffer
     // of readSlack bytes more than the read needs. Answers a result code.
     eResult readAudioByAudioSamples(Zn::Ptr<ByteBufferImpl>& buffer,
-                                Zn::Ptr<AudioReadRequest>& request);
+                                    Zn::Ptr<AudioReadRequest>& request);
     // For files whose audio must be read by video frames: a back-end that answers true
     // from readsAudioByVideoSamples overrides this too; it is then used instead of
     // readAudioByAudioSamples. The base does nothing and answers kFailed.
     virtual bool readsAudioByVideoSamples() const { return false; }
     virtual eResult readAudioByVideoSamples(Zn::Ptr<ByteBufferImpl>& buffer,
-                                        Zn::Ptr<AudioReadRequest>& request);
+                                            Zn::Ptr<AudioReadRequest>& request);
 
     // Appends to list one empty buffer per channel of the stream, each with room for
     // blocks x samples per block decoded samples.
@@ -80,9 +80,9 @@ public:
     // first sample is at position getOutputStart() afterwards. Answer 1, or the failing
     // step's code (0 when the codec gave nothing for nine steps).
     eResult readCompressedAudio(uint64_t firstBlock, Aud::StreamBufferList& buffers,
-                            Zn::Ptr<AudioReadRequest>& request);
+                                Zn::Ptr<AudioReadRequest>& request);
     eResult readCompressedAudioInterleaved(uint64_t firstBlock, Aud::StreamBufferList& buffers,
-                                       Zn::Ptr<AudioReadRequest>& request);
+                                           Zn::Ptr<AudioReadRequest>& request);
     int64_t getOutputStart() const noexcept { return storeFrom_; }
 
     uint32_t getReadSlack() const noexcept { return readSlack_; }
@@ -93,7 +93,7 @@ protected:
     // position on, interleaved, into the buffer; delivered says how many came. Answers 1
     // on success (delivering none means the data has ended). The base answers kFailed.
     virtual eResult readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples,
-                                 uint8_t* into, uint32_t& delivered);
+                                     uint8_t* into, uint32_t& delivered);
     // The file's compressed block read: the bytes of block number block of the stream,
     // into data (resized to fit; kept between calls, so its storage is reused). Answers 1,
     // 11 when the stream has no such block, anything else on failure. The base answers
@@ -103,25 +103,25 @@ protected:
 private:
     eResult readPlain(Zn::Ptr<AudioReadRequest>& request, uint32_t s);
     eResult readCompressed(Zn::Ptr<AudioReadRequest>& request, uint32_t s,
-                       const Zn::Ptr<AudioCodecInstance>& codec);
+                           const Zn::Ptr<AudioCodecInstance>& codec);
     bool answerWithSilence(AudioReadRequest& request);
     // The compressed read's steps: position the codec for firstBlock (which a read that
     // continues the cached block moves on), decode until the buffers hold the request's
     // span, and leave the buffers' sample counts and used sizes set.
-    eResult decodeBlocks(uint64_t firstBlock, Aud::StreamBufferList& buffers, AudioReadRequest& request,
-                     bool interleaved);
+    eResult decodeBlocks(uint64_t firstBlock, Aud::StreamBufferList& buffers,
+                         AudioReadRequest& request, bool interleaved);
     eResult positionCodec(int s, AudioCodecInstance& codec, const AudioRequest& request,
-                      uint64_t& firstBlock, Aud::StreamBufferList& buffers, bool interleaved);
+                          uint64_t& firstBlock, Aud::StreamBufferList& buffers, bool interleaved);
     // Resets the codec and decodes, unkept, the priming blocks before firstBlock.
     eResult prerollBefore(int s, AudioCodecInstance& codec, uint64_t firstBlock,
-                      Aud::StreamBufferList& buffers, bool interleaved);
-    eResult decodeUntilFilled(int s, uint64_t firstBlock, uint64_t wantedEnd,
                           Aud::StreamBufferList& buffers, bool interleaved);
+    eResult decodeUntilFilled(int s, uint64_t firstBlock, uint64_t wantedEnd,
+                              Aud::StreamBufferList& buffers, bool interleaved);
     // One decoding step: reads block of stream s, decodes it and appends what falls at or
     // after getOutputStart() to the buffers. produced is what the codec gave (0: the block
     // was not taken and must be offered again). Answers the read's or codec's code.
     eResult decodeStep(int s, uint64_t block, Aud::StreamBufferList& buffers, uint32_t& produced,
-                   bool interleaved);
+                       bool interleaved);
     bool continuesCachedBlock(int s, const AudioRequest& request, uint64_t& cachedEnd);
     void seedFromCache(const AudioRequest& request, uint64_t cachedEnd, uint32_t bytes,
                        Aud::StreamBufferList& buffers);

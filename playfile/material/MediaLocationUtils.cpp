@@ -88,11 +88,15 @@ WString MediaLocationUtils::stripPath2(const WString& path) {
     return stripPath(WString(normalised));
 }
 
-MediaLocationUtils::eMaterialType MediaLocationUtils::getMaterialTypeFromName(const WString& fileName) {
+MediaLocationUtils::eMaterialType
+MediaLocationUtils::getMaterialTypeFromName(const WString& fileName) {
     switch (Cookie(stripPathAndExt(fileName), false).type()) {
-    case 'V': return kVideoMaterial;
-    case 'S': return kSoundMaterial;
-    default: return kOtherMaterial;
+    case 'V':
+        return kVideoMaterial;
+    case 'S':
+        return kSoundMaterial;
+    default:
+        return kOtherMaterial;
     }
 }
 

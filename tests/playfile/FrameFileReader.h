@@ -132,7 +132,8 @@ struct FrameFileReader : FileReadInstance, Locking {
 
     String getReaderName() const override { return "frames"; }
 
-    eReadResult readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request) override {
+    eReadResult readVideo(Zn::Ptr<FrameBufferRep>& buffer,
+                          Zn::Ptr<VideoReadRequest>& request) override {
         gate.pass();
         const uint32_t frame = request->getFrame();
         const eMode m = mode.load();
