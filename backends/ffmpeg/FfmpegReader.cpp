@@ -55,22 +55,42 @@ FfmpegReadInstance::FfmpegReadInstance(const WString& fileName, const DecodeForm
 
 FfmpegReadInstance::~FfmpegReadInstance() { endStreamDecode(); }
 
+namespace {
+
+// One line on how the file was indexed, and what the open covered.
+void logIndexing(const WString& fileName, const MediaIndex& index) {
+    const double ms = index.openSeconds * 1e3;
+    const auto bytes = static_cast<unsigned long long>(index.bytesRead);
+    if (index.source == IndexSource::SampleTables)
+        Log("FFmpeg indexed the video of \"%ls\" from its sample tables in %.1f ms (%llu bytes read; no demuxer, "
+            "audio not indexed)\n",
+            fileName.c_str(), ms, bytes);
+    else if (index.source == IndexSource::ContainerIndex)
+        Log("FFmpeg indexed \"%ls\" from the container's index in %.1f ms (%llu bytes read)%s%s%s%s\n", fileName.c_str(),
+            ms, bytes, index.indexNote.empty() ? "" : "; every video packet demuxed: ", index.indexNote.c_str(),
+            index.tablesNote.empty() ? "" : "; not from its sample tables: ", index.tablesNote.c_str());
+    else
+        Log("FFmpeg indexed \"%ls\" by reading the whole file in %.1f ms (%llu bytes read): %s%s%s\n", fileName.c_str(),
+            ms, bytes, index.scanReason.c_str(), index.tablesNote.empty() ? "" : "; not from its sample tables: ",
+            index.tablesNote.c_str());
+}
+
+} // namespace
+
 Zn::Ptr<FfmpegReadInstance> FfmpegReadInstance::open(const DecodeFormat& format, const WString& fileName,
                                                      OpenType type, std::string& error, int& cause) {
-    auto opened = FfmpegSource::open(toUTF8(fileName).c_str());
+    // Opened for video alone, the file's audio is not indexed: a later open for audio
+    // indexes it then.
+    FfmpegSource::Options options;
+    options.videoOnly = type == OpenType::kVideo;
+    auto opened = FfmpegSource::open(toUTF8(fileName).c_str(), options);
     if (!opened) {
         error = opened.error;
         cause = opened.cause;
         return nullptr;
     }
     const MediaIndex& index = *opened.value;
-    if (index.source == IndexSource::ContainerIndex)
-        Log("FFmpeg indexed \"%ls\" from the container's index in %.1f ms (%llu bytes read)%s%s\n", fileName.c_str(),
-            index.openSeconds * 1e3, static_cast<unsigned long long>(index.bytesRead),
-            index.indexNote.empty() ? "" : "; every video packet demuxed: ", index.indexNote.c_str());
-    else
-        Log("FFmpeg indexed \"%ls\" by reading the whole file in %.1f ms (%llu bytes read): %s\n", fileName.c_str(),
-            index.openSeconds * 1e3, static_cast<unsigned long long>(index.bytesRead), index.scanReason.c_str());
+    logIndexing(fileName, index);
     const bool video = index.video && index.video->frameCount() > 0;
     const bool audio = !index.audio.empty();
     const bool served = (type.hasVideo() && video) || (type.hasAudio() && audio) || (type == OpenType::kNone && (video || audio));

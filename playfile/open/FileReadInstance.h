@@ -19,6 +19,7 @@
 #include "host/media/FrameBufferRep.h"
 #include "host/media/GenericParam.h"
 #include "host/threads/CriticalSection.h"
+#include "playfile/Export.h"
 #include "playfile/open/OpenType.h"
 #include "playfile/open/PlayFile.h"
 
@@ -34,7 +35,7 @@ class VideoReadQueue;
 struct FileWriterParams;
 } // namespace Zn
 
-class FileReadInstance : public PlayFile {
+class PLAYFILE_API FileReadInstance : public PlayFile {
 public:
     // Results of the frame-buffer readVideo. The names are usable unqualified in the
     // class and in back-ends; the type keeps them apart from the audio reader's results.
@@ -110,7 +111,7 @@ public:
 protected:
     // For the back-end: what it guards, and which locks may be held when it is taken, is
     // the back-end's to say. The base never takes it.
-    CriticalSection& getLock() noexcept { return lock_; }
+    CriticalSection& getLock() noexcept RETURN_CAPABILITY(lock_) { return lock_; }
 
 private:
     std::atomic<uint64_t> lastUse_;

@@ -69,11 +69,10 @@ StreamingDecodeReader::eReadResult
 StreamingDecodeReader::readVideoStreaming(Zn::Ptr<FrameBufferRep>& out,
                                           Zn::Ptr<VideoReadRequest>& request) {
     const uint32_t frame = request->getFrame();
-    iCriticalSection& lock = *slotLock_;
     Zn::Image::Surface surface;
-    lock.enter();
+    iCriticalSection::Lock lock(*slotLock_);
 
-    auto lookUp = [&]() {
+    auto lookUp = [&]() REQUIRES(slotLock_) {
         if (framePresent(decodingSlot_, frame)) {
             surface = decodingSlot_->getSurface(frame - decodingSlot_->getStartValidFrameIndex());
             return true;
@@ -88,9 +87,9 @@ StreamingDecodeReader::readVideoStreaming(Zn::Ptr<FrameBufferRep>& out,
     bool found = lookUp();
     if (!found && !doneEvent_->wait(0)) {
         // A pass is running: it may be decoding the frame's run right now.
-        lock.leave();
+        lock.unlock();
         doneEvent_->wait();
-        lock.enter();
+        lock.relock();
         found = lookUp();
     }
 
@@ -101,10 +100,10 @@ StreamingDecodeReader::readVideoStreaming(Zn::Ptr<FrameBufferRep>& out,
         if (decodingSlot_) {
             Zn::Image::Surface last = decodingSlot_->getSurface(decodingSlot_->getNumFrames() - 1);
             if (last.state() == Zn::Image::Surface::kWaitTimedOut) {
-                lock.leave();
+                lock.unlock();
                 wakeEvent_->set();
                 last.wait();
-                lock.enter();
+                lock.relock();
             }
         }
         currentSlot_ = std::move(decodingSlot_);
@@ -115,8 +114,8 @@ StreamingDecodeReader::readVideoStreaming(Zn::Ptr<FrameBufferRep>& out,
             start = frame - frame % g;
             end = start + g - 1;
         } else if (!handler_) {
+            lock.unlock();
             out = Zn::makePtr<FrameBufferRep>(frame, Zn::Image::Surface());
-            lock.leave();
             return kReadFailed;
         } else {
             int64_t first = frame, endExclusive = int64_t(frame) + 1;
@@ -132,7 +131,7 @@ StreamingDecodeReader::readVideoStreaming(Zn::Ptr<FrameBufferRep>& out,
         surface = decodingSlot_->getSurface(frame - uint32_t(start));
         wakeEvent_->set();
     }
-    lock.leave();
+    lock.unlock();
     out = Zn::makePtr<FrameBufferRep>(frame, surface);
     return kReadDone;
 }

@@ -17,6 +17,7 @@
 #include "host/threads/BasicThread.h"
 #include "host/threads/Mutex.h"
 #include "host/threads/ThreadEvent.h"
+#include "playfile/Export.h"
 #include "playfile/open/FileReadInstance.h"
 
 #include <cstdint>
@@ -34,7 +35,7 @@ class VideoReadRequest;
 // the handler and stream metadata are set by the back-end before reads start and not
 // changed while they run. endStreamDecode must not run at the same time as a read (it is
 // meant for the back-end's destructor).
-class StreamingDecodeReader : public FileReadInstance, public BasicThread {
+class PLAYFILE_API StreamingDecodeReader : public FileReadInstance, public BasicThread {
 public:
     // What the reader needs to know of the back-end's video stream.
     class StreamMetadata : public iObject {
@@ -86,8 +87,8 @@ private:
     Zn::Ptr<iVariableFrameRateHandler> handler_;
     Zn::Ptr<iThreadEvent> wakeEvent_; // auto-reset: starts a decoding pass
     Zn::Ptr<iThreadEvent> doneEvent_; // manual-reset: clear while a pass runs
-    Zn::Ptr<FrameBufferRep> decodingSlot_;
-    Zn::Ptr<FrameBufferRep> currentSlot_;
+    Zn::Ptr<FrameBufferRep> decodingSlot_ GUARDED_BY(slotLock_);
+    Zn::Ptr<FrameBufferRep> currentSlot_ GUARDED_BY(slotLock_);
     // The decode thread's own (no lock): the slot of its last pass, which is never decoded
     // twice, as its surfaces may only be written until they complete.
     Zn::Ptr<FrameBufferRep> decodedSlot_;

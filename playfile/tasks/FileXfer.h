@@ -15,12 +15,13 @@
 #include "host/media/FileXferManager.h"
 #include "host/media/ShotVideoMetadata.h"
 #include "host/project/DriveId.h"
+#include "playfile/Export.h"
 
 #include <cstdint>
 
 class LoggerHandle;
 
-class FileXferSpec {
+class PLAYFILE_API FileXferSpec {
 public:
     // get_extract's results beside the plug-in's own.
     static constexpr eExtractResult kExtractFailed = eExtractResult::eExtractFailed;
