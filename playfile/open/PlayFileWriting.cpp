@@ -1,5 +1,5 @@
 // Creating, writing, deleting and renaming play files: PlayUtil::openWrite and the sample
-// writers, PlayFileCache::create and the renames, PlayUtil::deletePlayFile and
+// writers, ClipMedia::create and renameMediaFiles, PlayUtil::deletePlayFile and
 // delete_material_files. Every file that is deleted or renamed is closed in the play file
 // cache first, so that no reader keeps it open underneath.
 #include "host/core/Strings.h"
@@ -15,6 +15,7 @@
 #include "playfile/Configuration.h"
 #include "playfile/header/PlayHeader.h"
 #include "playfile/header/PlayPriv.h"
+#include "playfile/open/ClipMedia.h"
 #include "playfile/open/PlayFileCache.h"
 #include "playfile/open/PlayUtil.h"
 
@@ -71,7 +72,7 @@ Zn::Ptr<Zn::FileWriteInstance> PlayUtil::openWrite(const WString& fileName, Zn::
     return out;
 }
 
-Zn::Ptr<Zn::FileWriteInstance> PlayFileCache::create(const Cookie& cookie, Zn::FileWriterParams& params) {
+Zn::Ptr<Zn::FileWriteInstance> ClipMedia::create(const Cookie& cookie, Zn::FileWriterParams& params) {
     WString name = materialFilenameFor(cookie).getOsPath();
     std::vector<WString> extensions = Zn::FileWriterInfo::getExtensionsForFormat(params);
     if (!name.empty() && !extensions.empty()) name = name + L"." + extensions.front();
@@ -193,7 +194,7 @@ int PlayUtil::delete_material_files(Cookie cookie, eMediaTypes types) {
     return result;
 }
 
-int PlayFileCache::renameMediaFiles(const Cookie& from, const Cookie& to) {
+int ClipMedia::renameMediaFiles(const Cookie& from, const Cookie& to) {
     std::vector<ClipMediaFile> files = SystemCache::getClipMediaFiles(from);
     // What goes with a material besides its files: its header and start offset. Taken
     // before the first file moves, because removing a material's last file drops them.
@@ -215,7 +216,7 @@ int PlayFileCache::renameMediaFiles(const Cookie& from, const Cookie& to) {
         const Cookie target = convertCookie(to, f.cookie.type(), f.cookie.index());
         MediaFileInfo& info = f.file;
         const MediaFileInfo old = info;
-        remove(info.getPhysicalFilename(false));
+        cache_.remove(info.getPhysicalFilename(false));
 
         const MaterialFilename& oldName = info.getMaterialFilename();
         MaterialFilename newName(oldName.getDrive(), replaced(oldName.getPath(), f.cookie.asWString(),
@@ -254,5 +255,3 @@ int PlayFileCache::renameMediaFiles(const Cookie& from, const Cookie& to) {
     }
     return result;
 }
-
-int PlayFileCache::renameMediaFile(const Cookie& from, const Cookie& to) { return renameMediaFiles(from, to); }
