@@ -20,13 +20,13 @@ ClipMedia::ClipMedia() : cache_(PlayFileCache::Shared()) {}
 // ---------------------------------------------------------------------------------------
 // Read requests
 
-int ClipMedia::videoReadRequest(Zn::Ptr<VideoReadRequest>& request, const Cookie& material, int frame,
-                                eResultType resultType, const DecodeFormat& format,
-                                Zn::Ptr<ReadRequestIssuer::Proxy> issuer) {
+eClipRead ClipMedia::videoReadRequest(Zn::Ptr<VideoReadRequest>& request, const Cookie& material, int frame,
+                                      eResultType resultType, const DecodeFormat& format,
+                                      Zn::Ptr<ReadRequestIssuer::Proxy> issuer) {
     Zn::Ptr<FileReadInstance> file = cache_.open(material, format, 0);
     // The start offset counts fields, two to a frame.
     int64_t index = MaterialInfo::get_start_offset(material) / 2 + frame;
-    if (!file || index < 0) return kNotAvailable;
+    if (!file || index < 0) return eClipRead::kNotAvailable;
 
     const PlayFileMetadataRep& meta = *file->getMetadata();
     Zn::Ptr<IndexInfoRep> indexInfo;
@@ -34,16 +34,16 @@ int ClipMedia::videoReadRequest(Zn::Ptr<VideoReadRequest>& request, const Cookie
         request = Zn::makePtr<VideoReadRequest>(file, indexInfo, 0u, resultType, format, issuer);
         request->setResultBuffer(Zn::makePtr<FrameBufferRep>(0u, meta.getStillImage()));
         request->requestHasCompleted(Complete);
-        return kVideoQueued;
+        return eClipRead::kVideoQueued;
     }
     const uint32_t frames = meta.getFrameCount();
-    if (frames != 1 && index >= int64_t(frames)) return kNotAvailable;
+    if (frames != 1 && index >= int64_t(frames)) return eClipRead::kNotAvailable;
     // A one-frame file shows its frame wherever it is asked.
     uint32_t at = frames == 1 ? 0u : uint32_t(index);
     at += file->getVideoOrigin();
     file->ZnFileIxCache_open(indexInfo, at);
     request = Zn::makePtr<VideoReadRequest>(file, indexInfo, at, resultType, format, issuer);
-    return file->queueReadRequest(request, false) ? kVideoQueued : kNotAvailable;
+    return file->queueReadRequest(request, false) ? eClipRead::kVideoQueued : eClipRead::kNotAvailable;
 }
 
 uint32_t ClipMedia::codecFrameReadLength(uint64_t sample, uint32_t count, int64_t frameSize) {
@@ -68,21 +68,23 @@ uint32_t ClipMedia::codecFrameReadLength(uint64_t sample, uint32_t count, int64_
     return remainder ? uint32_t(count + (f - remainder)) : count;
 }
 
-int ClipMedia::audioReadRequest(Zn::Ptr<AudioReadRequest>& request, const Cookie& material, uint64_t sample,
-                                uint32_t count, eProxyLevel proxyLevel, Zn::Ptr<ReadRequestIssuer::Proxy> issuer,
-                                bool noOffset) {
-    int rc = audioReadRequestFor(request, material, sample, count, DecodeFormat(int(proxyLevel)), issuer, noOffset);
-    if (rc != kAudioCreated) LogBoth("Audio Read request failed: %s\n", toUTF8(resourceStrW(unsigned(rc))).c_str());
+eClipRead ClipMedia::audioReadRequest(Zn::Ptr<AudioReadRequest>& request, const Cookie& material, uint64_t sample,
+                                      uint32_t count, eProxyLevel proxyLevel,
+                                      Zn::Ptr<ReadRequestIssuer::Proxy> issuer, bool noOffset) {
+    eClipRead rc =
+        audioReadRequestFor(request, material, sample, count, DecodeFormat(int(proxyLevel)), issuer, noOffset);
+    if (rc != eClipRead::kAudioCreated)
+        LogBoth("Audio Read request failed: %s\n", toUTF8(resourceStrW(unsigned(resultCode(rc)))).c_str());
     return rc;
 }
 
-int ClipMedia::audioReadRequestFor(Zn::Ptr<AudioReadRequest>& request, const Cookie& material, uint64_t sample,
-                                   uint32_t count, const DecodeFormat& format,
-                                   Zn::Ptr<ReadRequestIssuer::Proxy>& issuer, bool noOffset) {
+eClipRead ClipMedia::audioReadRequestFor(Zn::Ptr<AudioReadRequest>& request, const Cookie& material,
+                                         uint64_t sample, uint32_t count, const DecodeFormat& format,
+                                         Zn::Ptr<ReadRequestIssuer::Proxy>& issuer, bool noOffset) {
     const unsigned channel = material.index(); // 1-based
-    if (channel == 0) return kNotAvailable;
+    if (channel == 0) return eClipRead::kNotAvailable;
     Zn::Ptr<FileReadInstance> file = cache_.open(material, format, 0);
-    if (!file) return kNotAvailable;
+    if (!file) return eClipRead::kNotAvailable;
 
     // The channel's stream and its place in it, counting the streams' channels in order.
     const std::vector<Aud::Metadata>& streams = file->getMetadata()->getAudioMetadata();
@@ -97,7 +99,7 @@ int ClipMedia::audioReadRequestFor(Zn::Ptr<AudioReadRequest>& request, const Coo
         // The stream goes to the opener, which may choose its reader by it; the key does not
         // hold it, so the file opened first for this name and type serves every stream.
         file = cache_.open(material, format, stream);
-        if (!file) return kNotAvailable;
+        if (!file) return eClipRead::kNotAvailable;
         // The file may have been closed meanwhile and opened anew: describe the stream from
         // the instance that serves the read (the other one may be gone already).
         const std::vector<Aud::Metadata>& now = file->getMetadata()->getAudioMetadata();
@@ -106,7 +108,7 @@ int ClipMedia::audioReadRequestFor(Zn::Ptr<AudioReadRequest>& request, const Coo
 
     if (!noOffset) sample += uint64_t(MaterialInfo::get_start_offset(material)); // in samples here
     const uint64_t length = file->getMetadata()->getAudioLength();
-    if (sample >= length) return kAudioPastEnd;
+    if (sample >= length) return eClipRead::kAudioPastEnd;
 
     uint64_t toRead = count;
     if (streamMeta && streamMeta->isCompressedFormat())
@@ -122,7 +124,7 @@ int ClipMedia::audioReadRequestFor(Zn::Ptr<AudioReadRequest>& request, const Coo
     r.start = sample;
     r.count = uint32_t(toRead);
     request = Zn::makePtr<AudioReadRequest>(file, r, 1u, issuer);
-    return kAudioCreated;
+    return eClipRead::kAudioCreated;
 }
 
 // ---------------------------------------------------------------------------------------

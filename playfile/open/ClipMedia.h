@@ -11,6 +11,7 @@
 #include "host/core/RefCount.h"
 #include "host/media/DecodeFormat.h"
 #include "host/media/FileWriterInfo.h"
+#include "playfile/open/ClipReadResult.h"
 #include "playfile/open/MediaTypes.h"
 #include "playfile/requests/ReadRequestIssuer.h"
 #include "playfile/requests/RequestStatus.h"
@@ -23,12 +24,6 @@ class VideoReadRequest;
 
 class ClipMedia {
 public:
-    // Results of the read requests.
-    static constexpr int kVideoQueued = 0;
-    static constexpr int kAudioCreated = 1;
-    static constexpr int kNotAvailable = 2000;
-    static constexpr int kAudioPastEnd = 2061;
-
     // The clips' media as the process's cache holds them.
     ClipMedia();
     // The clips' media as cache holds them; cache must outlive this object.
@@ -38,17 +33,17 @@ public:
     // the material's start in its file. kVideoQueued, or kNotAvailable when the file
     // cannot be opened or has no such frame. Frame 0 of a file with a still image is
     // answered from that image at once, on the calling thread.
-    int videoReadRequest(Zn::Ptr<VideoReadRequest>& request, const Cookie& material, int frame,
-                         eResultType resultType, const DecodeFormat& format,
-                         Zn::Ptr<ReadRequestIssuer::Proxy> issuer);
+    eClipRead videoReadRequest(Zn::Ptr<VideoReadRequest>& request, const Cookie& material, int frame,
+                               eResultType resultType, const DecodeFormat& format,
+                               Zn::Ptr<ReadRequestIssuer::Proxy> issuer);
     // Makes (does not queue) the request for count samples of a sound material's channel
     // from sample (counted from the material's start unless noOffset). Reads of compressed
     // streams are widened to whole codec frames (see codecFrameReadLength); the request's
     // count is the samples to read, its tag the count asked for. kAudioCreated, else
     // kAudioPastEnd or kNotAvailable, with "Audio Read request failed: %s" logged.
-    int audioReadRequest(Zn::Ptr<AudioReadRequest>& request, const Cookie& material, uint64_t sample,
-                         uint32_t count, eProxyLevel proxyLevel, Zn::Ptr<ReadRequestIssuer::Proxy> issuer,
-                         bool noOffset);
+    eClipRead audioReadRequest(Zn::Ptr<AudioReadRequest>& request, const Cookie& material, uint64_t sample,
+                               uint32_t count, eProxyLevel proxyLevel, Zn::Ptr<ReadRequestIssuer::Proxy> issuer,
+                               bool noOffset);
     // The samples an audio read of count samples from sample reads from a compressed
     // stream whose codec frames hold frameSize samples each.
     static uint32_t codecFrameReadLength(uint64_t sample, uint32_t count, int64_t frameSize);
@@ -76,9 +71,9 @@ public:
     int renameMediaFiles(const Cookie& from, const Cookie& to);
 
 private:
-    int audioReadRequestFor(Zn::Ptr<AudioReadRequest>& request, const Cookie& material, uint64_t sample,
-                            uint32_t count, const DecodeFormat& format, Zn::Ptr<ReadRequestIssuer::Proxy>& issuer,
-                            bool noOffset);
+    eClipRead audioReadRequestFor(Zn::Ptr<AudioReadRequest>& request, const Cookie& material, uint64_t sample,
+                                  uint32_t count, const DecodeFormat& format,
+                                  Zn::Ptr<ReadRequestIssuer::Proxy>& issuer, bool noOffset);
 
     PlayFileCache& cache_;
 };

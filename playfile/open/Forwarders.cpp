@@ -29,14 +29,14 @@ int PlayFileCache::renameMediaFiles(const Cookie& from, const Cookie& to) {
 int PlayFileCache::videoReadRequest(Zn::Ptr<VideoReadRequest>& request, const Cookie& material, int frame, bool,
                                     eResultType resultType, const DecodeFormat& format,
                                     Zn::Ptr<ReadRequestIssuer::Proxy> issuer) {
-    return ClipMedia(*this).videoReadRequest(request, material, frame, resultType, format, std::move(issuer));
+    return resultCode(ClipMedia(*this).videoReadRequest(request, material, frame, resultType, format, std::move(issuer)));
 }
 
 int PlayFileCache::audioReadRequest(Zn::Ptr<AudioReadRequest>& request, const Cookie& material, unsigned long sample,
                                     unsigned count, eProxyLevel proxyLevel, Zn::Ptr<ReadRequestIssuer::Proxy> issuer,
                                     bool noOffset) {
-    return ClipMedia(*this).audioReadRequest(request, material, sample, count, proxyLevel, std::move(issuer),
-                                             noOffset);
+    return resultCode(
+        ClipMedia(*this).audioReadRequest(request, material, sample, count, proxyLevel, std::move(issuer), noOffset));
 }
 
 uint32_t PlayFileCache::codecFrameReadLength(uint64_t sample, uint32_t count, int64_t frameSize) {

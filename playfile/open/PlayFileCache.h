@@ -142,11 +142,7 @@ public:
 
     // Forwarders: the long-standing names of what ClipMedia does, for callers that use
     // them. Each does the same as the ClipMedia member of its name for this cache
-    // (Forwarders.cpp).
-    static constexpr int kVideoQueued = 0;
-    static constexpr int kAudioCreated = 1;
-    static constexpr int kNotAvailable = 2000;
-    static constexpr int kAudioPastEnd = 2061;
+    // (Forwarders.cpp); the reads answer with the number of their eClipRead.
     // ClipMedia::close.
     void close(const Cookie& cookie, eMediaTypes types);
     // ClipMedia::getSampleCount.
