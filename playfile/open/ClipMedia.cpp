@@ -3,7 +3,12 @@
 #include "host/core/Strings.h"
 #include "host/os/Log.h"
 #include "host/os/Resources.h"
+#include "host/media/AudioMetadata.h"
+#include "host/os/FileManager.h"
+#include "host/os/OS.h"
 #include "host/project/Edit.h"
+#include "host/project/EditManager.h"
+#include "host/project/EditModifier.h"
 #include "host/project/MaterialInfo.h"
 #include "host/project/SystemCache.h"
 #include "playfile/open/FileReadInstance.h"
@@ -157,6 +162,36 @@ void ClipMedia::recalculateSize(const Cookie& clip, unsigned flags, unsigned& ne
     // The base recalculateSize does nothing, so calling it on every instance is the same
     // as calling it on those whose back-end overrides it.
     for (auto& file : cache_.openInstancesOf(names)) file->recalculateSize(flags, newSize);
+}
+
+void ClipMedia::totalSize(const Cookie& material, size_t* total) {
+    WString name = SystemCache::findFileForCookie(material);
+    if (name.empty() || !total) return;
+    iFileManager* files = OS()->fileManager();
+    if (!files->fileExists(name)) return;
+    int64_t size = files->fileSize(name);
+    if (size > 0) *total += size_t(size);
+}
+
+bool ClipMedia::checkAudioMetadata(const Cookie& clip) {
+    EditPtr edit;
+    if (!edit.i_open(clip) || !edit->isImported()) return false;
+    Zn::Ptr<FileReadInstance> file = cache_.open(convertCookie(clip, 'S', 1), DecodeFormat::getDefault(), 0);
+    if (file && file->getMetadata()->getAudioStreamCount() > 0) {
+        {
+            EditModifier modifier(edit);
+            edit->setAudioMetadata(Aud::metadataToText(file->getMetadata()->getAudioMetadata()));
+        }
+        EditManager::updateProjdbRec(*edit);
+    }
+    return true;
+}
+
+bool ClipMedia::checkImageData(const Cookie& clip, const PlayFileMetadataRep&) {
+    EditPtr edit;
+    edit.i_open(convertCookie(clip, 'E', Cookie::kNoIndex));
+    edit.i_close();
+    return false;
 }
 
 void ClipMedia::close(const Cookie& cookie, eMediaTypes types) {

@@ -1,7 +1,7 @@
 // ClipMedia: what the host does with the media of a clip, in the clip's terms (material
-// cookies rather than file names): reading a frame or a run of audio, asking a material's
-// length, closing a clip's files, having growing files re-read their length, and creating
-// and renaming a clip's material files. It holds no state and no lock of its own: every
+// cookies rather than file names): reading a frame or a run of audio, asking about a
+// material's length, size and audio metadata, closing a clip's files, having growing files
+// re-read their length, and creating and renaming a clip's material files (ClipMediaFiles.cpp). It holds no state and no lock of its own: every
 // file it reads goes through a PlayFileCache (the process's, unless one is given), whose
 // locks are the only ones taken.
 #pragma once
@@ -11,11 +11,13 @@
 #include "host/core/RefCount.h"
 #include "host/media/DecodeFormat.h"
 #include "host/media/FileWriterInfo.h"
+#include "host/media/PlayFileMetadataRep.h"
 #include "playfile/open/ClipReadResult.h"
 #include "playfile/open/MediaTypes.h"
 #include "playfile/requests/ReadRequestIssuer.h"
 #include "playfile/requests/RequestStatus.h"
 
+#include <cstddef>
 #include <cstdint>
 
 class AudioReadRequest;
@@ -54,6 +56,15 @@ public:
     // Has the open files of a clip's growing material (and of its proxies) re-read their
     // length, passing flags and newSize on to FileReadInstance::recalculateSize.
     void recalculateSize(const Cookie& clip, unsigned flags, unsigned& newSize);
+    // Adds the size in bytes of the material's file to *total when the file exists.
+    static void totalSize(const Cookie& material, size_t* total);
+    // For an imported clip, stores the audio metadata of its first sound channel's file in
+    // the clip (when the file has any audio stream). True when the clip is imported,
+    // whether or not metadata could be stored.
+    bool checkAudioMetadata(const Cookie& clip);
+    // Always false: clips never report image data here. The clip's edit is opened and
+    // closed all the same, as callers have always seen it done.
+    static bool checkImageData(const Cookie& clip, const PlayFileMetadataRep& metadata);
     // Closes a clip's files and forgets their failed opens: an edit cookie closes every
     // video variant and sound channel of the edit, any other cookie just its own file.
     // types: kMediaHighRes, kMediaProxy (both are looked up by the same key, so either

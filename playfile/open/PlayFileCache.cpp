@@ -9,7 +9,7 @@
 #include "host/project/SystemCache.h"
 #include "playfile/Configuration.h"
 #include "playfile/open/FileReadInstance.h"
-#include "playfile/open/PlayUtil.h"
+#include "playfile/open/ReaderChoice.h"
 
 #include <algorithm>
 #include <chrono>
@@ -163,7 +163,7 @@ eOpenOutcome PlayFileCache::openThroughReaders(const WString& fileName, const De
             // Held open underneath the readers, as the host's file manager has always been
             // asked to, so the file cannot go away while they look at it.
             Zn::Ptr<iFile> held = OS()->fileManager()->openForRead(fileName);
-            opened = PlayUtil::openReadChecked(fileName, format, type, streamIndex);
+            opened = ReaderChoice::openChecked(fileName, format, type, streamIndex);
         }
         file = std::move(opened.file);
         if (file || opened.outcome != eOpenOutcome::kNoDescriptors || attempt > 0) return opened.outcome;
@@ -175,12 +175,12 @@ eOpenOutcome PlayFileCache::openThroughReaders(const WString& fileName, const De
 
 Zn::Ptr<FileReadInstance> PlayFileCache::open(const Cookie& material, const DecodeFormat& format,
                                               unsigned streamIndex) {
-    return open(SystemCache::findFileForCookie(material), material, format, PlayUtil::getType(material), streamIndex);
+    return open(SystemCache::findFileForCookie(material), material, format, ReaderChoice::typeOf(material), streamIndex);
 }
 
 Zn::Ptr<FileReadInstance> PlayFileCache::isOpen(const Cookie& material, const DecodeFormat&, unsigned) {
     WString name = SystemCache::findFileForCookie(material);
-    const KeyView key{name.view(), uint32_t(PlayUtil::getType(material))};
+    const KeyView key{name.view(), uint32_t(ReaderChoice::typeOf(material))};
     CriticalSection::Lock lock(lock_);
     if (failedOpens_.find(key) != failedOpens_.end()) return nullptr;
     auto it = openFiles_.find(key);
@@ -225,7 +225,7 @@ void PlayFileCache::remove(const Cookie& material, const DecodeFormat&) {
     InstanceList removed;
     {
         CriticalSection::Lock lock(lock_);
-        eraseLocked(KeyView{name.view(), uint32_t(PlayUtil::getType(material))}, removed);
+        eraseLocked(KeyView{name.view(), uint32_t(ReaderChoice::typeOf(material))}, removed);
     }
     release(removed);
 }
@@ -247,7 +247,7 @@ void PlayFileCache::remove(const std::vector<Cookie>& materials) {
     // The names are found first, so that no project look-up runs under lock_; the removal
     // itself is one step.
     std::vector<std::pair<WString, OpenType>> keys;
-    for (const Cookie& m : materials) keys.emplace_back(SystemCache::findFileForCookie(m), PlayUtil::getType(m));
+    for (const Cookie& m : materials) keys.emplace_back(SystemCache::findFileForCookie(m), ReaderChoice::typeOf(m));
     InstanceList removed;
     {
         CriticalSection::Lock lock(lock_);

@@ -1,6 +1,6 @@
 // PlayFileCache: the process's cache of open media files. Every read of video or audio
 // goes through it: it maps a file name and open type to an open FileReadInstance, opens
-// files on demand through PlayUtil::openRead (one thread per file name at a time, through
+// files on demand through ReaderChoice (one thread per file name at a time, through
 // an access queue), remembers files that failed to open so that they are not tried on
 // every frame, and keeps the number of idle open files within its limits by closing the
 // least recently used idle file first. It is a host Reclaimable (the host may ask it to
@@ -199,7 +199,7 @@ private:
                  missingFiles = 0, evictions = 0;
         uint32_t peak = 0;
     };
-    // Opens through the readers (PlayUtil::openReadChecked); when descriptors ran out,
+    // Opens through the readers (ReaderChoice::openChecked); when descriptors ran out,
     // closes the idle files and tries once more. Called holding the file name's access
     // queue and not lock_ (which the closing takes).
     eOpenOutcome openThroughReaders(const WString& fileName, const DecodeFormat& format, OpenType type,

@@ -86,7 +86,7 @@ TEST(CodecFrames, ReadsOfCompressedAudioAreWidenedToWholeCodecFrames) {
     EXPECT_EQ(ClipMedia::codecFrameReadLength(48, 1000, 1048), 1000u);  // ends on a boundary
 }
 
-TEST_F(Clips, TheCacheReadNamesAnswerWithTheNumbersOfTheirResults) {
+TEST_F(Clips, TheOldNamesForwardAndTheReadsAnswerWithTheNumbersOfTheirResults) {
     Cookie c = clip("numbers", layout(3, 1, 100), 1);
     PlayFileCache cache(2, 4);
     RecordingIssuer issuer;
@@ -107,6 +107,11 @@ TEST_F(Clips, TheCacheReadNamesAnswerWithTheNumbersOfTheirResults) {
     EXPECT_TRUE(issuer.waitForCalls(1));
     EXPECT_EQ(cache.getSampleCount(video(c)), 3u);
     EXPECT_EQ(PlayFileCache::codecFrameReadLength(100, 1000, 1024), ClipMedia::codecFrameReadLength(100, 1000, 1024));
+    EXPECT_EQ(PlayUtil::getType(video(c)), OpenType::kVideo);
+    Zn::Ptr<FileReadInstance> direct = PlayUtil::openRead(sound(c, 1), DecodeFormat(1), 0);
+    ASSERT_TRUE(direct);
+    EXPECT_EQ(direct->getMetadata()->getAudioLength(), 100u);
+    EXPECT_NE(direct, cache.isOpen(sound(c, 1), DecodeFormat(1))); // not through the cache
 }
 
 TEST_F(Clips, ClosingAnEditClosesEveryChannelsFileAndTheLibraryReopensAfterExit) {
