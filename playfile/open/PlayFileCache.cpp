@@ -95,7 +95,9 @@ Zn::Ptr<FileReadInstance> PlayFileCache::open(const WString& fileName, const Coo
     }
 
     // Trimming before the new file is added keeps the idle files within the maximum
-    // without ever closing the file that is about to be used.
+    // without ever closing the file that is about to be used. Opens of other files under
+    // way at the same time have trimmed too and add theirs as well, so the cache may end
+    // up to that many files over its maximum until the next open that misses.
     limitUsage(maxSize_);
 
     // One thread opens a given file; the others wait here and then find it open (or failed).

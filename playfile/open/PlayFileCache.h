@@ -9,8 +9,11 @@
 // through this cache; the old names of those operations are kept here as forwarders.
 //
 // The limits govern idle files: a file that a request, a reader or a caller still holds is
-// never closed, and an open trims before it adds, so the cache may hold one file more than
-// its maximum after an open.
+// never closed, so files in use may keep the cache above its maximum. An open that misses
+// trims to the maximum before it adds its file, and opens of different files run at once:
+// k such opens under way together each trim, then each add, leaving the cache up to k
+// files over its maximum (one over after an open on its own). The next open that misses
+// trims again.
 #pragma once
 
 #include "host/core/Cookie.h"
