@@ -38,7 +38,7 @@ eClipRead ClipMedia::videoReadRequest(Zn::Ptr<VideoReadRequest>& request, const 
     if (index == 0 && meta.hasStillImage()) {
         request = Zn::makePtr<VideoReadRequest>(file, indexInfo, 0u, resultType, format, issuer);
         request->setResultBuffer(Zn::makePtr<FrameBufferRep>(0u, meta.getStillImage()));
-        request->requestHasCompleted(Complete);
+        request->requestHasCompleted(RequestStatus::Complete);
         return eClipRead::kVideoQueued;
     }
     const uint32_t frames = meta.getFrameCount();

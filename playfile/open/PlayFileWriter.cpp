@@ -43,7 +43,7 @@ int PlayFileWriter::writeVideoSample(Zn::Ptr<Zn::FileWriteInstance>& writer, int
     }
     for (int waits = kPendingWaitCount; writer->pendingFrames() > kMaxPendingFrames;) {
         if (--waits == 0) {
-            if (done) done(Failed);
+            if (done) done(RequestStatus::Failed);
             LogBoth("Failed to write sample %d\n", sampleId);
             return 0;
         }
@@ -54,11 +54,11 @@ int PlayFileWriter::writeVideoSample(Zn::Ptr<Zn::FileWriteInstance>& writer, int
                       : writer->writeFrame(packet->getImage(), sampleId);
     if (rc != 1) {
         if (!surfaces) writer->abandonFrame();
-        if (done) done(Failed);
+        if (done) done(RequestStatus::Failed);
         LogBoth("Failed to write sample %d\n", sampleId);
         return rc;
     }
-    if (done) done(Complete);
+    if (done) done(RequestStatus::Complete);
     written.fetch_add(1);
     return 1;
 }

@@ -69,10 +69,10 @@ protected:
             eClipRead::kVideoQueued)
             return "not available";
         // Joined to an equal request that has already failed: no callback comes.
-        if (request->getStatus() == Failed) return "failed";
+        if (request->getStatus() == RequestStatus::Failed) return "failed";
         if (!waiter.waitForCalls(1, kReadLimit)) return "timed out";
         auto buffer = waiter.buffer();
-        if (waiter.status() != Complete || !buffer) return "failed";
+        if (waiter.status() != RequestStatus::Complete || !buffer) return "failed";
         Zn::Image::Surface s = buffer->getSurface(0);
         const int state = s.wait(30000);
         if (state == Zn::Image::Surface::kWaitTimedOut) return "timed out";

@@ -114,7 +114,7 @@ protected:
         Zn::Ptr<VideoReadRequest> request;
         if (ClipMedia().videoReadRequest(request, material, frame, kResultDecoded, DecodeFormat(1),
                                          issuer.getProxy()) != eClipRead::kVideoQueued ||
-            !issuer.waitForCalls(1) || issuer.status() != Complete)
+            !issuer.waitForCalls(1) || issuer.status() != RequestStatus::Complete)
             return -1;
         return issuer.buffer()->getSurface(0).plane(0)[1];
     }
@@ -123,7 +123,7 @@ protected:
         Zn::Ptr<AudioReadRequest> r;
         if (ClipMedia().audioReadRequest(r, material, start, 4, kProxyLevelHighRes, issuer.getProxy(), true) !=
                 eClipRead::kAudioCreated ||
-            !r->getFile()->queueReadRequest(r, false) || !issuer.waitForCalls(1) || issuer.status() != Complete)
+            !r->getFile()->queueReadRequest(r, false) || !issuer.waitForCalls(1) || issuer.status() != RequestStatus::Complete)
             return -1;
         return reinterpret_cast<const int16_t*>(r->getBuffer())[0];
     }

@@ -29,7 +29,7 @@ struct Clips : ClipTest {
         eClipRead status =
             ClipMedia(cache).videoReadRequest(request, material, frame, kResultDecoded, DecodeFormat(1), issuer.getProxy());
         if (rc) *rc = status;
-        if (status != eClipRead::kVideoQueued || !issuer.waitForCalls(1) || issuer.status() != Complete) return -1;
+        if (status != eClipRead::kVideoQueued || !issuer.waitForCalls(1) || issuer.status() != RequestStatus::Complete) return -1;
         return issuer.buffer()->getSurface(0).plane(0)[0];
     }
 };
