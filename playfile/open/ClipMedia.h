@@ -12,6 +12,7 @@
 #include "host/media/DecodeFormat.h"
 #include "host/media/FileWriterInfo.h"
 #include "host/media/PlayFileMetadataRep.h"
+#include "playfile/Export.h"
 #include "playfile/open/ClipReadResult.h"
 #include "playfile/open/MediaTypes.h"
 #include "playfile/requests/ReadRequestIssuer.h"
@@ -24,8 +25,10 @@ class AudioReadRequest;
 class PlayFileCache;
 class VideoReadRequest;
 
-class ClipMedia {
+class PLAYFILE_API ClipMedia {
 public:
+    using enum eClipRead; // the read results, as ClipMedia::kVideoQueued and so on
+
     // The clips' media as the process's cache holds them.
     ClipMedia();
     // The clips' media as cache holds them; cache must outlive this object.

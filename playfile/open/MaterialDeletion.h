@@ -4,9 +4,10 @@
 #pragma once
 
 #include "host/core/Cookie.h"
+#include "playfile/Export.h"
 #include "playfile/open/MediaTypes.h"
 
-class MaterialDeletion {
+class PLAYFILE_API MaterialDeletion {
 public:
     // Deletes a material's file (types: kMediaHighRes, kMediaProxy or both), closing it in
     // the play file cache first. 1 on success.

@@ -7,10 +7,11 @@
 #include "host/media/FileWriterInfo.h"
 #include "host/media/MemHolder.h"
 #include "host/media/RequestStatus.h"
+#include "playfile/Export.h"
 
 class CapturePacket;
 
-class PlayFileWriter {
+class PLAYFILE_API PlayFileWriter {
 public:
     // A new file written by the first registered writer that accepts params; null when
     // none does or its create fails.

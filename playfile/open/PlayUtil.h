@@ -14,6 +14,7 @@
 #include "host/media/MemHolder.h"
 #include "host/media/PlayFileMetadataRep.h"
 #include "host/media/RequestStatus.h"
+#include "playfile/Export.h"
 #include "playfile/open/MediaTypes.h"
 #include "playfile/open/OpenType.h"
 
@@ -22,7 +23,7 @@
 class CapturePacket;
 class FileReadInstance;
 
-class PlayUtil {
+class PLAYFILE_API PlayUtil {
 public:
     // Forwarders to ReaderChoice: open, openChecked, open(material) and typeOf.
     static Zn::Ptr<FileReadInstance> openRead(const WString& fileName, const DecodeFormat& format, OpenType type,

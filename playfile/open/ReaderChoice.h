@@ -8,11 +8,12 @@
 #include "host/core/RefCount.h"
 #include "host/media/DecodeFormat.h"
 #include "host/media/FileReaderInfo.h"
+#include "playfile/Export.h"
 #include "playfile/open/OpenType.h"
 
 class FileReadInstance;
 
-class ReaderChoice {
+class PLAYFILE_API ReaderChoice {
 public:
     // Opens fileName for the access in type: the registered readers are tried in order
     // until one opens it; if that reader cannot serve all of type for this file (its audio
