@@ -12,7 +12,7 @@
 #include "host/core/Strings.h"
 #include "host/media/CapturePacket.h"
 #include "host/media/FileWriterInfo.h"
-#include "playfile/open/PlayUtil.h"
+#include "playfile/open/PlayFileWriter.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -97,7 +97,7 @@ double writerFps(const Settings& s, const std::string& raw, const std::string& o
     frame.set();
 
     double t0 = now();
-    Zn::Ptr<Zn::FileWriteInstance> file = PlayUtil::openWrite(fromUTF8(out.c_str()), params);
+    Zn::Ptr<Zn::FileWriteInstance> file = PlayFileWriter::open(fromUTF8(out.c_str()), params);
     if (!file) {
         std::fprintf(stderr, "the writer could not create %s\n", out.c_str());
         std::exit(1);
@@ -112,7 +112,7 @@ double writerFps(const Settings& s, const std::string& raw, const std::string& o
                     std::exit(1);
         }
         Zn::Ptr<CapturePacket> packet = Zn::makePtr<CapturePacket>(frame, n);
-        if (PlayUtil::ZnVideoSample_write(file, n, packet, nullptr) != 1) {
+        if (PlayFileWriter::writeVideoSample(file, n, packet, nullptr) != 1) {
             std::fprintf(stderr, "frame %d refused\n", n);
             std::exit(1);
         }

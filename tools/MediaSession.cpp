@@ -150,7 +150,7 @@ Cookie MediaSession::addClip(const std::string& path, bool video, unsigned audio
 // ---------------------------------------------------------------------------------------
 
 FrameRead::FrameRead(const Cookie& material, int frame, const DecodeFormat& format) : frame_(frame) {
-    queued_ = waiter_.readVideo(request_, material, frame, kResultDecoded, format) == PlayFileCache::kVideoQueued;
+    queued_ = waiter_.readVideo(request_, material, frame, kResultDecoded, format) == eClipRead::kVideoQueued;
 }
 
 Zn::Image::Surface FrameRead::picture(std::string& error, std::chrono::milliseconds limit) {
@@ -192,9 +192,9 @@ AudioRead::AudioRead(const Cookie& material, uint64_t start, uint32_t count) {
 AudioRead::~AudioRead() = default;
 
 bool AudioRead::samples(const uint8_t*& data, size_t& bytes, std::string& error, std::chrono::milliseconds limit) {
-    if (created_ != PlayFileCache::kAudioCreated) {
-        error = created_ == PlayFileCache::kAudioPastEnd ? "the read starts past the end of the audio"
-                                                         : "the audio is not available for reading";
+    if (created_ != eClipRead::kAudioCreated) {
+        error = created_ == eClipRead::kAudioPastEnd ? "the read starts past the end of the audio"
+                                                     : "the audio is not available for reading";
         return false;
     }
     if (!waiter_.wait(limit)) {

@@ -66,7 +66,7 @@ private:
     bool open_ = false;
 };
 
-// One frame of a video material read through PlayFileCache::videoReadRequest.
+// One frame of a video material read through ClipMedia::videoReadRequest.
 class FrameRead {
 public:
     // Queues the read; see queued().
@@ -86,13 +86,13 @@ private:
     bool queued_ = false;
 };
 
-// A run of samples of one sound material read through PlayFileCache::audioReadRequest.
+// A run of samples of one sound material read through ClipMedia::audioReadRequest.
 class AudioRead {
 public:
     AudioRead(const Cookie& material, uint64_t start, uint32_t count);
     ~AudioRead();
-    // The cache's answer (PlayFileCache::kAudioCreated when the read was queued).
-    int created() const { return created_; }
+    // The answer to the read (kAudioCreated when it was queued).
+    eClipRead created() const { return created_; }
     // Waits for the samples: the channel's bytes from start on, of the samples asked for
     // (fewer at the end of the material). False with error set on failure.
     bool samples(const uint8_t*& data, size_t& bytes, std::string& error,
@@ -105,7 +105,7 @@ public:
 private:
     RequestWaiter waiter_;
     Zn::Ptr<AudioReadRequest> request_;
-    int created_ = 0;
+    eClipRead created_ = eClipRead::kNotAvailable;
 };
 
 } // namespace tool

@@ -15,8 +15,8 @@
 #include "host/project/SystemCache.h"
 #include "host/tasks/Logger.h"
 #include "playfile/open/FileReadInstance.h"
+#include "playfile/open/MaterialDeletion.h"
 #include "playfile/open/PlayFileCache.h"
-#include "playfile/open/PlayUtil.h"
 #include "playfile/tasks/FileXfer.h"
 
 #include <nlohmann/json.hpp>
@@ -214,7 +214,7 @@ int run(const std::vector<std::string>& args) {
     std::vector<std::string> files;
     if (done) done = registerClip(target, name, pieces.front().source.type() == 'V', channels, rate, files, error);
     if (!done) {
-        PlayUtil::delete_material_files(target, kMediaAll);
+        MaterialDeletion::deleteClipMaterial(target, kMediaAll);
         if (view.interrupted() || task->getStatus() == iBackgroundTask::eCancelled)
             return fail(kFailure, "extract: stopped by Ctrl-C; nothing was kept");
         return fail(kFailure, "extract: " + (error.empty() ? std::string("the extraction failed (see the log)") : error));

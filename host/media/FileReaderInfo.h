@@ -57,7 +57,7 @@ public:
     // Opens the file as open does, and says why when it cannot. Readers that can tell a
     // passing failure (no descriptor or memory left, a storage error) from a file at fault
     // override it. The default calls open and puts any failure on the file; it is defined
-    // with the library's open path (PlayUtil.cpp), where FileReadInstance is known.
+    // with the library's open path (ReaderChoice.cpp), where FileReadInstance is known.
     virtual Opened openFile(const DecodeFormat& format, const WString& fileName, OpenType type);
     // The OpenType bits (1 video, 2 audio) this reader can serve for a file with this
     // metadata and audio stream, filling details.

@@ -1,5 +1,5 @@
 // The host's registry of file writers (encoder back-ends that create material files) and
-// the writer interface. PlayUtil::openWrite asks the registry for the first writer that
+// the writer interface. PlayFileWriter::open asks the registry for the first writer that
 // accepts the parameters and has it create the file; the library then hands it frames or
 // audio blocks one by one and keeps the running counts in the writer's metadata.
 #pragma once

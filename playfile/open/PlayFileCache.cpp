@@ -5,22 +5,17 @@
 #include "host/os/Log.h"
 #include "host/os/OS.h"
 #include "host/os/Product.h"
-#include "host/os/Resources.h"
 #include "host/project/Edit.h"
-#include "host/project/MaterialInfo.h"
 #include "host/project/SystemCache.h"
 #include "playfile/Configuration.h"
 #include "playfile/open/FileReadInstance.h"
-#include "playfile/open/PlayUtil.h"
-#include "playfile/requests/AudioReadRequest.h"
-#include "playfile/requests/VideoReadRequest.h"
+#include "playfile/open/ReaderChoice.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <limits>
-#include <numeric>
 
 namespace {
 
@@ -100,7 +95,9 @@ Zn::Ptr<FileReadInstance> PlayFileCache::open(const WString& fileName, const Coo
     }
 
     // Trimming before the new file is added keeps the idle files within the maximum
-    // without ever closing the file that is about to be used.
+    // without ever closing the file that is about to be used. Opens of other files under
+    // way at the same time have trimmed too and add theirs as well, so the cache may end
+    // up to that many files over its maximum until the next open that misses.
     limitUsage(maxSize_);
 
     // One thread opens a given file; the others wait here and then find it open (or failed).
@@ -168,7 +165,7 @@ eOpenOutcome PlayFileCache::openThroughReaders(const WString& fileName, const De
             // Held open underneath the readers, as the host's file manager has always been
             // asked to, so the file cannot go away while they look at it.
             Zn::Ptr<iFile> held = OS()->fileManager()->openForRead(fileName);
-            opened = PlayUtil::openReadChecked(fileName, format, type, streamIndex);
+            opened = ReaderChoice::openChecked(fileName, format, type, streamIndex);
         }
         file = std::move(opened.file);
         if (file || opened.outcome != eOpenOutcome::kNoDescriptors || attempt > 0) return opened.outcome;
@@ -180,12 +177,12 @@ eOpenOutcome PlayFileCache::openThroughReaders(const WString& fileName, const De
 
 Zn::Ptr<FileReadInstance> PlayFileCache::open(const Cookie& material, const DecodeFormat& format,
                                               unsigned streamIndex) {
-    return open(SystemCache::findFileForCookie(material), material, format, PlayUtil::getType(material), streamIndex);
+    return open(SystemCache::findFileForCookie(material), material, format, ReaderChoice::typeOf(material), streamIndex);
 }
 
 Zn::Ptr<FileReadInstance> PlayFileCache::isOpen(const Cookie& material, const DecodeFormat&, unsigned) {
     WString name = SystemCache::findFileForCookie(material);
-    const KeyView key{name.view(), uint32_t(PlayUtil::getType(material))};
+    const KeyView key{name.view(), uint32_t(ReaderChoice::typeOf(material))};
     CriticalSection::Lock lock(lock_);
     if (failedOpens_.find(key) != failedOpens_.end()) return nullptr;
     auto it = openFiles_.find(key);
@@ -230,7 +227,7 @@ void PlayFileCache::remove(const Cookie& material, const DecodeFormat&) {
     InstanceList removed;
     {
         CriticalSection::Lock lock(lock_);
-        eraseLocked(KeyView{name.view(), uint32_t(PlayUtil::getType(material))}, removed);
+        eraseLocked(KeyView{name.view(), uint32_t(ReaderChoice::typeOf(material))}, removed);
     }
     release(removed);
 }
@@ -248,29 +245,11 @@ void PlayFileCache::remove(const WString& fileName) {
     release(removed);
 }
 
-void PlayFileCache::close(const Cookie& cookie, eMediaTypes types) {
-    if ((types & kMediaAll) == 0) return;
-    std::vector<Cookie> materials;
-    if (cookie.type() == 'E') {
-        EditPtr edit;
-        if (edit.i_open(cookie, eEditOpenReadOnly)) {
-            Vector<int> chans;
-            // The video variants deliberately run one further than the channels listed.
-            unsigned video = edit->getChans(chans, Edit::eVideo, 15);
-            for (unsigned v = 0; v <= video; ++v) materials.push_back(convertCookie(cookie, 'V', uint8_t(v)));
-            unsigned audio = edit->getChans(chans, Edit::eAudio, 15);
-            for (unsigned c = 1; c <= audio; ++c) materials.push_back(convertCookie(cookie, 'S', uint8_t(c)));
-        }
-        edit.i_close();
-    } else {
-        materials.push_back(cookie);
-    }
-    // The high-resolution and the proxy media of a material are looked up by the same
-    // key (the decode format is not part of it), so one removal serves both bits. The
-    // names are found first, so that no project look-up runs under lock_; the removal
+void PlayFileCache::remove(const std::vector<Cookie>& materials) {
+    // The names are found first, so that no project look-up runs under lock_; the removal
     // itself is one step.
     std::vector<std::pair<WString, OpenType>> keys;
-    for (const Cookie& m : materials) keys.emplace_back(SystemCache::findFileForCookie(m), PlayUtil::getType(m));
+    for (const Cookie& m : materials) keys.emplace_back(SystemCache::findFileForCookie(m), ReaderChoice::typeOf(m));
     InstanceList removed;
     {
         CriticalSection::Lock lock(lock_);
@@ -362,154 +341,6 @@ void PlayFileCache::notifyValChanged(ValObserverBase& observer) {
 }
 
 // ---------------------------------------------------------------------------------------
-// Queries about a clip's files
-
-uint64_t PlayFileCache::getSampleCount(const Cookie& material) {
-    Zn::Ptr<FileReadInstance> file = open(material, DecodeFormat(1), 0);
-    if (!file) return 0;
-    switch (material.type()) {
-    case 'V': return file->getMetadata()->getFrameCount();
-    case 'S': return file->getMetadata()->getAudioLength();
-    default: return 0;
-    }
-}
-
-void PlayFileCache::recalculateSize(const Cookie& clip, unsigned flags, unsigned& newSize) {
-    CookieVec references;
-    {
-        EditPtr edit;
-        if (!edit.i_open(clip, eEditOpenReadOnly)) return;
-        edit->getReferences(references, Edit::eRefMaterial);
-    }
-    std::vector<WString> names;
-    for (const Cookie& material : references) {
-        Zn::Ptr<FsysDirectoryEntry> entry = SystemCache::findEntryForCookie(material);
-        if (!entry || entry->getKind() != FsysDirectoryEntry::eGrowing) continue;
-        names.push_back(entry->getPhysicalFilename(false));
-        for (const MediaFileInfo& proxy : entry->getProxyFiles()) names.push_back(proxy.getPhysicalFilename(false));
-    }
-    InstanceList growing;
-    {
-        CriticalSection::Lock lock(lock_);
-        for (const WString& name : names)
-            for (auto it = openFiles_.lower_bound(KeyView{name.view(), 0});
-                 it != openFiles_.end() && it->first.fileName == name; ++it)
-                growing.push_back(it->second);
-    }
-    // The base recalculateSize does nothing, so calling it on every instance is the same
-    // as calling it on those whose back-end overrides it.
-    for (auto& file : growing) file->recalculateSize(flags, newSize);
-}
-
-// ---------------------------------------------------------------------------------------
-// Read requests
-
-int PlayFileCache::videoReadRequest(Zn::Ptr<VideoReadRequest>& request, const Cookie& material, int frame, bool,
-                                    eResultType resultType, const DecodeFormat& format,
-                                    Zn::Ptr<ReadRequestIssuer::Proxy> issuer) {
-    Zn::Ptr<FileReadInstance> file = open(material, format, 0);
-    // The start offset counts fields, two to a frame.
-    int64_t index = MaterialInfo::get_start_offset(material) / 2 + frame;
-    if (!file || index < 0) return kNotAvailable;
-
-    const PlayFileMetadataRep& meta = *file->getMetadata();
-    Zn::Ptr<IndexInfoRep> indexInfo;
-    if (index == 0 && meta.hasStillImage()) {
-        request = Zn::makePtr<VideoReadRequest>(file, indexInfo, 0u, resultType, format, issuer);
-        request->setResultBuffer(Zn::makePtr<FrameBufferRep>(0u, meta.getStillImage()));
-        request->requestHasCompleted(RequestStatus::Complete);
-        return kVideoQueued;
-    }
-    const uint32_t frames = meta.getFrameCount();
-    if (frames != 1 && index >= int64_t(frames)) return kNotAvailable;
-    // A one-frame file shows its frame wherever it is asked.
-    uint32_t at = frames == 1 ? 0u : uint32_t(index);
-    at += file->getVideoOrigin();
-    file->ZnFileIxCache_open(indexInfo, at);
-    request = Zn::makePtr<VideoReadRequest>(file, indexInfo, at, resultType, format, issuer);
-    return file->queueReadRequest(request, false) ? kVideoQueued : kNotAvailable;
-}
-
-uint32_t PlayFileCache::codecFrameReadLength(uint64_t sample, uint32_t count, int64_t frameSize) {
-    const uint64_t f = frameSize < 1 ? 4096u : uint64_t(frameSize);
-    if (count == 4096) {
-        // Whole codec frames in whole blocks of 4096 samples. For 2048 and 1024 the length
-        // is four blocks, more than the common multiple needs: kept as it always was.
-        uint64_t blocks;
-        switch (f) {
-        case 1152: blocks = 9; break;
-        case 1536: blocks = 3; break;
-        case 2048: blocks = 4; break;
-        case 960: blocks = 15; break;
-        case 1024: blocks = 4; break;
-        case 384: blocks = 3; break;
-        default: blocks = std::clamp<uint64_t>(f / std::gcd(f, uint64_t(4096)), 1, 16);
-        }
-        return uint32_t(blocks * 4096);
-    }
-    // Otherwise the read ends on a codec-frame boundary.
-    uint64_t remainder = (sample + count) % f;
-    return remainder ? uint32_t(count + (f - remainder)) : count;
-}
-
-int PlayFileCache::audioReadRequest(Zn::Ptr<AudioReadRequest>& request, const Cookie& material, unsigned long sample,
-                                    unsigned count, eProxyLevel proxyLevel, Zn::Ptr<ReadRequestIssuer::Proxy> issuer,
-                                    bool noOffset) {
-    int rc = audioReadRequestFor(request, material, sample, count, DecodeFormat(int(proxyLevel)), issuer, noOffset);
-    if (rc != kAudioCreated) LogBoth("Audio Read request failed: %s\n", toUTF8(resourceStrW(unsigned(rc))).c_str());
-    return rc;
-}
-
-int PlayFileCache::audioReadRequestFor(Zn::Ptr<AudioReadRequest>& request, const Cookie& material, uint64_t sample,
-                                       uint32_t count, const DecodeFormat& format,
-                                       Zn::Ptr<ReadRequestIssuer::Proxy>& issuer, bool noOffset) {
-    const unsigned channel = material.index(); // 1-based
-    if (channel == 0) return kNotAvailable;
-    Zn::Ptr<FileReadInstance> file = open(material, format, 0);
-    if (!file) return kNotAvailable;
-
-    // The channel's stream and its place in it, counting the streams' channels in order.
-    const std::vector<Aud::Metadata>& streams = file->getMetadata()->getAudioMetadata();
-    uint32_t stream = 0;
-    uint32_t place = channel - 1;
-    if (place < file->getMetadata()->getTotalChannels()) {
-        while (stream < streams.size() && place >= streams[stream].getNumChannels())
-            place -= streams[stream++].getNumChannels();
-    }
-    const Aud::Metadata* streamMeta = stream < streams.size() ? &streams[stream] : nullptr;
-    if (streamMeta && place < streamMeta->getNumChannels()) {
-        // The stream goes to the opener, which may choose its reader by it; the key does not
-        // hold it, so the file opened first for this name and type serves every stream.
-        file = open(material, format, stream);
-        if (!file) return kNotAvailable;
-        // The file may have been closed meanwhile and opened anew: describe the stream from
-        // the instance that serves the read (the other one may be gone already).
-        const std::vector<Aud::Metadata>& now = file->getMetadata()->getAudioMetadata();
-        streamMeta = stream < now.size() ? &now[stream] : nullptr;
-    }
-
-    if (!noOffset) sample += uint64_t(MaterialInfo::get_start_offset(material)); // in samples here
-    const uint64_t length = file->getMetadata()->getAudioLength();
-    if (sample >= length) return kAudioPastEnd;
-
-    uint64_t toRead = count;
-    if (streamMeta && streamMeta->isCompressedFormat())
-        toRead = codecFrameReadLength(sample, count, streamMeta->getSamplesPerBlock());
-    uint64_t asked = count;
-    if (sample + asked > length) asked = length - sample;
-    if (sample + toRead > length) toRead = length - sample;
-
-    AudioRequest r;
-    r.stream = stream;
-    r.channel = place;
-    r.tag = asked;
-    r.start = sample;
-    r.count = uint32_t(toRead);
-    request = Zn::makePtr<AudioReadRequest>(file, r, 1u, issuer);
-    return kAudioCreated;
-}
-
-// ---------------------------------------------------------------------------------------
 // Figures
 
 unsigned PlayFileCache::openFileCount() const {
@@ -520,6 +351,16 @@ unsigned PlayFileCache::openFileCount() const {
 unsigned PlayFileCache::failedOpenCount() const {
     CriticalSection::Lock lock(lock_);
     return unsigned(failedOpens_.size());
+}
+
+std::vector<Zn::Ptr<FileReadInstance>> PlayFileCache::openInstancesOf(const std::vector<WString>& fileNames) const {
+    InstanceList found;
+    CriticalSection::Lock lock(lock_);
+    for (const WString& name : fileNames)
+        for (auto it = openFiles_.lower_bound(KeyView{name.view(), 0});
+             it != openFiles_.end() && it->first.fileName == name; ++it)
+            found.push_back(it->second);
+    return found;
 }
 
 PlayFileCache::Statistics PlayFileCache::statistics() const {

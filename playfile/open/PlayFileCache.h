@@ -1,15 +1,19 @@
 // PlayFileCache: the process's cache of open media files. Every read of video or audio
 // goes through it: it maps a file name and open type to an open FileReadInstance, opens
-// files on demand through PlayUtil::openRead (one thread per file name at a time, through
+// files on demand through ReaderChoice (one thread per file name at a time, through
 // an access queue), remembers files that failed to open so that they are not tried on
-// every frame, keeps the number of idle open files within its limits by closing the least
-// recently used idle file first, and turns a read of a frame or of a run of audio into a
-// request for the file's queue. It is a host Reclaimable (the host may ask it to shrink)
-// and forgets failed opens when the product changes.
+// every frame, and keeps the number of idle open files within its limits by closing the
+// least recently used idle file first. It is a host Reclaimable (the host may ask it to
+// shrink) and forgets failed opens when the product changes. What the host does with a
+// clip's media (reads, lengths, creating and renaming files) is ClipMedia's, which opens
+// through this cache; the old names of those operations are kept here as forwarders.
 //
 // The limits govern idle files: a file that a request, a reader or a caller still holds is
-// never closed, and an open trims before it adds, so the cache may hold one file more than
-// its maximum after an open.
+// never closed, so files in use may keep the cache above its maximum. An open that misses
+// trims to the maximum before it adds its file, and opens of different files run at once:
+// k such opens under way together each trim, then each add, leaving the cache up to k
+// files over its maximum (one over after an open on its own). The next open that misses
+// trims again.
 #pragma once
 
 #include "host/core/Cookie.h"
@@ -53,12 +57,6 @@ class VideoReadRequest;
 // to a file that nobody else holds, and they do so under lock_.
 class PLAYFILE_API PlayFileCache : public Reclaimable, public ValObserverClient {
 public:
-    // Results of the read requests.
-    static constexpr int kVideoQueued = 0;
-    static constexpr int kAudioCreated = 1;
-    static constexpr int kNotAvailable = 2000;
-    static constexpr int kAudioPastEnd = 2061;
-
     // The key of both maps: ordered by file name, then open type.
     struct CacheEntry {
         WString fileName;
@@ -114,9 +112,8 @@ public:
     void remove(const Cookie& material, const DecodeFormat& format);
     // Closes every open instance of the file, whatever its open type.
     void remove(const WString& fileName);
-    // Closes a clip's files: an edit cookie closes every video variant and sound channel of
-    // the edit, any other cookie just its own file. types: kMediaHighRes, kMediaProxy.
-    void close(const Cookie& cookie, eMediaTypes types);
+    // Closes the files of several materials at once and forgets their failures.
+    void remove(const std::vector<Cookie>& materials);
     // Closes every open file; remembered failures stay.
     void closeAll();
     // Forgets failed opens of the file, so the next open tries again.
@@ -136,45 +133,6 @@ public:
     // A change of the product makes every failed file worth trying again.
     void notifyValChanged(ValObserverBase& observer) override;
 
-    // The material file's length: frames for 'V', sample frames for 'S', else 0 (also
-    // when the file cannot be opened).
-    uint64_t getSampleCount(const Cookie& material);
-    // Has the open files of a clip's growing material (and of its proxies) re-read their
-    // length, passing flags and newSize on to FileReadInstance::recalculateSize.
-    void recalculateSize(const Cookie& clip, unsigned flags, unsigned& newSize);
-
-    // Creates the material file of a clip ('V' or 'S' cookie) under the clip's material
-    // file name with the writer's extension, registers it with the project and stores its
-    // play header there and beside the file. Null, with a log line, on failure.
-    // (PlayFileWriting.cpp, like the renames.)
-    Zn::Ptr<Zn::FileWriteInstance> create(const Cookie& cookie, Zn::FileWriterParams& params);
-    // Moves every file of the clip `from` to the names of the clip `to`: each is closed
-    // here, renamed on disk (its name's material cookie text replaced), and its record,
-    // header and start offset move to the same material of `to`. A file whose name does
-    // not carry the cookie keeps its name; only its record moves. 1 when all moved.
-    // Both names do the same, as callers have always used either.
-    int renameMediaFile(const Cookie& from, const Cookie& to);
-    int renameMediaFiles(const Cookie& from, const Cookie& to);
-
-    // Makes and queues the request for one frame of a video material: frame counts from
-    // the material's start in its file. kVideoQueued, or kNotAvailable when the file
-    // cannot be opened or has no such frame. Frame 0 of a file with a still image is
-    // answered from that image at once, on the calling thread. The flag is not used.
-    int videoReadRequest(Zn::Ptr<VideoReadRequest>& request, const Cookie& material, int frame, bool flag,
-                         eResultType resultType, const DecodeFormat& format,
-                         Zn::Ptr<ReadRequestIssuer::Proxy> issuer);
-    // Makes (does not queue) the request for count samples of a sound material's channel
-    // from sample (counted from the material's start unless noOffset). Reads of compressed
-    // streams are widened to whole codec frames (see codecFrameReadLength); the request's
-    // count is the samples to read, its tag the count asked for. kAudioCreated, else
-    // kAudioPastEnd or kNotAvailable, with "Audio Read request failed: %s" logged.
-    int audioReadRequest(Zn::Ptr<AudioReadRequest>& request, const Cookie& material, unsigned long sample,
-                         unsigned count, eProxyLevel proxyLevel, Zn::Ptr<ReadRequestIssuer::Proxy> issuer,
-                         bool noOffset);
-    // The samples an audio read of count samples from sample reads from a compressed
-    // stream whose codec frames hold frameSize samples each.
-    static uint32_t codecFrameReadLength(uint64_t sample, uint32_t count, int64_t frameSize);
-
     unsigned getMinSize() const noexcept { return minSize_; }
     unsigned getMaxSize() const noexcept { return maxSize_; }
     unsigned openFileCount() const;
@@ -183,6 +141,33 @@ public:
     void resetStatistics();
     // The statistics as a few lines of text.
     std::string statisticsReport() const;
+    // The instances open now for any of the file names, whatever their open type.
+    std::vector<Zn::Ptr<FileReadInstance>> openInstancesOf(const std::vector<WString>& fileNames) const;
+
+    // Forwarders: the long-standing names of what ClipMedia does, for callers that use
+    // them. Each does the same as the ClipMedia member of its name for this cache
+    // (Forwarders.cpp); the reads answer with the number of their eClipRead.
+    // ClipMedia::close.
+    void close(const Cookie& cookie, eMediaTypes types);
+    // ClipMedia::getSampleCount.
+    uint64_t getSampleCount(const Cookie& material);
+    // ClipMedia::recalculateSize.
+    void recalculateSize(const Cookie& clip, unsigned flags, unsigned& newSize);
+    // ClipMedia::create.
+    Zn::Ptr<Zn::FileWriteInstance> create(const Cookie& cookie, Zn::FileWriterParams& params);
+    // ClipMedia::renameMediaFiles, under both names callers have always used.
+    int renameMediaFile(const Cookie& from, const Cookie& to);
+    int renameMediaFiles(const Cookie& from, const Cookie& to);
+    // ClipMedia::videoReadRequest; the flag is not used.
+    int videoReadRequest(Zn::Ptr<VideoReadRequest>& request, const Cookie& material, int frame, bool flag,
+                         eResultType resultType, const DecodeFormat& format,
+                         Zn::Ptr<ReadRequestIssuer::Proxy> issuer);
+    // ClipMedia::audioReadRequest.
+    int audioReadRequest(Zn::Ptr<AudioReadRequest>& request, const Cookie& material, unsigned long sample,
+                         unsigned count, eProxyLevel proxyLevel, Zn::Ptr<ReadRequestIssuer::Proxy> issuer,
+                         bool noOffset);
+    // ClipMedia::codecFrameReadLength.
+    static uint32_t codecFrameReadLength(uint64_t sample, uint32_t count, int64_t frameSize);
 
 private:
     // Heterogeneous look-up by (name view, type), so a hit copies no string.
@@ -218,14 +203,11 @@ private:
                  missingFiles = 0, evictions = 0;
         uint32_t peak = 0;
     };
-    // Opens through the readers (PlayUtil::openReadChecked); when descriptors ran out,
+    // Opens through the readers (ReaderChoice::openChecked); when descriptors ran out,
     // closes the idle files and tries once more. Called holding the file name's access
     // queue and not lock_ (which the closing takes).
     eOpenOutcome openThroughReaders(const WString& fileName, const DecodeFormat& format, OpenType type,
                                     unsigned streamIndex, Zn::Ptr<FileReadInstance>& file);
-    int audioReadRequestFor(Zn::Ptr<AudioReadRequest>& request, const Cookie& material, uint64_t sample,
-                            uint32_t count, const DecodeFormat& format, Zn::Ptr<ReadRequestIssuer::Proxy>& issuer,
-                            bool noOffset);
 
     Zn::MultipleAccessQueue<WString> accessQueue_;
     FileMap openFiles_;

@@ -1,25 +1,23 @@
 #include "playfile/requests/RequestWaiter.h"
 
 #include "playfile/open/FileReadInstance.h"
-#include "playfile/open/PlayFileCache.h"
+#include "playfile/open/ClipMedia.h"
 #include "playfile/requests/AudioReadRequest.h"
 #include "playfile/requests/VideoReadRequest.h"
 
 RequestWaiter::~RequestWaiter() { detachProxy(); }
 
-int RequestWaiter::readVideo(Zn::Ptr<VideoReadRequest>& request, const Cookie& material, int frame,
-                             eResultType resultType, const DecodeFormat& format) {
-    const int rc =
-        PlayFileCache::Shared().videoReadRequest(request, material, frame, false, resultType, format, getProxy());
-    if (rc == PlayFileCache::kVideoQueued && request) queued(request->getStatus());
+eClipRead RequestWaiter::readVideo(Zn::Ptr<VideoReadRequest>& request, const Cookie& material, int frame,
+                                   eResultType resultType, const DecodeFormat& format) {
+    const eClipRead rc = ClipMedia().videoReadRequest(request, material, frame, resultType, format, getProxy());
+    if (rc == eClipRead::kVideoQueued && request) queued(request->getStatus());
     return rc;
 }
 
-int RequestWaiter::readAudio(Zn::Ptr<AudioReadRequest>& request, const Cookie& material, uint64_t sample,
-                             uint32_t count, eProxyLevel level, bool noOffset) {
-    int rc = PlayFileCache::Shared().audioReadRequest(request, material, (unsigned long)sample, count, level,
-                                                      getProxy(), noOffset);
-    if (rc == PlayFileCache::kAudioCreated && !queue(request)) rc = PlayFileCache::kNotAvailable;
+eClipRead RequestWaiter::readAudio(Zn::Ptr<AudioReadRequest>& request, const Cookie& material, uint64_t sample,
+                                   uint32_t count, eProxyLevel level, bool noOffset) {
+    eClipRead rc = ClipMedia().audioReadRequest(request, material, sample, count, level, getProxy(), noOffset);
+    if (rc == eClipRead::kAudioCreated && !queue(request)) rc = eClipRead::kNotAvailable;
     return rc;
 }
 

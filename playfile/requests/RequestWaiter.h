@@ -17,6 +17,7 @@
 #include "host/core/RefCount.h"
 #include "host/media/DecodeFormat.h"
 #include "playfile/Export.h"
+#include "playfile/open/ClipReadResult.h"
 #include "playfile/open/MediaTypes.h"
 #include "playfile/requests/ReadRequestIssuer.h"
 #include "playfile/requests/RequestStatus.h"
@@ -38,15 +39,15 @@ public:
     ~RequestWaiter() override;
 
     // Makes and queues the read of frame of a video material through the play file cache
-    // (PlayFileCache::videoReadRequest). Its answer: kVideoQueued, else kNotAvailable,
-    // and then there is nothing to wait for.
-    int readVideo(Zn::Ptr<VideoReadRequest>& request, const Cookie& material, int frame, eResultType resultType,
-                  const DecodeFormat& format);
+    // (ClipMedia::videoReadRequest). Its answer: kVideoQueued, else kNotAvailable, and
+    // then there is nothing to wait for.
+    eClipRead readVideo(Zn::Ptr<VideoReadRequest>& request, const Cookie& material, int frame,
+                        eResultType resultType, const DecodeFormat& format);
     // Makes and queues the read of count samples of a sound material's channel from
-    // sample (PlayFileCache::audioReadRequest). kAudioCreated when queued, else the
+    // sample (ClipMedia::audioReadRequest). kAudioCreated when queued, else the
     // cache's answer.
-    int readAudio(Zn::Ptr<AudioReadRequest>& request, const Cookie& material, uint64_t sample, uint32_t count,
-                  eProxyLevel level = kProxyLevelHighRes, bool noOffset = true);
+    eClipRead readAudio(Zn::Ptr<AudioReadRequest>& request, const Cookie& material, uint64_t sample,
+                        uint32_t count, eProxyLevel level = kProxyLevelHighRes, bool noOffset = true);
     // Queues a request made by hand on its file's queue; false when the file refused it.
     bool queue(Zn::Ptr<VideoReadRequest>& request);
     bool queue(Zn::Ptr<AudioReadRequest>& request);

@@ -1,6 +1,6 @@
 // For the back-end reader tests: the back-ends registered as the host registers them, a
 // project whose clips keep their material in files the ffmpeg program made, frames and
-// samples read as the host reads them (PlayFileCache::videoReadRequest and
+// samples read as the host reads them (ClipMedia::videoReadRequest and
 // audioReadRequest, through the files' queues) by an issuer that waits for its callback,
 // and what the pictures hash to.
 #pragma once
@@ -11,6 +11,7 @@
 #include "backends/y4m/Y4mReader.h"
 #include "host/ProjectFixture.h"
 #include "host/core/Strings.h"
+#include "playfile/open/ClipMedia.h"
 #include "playfile/open/PlayFileCache.h"
 #include "playfile/requests/AudioReadRequest.h"
 #include "support/PatternFrames.h"
@@ -64,8 +65,8 @@ protected:
                                 Zn::Image::Surface* picture = nullptr) {
         RecordingIssuer waiter;
         Zn::Ptr<VideoReadRequest> request;
-        if (PlayFileCache::Shared().videoReadRequest(request, material, frame, false, kResultDecoded, format,
-                                                     waiter.getProxy()) != PlayFileCache::kVideoQueued)
+        if (ClipMedia().videoReadRequest(request, material, frame, kResultDecoded, format, waiter.getProxy()) !=
+            eClipRead::kVideoQueued)
             return "not available";
         // Joined to an equal request that has already failed: no callback comes.
         if (request->getStatus() == RequestStatus::Failed) return "failed";
@@ -88,8 +89,8 @@ protected:
         RecordingIssuer waiter;
         Zn::Ptr<AudioReadRequest> request;
         if (status) *status = RequestStatus::Queued;
-        if (PlayFileCache::Shared().audioReadRequest(request, sound, start, count, kProxyLevelHighRes,
-                                                     waiter.getProxy(), true) != PlayFileCache::kAudioCreated)
+        if (ClipMedia().audioReadRequest(request, sound, start, count, kProxyLevelHighRes, waiter.getProxy(),
+                                         true) != eClipRead::kAudioCreated)
             return {};
         request->getFile()->queueReadRequest(request, false);
         const bool done = waiter.waitForCalls(1, kReadLimit);

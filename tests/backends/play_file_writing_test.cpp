@@ -8,8 +8,10 @@
 #include "host/os/Config.h"
 #include "host/project/MaterialInfo.h"
 #include "playfile/header/PlayPriv.h"
+#include "playfile/open/ClipMedia.h"
+#include "playfile/open/MaterialDeletion.h"
 #include "playfile/open/PlayFileCache.h"
-#include "playfile/open/PlayUtil.h"
+#include "playfile/open/PlayFileWriter.h"
 #include "support/Command.h"
 #include "support/LogCapture.h"
 #include "support/PatternFrames.h"
@@ -63,7 +65,7 @@ protected:
             Zn::Image::Surface s = patternFrame(core.getDataFormat(), core.getWidth(), core.getHeight(), i);
             all.push_back(reader_test::surfaceMd5(s));
             Zn::Ptr<CapturePacket> packet = Zn::makePtr<CapturePacket>(s, i);
-            EXPECT_EQ(PlayUtil::ZnVideoSample_write(w, i, packet, countDone), 1);
+            EXPECT_EQ(PlayFileWriter::writeVideoSample(w, i, packet, countDone), 1);
         }
         return all;
     }
@@ -105,7 +107,7 @@ private:
 TEST_F(WritingTest, VideoFileWrittenFrameByFrameReadsBackWithItsHeader) {
     const Cookie v = convertCookie(clip, 'V', 0);
     Zn::FileWriterParams params = smallVideo("ffv1");
-    Zn::Ptr<Zn::FileWriteInstance> w = PlayFileCache::Shared().create(v, params);
+    Zn::Ptr<Zn::FileWriteInstance> w = ClipMedia().create(v, params);
     ASSERT_TRUE(w);
     const std::string path = materialPath(v, ".mkv");
     EXPECT_EQ(U(SystemCache::findFileForCookie(v)), path);
@@ -116,7 +118,7 @@ TEST_F(WritingTest, VideoFileWrittenFrameByFrameReadsBackWithItsHeader) {
     LogCapture log;
     Zn::Ptr<CapturePacket> packet = Zn::makePtr<CapturePacket>(patternFrame(Zn::Image::kFormatYUV422P10LE, 480, 270, 9));
     for (int id : {7, 5}) {
-        EXPECT_EQ(PlayUtil::ZnVideoSample_write(w, id, packet, countDone), 0);
+        EXPECT_EQ(PlayFileWriter::writeVideoSample(w, id, packet, countDone), 0);
         EXPECT_EQ(log.count("Bad sample ID " + std::to_string(id) + "\n"), 1u);
     }
     EXPECT_EQ(g_complete + g_failed, 6);
@@ -137,23 +139,23 @@ TEST_F(WritingTest, VideoFileWrittenFrameByFrameReadsBackWithItsHeader) {
 TEST_F(WritingTest, SoundFileWrittenBlockByBlockCountsWholeSampleFrames) {
     const Cookie s = convertCookie(clip, 'S', 1);
     Zn::FileWriterParams params = Zn::FileWriterParams::forAudio(Aud::Metadata(48000, 1, 3));
-    Zn::Ptr<Zn::FileWriteInstance> w = PlayFileCache::Shared().create(s, params);
+    Zn::Ptr<Zn::FileWriteInstance> w = ClipMedia().create(s, params);
     ASSERT_TRUE(w);
     EXPECT_EQ(w->getMetadata().audioStream, params.audio);
     std::string all;
     for (int i = 0; i < 3; ++i) {
         Zn::Ptr<iMemHolder> b = block(300 * 3, i);
         all.append(reinterpret_cast<char*>(b->getBuffer()), b->getUsed());
-        EXPECT_EQ(PlayUtil::ZnAudioSamples_write(w, b, countDone), 1);
+        EXPECT_EQ(PlayFileWriter::writeAudioSamples(w, b, countDone), 1);
     }
     Zn::Ptr<iMemHolder> partial = block(4, 0); // not whole sample frames: refused, not counted
-    EXPECT_EQ(PlayUtil::ZnAudioSamples_write(w, partial, countDone), 0);
+    EXPECT_EQ(PlayFileWriter::writeAudioSamples(w, partial, countDone), 0);
     EXPECT_EQ(w->getMetadata().audioFramesWritten, 900u);
     EXPECT_EQ(g_complete, 3);
     EXPECT_EQ(g_failed, 1);
     ASSERT_EQ(w->close(), 1);
     Zn::Ptr<Zn::FileWriteInstance> none;
-    EXPECT_EQ(PlayUtil::ZnAudioSamples_write(none, partial, countDone), 0);
+    EXPECT_EQ(PlayFileWriter::writeAudioSamples(none, partial, countDone), 0);
 
     const std::string path = materialPath(s, ".wav");
     EXPECT_TRUE(samples(s, 0, 900, 3) == all);
@@ -167,13 +169,13 @@ TEST_F(WritingTest, CreateFailuresAreLoggedAndLeaveNoFile) {
     LogCapture log;
     Zn::FileWriterParams video = smallVideo();
     const Cookie edit = clip;
-    EXPECT_FALSE(PlayFileCache::Shared().create(edit, video));
+    EXPECT_FALSE(ClipMedia().create(edit, video));
     EXPECT_EQ(log.count("PlayFile[" + edit.asString().str() + "]::create: *** Bad type ***\n"), 1u);
     EXPECT_FALSE(fs::exists(materialPath(edit, ".y4m")));
 
     Zn::FileWriterParams nobody = smallVideo("h264");
     const Cookie v = convertCookie(clip, 'V', 0);
-    EXPECT_FALSE(PlayFileCache::Shared().create(v, nobody));
+    EXPECT_FALSE(ClipMedia().create(v, nobody));
     EXPECT_EQ(log.count("PlayFile[" + v.asString().str() + "]::create: *** Unable to create material file (" +
                         materialPath(v, "") + ") ***\n"),
               1u);
@@ -192,7 +194,7 @@ TEST_F(WritingTest, SampleWriterBackPressureAndRefusedFrames) {
         Zn::Ptr<Zn::FileWriteInstance> w = stuck;
         Zn::Ptr<CapturePacket> p = Zn::makePtr<CapturePacket>(Zn::Image::Surface());
         auto t0 = std::chrono::steady_clock::now();
-        stuckResult = PlayUtil::ZnVideoSample_write(w, 0, p, countDone);
+        stuckResult = PlayFileWriter::writeVideoSample(w, 0, p, countDone);
         stuckSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     });
 
@@ -205,7 +207,7 @@ TEST_F(WritingTest, SampleWriterBackPressureAndRefusedFrames) {
     });
     Zn::Ptr<Zn::FileWriteInstance> w = slow;
     Zn::Ptr<CapturePacket> p = Zn::makePtr<CapturePacket>(Zn::Image::Surface());
-    EXPECT_EQ(PlayUtil::ZnVideoSample_write(w, 0, p, nullptr), 1);
+    EXPECT_EQ(PlayFileWriter::writeVideoSample(w, 0, p, nullptr), 1);
     drain.join();
     EXPECT_EQ(slow->frameWrites, 1);
 
@@ -214,7 +216,7 @@ TEST_F(WritingTest, SampleWriterBackPressureAndRefusedFrames) {
         Zn::Ptr<StuckWriter> refusing = Zn::makePtr<StuckWriter>(surfaces);
         refusing->result = 5;
         Zn::Ptr<Zn::FileWriteInstance> r = refusing;
-        EXPECT_EQ(PlayUtil::ZnVideoSample_write(r, 0, p, nullptr), 5);
+        EXPECT_EQ(PlayFileWriter::writeVideoSample(r, 0, p, nullptr), 5);
         EXPECT_EQ(refusing->abandoned, surfaces ? 0 : 1);
         EXPECT_EQ(refusing->surfaceWrites, surfaces ? 1 : 0);
         EXPECT_EQ(r->getMetadata().framesWritten, 0u);
@@ -234,14 +236,14 @@ TEST_F(WritingTest, DeletingAClipsMaterialKeepsSoundWhenNoChannelsAreCounted) {
     std::vector<Cookie> made = {convertCookie(clip, 'V', 0), convertCookie(clip, 'V', 3), convertCookie(clip, 'S', 1),
                                 convertCookie(clip, 'S', 2)};
     for (const Cookie& m : made) {
-        Zn::Ptr<Zn::FileWriteInstance> w = PlayFileCache::Shared().create(m, m.type() == 'S' ? audio : video);
+        Zn::Ptr<Zn::FileWriteInstance> w = ClipMedia().create(m, m.type() == 'S' ? audio : video);
         ASSERT_TRUE(w) << m.asString().c_str();
         if (m.type() == 'V') writeVideo(w, 1);
         w->close();
     }
     ASSERT_TRUE(file(made[1])); // open in the cache: deleting closes it first
     setConfigValue("max_audio_chans_in_shot", 0);
-    EXPECT_EQ(PlayUtil::delete_material_files(clip, kMediaAll), 1);
+    EXPECT_EQ(MaterialDeletion::deleteClipMaterial(clip, kMediaAll), 1);
     clearConfigValue("max_audio_chans_in_shot");
     EXPECT_FALSE(fs::exists(materialPath(made[0], ".y4m")));
     EXPECT_FALSE(fs::exists(materialPath(made[1], ".y4m")));
@@ -252,25 +254,25 @@ TEST_F(WritingTest, DeletingAClipsMaterialKeepsSoundWhenNoChannelsAreCounted) {
     EXPECT_TRUE(SystemCache::fileExists(made[3]));
 
     // Read afresh: now channels 1 and 2 go too, and there is nothing left to fail.
-    EXPECT_EQ(PlayUtil::delete_material_files(clip, kMediaAll), 1);
+    EXPECT_EQ(MaterialDeletion::deleteClipMaterial(clip, kMediaAll), 1);
     EXPECT_FALSE(fs::exists(materialPath(made[2], ".wav")));
     EXPECT_FALSE(fs::exists(materialPath(made[3], ".hdr")));
     EXPECT_TRUE(SystemCache::getClipMediaFiles(clip).empty());
 
     LogCapture log;
-    EXPECT_EQ(PlayUtil::deletePlayFile(made[0], kMediaAll), 0);
+    EXPECT_EQ(MaterialDeletion::deleteMaterial(made[0], kMediaAll), 0);
     EXPECT_EQ(log.count("PlayFile[" + made[0].asString().str() + "]::delete: *** Material not available ***\n"), 1u);
 }
 
 TEST_F(WritingTest, RenamingMovesFilesRecordsAndHeadersToTheOtherClip) {
     Zn::FileWriterParams video = smallVideo();
     const Cookie v = convertCookie(clip, 'V', 0), s = convertCookie(clip, 'S', 1);
-    Zn::Ptr<Zn::FileWriteInstance> wv = PlayFileCache::Shared().create(v, video);
+    Zn::Ptr<Zn::FileWriteInstance> wv = ClipMedia().create(v, video);
     ASSERT_TRUE(wv);
     std::vector<std::string> frames = writeVideo(wv, 2);
     wv->close();
     Zn::FileWriterParams audio = Zn::FileWriterParams::forAudio(Aud::Metadata(44100, 1, 2));
-    ASSERT_TRUE(PlayFileCache::Shared().create(s, audio));
+    ASSERT_TRUE(ClipMedia().create(s, audio));
     MaterialInfo::set_start_offset(v, 2); // fields: the material starts at the file's frame 1
     String header = MaterialInfo::read_header(v);
     // A file found elsewhere keeps its own name; only its record moves.
@@ -279,7 +281,7 @@ TEST_F(WritingTest, RenamingMovesFilesRecordsAndHeadersToTheOtherClip) {
     ASSERT_EQ(SystemCache::addFile(s2, W(outside), 0), 1);
 
     EXPECT_EQ(frameMd5(v, 0), frames[1]); // the file is open in the cache now
-    EXPECT_EQ(PlayFileCache::Shared().renameMediaFiles(clip, other), 1);
+    EXPECT_EQ(ClipMedia().renameMediaFiles(clip, other), 1);
     EXPECT_FALSE(PlayFileCache::Shared().isOpen(v, DecodeFormat(1)));
     const Cookie v2 = convertCookie(other, 'V', 0);
     EXPECT_FALSE(fs::exists(materialPath(v, ".y4m")));

@@ -8,6 +8,7 @@
 #include "host/media/AudioMetadata.h"
 #include "host/project/MaterialInfo.h"
 #include "playfile/EntryPoints.h"
+#include "playfile/open/ClipMedia.h"
 #include "playfile/open/PlayUtil.h"
 #include "playfile/requests/AudioReadRequest.h"
 #include "playfile/requests/PreOpen.h"
@@ -22,15 +23,13 @@ namespace {
 
 struct Clips : ClipTest {
     // Reads a frame through the cache; the first pixel of the frame read, or -1.
-    int readFrame(PlayFileCache& cache, const Cookie& material, int frame, int* rc = nullptr) {
+    int readFrame(PlayFileCache& cache, const Cookie& material, int frame, eClipRead* rc = nullptr) {
         RecordingIssuer issuer;
         Zn::Ptr<VideoReadRequest> request;
-        int status = cache.videoReadRequest(request, material, frame, false, kResultDecoded, DecodeFormat(1),
-                                            issuer.getProxy());
+        eClipRead status =
+            ClipMedia(cache).videoReadRequest(request, material, frame, kResultDecoded, DecodeFormat(1), issuer.getProxy());
         if (rc) *rc = status;
-        if (status != PlayFileCache::kVideoQueued || !issuer.waitForCalls(1) ||
-            issuer.status() != RequestStatus::Complete)
-            return -1;
+        if (status != eClipRead::kVideoQueued || !issuer.waitForCalls(1) || issuer.status() != RequestStatus::Complete) return -1;
         return issuer.buffer()->getSurface(0).plane(0)[0];
     }
 };
@@ -43,12 +42,12 @@ TEST_F(Clips, FramesCountFromTheMaterialStartAndReadsOutsideTheFileAreRefused) {
     PlayFileCache cache(2, 4);
     EXPECT_EQ(readFrame(cache, video(moving), 2), pixelOf(5, 0, 0));
     for (int outside : {-4, 7}) { // frame 7 is the file's frame 10 of 10
-        int rc = 0;
+        eClipRead rc = eClipRead::kVideoQueued;
         EXPECT_EQ(readFrame(cache, video(moving), outside, &rc), -1);
-        EXPECT_EQ(rc, PlayFileCache::kNotAvailable) << outside;
+        EXPECT_EQ(rc, eClipRead::kNotAvailable) << outside;
     }
     EXPECT_EQ(readFrame(cache, video(still), 25), pixelOf(0, 0, 0));
-    EXPECT_EQ(cache.getSampleCount(video(moving)), 10u);
+    EXPECT_EQ(ClipMedia(cache).getSampleCount(video(moving)), 10u);
 }
 
 TEST_F(Clips, AudioChannelsMapOntoTheStreamsAndReadsStopAtTheEndOfTheFile) {
@@ -57,33 +56,62 @@ TEST_F(Clips, AudioChannelsMapOntoTheStreamsAndReadsStopAtTheEndOfTheFile) {
     Cookie c = clip("sound", streams, 5);
     ASSERT_TRUE(MaterialInfo::set_start_offset(sound(c, 1), 10)); // samples
     PlayFileCache cache(2, 4);
+    ClipMedia media(cache);
     Zn::Ptr<AudioReadRequest> request;
     auto ask = [&](int channel, uint64_t start, uint32_t count, bool noOffset = false) {
-        return cache.audioReadRequest(request, sound(c, channel), start, count, kProxyLevelHighRes, nullptr, noOffset);
+        return media.audioReadRequest(request, sound(c, channel), start, count, kProxyLevelHighRes, nullptr, noOffset);
     };
 
-    ASSERT_EQ(ask(4, 0, 100, true), PlayFileCache::kAudioCreated);
+    ASSERT_EQ(ask(4, 0, 100, true), eClipRead::kAudioCreated);
     EXPECT_EQ(std::pair(request->stream, request->channel), std::pair(1u, 1u));
 
     // (That the samples read are those of the request the stress test shows.)
-    ASSERT_EQ(ask(1, 900, 200), PlayFileCache::kAudioCreated);
+    ASSERT_EQ(ask(1, 900, 200), eClipRead::kAudioCreated);
     EXPECT_EQ(std::pair(request->start, request->count), std::pair(uint64_t(910), 90u));
-    EXPECT_EQ(cache.getSampleCount(sound(c, 1)), 1000u);
+    EXPECT_EQ(media.getSampleCount(sound(c, 1)), 1000u);
 
     testing_support::LogCapture log;
-    EXPECT_EQ(ask(1, 990, 10), PlayFileCache::kAudioPastEnd);
-    EXPECT_EQ(ask(0, 0, 10), PlayFileCache::kNotAvailable);
+    EXPECT_EQ(ask(1, 990, 10), eClipRead::kAudioPastEnd);
+    EXPECT_EQ(ask(0, 0, 10), eClipRead::kNotAvailable);
     EXPECT_EQ(log.lines(),
               (std::vector<std::string>{"Audio Read request failed: The audio read starts past the end of the material\n",
                                         "Audio Read request failed: The material is not available for reading\n"}));
 }
 
 TEST(CodecFrames, ReadsOfCompressedAudioAreWidenedToWholeCodecFrames) {
-    EXPECT_EQ(PlayFileCache::codecFrameReadLength(0, 4096, 1152), 9u * 4096);
-    EXPECT_EQ(PlayFileCache::codecFrameReadLength(0, 4096, 960), 15u * 4096);
-    EXPECT_EQ(PlayFileCache::codecFrameReadLength(0, 4096, 4099), 16u * 4096); // at most 16 blocks
-    EXPECT_EQ(PlayFileCache::codecFrameReadLength(100, 1000, 1024), 1948u); // ends at 2048
-    EXPECT_EQ(PlayFileCache::codecFrameReadLength(48, 1000, 1048), 1000u);  // ends on a boundary
+    EXPECT_EQ(ClipMedia::codecFrameReadLength(0, 4096, 1152), 9u * 4096);
+    EXPECT_EQ(ClipMedia::codecFrameReadLength(0, 4096, 960), 15u * 4096);
+    EXPECT_EQ(ClipMedia::codecFrameReadLength(0, 4096, 4099), 16u * 4096); // at most 16 blocks
+    EXPECT_EQ(ClipMedia::codecFrameReadLength(100, 1000, 1024), 1948u); // ends at 2048
+    EXPECT_EQ(ClipMedia::codecFrameReadLength(48, 1000, 1048), 1000u);  // ends on a boundary
+}
+
+TEST_F(Clips, TheOldNamesForwardAndTheReadsAnswerWithTheNumbersOfTheirResults) {
+    Cookie c = clip("numbers", layout(3, 1, 100), 1);
+    PlayFileCache cache(2, 4);
+    RecordingIssuer issuer;
+    Zn::Ptr<VideoReadRequest> frame;
+    Zn::Ptr<AudioReadRequest> samples;
+    testing_support::LogCapture log; // the failed audio reads log their line
+    const struct {
+        int answer;
+        int expected;
+    } cases[] = {
+        {cache.videoReadRequest(frame, video(c), 1, false, kResultDecoded, DecodeFormat(1), issuer.getProxy()), 0},
+        {cache.videoReadRequest(frame, video(c), 3, false, kResultDecoded, DecodeFormat(1), nullptr), 2000},
+        {cache.audioReadRequest(samples, sound(c, 1), 10, 10, kProxyLevelHighRes, nullptr, true), 1},
+        {cache.audioReadRequest(samples, sound(c, 1), 100, 10, kProxyLevelHighRes, nullptr, true), 2061},
+        {cache.audioReadRequest(samples, sound(c, 0), 10, 10, kProxyLevelHighRes, nullptr, true), 2000},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i].answer, cases[i].expected) << "case " << i;
+    EXPECT_TRUE(issuer.waitForCalls(1));
+    EXPECT_EQ(cache.getSampleCount(video(c)), 3u);
+    EXPECT_EQ(PlayFileCache::codecFrameReadLength(100, 1000, 1024), ClipMedia::codecFrameReadLength(100, 1000, 1024));
+    EXPECT_EQ(PlayUtil::getType(video(c)), OpenType::kVideo);
+    Zn::Ptr<FileReadInstance> direct = PlayUtil::openRead(sound(c, 1), DecodeFormat(1), 0);
+    ASSERT_TRUE(direct);
+    EXPECT_EQ(direct->getMetadata()->getAudioLength(), 100u);
+    EXPECT_NE(direct, cache.isOpen(sound(c, 1), DecodeFormat(1))); // not through the cache
 }
 
 TEST_F(Clips, ClosingAnEditClosesEveryChannelsFileAndTheLibraryReopensAfterExit) {

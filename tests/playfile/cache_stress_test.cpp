@@ -6,6 +6,7 @@
 
 #include "host/os/Log.h"
 #include "playfile/EntryPoints.h"
+#include "playfile/open/ClipMedia.h"
 #include "playfile/requests/AudioReadRequest.h"
 #include "playfile/requests/VideoReadRequest.h"
 #include "support/Threads.h"
@@ -40,6 +41,7 @@ TEST_F(CacheStress, EightThreadsReadTwelveClipsThroughFourIdleFiles) {
     std::vector<Cookie> clips;
     for (int i = 0; i < kClips; ++i) clips.push_back(clip("s" + std::to_string(i), layout(kFrames, 2, kSamples), 2));
     PlayFileCache cache(2, 4);
+    ClipMedia media(cache);
     // Tens of thousands of opens each log a line; the log file keeps them.
     Logging::setConsole(false);
     std::atomic<bool> stop{false};
@@ -55,9 +57,9 @@ TEST_F(CacheStress, EightThreadsReadTwelveClipsThroughFourIdleFiles) {
                 // Frame kFrames is past the end: refused, nothing queued.
                 int frame = int(rng() % (kFrames + 1));
                 Zn::Ptr<VideoReadRequest> r;
-                int rc = cache.videoReadRequest(r, video(c), frame, false, kResultDecoded, DecodeFormat(1), w.getProxy());
-                if (rc != (frame < int(kFrames) ? PlayFileCache::kVideoQueued : PlayFileCache::kNotAvailable)) ++wrong;
-                else if (rc != PlayFileCache::kVideoQueued) continue;
+                eClipRead rc = media.videoReadRequest(r, video(c), frame, kResultDecoded, DecodeFormat(1), w.getProxy());
+                if (rc != (frame < int(kFrames) ? eClipRead::kVideoQueued : eClipRead::kNotAvailable)) ++wrong;
+                else if (rc != eClipRead::kVideoQueued) continue;
                 else if (!w.waitForCalls(1, std::chrono::seconds(20))) ++lost;
                 else if (w.status() != RequestStatus::Complete ||
                          w.buffer()->getSurface(0).plane(0)[5] != pixelOf(frame, 5, 0))
@@ -66,8 +68,8 @@ TEST_F(CacheStress, EightThreadsReadTwelveClipsThroughFourIdleFiles) {
                 unsigned channel = 1 + rng() % 2;
                 uint64_t start = rng() % kSamples;
                 Zn::Ptr<AudioReadRequest> r;
-                if (cache.audioReadRequest(r, sound(c, channel), start, 1 + rng() % 64, kProxyLevelHighRes,
-                                           w.getProxy(), true) != PlayFileCache::kAudioCreated) ++wrong;
+                if (media.audioReadRequest(r, sound(c, channel), start, 1 + rng() % 64, kProxyLevelHighRes,
+                                           w.getProxy(), true) != eClipRead::kAudioCreated) ++wrong;
                 else if (!r->getFile()->queueReadRequest(r, false) || !w.waitForCalls(1, std::chrono::seconds(20))) ++lost;
                 else if (w.status() != RequestStatus::Complete ||
                          reinterpret_cast<const int16_t*>(r->getBuffer())[0] !=
@@ -78,7 +80,7 @@ TEST_F(CacheStress, EightThreadsReadTwelveClipsThroughFourIdleFiles) {
             } else if (pick < 99) {
                 cache.limitUsage();
             } else {
-                cache.close(c, kMediaAll);
+                media.close(c, kMediaAll);
             }
             ++reads;
         }
@@ -129,8 +131,8 @@ TEST_F(CacheStress, FiveHundredClipsPlayWithALowDescriptorLimitAndCloseReleasesE
     for (size_t i = 0; i < clips.size(); ++i) {
         RecordingIssuer w;
         Zn::Ptr<VideoReadRequest> r;
-        ASSERT_EQ(cache.videoReadRequest(r, video(clips[i]), 1, false, kResultDecoded, DecodeFormat(1), w.getProxy()),
-                  PlayFileCache::kVideoQueued)
+        ASSERT_EQ(ClipMedia(cache).videoReadRequest(r, video(clips[i]), 1, kResultDecoded, DecodeFormat(1), w.getProxy()),
+                  eClipRead::kVideoQueued)
             << "clip " << i;
         ASSERT_TRUE(w.waitForCalls(1));
         ASSERT_EQ(w.status(), RequestStatus::Complete);

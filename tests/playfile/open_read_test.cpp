@@ -1,9 +1,9 @@
-// PlayUtil::openRead with real readers in the registry: readers that throw are skipped,
+// ReaderChoice::open with real readers in the registry: readers that throw are skipped,
 // a file is reopened once with the first reader that serves all of the access asked
 // for, what only the first reader found is kept, and the lines logged on the way.
 #include "CacheTestSupport.h"
 
-#include "playfile/open/PlayUtil.h"
+#include "playfile/open/ReaderChoice.h"
 #include "support/LogCapture.h"
 
 #include <gtest/gtest.h>
@@ -26,7 +26,7 @@ TEST_F(OpenRead, AReaderThatThrowsIsSkippedAndTheNextOneOpens) {
     thrower->throws = true;
     auto good = Zn::makePtr<FramePlugin>("good");
     Registered r{thrower, good};
-    EXPECT_TRUE(PlayUtil::openRead(name, DecodeFormat(1), OpenType::kVideo, 0));
+    EXPECT_TRUE(ReaderChoice::open(name, DecodeFormat(1), OpenType::kVideo, 0));
     EXPECT_EQ(log.count("Exception opening \"" + path + "\"\n"), 1u);
     EXPECT_EQ(log.count("Open \"" + path + "\" with good for video\n"), 1u);
 }
@@ -43,7 +43,7 @@ TEST_F(OpenRead, AudioFromAVideoReaderIsReopenedOnceWithTheFirstAudioReaderKeepi
     Registered r{video, audio, later};
 
     // Stream 5 does not exist: the readers are asked with default stream metadata.
-    Zn::Ptr<FileReadInstance> file = PlayUtil::openRead(name, DecodeFormat(1), OpenType::kAudio, 5);
+    Zn::Ptr<FileReadInstance> file = ReaderChoice::open(name, DecodeFormat(1), OpenType::kAudio, 5);
     ASSERT_TRUE(file);
     EXPECT_TRUE(video->sawDefaultStream.load());
     EXPECT_EQ(file->getCapabilities(), uint32_t(OpenType::kAudio));
@@ -61,12 +61,12 @@ TEST_F(OpenRead, AFailedReopenKeepsTheFirstInstanceAndNoReaderAtAllGivesNull) {
     audio->fails = true;
     {
         Registered r{video, audio};
-        Zn::Ptr<FileReadInstance> file = PlayUtil::openRead(name, DecodeFormat(1), OpenType::kAudio, 0);
+        Zn::Ptr<FileReadInstance> file = ReaderChoice::open(name, DecodeFormat(1), OpenType::kAudio, 0);
         ASSERT_TRUE(file);
         EXPECT_EQ(file->getCapabilities(), uint32_t(OpenType::kVideo));
         EXPECT_EQ(log.count("PlayUtil::openRead() : failed to open \"" + path + "\"\n"), 1u);
     }
     log.clear();
-    EXPECT_FALSE(PlayUtil::openRead(name, DecodeFormat(1), OpenType::kVideo, 0));
+    EXPECT_FALSE(ReaderChoice::open(name, DecodeFormat(1), OpenType::kVideo, 0));
     EXPECT_EQ(log.lines(), std::vector<std::string>{"PlayUtil::openRead() : failed to open \"" + path + "\"\n"});
 }

@@ -1,7 +1,8 @@
 // The play file cache by file name, with real readers in the registry: failures
 // remembered until reOpen or a product change, eviction of the least recently used idle
 // file only, files held by requests surviving purge, one open per file however many
-// threads ask, different files opened in parallel, and limits fixed at first use.
+// threads ask, different files opened in parallel (and each trimming before it adds),
+// and limits fixed at first use.
 #include "CacheTestSupport.h"
 
 #include "host/os/Config.h"
@@ -144,6 +145,21 @@ TEST_F(Cache, AFileIsOpenedOnceHoweverManyThreadsAskAndDifferentFilesOpenInParal
     plugin->gate.open();
     for (auto& t : threads) t.join();
     EXPECT_EQ(plugin->opens.load(), 4);
+}
+
+TEST_F(Cache, OpensUnderWayAtOnceEachTrimBeforeAddingSoTheCacheMayEndThatManyOverItsMaximum) {
+    for (int i = 0; i < 4; ++i) ASSERT_TRUE(open(file("idle" + std::to_string(i) + ".frames")));
+    ASSERT_EQ(cache.openFileCount(), cache.getMaxSize());
+    plugin->gate.close();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i)
+        threads.emplace_back([&, name = file("new" + std::to_string(i) + ".frames")] { EXPECT_TRUE(open(name)); });
+    ASSERT_TRUE(plugin->gate.waitForWaiters(3)); // all three have trimmed and are opening
+    plugin->gate.open();
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(cache.openFileCount(), cache.getMaxSize() + 3);
+    EXPECT_TRUE(open(file("later.frames"))); // the next open trims again
+    EXPECT_EQ(cache.openFileCount(), cache.getMaxSize() + 1);
 }
 
 TEST(CacheLimits, AValueChangedAfterTheFirstUseOfTheSharedCacheIsNotSeen) {

@@ -1,4 +1,4 @@
-#include "playfile/open/PlayUtil.h"
+#include "playfile/open/ReaderChoice.h"
 
 #include "host/core/Strings.h"
 #include "host/media/AudioMetadata.h"
@@ -6,13 +6,9 @@
 #include "host/os/FileManager.h"
 #include "host/os/Log.h"
 #include "host/os/OS.h"
-#include "host/project/Edit.h"
-#include "host/project/EditManager.h"
-#include "host/project/EditModifier.h"
 #include "host/project/SystemCache.h"
 #include "host/threads/TimedTask.h"
 #include "playfile/open/FileReadInstance.h"
-#include "playfile/open/PlayFileCache.h"
 
 #include <algorithm>
 #include <exception>
@@ -92,12 +88,12 @@ Zn::iFileReader::Opened Zn::iFileReader::openFile(const DecodeFormat& format, co
     return opened;
 }
 
-Zn::Ptr<FileReadInstance> PlayUtil::openRead(const WString& fileName, const DecodeFormat& format, OpenType type,
+Zn::Ptr<FileReadInstance> ReaderChoice::open(const WString& fileName, const DecodeFormat& format, OpenType type,
                                              unsigned streamIndex) {
-    return openReadChecked(fileName, format, type, streamIndex).file;
+    return openChecked(fileName, format, type, streamIndex).file;
 }
 
-Zn::iFileReader::Opened PlayUtil::openReadChecked(const WString& fileName, const DecodeFormat& format, OpenType type,
+Zn::iFileReader::Opened ReaderChoice::openChecked(const WString& fileName, const DecodeFormat& format, OpenType type,
                                                   unsigned streamIndex) {
     TimedActivity activity(Zn::Ptr<TimedTask>(&openTask()), "openRead");
     const WString mounted = OS()->fileManager()->mapMountedName(fileName);
@@ -158,45 +154,14 @@ Zn::iFileReader::Opened PlayUtil::openReadChecked(const WString& fileName, const
     return {chosen, eOpenOutcome::kOpened};
 }
 
-Zn::Ptr<FileReadInstance> PlayUtil::openRead(const Cookie& material, const DecodeFormat& format, unsigned streamIndex) {
-    return openRead(SystemCache::findFileForCookie(material), format, getType(material), streamIndex);
+Zn::Ptr<FileReadInstance> ReaderChoice::open(const Cookie& material, const DecodeFormat& format, unsigned streamIndex) {
+    return open(SystemCache::findFileForCookie(material), format, typeOf(material), streamIndex);
 }
 
-OpenType PlayUtil::getType(const Cookie& cookie) {
-    switch (cookie.type()) {
+OpenType ReaderChoice::typeOf(const Cookie& material) {
+    switch (material.type()) {
     case 'S': return OpenType::kAudio;
     case 'V': return OpenType::kVideo;
     default: return OpenType::kNone;
     }
-}
-
-bool PlayUtil::checkImageData(const Cookie& cookie, const PlayFileMetadataRep&) {
-    EditPtr edit;
-    edit.i_open(convertCookie(cookie, 'E', Cookie::kNoIndex));
-    edit.i_close();
-    return false;
-}
-
-bool PlayUtil::checkAudioMetadata(const Cookie& cookie) {
-    EditPtr edit;
-    if (!edit.i_open(cookie) || !edit->isImported()) return false;
-    Zn::Ptr<FileReadInstance> file =
-        PlayFileCache::Shared().open(convertCookie(cookie, 'S', 1), DecodeFormat::getDefault(), 0);
-    if (file && file->getMetadata()->getAudioStreamCount() > 0) {
-        {
-            EditModifier modifier(edit);
-            edit->setAudioMetadata(Aud::metadataToText(file->getMetadata()->getAudioMetadata()));
-        }
-        EditManager::updateProjdbRec(*edit);
-    }
-    return true;
-}
-
-void PlayUtil::get_total_size(const Cookie& material, size_t* total) {
-    WString name = SystemCache::findFileForCookie(material);
-    if (name.empty() || !total) return;
-    iFileManager* files = OS()->fileManager();
-    if (!files->fileExists(name)) return;
-    int64_t size = files->fileSize(name);
-    if (size > 0) *total += size_t(size);
 }

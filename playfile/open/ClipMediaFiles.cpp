@@ -1,10 +1,9 @@
-// Creating, writing, deleting and renaming play files: PlayUtil::openWrite and the sample
-// writers, PlayFileCache::create and the renames, PlayUtil::deletePlayFile and
-// delete_material_files. Every file that is deleted or renamed is closed in the play file
-// cache first, so that no reader keeps it open underneath.
+// Creating and renaming a clip's material files (ClipMedia::create, renameMediaFiles).
+// Every file that is renamed is closed in the play file cache first, so that no reader
+// keeps it open underneath.
+#include "playfile/open/ClipMedia.h"
+
 #include "host/core/Strings.h"
-#include "host/media/CapturePacket.h"
-#include "host/media/FileWriterInfo.h"
 #include "host/os/FileManager.h"
 #include "host/os/Log.h"
 #include "host/os/OS.h"
@@ -12,25 +11,15 @@
 #include "host/project/MaterialFilename.h"
 #include "host/project/MaterialInfo.h"
 #include "host/project/SystemCache.h"
-#include "playfile/Configuration.h"
 #include "playfile/header/PlayHeader.h"
 #include "playfile/header/PlayPriv.h"
 #include "playfile/open/PlayFileCache.h"
-#include "playfile/open/PlayUtil.h"
+#include "playfile/open/PlayFileWriter.h"
 
 #include <map>
 #include <string>
 
 namespace {
-
-// The back-pressure rule of the sample writer: wait while more than this many frames are
-// pending in the writer...
-constexpr unsigned kMaxPendingFrames = 32;
-// ...in steps of this long...
-constexpr unsigned kPendingWaitMs = 100;
-// ...for at most this many steps less one (the count is decremented before each wait and
-// reaching 0 gives up, so a writer gets 49 waits, about 4.9 seconds).
-constexpr int kPendingWaitCount = 50;
 
 // The name a new material file gets, without its extension: the cookie's name on the
 // drive that takes rendered (and captured) material.
@@ -57,27 +46,13 @@ WString replaced(const WString& in, const WString& what, const WString& with) {
 
 } // namespace
 
-Zn::Ptr<Zn::FileWriteInstance> PlayUtil::openWrite(const WString& fileName, Zn::FileWriterParams& params) {
-    Zn::Ptr<Zn::iFileWriter> writer = Zn::FileWriterInfo::getFileWriterFor(params);
-    if (!writer) return nullptr;
-    Zn::Ptr<Zn::FileWriteInstance> out;
-    // A back-end that throws is a broken back-end, not a reason to take the host down.
-    try {
-        if (writer->create(fileName, params, out) != 1) return nullptr;
-    } catch (const std::exception& e) {
-        LogBoth("PlayUtil::openWrite: writer %s failed: %s\n", writer->name().c_str(), e.what());
-        return nullptr;
-    }
-    return out;
-}
-
-Zn::Ptr<Zn::FileWriteInstance> PlayFileCache::create(const Cookie& cookie, Zn::FileWriterParams& params) {
+Zn::Ptr<Zn::FileWriteInstance> ClipMedia::create(const Cookie& cookie, Zn::FileWriterParams& params) {
     WString name = materialFilenameFor(cookie).getOsPath();
     std::vector<WString> extensions = Zn::FileWriterInfo::getExtensionsForFormat(params);
     if (!name.empty() && !extensions.empty()) name = name + L"." + extensions.front();
 
     // Without a drive to put it on there is no name, and nothing is created.
-    Zn::Ptr<Zn::FileWriteInstance> writer = name.empty() ? nullptr : PlayUtil::openWrite(name, params);
+    Zn::Ptr<Zn::FileWriteInstance> writer = name.empty() ? nullptr : PlayFileWriter::open(name, params);
     if (!writer) {
         Log("PlayFile[%s]::create: *** Unable to create material file (%s) ***\n", cookie.asString().c_str(),
             toUTF8(name).c_str());
@@ -113,87 +88,7 @@ Zn::Ptr<Zn::FileWriteInstance> PlayFileCache::create(const Cookie& cookie, Zn::F
     return writer;
 }
 
-int PlayUtil::ZnVideoSample_write(Zn::Ptr<Zn::FileWriteInstance>& writer, int sampleId, Zn::Ptr<CapturePacket>& packet,
-                                  void (*done)(RequestStatus)) {
-    if (!writer || !packet) return 0;
-    auto& written = writer->getMetadata().framesWritten;
-    if (uint32_t(sampleId) != written.load() || sampleId < 0) {
-        LogBoth("Bad sample ID %d\n", sampleId);
-        return 0;
-    }
-    for (int waits = kPendingWaitCount; writer->pendingFrames() > kMaxPendingFrames;) {
-        if (--waits == 0) {
-            if (done) done(RequestStatus::Failed);
-            LogBoth("Failed to write sample %d\n", sampleId);
-            return 0;
-        }
-        OS()->sleep(kPendingWaitMs);
-    }
-    const bool surfaces = writer->takesSurfaces();
-    int rc = surfaces ? writer->writeSurface(packet->getImage(), sampleId)
-                      : writer->writeFrame(packet->getImage(), sampleId);
-    if (rc != 1) {
-        if (!surfaces) writer->abandonFrame();
-        if (done) done(RequestStatus::Failed);
-        LogBoth("Failed to write sample %d\n", sampleId);
-        return rc;
-    }
-    if (done) done(RequestStatus::Complete);
-    written.fetch_add(1);
-    return 1;
-}
-
-int PlayUtil::ZnAudioSamples_write(Zn::Ptr<Zn::FileWriteInstance>& writer, Zn::Ptr<iMemHolder>& samples,
-                                   void (*done)(RequestStatus)) {
-    if (!writer) return 0;
-    int rc = writer->writeAudio(samples, done);
-    if (rc == 1) {
-        auto& meta = writer->getMetadata();
-        const uint64_t frameBytes = uint64_t(meta.audioStream.getBytesPerSample()) * meta.audioStream.getNumChannels();
-        if (frameBytes && samples) meta.audioFramesWritten.fetch_add(samples->getUsed() / frameBytes);
-    }
-    return rc;
-}
-
-int PlayUtil::deletePlayFile(const Cookie& cookie, eMediaTypes types) {
-    Zn::Ptr<FsysDirectoryEntry> entry = SystemCache::findEntryForCookie(cookie);
-    if (!entry) {
-        LogBoth("PlayFile[%s]::delete: *** Material not available ***\n", cookie.asString().c_str());
-        return 0;
-    }
-    std::vector<WString> files;
-    if (types == kMediaProxy || types == kMediaAll)
-        for (const MediaFileInfo& proxy : entry->getProxyFiles()) files.push_back(proxy.getPhysicalFilename(false));
-    if (types != kMediaProxy && entry->hasFile()) files.push_back(entry->getPhysicalFilename(false));
-    for (const WString& f : files) PlayFileCache::Shared().remove(f);
-
-    WString reason;
-    int rc = SystemCache::removeFile(cookie, nullptr, types, &reason);
-    if (rc != 1)
-        LogBoth("PlayFile[%s]::delete: *** Unable to delete material file ***, %s\n", cookie.asString().c_str(),
-                toUTF8(reason).c_str());
-    // A sound file's derived data in this host is its header, which removeFile deletes with
-    // the file (the project's copy and the sidecar); decoded audio lives only in the open
-    // instance, closed above. So there is nothing further to drop for 'S'.
-    return rc;
-}
-
-int PlayUtil::delete_material_files(Cookie cookie, eMediaTypes types) {
-    int result = 1;
-    auto deleteIfKnown = [&](const Cookie& material) {
-        if (!SystemCache::fileExists(material)) return;
-        int rc = deletePlayFile(material, types);
-        if (rc != 1) result = rc; // the last failure is the one reported
-    };
-    for (unsigned variant = 0; variant < 24; ++variant) deleteIfKnown(convertCookie(cookie, 'V', uint8_t(variant)));
-    const int channels = PlayfileConfig::maxAudioChansInShot();
-    if (channels < 1) return result;
-    for (int channel = 1; channel <= channels && channel < Cookie::kNoIndex; ++channel)
-        deleteIfKnown(convertCookie(cookie, 'S', uint8_t(channel)));
-    return result;
-}
-
-int PlayFileCache::renameMediaFiles(const Cookie& from, const Cookie& to) {
+int ClipMedia::renameMediaFiles(const Cookie& from, const Cookie& to) {
     std::vector<ClipMediaFile> files = SystemCache::getClipMediaFiles(from);
     // What goes with a material besides its files: its header and start offset. Taken
     // before the first file moves, because removing a material's last file drops them.
@@ -215,7 +110,7 @@ int PlayFileCache::renameMediaFiles(const Cookie& from, const Cookie& to) {
         const Cookie target = convertCookie(to, f.cookie.type(), f.cookie.index());
         MediaFileInfo& info = f.file;
         const MediaFileInfo old = info;
-        remove(info.getPhysicalFilename(false));
+        cache_.remove(info.getPhysicalFilename(false));
 
         const MaterialFilename& oldName = info.getMaterialFilename();
         MaterialFilename newName(oldName.getDrive(), replaced(oldName.getPath(), f.cookie.asWString(),
@@ -254,5 +149,3 @@ int PlayFileCache::renameMediaFiles(const Cookie& from, const Cookie& to) {
     }
     return result;
 }
-
-int PlayFileCache::renameMediaFile(const Cookie& from, const Cookie& to) { return renameMediaFiles(from, to); }
