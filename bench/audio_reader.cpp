@@ -74,7 +74,7 @@ public:
 
 protected:
     eResult readAudioSamples(uint32_t, uint64_t position, uint32_t samples, uint8_t* into,
-                         uint32_t& delivered) override {
+                             uint32_t& delivered) override {
         ssize_t got =
             ::pread(fd_, into, size_t(samples) * kFrame, off_t(kHeader + position * kFrame));
         delivered = got > 0 ? uint32_t(got / kFrame) : 0;

@@ -127,7 +127,8 @@ bool piecesOf(const Cookie& clip, const Cookie& target, std::vector<Piece>& out,
             return (error = "the clip's frame rate is not one the project knows", false);
         out.push_back(p);
     }
-    if (channels) out.push_back(Piece{convertCookie(clip, 'S', 1), convertCookie(target, 'S', 1), {}});
+    if (channels)
+        out.push_back(Piece{convertCookie(clip, 'S', 1), convertCookie(target, 'S', 1), {}});
     if (out.empty()) error = "the clip has no material files to extract from";
     return !out.empty();
 }

@@ -32,7 +32,7 @@ int run(const std::vector<std::string>& args) {
     if (!scope.open(o.value("--project"), false, error)) return fail(kFailure, "reveal: " + error);
     Cookie item;
     if (!findItem(o.positional()[0], item, error)) return fail(kUsage, "reveal: " + error);
-    if (MaterialManager::revealFilesInOS(item) != 1)
+    if (MaterialManager::revealFilesInOS(item) != MaterialManager::kShown)
         return fail(kFailure, "reveal: none of the files of " + o.positional()[0] + " exists");
     return kOk;
 }

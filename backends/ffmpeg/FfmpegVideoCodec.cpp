@@ -58,15 +58,15 @@ public:
     String name() const override { return name_; }
 
 protected:
-    int decode(Zn::Ptr<FrameBufferRep>& buffer) override {
+    eDecodeResult decode(Zn::Ptr<FrameBufferRep>& buffer) override {
         Result<FramePtr> picture;
         if (auto* held = dynamic_cast<PacketHolder*>(buffer->getCompressedMemory(0).get()))
             picture = decoder_->decode(held->packet());
         else
             picture = decoder_->decode(buffer->getCompressedData(0), buffer->getCompressedSize(0));
-        if (!picture) return 0;
+        if (!picture) return kDecodeFailed;
         ++picturesDecoded;
-        return deliver(*picture.value, buffer, surfaces_) ? 1 : 0;
+        return deliver(*picture.value, buffer, surfaces_) ? kDecoded : kDecodeFailed;
     }
 
 public:
@@ -91,14 +91,14 @@ public:
     String name() const override { return "FFmpeg raw"; }
 
 protected:
-    int decode(Zn::Ptr<FrameBufferRep>& buffer) override {
+    eDecodeResult decode(Zn::Ptr<FrameBufferRep>& buffer) override {
         const VideoDecompressionInfo& info = buffer->getVideoDecompressionInfo();
         const Zn::Image::eDataFormat format = info.core.getDataFormat();
         const uint32_t w = info.core.getWidth(), h = info.core.getHeight();
         uint8_t* data = buffer->getCompressedData(0);
-        if (!data || buffer->getCompressedSize(0) < Zn::Image::frameBytes(format, w, h)) return 0;
+        if (!data || buffer->getCompressedSize(0) < Zn::Image::frameBytes(format, w, h)) return kDecodeFailed;
         FramePtr picture = newFrame();
-        if (!picture) return 0;
+        if (!picture) return kDecodeFailed;
         picture->format = avFormatOf(format);
         picture->width = int(w);
         picture->height = int(h);
@@ -114,7 +114,7 @@ protected:
                                : meta.colourRange == Zn::Image::kColourRangeLimited ? AVCOL_RANGE_MPEG
                                                                                      : AVCOL_RANGE_UNSPECIFIED;
         ++picturesDecoded;
-        return PacketDecoder::deliver(*picture, buffer, surfaces_) ? 1 : 0;
+        return PacketDecoder::deliver(*picture, buffer, surfaces_) ? kDecoded : kDecodeFailed;
     }
 
 private:

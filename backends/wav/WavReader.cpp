@@ -73,8 +73,8 @@ WavReadInstance::WavReadInstance(const WString& fileName, const DecodeFormat& fo
 
 WavReadInstance::~WavReadInstance() { ::close(fd_); }
 
-backend::Result<Zn::Ptr<WavReadInstance>> WavReadInstance::open(const DecodeFormat& format, const WString& fileName,
-                                                                OpenType type) {
+backend::Result<Zn::Ptr<WavReadInstance>>
+WavReadInstance::open(const DecodeFormat& format, const WString& fileName, OpenType type) {
     using Opened = backend::Result<Zn::Ptr<WavReadInstance>>;
     const int fd = ::open(toUTF8(fileName).c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
@@ -93,7 +93,8 @@ backend::Result<Zn::Ptr<WavReadInstance>> WavReadInstance::open(const DecodeForm
         ::close(fd);
         return Opened::fail(error);
     }
-    return Opened::ok(Zn::Ptr<WavReadInstance>(new WavReadInstance(fileName, format, type, fd, info)));
+    return Opened::ok(
+        Zn::Ptr<WavReadInstance>(new WavReadInstance(fileName, format, type, fd, info)));
 }
 
 uint64_t WavReadInstance::availableFrames() const {
@@ -112,8 +113,9 @@ int64_t WavReadInstance::readSamples(uint64_t position, uint32_t count, uint8_t*
 
 void WavReadInstance::readAudio(Zn::Ptr<AudioReadRequest>& request) { Zn::AudioReader::readAudio(request); }
 
-Zn::AudioReader::eResult WavReadInstance::readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
-                                      uint32_t& delivered) {
+Zn::AudioReader::eResult WavReadInstance::readAudioSamples(uint32_t stream, uint64_t position,
+                                                           uint32_t samples, uint8_t* into,
+                                                           uint32_t& delivered) {
     delivered = 0;
     if (stream != 0) return kFailed;
     const int64_t got = readSamples(position, samples, into);

@@ -23,8 +23,8 @@ class WavReadInstance : public FileReadInstance, public Zn::AudioReader {
 public:
     // Opens the file; fails with a reason when it is not a WAVE file this reader reads,
     // and with the errno as cause when the system failed rather than the file.
-    static backend::Result<Zn::Ptr<WavReadInstance>> open(const DecodeFormat& format, const WString& fileName,
-                                                          OpenType type);
+    static backend::Result<Zn::Ptr<WavReadInstance>> open(const DecodeFormat& format,
+                                                          const WString& fileName, OpenType type);
     ~WavReadInstance() override;
 
     String getReaderName() const override { return "WAV"; }
@@ -40,7 +40,7 @@ public:
 
 protected:
     eResult readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
-                         uint32_t& delivered) override;
+                             uint32_t& delivered) override;
 
 private:
     WavReadInstance(const WString& fileName, const DecodeFormat& format, OpenType type, int fd, const Info& info);

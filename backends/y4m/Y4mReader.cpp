@@ -171,8 +171,8 @@ Y4mReadInstance::Y4mReadInstance(const WString& fileName, const DecodeFormat& fo
 
 Y4mReadInstance::~Y4mReadInstance() { ::close(fd_); }
 
-backend::Result<Zn::Ptr<Y4mReadInstance>> Y4mReadInstance::open(const DecodeFormat& format, const WString& fileName,
-                                                                OpenType type) {
+backend::Result<Zn::Ptr<Y4mReadInstance>>
+Y4mReadInstance::open(const DecodeFormat& format, const WString& fileName, OpenType type) {
     using Opened = backend::Result<Zn::Ptr<Y4mReadInstance>>;
     const std::string path = toUTF8(fileName).c_str();
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -200,10 +200,12 @@ backend::Result<Zn::Ptr<Y4mReadInstance>> Y4mReadInstance::open(const DecodeForm
         return Opened::fail(error);
     }
     ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-    return Opened::ok(Zn::Ptr<Y4mReadInstance>(new Y4mReadInstance(fileName, format, type, fd, h, std::move(offsets))));
+    return Opened::ok(Zn::Ptr<Y4mReadInstance>(
+        new Y4mReadInstance(fileName, format, type, fd, h, std::move(offsets))));
 }
 
-FileReadInstance::eReadResult Y4mReadInstance::readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request) {
+FileReadInstance::eReadResult Y4mReadInstance::readVideo(Zn::Ptr<FrameBufferRep>& buffer,
+                                                         Zn::Ptr<VideoReadRequest>& request) {
     const uint32_t frame = request->getFrame();
     if (frame >= offsets_.size()) return kReadFailed;
     const uint64_t bytes = header_.frameBytes();

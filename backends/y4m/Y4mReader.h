@@ -26,12 +26,13 @@ public:
     // Opens and indexes the file; fails with a reason when it is not a Y4M stream, its
     // header is absurd, or it holds no complete frame, and with the errno as cause when
     // the system failed rather than the file.
-    static backend::Result<Zn::Ptr<Y4mReadInstance>> open(const DecodeFormat& format, const WString& fileName,
-                                                          OpenType type);
+    static backend::Result<Zn::Ptr<Y4mReadInstance>> open(const DecodeFormat& format,
+                                                          const WString& fileName, OpenType type);
     ~Y4mReadInstance() override;
 
     String getReaderName() const override { return "Y4M"; }
-    eReadResult readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request) override;
+    eReadResult readVideo(Zn::Ptr<FrameBufferRep>& buffer,
+                          Zn::Ptr<VideoReadRequest>& request) override;
     using FileReadInstance::readVideo;
 
     const StreamHeader& header() const { return header_; }

@@ -6,7 +6,8 @@
 
 namespace Zn {
 
-eAudioResult AudioCodecInstance::decodeAudioStream(const uint8_t* data, uint32_t size, uint32_t& samples) {
+eAudioResult AudioCodecInstance::decodeAudioStream(const uint8_t* data, uint32_t size,
+                                                   uint32_t& samples) {
     samples = 0;
     try {
         return decode(data, size, samples);

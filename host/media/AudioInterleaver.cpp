@@ -179,14 +179,14 @@ void setCounts(Aud::StreamBufferList& out, const Aud::Metadata& stream, uint32_t
 
 } // namespace
 
-int AudioInterleaver::deinterleaveInto(const Aud::Metadata& stream, const iMemHolder& interleaved,
-                                       Aud::StreamBufferList& out) {
+bool AudioInterleaver::deinterleaveInto(const Aud::Metadata& stream, const iMemHolder& interleaved,
+                                        Aud::StreamBufferList& out) {
     const uint32_t n = stream.getNumChannels();
     const uint32_t b = stream.getBytesPerSample();
-    if (!n || !b || out.size() != n) return 0;
+    if (!n || !b || out.size() != n) return false;
     const uint32_t samples = interleaved.getUsed() / (n * b);
     for (const Aud::StreamBuffer& buffer : out)
-        if (!buffer.getMemory() || buffer.getMemory()->getSize() < samples * b) return 0;
+        if (!buffer.getMemory() || buffer.getMemory()->getSize() < samples * b) return false;
     Destinations dst(n);
     for (uint32_t c = 0; c < n; ++c) {
         Aud::StreamBuffer& buffer = out[c];
@@ -196,15 +196,15 @@ int AudioInterleaver::deinterleaveInto(const Aud::Metadata& stream, const iMemHo
     }
     deinterleave(interleaved.getBuffer(), n, b, samples, dst.data());
     setCounts(out, stream, samples);
-    return 1;
+    return true;
 }
 
-int AudioInterleaver::deinterleaveAudio(const Aud::Metadata& stream,
-                                        const Zn::Ptr<iMemHolder>& interleaved,
-                                        Aud::StreamBufferList& out) {
+bool AudioInterleaver::deinterleaveAudio(const Aud::Metadata& stream,
+                                         const Zn::Ptr<iMemHolder>& interleaved,
+                                         Aud::StreamBufferList& out) {
     const uint32_t n = stream.getNumChannels();
     const uint32_t b = stream.getBytesPerSample();
-    if (!n || !b || !interleaved) return 0;
+    if (!n || !b || !interleaved) return false;
     const uint32_t samples = interleaved->getUsed() / (n * b);
 
     Destinations dst(n);
@@ -220,5 +220,5 @@ int AudioInterleaver::deinterleaveAudio(const Aud::Metadata& stream,
     for (const Aud::StreamBuffer& buffer : made)
         out.add(buffer);
     setCounts(out, stream, samples);
-    return 1;
+    return true;
 }

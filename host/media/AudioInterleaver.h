@@ -16,18 +16,18 @@ public:
     // channels x bytes per sample; a trailing part sample is ignored) into one new buffer
     // per channel, appended to out in channel order. Each buffer holds one channel, its
     // capacity and sample count being the number of samples; the list's sample count,
-    // rate and bytes per sample are set from the stream. Answers 1, or 0 (out unchanged)
+    // rate and bytes per sample are set from the stream. False (out unchanged)
     // when the stream has no channels or no sample width, or there is no memory.
-    static int deinterleaveAudio(const Aud::Metadata& stream,
-                                 const Zn::Ptr<iMemHolder>& interleaved,
-                                 Aud::StreamBufferList& out);
+    static bool deinterleaveAudio(const Aud::Metadata& stream,
+                                  const Zn::Ptr<iMemHolder>& interleaved,
+                                  Aud::StreamBufferList& out);
 
     // The same into buffers made before, one per channel with room for the samples
     // (memory of at least samples x bytes per sample bytes), whose memory is written
     // again: their used bytes, capacities and sample counts are set as deinterleaveAudio
-    // sets them. Answers 0, changing nothing, when the list does not fit the stream.
-    static int deinterleaveInto(const Aud::Metadata& stream, const iMemHolder& interleaved,
-                                Aud::StreamBufferList& out);
+    // sets them. False, changing nothing, when the list does not fit the stream.
+    static bool deinterleaveInto(const Aud::Metadata& stream, const iMemHolder& interleaved,
+                                 Aud::StreamBufferList& out);
 
     // The loop itself: samples positions of channels interleaved channels of
     // bytesPerSample bytes each, from src into dst[0..channels-1]. The destinations must

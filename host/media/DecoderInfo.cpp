@@ -7,19 +7,19 @@
 
 namespace Zn {
 
-int iDecoder::decodeFrame(Zn::Ptr<FrameBufferRep>& buffer) {
-    if (!buffer) return 0;
-    int rc;
+iDecoder::eDecodeResult iDecoder::decodeFrame(Zn::Ptr<FrameBufferRep>& buffer) {
+    if (!buffer) return kDecodeFailed;
+    eDecodeResult rc;
     try {
         rc = decode(buffer);
     } catch (const std::exception& e) {
         LogBoth("Decoder %s failed: %s\n", name().c_str(), e.what());
-        return 0;
+        return kDecodeFailed;
     } catch (...) {
         LogBoth("Decoder %s failed\n", name().c_str());
-        return 0;
+        return kDecodeFailed;
     }
-    if (rc == 1 && buffer->getDecompressionState() != FrameBufferRep::kDecompressed)
+    if (rc == kDecoded && buffer->getDecompressionState() != FrameBufferRep::kDecompressed)
         buffer->setDecompressComplete(FrameBufferRep::kDecompressed);
     return rc;
 }

@@ -17,17 +17,22 @@ namespace Zn {
 // never called on one instance from two threads at once.
 class iDecoder : public iObject {
 public:
+    // What a decode answers. A decoder may answer a failure number of its own.
+    enum class eDecodeResult : int { kDecodeFailed = 0, kDecoded = 1 };
+    using enum eDecodeResult;
+
     virtual String name() const = 0;
 
     // Decodes the data of the buffer's first frame into a picture in the buffer's format
     // (the file's native form when its core data is not set) and stores it as surface 0.
-    // Answers 1 on success; then the buffer is marked kDecompressed if the decoder did not
-    // do so itself. An exception from the decoder is logged and answers 0.
-    int decodeFrame(Zn::Ptr<FrameBufferRep>& buffer);
+    // Answers kDecoded on success; then the buffer is marked kDecompressed if the decoder
+    // did not do so itself. An exception from the decoder is logged and answers
+    // kDecodeFailed.
+    eDecodeResult decodeFrame(Zn::Ptr<FrameBufferRep>& buffer);
 
 protected:
-    // The back-end's decode: 1 on success, anything else on failure.
-    virtual int decode(Zn::Ptr<FrameBufferRep>& buffer) = 0;
+    // The back-end's decode: kDecoded on success, anything else on failure.
+    virtual eDecodeResult decode(Zn::Ptr<FrameBufferRep>& buffer) = 0;
 };
 
 class iDecoderFactory : public iObject {

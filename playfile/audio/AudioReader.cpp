@@ -83,7 +83,7 @@ bool AudioReader::answerWithSilence(AudioReadRequest& r) {
 AudioReader::eResult AudioReader::readPlain(Zn::Ptr<AudioReadRequest>& request, uint32_t s) {
     Zn::Ptr<ByteBufferImpl> interleaved;
     eResult code = readsAudioByVideoSamples() ? readAudioByVideoSamples(interleaved, request)
-                                          : readAudioByAudioSamples(interleaved, request);
+                                              : readAudioByAudioSamples(interleaved, request);
     if (!succeeded(code)) return code;
     if (!interleaved) return kFailed;
     // The stream's previous block is written again when nothing but the cache uses it:
@@ -94,10 +94,10 @@ AudioReader::eResult AudioReader::readPlain(Zn::Ptr<AudioReadRequest>& request, 
     const bool reused =
         perSample &&
         reclaimBuffers(s, interleaved->getUsed() / perSample * m.getBytesPerSample(), buffers) &&
-        AudioInterleaver::deinterleaveInto(m, *interleaved, buffers) == 1;
+        AudioInterleaver::deinterleaveInto(m, *interleaved, buffers);
     if (!reused) {
         buffers.clear();
-        if (AudioInterleaver::deinterleaveAudio(m, interleaved, buffers) != 1) return kFailed;
+        if (!AudioInterleaver::deinterleaveAudio(m, interleaved, buffers)) return kFailed;
     }
     interleaved.reset(); // the channels have their own copies now
     addBuffers(s, request->start, std::move(buffers));
@@ -106,7 +106,7 @@ AudioReader::eResult AudioReader::readPlain(Zn::Ptr<AudioReadRequest>& request, 
 }
 
 AudioReader::eResult AudioReader::readAudioByAudioSamples(Zn::Ptr<ByteBufferImpl>& buffer,
-                                         Zn::Ptr<AudioReadRequest>& request) {
+                                                          Zn::Ptr<AudioReadRequest>& request) {
     CriticalSection::Lock guard(getLock());
     const AudioReadRequest& r = *request;
     if (r.stream >= metadata_.size()) return kFailed;
@@ -143,11 +143,13 @@ AudioReader::eResult AudioReader::readAudioByAudioSamples(Zn::Ptr<ByteBufferImpl
     return code;
 }
 
-AudioReader::eResult AudioReader::readAudioByVideoSamples(Zn::Ptr<ByteBufferImpl>&, Zn::Ptr<AudioReadRequest>&) {
+AudioReader::eResult AudioReader::readAudioByVideoSamples(Zn::Ptr<ByteBufferImpl>&,
+                                                          Zn::Ptr<AudioReadRequest>&) {
     return kFailed;
 }
 
-AudioReader::eResult AudioReader::readAudioSamples(uint32_t, uint64_t, uint32_t, uint8_t*, uint32_t& delivered) {
+AudioReader::eResult AudioReader::readAudioSamples(uint32_t, uint64_t, uint32_t, uint8_t*,
+                                                   uint32_t& delivered) {
     delivered = 0;
     return kFailed;
 }
@@ -187,7 +189,7 @@ void AudioReader::createOutputBuffers(unsigned int blocks, const Aud::Metadata& 
 }
 
 AudioReader::eResult AudioReader::readCompressed(Zn::Ptr<AudioReadRequest>& request, uint32_t s,
-                                const Zn::Ptr<AudioCodecInstance>& codec) {
+                                                 const Zn::Ptr<AudioCodecInstance>& codec) {
     const Aud::Metadata& m = metadata_[s];
     const uint32_t perBlock = m.getSamplesPerBlock();
     if (!perBlock || !m.getNumChannels()) return kFailed;
@@ -201,8 +203,8 @@ AudioReader::eResult AudioReader::readCompressed(Zn::Ptr<AudioReadRequest>& requ
     Aud::StreamBufferList buffers;
     createOutputBuffers(unsigned((uint64_t(r.count) + delay) / perBlock + 3), m, buffers);
     const eResult code = codec->producesInterleaved()
-                         ? readCompressedAudioInterleaved(firstBlock, buffers, request)
-                         : readCompressedAudio(firstBlock, buffers, request);
+                             ? readCompressedAudioInterleaved(firstBlock, buffers, request)
+                             : readCompressedAudio(firstBlock, buffers, request);
     const int64_t start = std::exchange(storeFrom_, kStoreNothing);
     if (code != kSuccess) return code;
     addBuffers(s, uint64_t(start), std::move(buffers));
@@ -210,14 +212,16 @@ AudioReader::eResult AudioReader::readCompressed(Zn::Ptr<AudioReadRequest>& requ
     return kSuccess;
 }
 
-AudioReader::eResult AudioReader::readCompressedAudio(uint64_t firstBlock, Aud::StreamBufferList& buffers,
-                                     Zn::Ptr<AudioReadRequest>& request) {
+AudioReader::eResult AudioReader::readCompressedAudio(uint64_t firstBlock,
+                                                      Aud::StreamBufferList& buffers,
+                                                      Zn::Ptr<AudioReadRequest>& request) {
     CriticalSection::Lock guard(getLock());
     return decodeBlocks(firstBlock, buffers, *request, false);
 }
 
-AudioReader::eResult AudioReader::readCompressedAudioInterleaved(uint64_t firstBlock, Aud::StreamBufferList& buffers,
-                                                Zn::Ptr<AudioReadRequest>& request) {
+AudioReader::eResult
+AudioReader::readCompressedAudioInterleaved(uint64_t firstBlock, Aud::StreamBufferList& buffers,
+                                            Zn::Ptr<AudioReadRequest>& request) {
     CriticalSection::Lock guard(getLock());
     return decodeBlocks(firstBlock, buffers, *request, true);
 }
@@ -263,7 +267,7 @@ void clearBuffers(Aud::StreamBufferList& buffers) {
 } // namespace
 
 AudioReader::eResult AudioReader::decodeBlocks(uint64_t firstBlock, Aud::StreamBufferList& buffers,
-                              AudioReadRequest& r, bool interleaved) {
+                                               AudioReadRequest& r, bool interleaved) {
     const int s = int(r.stream);
     auto found = codecs_.find(s);
     if (found == codecs_.end() || r.stream >= metadata_.size()) return kFailed;
@@ -286,9 +290,9 @@ AudioReader::eResult AudioReader::decodeBlocks(uint64_t firstBlock, Aud::StreamB
     return kSuccess;
 }
 
-AudioReader::eResult AudioReader::positionCodec(int s, AudioCodecInstance& codec, const AudioRequest& r,
-                               uint64_t& firstBlock, Aud::StreamBufferList& buffers,
-                               bool interleaved) {
+AudioReader::eResult AudioReader::positionCodec(int s, AudioCodecInstance& codec,
+                                                const AudioRequest& r, uint64_t& firstBlock,
+                                                Aud::StreamBufferList& buffers, bool interleaved) {
     const uint32_t perBlock = metadata_[uint32_t(s)].getSamplesPerBlock();
     const int64_t delay = codec.getDelaySamples();
     auto lastIt = lastBlock_.find(s);
@@ -322,8 +326,9 @@ AudioReader::eResult AudioReader::positionCodec(int s, AudioCodecInstance& codec
     return kSuccess;
 }
 
-AudioReader::eResult AudioReader::prerollBefore(int s, AudioCodecInstance& codec, uint64_t firstBlock,
-                               Aud::StreamBufferList& buffers, bool interleaved) {
+AudioReader::eResult AudioReader::prerollBefore(int s, AudioCodecInstance& codec,
+                                                uint64_t firstBlock, Aud::StreamBufferList& buffers,
+                                                bool interleaved) {
     // A jump: reset, then decode the priming blocks before firstBlock and throw their
     // output away (nothing is kept while storeFrom_ is kStoreNothing).
     codec.resetToStart();
@@ -346,7 +351,8 @@ AudioReader::eResult AudioReader::prerollBefore(int s, AudioCodecInstance& codec
 }
 
 AudioReader::eResult AudioReader::decodeUntilFilled(int s, uint64_t firstBlock, uint64_t wantedEnd,
-                                   Aud::StreamBufferList& buffers, bool interleaved) {
+                                                    Aud::StreamBufferList& buffers,
+                                                    bool interleaved) {
     // A block that gives nothing is offered again. Nine steps in a row that add nothing
     // to the buffers end the read: with nothing kept at all, as a failure.
     uint64_t block = firstBlock;
@@ -367,7 +373,7 @@ AudioReader::eResult AudioReader::decodeUntilFilled(int s, uint64_t firstBlock, 
 }
 
 AudioReader::eResult AudioReader::decodeStep(int s, uint64_t block, Aud::StreamBufferList& buffers,
-                            uint32_t& produced, bool interleaved) {
+                                             uint32_t& produced, bool interleaved) {
     produced = 0;
     auto found = codecs_.find(s);
     if (found == codecs_.end()) return kFailed;

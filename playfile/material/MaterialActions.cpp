@@ -76,7 +76,7 @@ void MaterialManager::findFilesForShot(const Cookie& shot, std::vector<WString>&
             out.push_back(entry->getPhysicalFilename(false));
 }
 
-int MaterialManager::revealFilesInOS(const Cookie& shot) {
+MaterialManager::eRevealResult MaterialManager::revealFilesInOS(const Cookie& shot) {
     std::vector<WString> names;
     findFilesForShot(shot, names);
     std::vector<WString> present;
@@ -88,7 +88,7 @@ int MaterialManager::revealFilesInOS(const Cookie& shot) {
         // The materials of one clip often share a file; it is shown once.
         if (std::find(present.begin(), present.end(), name) == present.end()) present.push_back(name);
     }
-    if (present.empty()) return 5;
+    if (present.empty()) return kNoneExists;
     Zn::revealFilesInOS(present);
-    return 1;
+    return kShown;
 }

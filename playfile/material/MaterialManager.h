@@ -89,7 +89,10 @@ public:
     static WString makeTaskTitle(const CookieVec& logs, const WString& prefix);
     // Appends the physical file names (links not resolved) of the shot's materials.
     static void findFilesForShot(const Cookie& shot, std::vector<WString>& out);
+    // What revealFilesInOS answers.
+    enum class eRevealResult : int { kShown = 1, kNoneExists = 5 };
+    using enum eRevealResult;
     // Shows the shot's files that exist in the desktop's file browser (each missing one
-    // costs a log line): 1 when some were shown, 5 when none exists.
-    static int revealFilesInOS(const Cookie& shot);
+    // costs a log line): kShown when some were shown, kNoneExists when none exists.
+    static eRevealResult revealFilesInOS(const Cookie& shot);
 };

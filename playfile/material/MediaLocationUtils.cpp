@@ -88,11 +88,15 @@ WString MediaLocationUtils::stripPath2(const WString& path) {
     return stripPath(WString(normalised));
 }
 
-int MediaLocationUtils::getMaterialTypeFromName(const WString& fileName) {
+MediaLocationUtils::eMaterialType
+MediaLocationUtils::getMaterialTypeFromName(const WString& fileName) {
     switch (Cookie(stripPathAndExt(fileName), false).type()) {
-    case 'V': return 1;
-    case 'S': return 2;
-    default: return 128;
+    case 'V':
+        return kVideoMaterial;
+    case 'S':
+        return kSoundMaterial;
+    default:
+        return kOtherMaterial;
     }
 }
 

@@ -37,9 +37,14 @@ public:
 
     // The file name of path after turning the foreign separator ('\') into '/'.
     static WString stripPath2(const WString& path);
-    // The material type of a material file named after its cookie: 1 video ('V'),
-    // 2 sound ('S'), 128 anything else ('I' included, and names that are no cookie).
-    static int getMaterialTypeFromName(const WString& fileName);
+    // The material type of a material file named after its cookie.
+    enum class eMaterialType : int {
+        kVideoMaterial = 1,
+        kSoundMaterial = 2,
+        kOtherMaterial = 128, // 'I' included, and names that are no cookie
+    };
+    using enum eMaterialType;
+    static eMaterialType getMaterialTypeFromName(const WString& fileName);
     // The first media drive (in the project's order) whose video or sound folder is the
     // file's folder, compared as whole strings; null when none is.
     static Zn::Ptr<MediaDrive> findMediaLocationFromFile(const WString& fileName);

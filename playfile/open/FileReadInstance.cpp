@@ -87,14 +87,16 @@ void FileReadInstance::readVideo(Zn::Ptr<VideoReadRequest>& request) {
     }
 }
 
-FileReadInstance::eReadResult FileReadInstance::readVideo(Zn::Ptr<FrameBufferRep>&, Zn::Ptr<VideoReadRequest>&) {
+FileReadInstance::eReadResult FileReadInstance::readVideo(Zn::Ptr<FrameBufferRep>&,
+                                                          Zn::Ptr<VideoReadRequest>&) {
     return kReadFailed;
 }
 
 void FileReadInstance::readAudio(Zn::Ptr<AudioReadRequest>&) {}
 
-eExtractResult FileReadInstance::extractFiles(const WString&, const WString&, const Cookie&, OpenType, const Zn::FileWriterParams&,
-                                   LoggerHandle&) {
+eExtractResult FileReadInstance::extractFiles(const WString&, const WString&, const Cookie&,
+                                              OpenType, const Zn::FileWriterParams&,
+                                              LoggerHandle&) {
     return kExtractNotSupported;
 }
 

@@ -76,14 +76,16 @@ public:
     virtual void readVideo(Zn::Ptr<VideoReadRequest>& request);
     // The back-end's frame read: stores the frame (or its data) in buffer, which it may
     // replace, and answers how it went. The base answers kReadFailed.
-    virtual eReadResult readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request);
+    virtual eReadResult readVideo(Zn::Ptr<FrameBufferRep>& buffer,
+                                  Zn::Ptr<VideoReadRequest>& request);
     // Reads one audio request, on the audio queue's thread; the reader sets the request's
     // status and calls its issuers. The base does nothing.
     virtual void readAudio(Zn::Ptr<AudioReadRequest>& request);
 
     // Writes a section of the file to new files; the base answers kExtractNotSupported.
-    virtual eExtractResult extractFiles(const WString& destination, const WString& baseName, const Cookie& clip, OpenType type,
-                             const Zn::FileWriterParams& params, LoggerHandle& log);
+    virtual eExtractResult extractFiles(const WString& destination, const WString& baseName,
+                                        const Cookie& clip, OpenType type,
+                                        const Zn::FileWriterParams& params, LoggerHandle& log);
 
     // Drop finished requests that only the video queue still holds (purge: all of them).
     // Neither touches the audio queue.

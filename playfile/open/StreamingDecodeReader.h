@@ -57,7 +57,8 @@ public:
 
     // The frame-buffer read of FileReadInstance: streams when the stream metadata has a
     // group size of 2 or more, else decodes synchronously.
-    eReadResult readVideo(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) override;
+    eReadResult readVideo(Zn::Ptr<FrameBufferRep>& out,
+                          Zn::Ptr<VideoReadRequest>& request) override;
     using FileReadInstance::readVideo;
 
     void beginStreamDecode();
@@ -72,7 +73,8 @@ protected:
     // one-frame buffer on the synchronous path: the frame or its data). Answers the
     // FileReadInstance read result (kReadDone, kReadPending, anything else failed).
     virtual eReadResult decodeFrames(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) = 0;
-    virtual eReadResult readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request);
+    virtual eReadResult readVideoStreaming(Zn::Ptr<FrameBufferRep>& out,
+                                           Zn::Ptr<VideoReadRequest>& request);
     void threadFn() override;
 
     void setFrameRangeHandler(Zn::Ptr<iVariableFrameRateHandler> handler) { handler_ = std::move(handler); }

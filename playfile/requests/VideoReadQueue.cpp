@@ -7,7 +7,9 @@
 namespace Zn {
 
 namespace {
-bool isFinished(RequestStatus s) { return s != RequestStatus::Queued && s != RequestStatus::InProgress; }
+bool isFinished(RequestStatus s) {
+    return s != RequestStatus::Queued && s != RequestStatus::InProgress;
+}
 } // namespace
 
 VideoReadQueue::VideoReadQueue()

@@ -48,7 +48,7 @@ RequestStatus VideoReadRequest::finishFrameBuffer(FrameBufferRep& buffer, Reques
         buffer.getFormat().setDecodeFormat(*this);
         if (resultType_ != kResultCompressed) {
             Zn::Ptr<Zn::iDecoder> decoder = Zn::DecoderInfo::getDecoderFor(info);
-            if (!decoder || decoder->decodeFrame(held) != 1) {
+            if (!decoder || decoder->decodeFrame(held) != Zn::iDecoder::kDecoded) {
                 s = RequestStatus::Failed;
                 buffer.setDecompressComplete(FrameBufferRep::kDecompressFailed);
             }

@@ -94,7 +94,8 @@ protected:
         request->getFile()->queueReadRequest(request, false);
         const bool done = waiter.waitForCalls(1, kReadLimit);
         if (status) *status = done ? request->getStatus() : RequestStatus::Queued;
-        if (!done || request->getStatus() != RequestStatus::Complete || !request->getBuffer()) return {};
+        if (!done || request->getStatus() != RequestStatus::Complete || !request->getBuffer())
+            return {};
         // The result may run on past the span (to the end of what the reader decoded).
         const size_t asked = size_t(request->tag) * bytesPerSample;
         return std::string(reinterpret_cast<const char*>(request->getBuffer()),

@@ -54,7 +54,7 @@ int main(int argc, char** argv) {
     RequestWaiter waiter;
     Zn::Ptr<IndexInfoRep> index;
     auto request = Zn::makePtr<VideoReadRequest>(file, index, 1u, kResultDecoded, DecodeFormat(1), waiter.getProxy());
-    if (!waiter.queue(request) || !waiter.wait(std::chrono::seconds(30)) || waiter.status() != Complete)
+    if (!waiter.queue(request) || !waiter.wait(std::chrono::seconds(30)) || waiter.status() != RequestStatus::Complete)
         return fail("reading frame 1 failed");
     auto buffer = Zn::dynamicPtrCast<FrameBufferRep>(waiter.result());
     if (!buffer) return fail("the read answered no frame buffer");

@@ -91,13 +91,13 @@ public:
     String name() const override { return "byte"; }
 
 protected:
-    int decode(Zn::Ptr<FrameBufferRep>& buffer) override {
+    eDecodeResult decode(Zn::Ptr<FrameBufferRep>& buffer) override {
         if (buffer->getCompressedSize(0) != 1) throw std::runtime_error("bad frame");
         Surface s = Surface::allocate(Core::Data(2, 2, kFormatGray8));
         for (int y = 0; y < 2; ++y)
             for (int x = 0; x < 2; ++x) s.plane(0)[y * s.stride(0) + x] = buffer->getCompressedData(0)[0];
         buffer->setSurface(0, s);
-        return 1;
+        return kDecoded;
     }
 };
 
@@ -140,12 +140,12 @@ TEST(DecoderInfo, IdleDecodersAreReusedBusyOnesAreNotAndFlushReleasesOnlyIdleOne
     auto buffer = Zn::makePtr<FrameBufferRep>(DecodeFormat(1), nullptr, 0);
     uint8_t value = 77;
     buffer->setCompressedData(0, Zn::Ptr<iMemHolder>(new ByteBufferImpl(&value, 1)));
-    EXPECT_EQ(second->decodeFrame(buffer), 1);
+    EXPECT_EQ(second->decodeFrame(buffer), Zn::iDecoder::kDecoded);
     EXPECT_EQ(buffer->getDecompressionState(), FrameBufferRep::kDecompressed);
     EXPECT_EQ(buffer->getSurface(0).plane(0)[1], 77);
     testing_support::LogCapture log;
     buffer->setCompressedData(0, Zn::Ptr<iMemHolder>(new ByteBufferImpl("xy", 2)));
-    EXPECT_EQ(second->decodeFrame(buffer), 0);
+    EXPECT_EQ(second->decodeFrame(buffer), Zn::iDecoder::kDecodeFailed);
     EXPECT_EQ(log.count("Decoder byte failed: bad frame\n"), 1u);
 
     // A factory that throws is skipped (here it is the only one: no decoder).

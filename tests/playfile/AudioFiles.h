@@ -191,7 +191,8 @@ struct AudioFileReader : FileReadInstance, Zn::AudioReader, test_backend::Lockin
 
     std::atomic<int> sampleReads{0};
 
-    eResult readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into, uint32_t& delivered) override {
+    eResult readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
+                             uint32_t& delivered) override {
         delivered = 0;
         if (stream != 0 || !frameBytes_) return kFailed;
         ++sampleReads;

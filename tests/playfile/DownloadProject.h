@@ -111,8 +111,9 @@ protected:
     static int pixel(const Cookie& material, int frame) {
         RecordingIssuer issuer;
         Zn::Ptr<VideoReadRequest> request;
-        if (PlayFileCache::Shared().videoReadRequest(request, material, frame, false, kResultDecoded, DecodeFormat(1),
-                                                     issuer.getProxy()) != PlayFileCache::kVideoQueued ||
+        if (PlayFileCache::Shared().videoReadRequest(
+                request, material, frame, false, kResultDecoded, DecodeFormat(1),
+                issuer.getProxy()) != PlayFileCache::kVideoQueued ||
             !issuer.waitForCalls(1) || issuer.status() != RequestStatus::Complete)
             return -1;
         return issuer.buffer()->getSurface(0).plane(0)[1];
@@ -120,9 +121,11 @@ protected:
     static int sample(const Cookie& material, uint64_t start) {
         RecordingIssuer issuer;
         Zn::Ptr<AudioReadRequest> r;
-        if (PlayFileCache::Shared().audioReadRequest(r, material, start, 4, kProxyLevelHighRes, issuer.getProxy(),
+        if (PlayFileCache::Shared().audioReadRequest(r, material, start, 4, kProxyLevelHighRes,
+                                                     issuer.getProxy(),
                                                      true) != PlayFileCache::kAudioCreated ||
-            !r->getFile()->queueReadRequest(r, false) || !issuer.waitForCalls(1) || issuer.status() != RequestStatus::Complete)
+            !r->getFile()->queueReadRequest(r, false) || !issuer.waitForCalls(1) ||
+            issuer.status() != RequestStatus::Complete)
             return -1;
         return reinterpret_cast<const int16_t*>(r->getBuffer())[0];
     }

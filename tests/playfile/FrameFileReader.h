@@ -132,7 +132,8 @@ struct FrameFileReader : FileReadInstance, Locking {
 
     String getReaderName() const override { return "frames"; }
 
-    eReadResult readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request) override {
+    eReadResult readVideo(Zn::Ptr<FrameBufferRep>& buffer,
+                          Zn::Ptr<VideoReadRequest>& request) override {
         gate.pass();
         const uint32_t frame = request->getFrame();
         const eMode m = mode.load();
@@ -205,14 +206,14 @@ private:
 struct ByteDecoder : Zn::iDecoder {
     String name() const override { return "byte"; }
 
-    int decode(Zn::Ptr<FrameBufferRep>& buffer) override {
-        if (buffer->getCompressedSize(0) != 1) return 0;
+    eDecodeResult decode(Zn::Ptr<FrameBufferRep>& buffer) override {
+        if (buffer->getCompressedSize(0) != 1) return kDecodeFailed;
         const auto& core = buffer->getVideoDecompressionInfo().core;
         Zn::Image::Surface s = Zn::Image::Surface::allocate(core);
         for (uint32_t y = 0; y < core.getHeight(); ++y)
             std::memset(s.plane(0) + y * s.stride(0), buffer->getCompressedData(0)[0], core.getWidth());
         buffer->setSurface(0, s);
-        return 1;
+        return kDecoded;
     }
 };
 

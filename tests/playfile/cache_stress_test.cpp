@@ -59,7 +59,9 @@ TEST_F(CacheStress, EightThreadsReadTwelveClipsThroughFourIdleFiles) {
                 if (rc != (frame < int(kFrames) ? PlayFileCache::kVideoQueued : PlayFileCache::kNotAvailable)) ++wrong;
                 else if (rc != PlayFileCache::kVideoQueued) continue;
                 else if (!w.waitForCalls(1, std::chrono::seconds(20))) ++lost;
-                else if (w.status() != RequestStatus::Complete || w.buffer()->getSurface(0).plane(0)[5] != pixelOf(frame, 5, 0)) ++wrong;
+                else if (w.status() != RequestStatus::Complete ||
+                         w.buffer()->getSurface(0).plane(0)[5] != pixelOf(frame, 5, 0))
+                    ++wrong;
             } else if (pick < 95) {
                 unsigned channel = 1 + rng() % 2;
                 uint64_t start = rng() % kSamples;
@@ -68,7 +70,8 @@ TEST_F(CacheStress, EightThreadsReadTwelveClipsThroughFourIdleFiles) {
                                            w.getProxy(), true) != PlayFileCache::kAudioCreated) ++wrong;
                 else if (!r->getFile()->queueReadRequest(r, false) || !w.waitForCalls(1, std::chrono::seconds(20))) ++lost;
                 else if (w.status() != RequestStatus::Complete ||
-                         reinterpret_cast<const int16_t*>(r->getBuffer())[0] != sampleOf(start, channel - 1))
+                         reinterpret_cast<const int16_t*>(r->getBuffer())[0] !=
+                             sampleOf(start, channel - 1))
                     ++wrong;
             } else if (pick < 97) {
                 cache.purge();

@@ -266,13 +266,13 @@ TEST_F(DownloadProject, RevealShowsThePresentFilesAndLogsTheMissingOnes) {
     fs::permissions(script, fs::perms::owner_all);
     testing_support::ScopedEnv command("PLAYFILE_RevealCommand", script);
 
-    EXPECT_EQ(MaterialManager::revealFilesInOS(a), 1);
+    EXPECT_EQ(MaterialManager::revealFilesInOS(a), MaterialManager::kShown);
     EXPECT_EQ(readFile(out), (remote / "a.frames").string() + "\n") << "shown once for all its materials";
     testing_support::LogCapture log;
-    EXPECT_EQ(MaterialManager::revealFilesInOS(gone), 5);
+    EXPECT_EQ(MaterialManager::revealFilesInOS(gone), MaterialManager::kNoneExists);
     EXPECT_EQ(log.count("MaterialManager::revealFilesInOS() File missing : " + (remote / "gone.frames").string() + "\n"),
               3) << "one line per material";
-    EXPECT_EQ(MaterialManager::revealFilesInOS(Cookie('E', 5, 5)), 5);
+    EXPECT_EQ(MaterialManager::revealFilesInOS(Cookie('E', 5, 5)), MaterialManager::kNoneExists);
     EXPECT_EQ(readFile(out), (remote / "a.frames").string() + "\n") << "the browser was not asked again";
 }
 

@@ -120,15 +120,17 @@ struct BareReader : FileReadInstance {
 
 TEST_F(ReadInstance, ABackEndThatReadsAndExtractsNothingAnswersTheBaseResultsByTheirNumbers) {
     OpenFile plain(dir, "plain.frames");
-    auto bare = Zn::makePtr<BareReader>(fromUTF8(plain.path.c_str()), DecodeFormat(1), OpenType(OpenType::kVideo));
+    auto bare = Zn::makePtr<BareReader>(fromUTF8(plain.path.c_str()), DecodeFormat(1),
+                                        OpenType(OpenType::kVideo));
     Zn::Ptr<FrameBufferRep> buffer(new FrameBufferRep());
     Zn::Ptr<FileReadInstance> file(bare);
     Zn::Ptr<IndexInfoRep> none;
-    auto request = Zn::makePtr<VideoReadRequest>(file, none, 0u, kResultDecoded, DecodeFormat(1), nullptr);
+    auto request =
+        Zn::makePtr<VideoReadRequest>(file, none, 0u, kResultDecoded, DecodeFormat(1), nullptr);
     const auto read = bare->readVideo(buffer, request);
     LoggerHandle log;
-    const auto extracted =
-        bare->extractFiles(L"/nowhere", L"x", Cookie(), OpenType(OpenType::kVideo), Zn::FileWriterParams(), log);
+    const auto extracted = bare->extractFiles(
+        L"/nowhere", L"x", Cookie(), OpenType(OpenType::kVideo), Zn::FileWriterParams(), log);
     bare->readVideo(request);
     // The numbers are what callers store, log and compare; the families stay apart.
     EXPECT_EQ(read, FileReadInstance::kReadFailed);
@@ -139,7 +141,8 @@ TEST_F(ReadInstance, ABackEndThatReadsAndExtractsNothingAnswersTheBaseResultsByT
     EXPECT_EQ(int(request->getStatus()), 3);
     static_assert(!std::is_convertible_v<FileReadInstance::eReadResult, int>);
     static_assert(!std::is_convertible_v<Zn::eAudioResult, FileReadInstance::eReadResult>);
-    static_assert(int(Zn::eAudioResult::kEndedEarly) == 11 && int(FileReadInstance::kReadPending) == 1);
+    static_assert(int(Zn::eAudioResult::kEndedEarly) == 11 &&
+                  int(FileReadInstance::kReadPending) == 1);
 }
 
 TEST(FileReaderInfo, AReaderRegisteredAtAPositionIsFoundThereAndUnregistersOnce) {

@@ -122,7 +122,7 @@ TEST_F(MediaLocation, NamesAndTypes) {
                    Case{"/drive/video/V0001e240_000003e8_00.proxy.mov", "V0001e240_000003e8_00.proxy.mov", 128},
                    Case{"holiday.mov", "holiday.mov", 128}, Case{"", "", 128}}) {
         EXPECT_EQ(U(MediaLocationUtils::stripPath2(W(c.path))), c.bare) << c.path;
-        EXPECT_EQ(MediaLocationUtils::getMaterialTypeFromName(W(c.path)), c.type) << c.path;
+        EXPECT_EQ(int(MediaLocationUtils::getMaterialTypeFromName(W(c.path))), c.type) << c.path;
     }
 }
 

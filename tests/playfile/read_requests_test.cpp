@@ -13,7 +13,8 @@ namespace {
 
 // Has the reader fill a buffer for the request as the video queue's thread would, without
 // the queue: the frame-buffer read, then (with a status) completion.
-Zn::Ptr<FrameBufferRep> readInto(OpenFile& f, Zn::Ptr<VideoReadRequest> r, RequestStatus completion = RequestStatus::Queued) {
+Zn::Ptr<FrameBufferRep> readInto(OpenFile& f, Zn::Ptr<VideoReadRequest> r,
+                                 RequestStatus completion = RequestStatus::Queued) {
     Zn::Ptr<FrameBufferRep> buffer;
     EXPECT_EQ(f.reader->readVideo(buffer, r), FileReadInstance::kReadDone);
     r->setResultBuffer(buffer);
@@ -45,7 +46,8 @@ TEST_F(ReadRequests, RawFrameBecomesASurfaceOverTheReadDataWithoutACopy) {
 
     ASSERT_EQ(issuer.calls(), 1);
     EXPECT_EQ(issuer.status(), RequestStatus::Complete);
-    EXPECT_EQ(issuer.statusAtCall(), RequestStatus::Queued); // issuers are called before the status changes
+    EXPECT_EQ(issuer.statusAtCall(),
+              RequestStatus::Queued); // issuers are called before the status changes
     EXPECT_EQ(r->getStatus(), RequestStatus::Complete);
     Zn::Image::Surface s = buffer->getSurface(0);
     EXPECT_EQ(s.wait(0), Zn::Image::Surface::kWaitComplete);
