@@ -5,8 +5,9 @@
 // (reportUsage).
 #pragma once
 
+#include "host/threads/PlainMutex.h"
+
 #include <cstddef>
-#include <mutex>
 #include <vector>
 
 class Reclaimable {
@@ -35,8 +36,8 @@ public:
 
 private:
     struct State {
-        std::mutex mutex;
-        std::vector<Reclaimable*> list;
+        PlainMutex mutex;
+        std::vector<Reclaimable*> list GUARDED_BY(mutex);
     };
     static State& state();
 };

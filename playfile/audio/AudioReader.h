@@ -26,6 +26,7 @@
 
 namespace Zn {
 
+// The whole lock order of the library: "Lock hierarchy" in README.md.
 // Lock: the channel cache's lock (see AudioChannelCache) is this reader's lock. readAudio
 // holds it from start to end, the issuers' callbacks included, and it guards every field
 // below as well as the cache. An issuer must therefore not wait, inside its callback, for
@@ -102,12 +103,13 @@ protected:
     // position on, interleaved, into the buffer; delivered says how many came. Answers 1
     // on success (delivering none means the data has ended). The base answers kFailed.
     virtual int readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples,
-                                 uint8_t* into, uint32_t& delivered);
+                                 uint8_t* into, uint32_t& delivered) REQUIRES(getLock());
     // The file's compressed block read: the bytes of block number block of the stream,
     // into data (resized to fit; kept between calls, so its storage is reused). Answers 1,
     // 11 when the stream has no such block, anything else on failure. The base answers
     // kFailed.
-    virtual int readAudioBlock(uint32_t stream, uint64_t block, std::vector<uint8_t>& data);
+    virtual int readAudioBlock(uint32_t stream, uint64_t block, std::vector<uint8_t>& data)
+        REQUIRES(getLock());
 
     // One decoding step: reads block of stream s, decodes it and appends what falls at or
     // after getOutputStart() to the buffers. produced is what the codec gave (0: the block
@@ -125,7 +127,8 @@ private:
                      bool interleaved) REQUIRES(getLock());
     int decodeStep(int s, uint64_t block, Aud::StreamBufferList& buffers, uint32_t& produced,
                    bool interleaved) REQUIRES(getLock());
-    bool continuesCachedBlock(int s, const AudioRequest& request, uint64_t& cachedEnd) REQUIRES(getLock());
+    bool continuesCachedBlock(int s, const AudioRequest& request, uint64_t& cachedEnd)
+        REQUIRES(getLock());
     void seedFromCache(const AudioRequest& request, uint64_t cachedEnd, uint32_t bytes,
                        Aud::StreamBufferList& buffers) REQUIRES(getLock());
     void forgetCodecState(int s) REQUIRES(getLock());
@@ -138,7 +141,8 @@ private:
     // and set whenever decoding is (re)started at a block.
     std::map<int32_t, int64_t> nextPosition_ GUARDED_BY(getLock());
     uint32_t readSlack_ GUARDED_BY(getLock()) = kDefaultReadSlack;
-    Zn::Ptr<ByteBufferImpl> readBuffer_ GUARDED_BY(getLock()); // the last plain read's buffer, kept for the next
+    Zn::Ptr<ByteBufferImpl>
+        readBuffer_ GUARDED_BY(getLock()); // the last plain read's buffer, kept for the next
     Aud::StreamBuffer silence_ GUARDED_BY(getLock());
 
     // State of the decode under way: the position of the buffers' first sample, decoded

@@ -21,6 +21,7 @@
 
 namespace Zn {
 
+// The whole lock order of the library: "Lock hierarchy" in README.md.
 // Lock: lock_ guards pending_, inProgress_ and their counts (pendingCount_ is also read
 // without it, as a hint for the thread's loop). It is re-entrant and is held across
 // matching, joining (which takes the joined request's own lock under it) and dropping of
@@ -93,7 +94,8 @@ private:
         uint32_t width;
         eResultType resultType;
     };
-    Zn::Ptr<VideoReadRequest> findMatchLocked(const VideoReadRequest& request) const REQUIRES(lock_);
+    Zn::Ptr<VideoReadRequest> findMatchLocked(const VideoReadRequest& request) const
+        REQUIRES(lock_);
     void reuseLocked(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<VideoReadRequest>& request)
         REQUIRES(lock_);
     // limitUsage's work, under lock_: moves the droppable requests to dropped, which the
@@ -110,7 +112,7 @@ private:
     std::atomic<uint32_t> pendingCount_{0};
     std::vector<Entry> inProgress_ GUARDED_BY(lock_);
     uint32_t inProgressCount_ GUARDED_BY(lock_) = 0;
-    mutable CriticalSection lock_;
+    mutable CriticalSection lock_ ACQUIRED_BEFORE(ProxySet::lock_);
     Zn::Ptr<VideoReadQueue> self_; // only ever touched on the queue's own thread
 };
 
