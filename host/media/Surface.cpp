@@ -89,7 +89,7 @@ void Surface::setColour(eColourSpace space, eColourRange range) {
     r.colourRange = range;
 }
 
-void Surface::finish(int state) {
+void Surface::finish(eWaitResult state) {
     Rep& r = rep();
     {
         PlainMutex::Lock lock(r.mutex);
@@ -103,7 +103,7 @@ void Surface::set() { finish(kWaitComplete); }
 
 void Surface::fail() { finish(kWaitFailed); }
 
-int Surface::wait(unsigned timeoutMs) const {
+Surface::eWaitResult Surface::wait(unsigned timeoutMs) const {
     if (!rep_) return kWaitFailed;
     Rep& r = *rep_;
     PlainMutex::UniqueLock lock(r.mutex);
@@ -115,7 +115,7 @@ int Surface::wait(unsigned timeoutMs) const {
     return r.state;
 }
 
-int Surface::state() const {
+Surface::eWaitResult Surface::state() const {
     if (!rep_) return kWaitFailed;
     PlainMutex::Lock lock(rep_->mutex);
     return rep_->state;

@@ -58,6 +58,48 @@ bool writeClip(const Zn::Ptr<ProjectDatabase>& db, sqlite::Connection& conn, con
     return ok && edit->store(conn);
 }
 
+// The clip's name, rate and channels: by the file's kind, then as the options say. Why the
+// layout cannot be a clip's, else empty.
+WString layOutClip(const WString& sourceName, const ImportOptions& options, ClipRecord& clip) {
+    clip.name = stripPathAndExt(sourceName);
+    clip.sampleRate = options.sampleRate;
+    if (isStillImage(sourceName)) {
+        clip.flags = Edit::eImage;
+        clip.videoChannels = 1;
+        clip.audioChannels = 0;
+    } else if (isSoundFile(sourceName)) {
+        clip.videoChannels = 0;
+        clip.audioChannels = 2;
+    }
+    if (options.videoChannels >= 0) clip.videoChannels = options.videoChannels;
+    if (options.audioChannels >= 0) clip.audioChannels = options.audioChannels;
+    if (clip.videoChannels + clip.audioChannels <= 0) return WString(L"the clip would have no channels");
+    if (clip.videoChannels > 1 || clip.audioChannels > 254) return WString(L"too many channels");
+    return WString();
+}
+
+// Puts the source on the drive under its pending name, a copy or a link file to it, and
+// fills the clip's file record. Why it could not, else empty.
+template <class Report>
+WString placeFile(const WString& sourceName, const MaterialFilename& name, const DriveId& drive, uint64_t size,
+                  const WString& pending, bool copy, Report& report, ClipRecord& clip) {
+    if (copy) {
+        auto rc = projectfs::copy(sourceName, pending, [&](uint64_t done, uint64_t) {
+            report(ImportProgress::eCopying, done);
+            return true;
+        }, false);
+        if (rc != iFileManager::eCopyOK)
+            return WString(L"cannot copy onto drive ") + drive.asWString() + L" (copy result " +
+                   Zn::WStringFromInteger(rc) + L")";
+        clip.file = MediaFileInfo(name, size);
+    } else {
+        clip.file = MediaFileInfo(name, size, sourceName);
+        if (!projectfs::makeLink(pending, sourceName, false))
+            return WString(L"cannot make the link file ") + name.getOsPath();
+    }
+    return WString();
+}
+
 } // namespace
 
 ProjectImporter::ProjectImporter(ImportOptions options) : options_(std::move(options)) {}
@@ -111,20 +153,7 @@ ImportResult ProjectImporter::importFile(const WString& path) {
     if (!drive) return fail(WString(L"the media drive has gone"));
 
     ClipRecord clip;
-    clip.name = stripPathAndExt(sourceName);
-    clip.sampleRate = options_.sampleRate;
-    if (isStillImage(sourceName)) {
-        clip.flags = Edit::eImage;
-        clip.videoChannels = 1;
-        clip.audioChannels = 0;
-    } else if (isSoundFile(sourceName)) {
-        clip.videoChannels = 0;
-        clip.audioChannels = 2;
-    }
-    if (options_.videoChannels >= 0) clip.videoChannels = options_.videoChannels;
-    if (options_.audioChannels >= 0) clip.audioChannels = options_.audioChannels;
-    if (clip.videoChannels + clip.audioChannels <= 0) return fail(WString(L"the clip would have no channels"));
-    if (clip.videoChannels > 1 || clip.audioChannels > 254) return fail(WString(L"too many channels"));
+    if (WString wrong = layOutClip(sourceName, options_, clip); !wrong.empty()) return fail(wrong);
 
     // The clip's number first (a transaction of its own: a failed import leaves a gap in
     // the numbers, nothing else), because the material file is named after it.
@@ -144,20 +173,9 @@ ImportResult ProjectImporter::importFile(const WString& path) {
     auto report = [&](ImportProgress::eStage stage, uint64_t done) {
         if (options_.progress) options_.progress(ImportProgress{stage, path, done, size});
     };
-    if (options_.copy) {
-        auto rc = projectfs::copy(sourceName, pending, [&](uint64_t done, uint64_t) {
-            report(ImportProgress::eCopying, done);
-            return true;
-        }, false);
-        if (rc != iFileManager::eCopyOK)
-            return fail(WString(L"cannot copy onto drive ") + driveId.asWString() + L" (copy result " +
-                        Zn::WStringFromInteger(rc) + L")");
-        clip.file = MediaFileInfo(name, size);
-    } else {
-        clip.file = MediaFileInfo(name, size, sourceName);
-        if (!projectfs::makeLink(pending, sourceName, false))
-            return fail(WString(L"cannot make the link file ") + placed);
-    }
+    if (WString wrong = placeFile(sourceName, name, driveId, size, pending, options_.copy, report, clip);
+        !wrong.empty())
+        return fail(wrong);
     clip.file.setStatus(MediaFileInfo::eStatusAvailable);
 
     bool stored;
@@ -180,12 +198,6 @@ ImportResult ProjectImporter::importFile(const WString& path) {
     result.ok = true;
     result.clip = cookie;
     return result;
-}
-
-std::vector<ImportResult> ProjectImporter::importFiles(const std::vector<WString>& paths) {
-    std::vector<ImportResult> out;
-    for (const auto& p : paths) out.push_back(importFile(p));
-    return out;
 }
 
 Cookie ProjectImporter::newClipCookie(WString* error) {

@@ -69,7 +69,6 @@ public:
     explicit ProjectImporter(ImportOptions options = ImportOptions());
 
     ImportResult importFile(const WString& path);
-    std::vector<ImportResult> importFiles(const std::vector<WString>& paths);
 
     // Registers clips whose files are in place already, all in one transaction. Answers
     // their edit cookies in order; empty (and nothing stored) on failure.

@@ -64,10 +64,6 @@ std::vector<Zn::Ptr<iBackgroundTask>> BackgroundTaskQueueBase::getTasks() const 
     return all;
 }
 
-void BackgroundTaskQueueBase::cancelAll() {
-    for (const auto& task : getTasks()) cancel(task);
-}
-
 bool BackgroundTaskQueueBase::waitForIdle(unsigned timeoutMs) const {
     PlainMutex::UniqueLock lock(mutex_);
     auto idle = [&]() REQUIRES(mutex_) { return waiting_.empty() && busy_ == 0; };

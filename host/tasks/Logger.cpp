@@ -117,11 +117,6 @@ bool LoggerBase::reportProgress(double fraction) {
     return true;
 }
 
-double LoggerBase::getFraction() const {
-    PlainMutex::Lock lock(mutex_);
-    return reached_;
-}
-
 void LoggerBase::publish(double fraction) {
     uint64_t bytes;
     {

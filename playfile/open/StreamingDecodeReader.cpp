@@ -16,7 +16,7 @@ bool StreamingDecodeReader::framePresent(const Zn::Ptr<FrameBufferRep>& slot, un
     return first <= frame && frame < uint64_t(first) + slot->getNumFrames();
 }
 
-int StreamingDecodeReader::readVideo(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) {
+StreamingDecodeReader::eReadResult StreamingDecodeReader::readVideo(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) {
     if (streamMetadata_ && streamMetadata_->getGroupSize() >= 2) {
         if (!wakeEvent_) beginStreamDecode();
         return readVideoStreaming(out, request);
@@ -64,7 +64,7 @@ void StreamingDecodeReader::threadFn() {
     }
 }
 
-int StreamingDecodeReader::readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) {
+StreamingDecodeReader::eReadResult StreamingDecodeReader::readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) {
     const uint32_t frame = request->getFrame();
     Zn::Image::Surface surface;
     iCriticalSection::Lock lock(*slotLock_);

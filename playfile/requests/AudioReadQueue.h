@@ -10,6 +10,7 @@
 #include "host/threads/BasicThread.h"
 #include "host/threads/CriticalSection.h"
 #include "host/threads/ThreadEvent.h"
+#include "playfile/Export.h"
 #include "playfile/requests/AudioReadRequest.h"
 #include "playfile/requests/QueuePool.h"
 
@@ -24,7 +25,7 @@ namespace Zn {
 // hint for the thread's loop). It is held only to insert or take a request, never while
 // reading, and nothing else is taken under it; it may be taken with a request's lock or
 // the file's audio reader lock held (an issuer's callback queuing more audio).
-class AudioReadQueue : public BasicThread {
+class PLAYFILE_API AudioReadQueue : public BasicThread {
 public:
     AudioReadQueue();
     ~AudioReadQueue() override;

@@ -10,6 +10,7 @@
 #include "host/core/RefCount.h"
 #include "host/threads/CriticalSection.h"
 #include "host/threads/Shutdown.h"
+#include "playfile/Export.h"
 
 #include <atomic>
 #include <cstdint>
@@ -26,7 +27,7 @@ class VideoReadQueue;
 // made and destroyed outside those), and nothing is taken under it: queues are made and
 // released after it is left, because releasing a queue joins its thread, which may be
 // destroying a file that gives a queue back to this pool.
-template <class T> class Pool {
+template <class T> class PLAYFILE_API Pool {
 public:
     static constexpr unsigned kShutdownLevel = 401;
 

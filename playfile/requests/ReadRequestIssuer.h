@@ -11,9 +11,10 @@
 
 #include "host/core/RefCount.h"
 #include "host/threads/CriticalSection.h"
+#include "playfile/Export.h"
 #include "playfile/requests/RequestStatus.h"
 
-class ReadRequestIssuer {
+class PLAYFILE_API ReadRequestIssuer {
 public:
     // The whole lock order of the library: "Lock hierarchy" in README.md.
     // Lock: lock_ guards issuer_ and is held while the issuer is called, so clear() waits
@@ -28,7 +29,6 @@ public:
         bool call(Zn::Ptr<iObject>& result, RequestStatus status);
         // Forgets the issuer; returns once no callback through this proxy is running.
         void clear() noexcept;
-        ReadRequestIssuer* getIssuer() const noexcept;
 
     private:
         friend class ProxySet; // names lock_ in its lock order

@@ -17,6 +17,7 @@
 #include "host/core/RefCount.h"
 #include "host/media/DecodeFormat.h"
 #include "host/threads/PlainMutex.h"
+#include "playfile/Export.h"
 #include "playfile/open/MediaTypes.h"
 #include "playfile/requests/ReadRequestIssuer.h"
 #include "playfile/requests/RequestStatus.h"
@@ -32,7 +33,7 @@ class VideoReadRequest;
 // Lock: mutex_ guards finished_, status_ and result_. It is taken inside the callback, so
 // with the proxy's lock and perhaps the queue's and the request's locks held; nothing is
 // taken under it.
-class RequestWaiter : public ReadRequestIssuer {
+class PLAYFILE_API RequestWaiter : public ReadRequestIssuer {
 public:
     RequestWaiter() = default;
     ~RequestWaiter() override;
@@ -72,6 +73,6 @@ private:
     PlainMutex mutex_;
     std::condition_variable done_;
     bool finished_ GUARDED_BY(mutex_) = false;
-    RequestStatus status_ GUARDED_BY(mutex_) = Queued;
+    RequestStatus status_ GUARDED_BY(mutex_) = RequestStatus::Queued;
     Zn::Ptr<iObject> result_ GUARDED_BY(mutex_);
 };
