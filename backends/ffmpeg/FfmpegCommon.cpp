@@ -3,12 +3,12 @@
 
 #include "backends/ffmpeg/FfmpegFileInput.h"
 #include "backends/ffmpeg/FfmpegMemoryMedia.h"
+#include "host/threads/PlainMutex.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
-#include <mutex>
 #include <thread>
 
 namespace ffmpeg_engine {
@@ -45,8 +45,8 @@ std::string errorText(int averror) {
 }
 
 namespace {
-std::mutex logMutex;
-LogSink logSink;
+PlainMutex logMutex; // guards logSink; a leaf lock, held to replace or call the sink
+LogSink logSink GUARDED_BY(logMutex);
 
 void logCallback(void* avcl, int level, const char* format, va_list args) {
     if (level > av_log_get_level()) return;
@@ -58,13 +58,13 @@ void logCallback(void* avcl, int level, const char* format, va_list args) {
     va_end(copy);
     std::string text(line);
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-    std::lock_guard<std::mutex> lock(logMutex);
+    PlainMutex::Lock lock(logMutex);
     if (logSink && !text.empty()) logSink(level, text);
 }
 } // namespace
 
 void routeFfmpegLog(int maxLevel, LogSink sink) {
-    std::lock_guard<std::mutex> lock(logMutex);
+    PlainMutex::Lock lock(logMutex);
     logSink = std::move(sink);
     av_log_set_level(maxLevel);
     av_log_set_callback(&logCallback);

@@ -2,10 +2,10 @@
 
 #include "backends/ffmpeg/FfmpegVideoCodec.h"
 #include "host/threads/BasicThread.h"
+#include "host/threads/PlainMutex.h"
 
 #include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <vector>
 
 namespace ffmpeg_backend {
@@ -19,17 +19,17 @@ struct Pool {
         Zn::Ptr<VideoReadRequest> request;
         Zn::Ptr<FrameBufferRep> buffer;
     };
-    std::mutex mutex;
+    PlainMutex mutex;
     std::condition_variable ready;
-    std::deque<Job> jobs;
+    std::deque<Job> jobs GUARDED_BY(mutex);
     std::vector<Zn::Ptr<iThread>> workers;
 
     void work() {
         for (;;) {
             Job job;
             {
-                std::unique_lock<std::mutex> lock(mutex);
-                ready.wait(lock, [&] { return !jobs.empty(); });
+                PlainMutex::UniqueLock lock(mutex);
+                ready.wait(lock.native(), [&]() REQUIRES(mutex) { return !jobs.empty(); });
                 job = std::move(jobs.front());
                 jobs.pop_front();
             }
@@ -58,7 +58,7 @@ bool FfmpegCompletionPool::complete(Zn::Ptr<VideoReadRequest> request, Zn::Ptr<F
     Pool* p = pool();
     if (p->workers.empty()) return false;
     {
-        std::lock_guard<std::mutex> lock(p->mutex);
+        PlainMutex::Lock lock(p->mutex);
         p->jobs.push_back({std::move(request), std::move(buffer)});
     }
     p->ready.notify_one();

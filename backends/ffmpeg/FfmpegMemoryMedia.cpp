@@ -1,6 +1,8 @@
 // The registry of in-memory media and the AVIOContext that reads them.
 #include "backends/ffmpeg/FfmpegMemoryMedia.h"
 
+#include "host/threads/PlainMutex.h"
+
 extern "C" {
 #include <libavutil/error.h>
 #include <libavutil/mem.h>
@@ -11,7 +13,6 @@ extern "C" {
 #include <cstdio>
 #include <cstring>
 #include <map>
-#include <mutex>
 
 namespace ffmpeg_engine {
 
@@ -20,14 +21,14 @@ namespace {
 constexpr int kBufferBytes = 32768;
 
 // Guards the registry; held only to look up, add or remove an entry.
-std::mutex g_mutex;
-std::map<std::string, std::shared_ptr<const std::string>>& registry() {
+PlainMutex g_mutex;
+std::map<std::string, std::shared_ptr<const std::string>>& registry() REQUIRES(g_mutex) {
     static std::map<std::string, std::shared_ptr<const std::string>> r;
     return r;
 }
 
 std::shared_ptr<const std::string> find(const std::string& name) {
-    std::lock_guard<std::mutex> lock(g_mutex);
+    PlainMutex::Lock lock(g_mutex);
     auto it = registry().find(name);
     return it == registry().end() ? nullptr : it->second;
 }
@@ -37,12 +38,12 @@ std::shared_ptr<const std::string> find(const std::string& name) {
 MemoryMedia::MemoryMedia(std::string bytes) : bytes_(std::make_shared<const std::string>(std::move(bytes))) {
     static std::atomic<uint64_t> counter{0};
     name_ = "memory:" + std::to_string(++counter);
-    std::lock_guard<std::mutex> lock(g_mutex);
+    PlainMutex::Lock lock(g_mutex);
     registry()[name_] = bytes_;
 }
 
 MemoryMedia::~MemoryMedia() {
-    std::lock_guard<std::mutex> lock(g_mutex);
+    PlainMutex::Lock lock(g_mutex);
     registry().erase(name_);
 }
 

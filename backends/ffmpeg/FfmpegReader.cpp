@@ -6,6 +6,7 @@
 #include "host/core/Strings.h"
 #include "host/os/Config.h"
 #include "host/os/Log.h"
+#include "host/threads/PlainMutex.h"
 #include "playfile/requests/AudioReadRequest.h"
 #include "playfile/requests/VideoReadRequest.h"
 
@@ -179,7 +180,7 @@ bool FfmpegReadInstance::queueReadRequest(Zn::Ptr<VideoReadRequest>& request, bo
     std::vector<Zn::Ptr<VideoReadRequest>> queueNow;
     std::vector<Zn::Ptr<VideoReadRequest>> released; // let go after the lock
     {
-        std::lock_guard<std::mutex> lock(aheadMutex_);
+        PlainMutex::Lock lock(aheadMutex_);
         // In order: the frame after the last one, or one of those already queued ahead.
         const bool inOrder = frame > lastQueued_ && frame <= lastQueued_ + 1 + int64_t(kReadAhead);
         lastQueued_ = frame;
@@ -210,7 +211,7 @@ bool FfmpegReadInstance::queueReadRequest(Zn::Ptr<VideoReadRequest>& request, bo
 void FfmpegReadInstance::purge() {
     std::vector<Zn::Ptr<VideoReadRequest>> released;
     {
-        std::lock_guard<std::mutex> lock(aheadMutex_);
+        PlainMutex::Lock lock(aheadMutex_);
         released.swap(ahead_);
         lastQueued_ = -2;
     }
@@ -243,6 +244,8 @@ FileReadInstance::eReadResult FfmpegReadInstance::readVideoStreaming(Zn::Ptr<Fra
 
 FileReadInstance::eReadResult FfmpegReadInstance::decodeFrames(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) {
     if (buffer->isStreaming()) return decodeRun(buffer, frame);
+    // The synchronous path, whose caller already holds the lock (it is re-entrant).
+    CriticalSection::Lock lock(FileReadInstance::getLock());
     return readPacket(buffer, frame);
 }
 

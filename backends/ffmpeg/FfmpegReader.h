@@ -22,12 +22,12 @@
 #include "backends/ffmpeg/FfmpegSurfaces.h"
 #include "backends/ffmpeg/FfmpegVideoCodec.h"
 #include "host/media/FileReaderInfo.h"
+#include "host/threads/PlainMutex.h"
 #include "playfile/audio/AudioReader.h"
 #include "playfile/open/StreamingDecodeReader.h"
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 namespace ffmpeg_backend {
@@ -98,15 +98,17 @@ protected:
     eReadResult decodeFrames(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) override;
     eReadResult readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) override;
     eResult readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
-                         uint32_t& delivered) override;
-    eResult readAudioBlock(uint32_t stream, uint64_t block, std::vector<uint8_t>& data) override;
+                             uint32_t& delivered) override REQUIRES(AudioChannelCache::getLock());
+    eResult readAudioBlock(uint32_t stream, uint64_t block, std::vector<uint8_t>& data) override
+        REQUIRES(AudioChannelCache::getLock());
 
 private:
     FfmpegReadInstance(const WString& fileName, const DecodeFormat& format, OpenType type,
                        std::shared_ptr<const ffmpeg_engine::MediaIndex> index);
     void describe();
     eReadResult decodeRun(Zn::Ptr<FrameBufferRep>& slot, uint32_t first);
-    eReadResult readPacket(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame);
+    eReadResult readPacket(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame)
+        REQUIRES(FileReadInstance::getLock());
 
     const std::shared_ptr<const ffmpeg_engine::MediaIndex> index_;
     const bool longGop_;
@@ -117,15 +119,17 @@ private:
     SurfaceMaker surfaces_;
 
     // Under the FileReadInstance lock.
-    std::unique_ptr<ffmpeg_engine::FfmpegPacketReader> packets_;
-    Zn::Ptr<FfmpegCodecSetup> setup_;
+    std::unique_ptr<ffmpeg_engine::FfmpegPacketReader>
+        packets_ GUARDED_BY(FileReadInstance::getLock());
+    Zn::Ptr<FfmpegCodecSetup> setup_ GUARDED_BY(FileReadInstance::getLock());
 
-    std::mutex aheadMutex_;
-    int64_t lastQueued_ = -2; // the frame an issuer queued last
-    std::vector<Zn::Ptr<VideoReadRequest>> ahead_;
+    PlainMutex aheadMutex_;
+    int64_t lastQueued_ GUARDED_BY(aheadMutex_) = -2; // the frame an issuer queued last
+    std::vector<Zn::Ptr<VideoReadRequest>> ahead_ GUARDED_BY(aheadMutex_);
 
-    std::vector<std::unique_ptr<ffmpeg_engine::FfmpegAudioDecoder>> pcm_;
-    ffmpeg_engine::AudioBlock pcmBlock_;
+    std::vector<std::unique_ptr<ffmpeg_engine::FfmpegAudioDecoder>>
+        pcm_ GUARDED_BY(AudioChannelCache::getLock());
+    ffmpeg_engine::AudioBlock pcmBlock_ GUARDED_BY(AudioChannelCache::getLock());
 };
 
 // The registry entry: accepts any file (it is registered last), opens FfmpegReadInstance,

@@ -6,6 +6,7 @@
 #include "backends/ffmpeg/FfmpegCommon.h"
 #include "host/core/Strings.h"
 #include "host/os/Log.h"
+#include "host/threads/PlainMutex.h"
 
 extern "C" {
 #include <libavutil/imgutils.h>
@@ -21,7 +22,6 @@ extern "C" {
 #include <condition_variable>
 #include <cstring>
 #include <deque>
-#include <mutex>
 #include <thread>
 
 namespace ffmpeg_backend {
@@ -184,10 +184,11 @@ public:
         FramePtr frame = takeSpare();
         if (!frame || !fill(*frame, image)) return 0;
         frame->pts = nextPts_;
-        std::unique_lock<std::mutex> lock(mutex_);
+        PlainMutex::UniqueLock lock(mutex_);
         // The queue is bounded: a caller that does not look at pendingFrames() waits here
         // for the encoder rather than filling memory.
-        spaceFreed_.wait(lock, [&] { return queue_.size() < queueFrames_ || error_; });
+        spaceFreed_.wait(lock.native(),
+                         [&]() REQUIRES(mutex_) { return queue_.size() < queueFrames_ || error_; });
         if (error_) return 0;
         queue_.push_back(std::move(frame));
         ++nextPts_;
@@ -201,12 +202,13 @@ public:
         closed_ = true;
         if (thread_.joinable()) {
             {
-                std::lock_guard<std::mutex> lock(mutex_);
+                PlainMutex::Lock lock(mutex_);
                 stopping_ = true;
             }
             frameQueued_.notify_one();
             thread_.join();
         }
+        PlainMutex::Lock lock(mutex_); // uncontended: the encoding thread has ended
         if (out_ && out_->pb && !(out_->oformat->flags & AVFMT_NOFILE)) {
             if (avio_closep(&out_->pb) < 0) error_ = true;
         }
@@ -224,7 +226,7 @@ private:
     // else a new one.
     FramePtr takeSpare() {
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            PlainMutex::Lock lock(mutex_);
             while (!spare_.empty()) {
                 FramePtr f = std::move(spare_.back());
                 spare_.pop_back();
@@ -263,15 +265,16 @@ private:
         for (;;) {
             FramePtr frame;
             {
-                std::unique_lock<std::mutex> lock(mutex_);
-                frameQueued_.wait(lock, [&] { return !queue_.empty() || stopping_; });
+                PlainMutex::UniqueLock lock(mutex_);
+                frameQueued_.wait(lock.native(),
+                                  [&]() REQUIRES(mutex_) { return !queue_.empty() || stopping_; });
                 if (queue_.empty()) break;
                 frame = std::move(queue_.front());
                 queue_.pop_front();
             }
             spaceFreed_.notify_one();
             bool ok = !encoderFailed_ && encode(frame.get());
-            std::lock_guard<std::mutex> lock(mutex_);
+            PlainMutex::Lock lock(mutex_);
             if (!ok) {
                 // Nothing more gets written: what is pending now is only what is queued.
                 error_ = true;
@@ -282,7 +285,7 @@ private:
         }
         if (!encoderFailed_) encode(nullptr); // drain what the encoder still holds
         int rc = av_write_trailer(out_);
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         if (encoderFailed_ || rc < 0) error_ = true;
         pending_.store(0, std::memory_order_release);
     }
@@ -333,13 +336,13 @@ private:
     std::atomic<unsigned> pending_{0};
     std::thread thread_;
 
-    std::mutex mutex_;
+    PlainMutex mutex_;
     std::condition_variable frameQueued_; // the encoding thread waits on it
     std::condition_variable spaceFreed_;  // writeFrame waits on it when the queue is full
-    std::deque<FramePtr> queue_;
-    std::vector<FramePtr> spare_;
-    bool stopping_ = false;
-    bool error_ = false;
+    std::deque<FramePtr> queue_ GUARDED_BY(mutex_);
+    std::vector<FramePtr> spare_ GUARDED_BY(mutex_);
+    bool stopping_ GUARDED_BY(mutex_) = false;
+    bool error_ GUARDED_BY(mutex_) = false;
 };
 
 } // namespace

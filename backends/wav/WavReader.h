@@ -40,7 +40,7 @@ public:
 
 protected:
     eResult readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
-                             uint32_t& delivered) override;
+                             uint32_t& delivered) override REQUIRES(AudioChannelCache::getLock());
 
 private:
     WavReadInstance(const WString& fileName, const DecodeFormat& format, OpenType type, int fd, const Info& info);

@@ -5,6 +5,7 @@
 #include "host/media/BackendPlugins.h"
 #include "host/media/FileWriterInfo.h"
 #include "host/os/Log.h"
+#include "host/threads/PlainMutex.h"
 #include "playfile/requests/VideoReadRequest.h"
 
 #include <cerrno>
@@ -99,7 +100,7 @@ public:
     Zn::Ptr<iMemHolder> take() {
         void* memory = nullptr;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            PlainMutex::Lock lock(mutex_);
             if (!free_.empty()) {
                 memory = free_.back();
                 free_.pop_back();
@@ -132,7 +133,7 @@ private:
 
     void giveBack(void* memory) {
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            PlainMutex::Lock lock(mutex_);
             if (free_.size() < kKept) {
                 free_.push_back(memory);
                 return;
@@ -142,8 +143,8 @@ private:
     }
 
     const size_t bytes_;
-    std::mutex mutex_;
-    std::vector<void*> free_;
+    PlainMutex mutex_;
+    std::vector<void*> free_ GUARDED_BY(mutex_);
 };
 
 Zn::Image::eDataFormat hostFormatOf(const Layout& layout) {

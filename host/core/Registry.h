@@ -7,9 +7,9 @@
 #pragma once
 
 #include "host/core/RefCount.h"
+#include "host/threads/PlainMutex.h"
 
 #include <algorithm>
-#include <mutex>
 #include <vector>
 
 namespace Zn {
@@ -19,7 +19,7 @@ public:
     // At position (a negative or too large one appends); a null item is ignored.
     void add(Zn::Ptr<T> item, int position = -1) {
         if (!item) return;
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         if (position < 0 || size_t(position) >= items_.size()) items_.push_back(std::move(item));
         else items_.insert(items_.begin() + position, std::move(item));
     }
@@ -27,7 +27,7 @@ public:
     // False when the item was not registered.
     bool remove(const Zn::Ptr<T>& item) {
         Zn::Ptr<T> dropped; // declared before the lock, so released after it
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         auto it = std::find(items_.begin(), items_.end(), item);
         if (it == items_.end()) return false;
         dropped = std::move(*it);
@@ -36,24 +36,24 @@ public:
     }
 
     std::vector<Zn::Ptr<T>> snapshot() const {
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         return items_;
     }
 
     size_t size() const {
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         return items_.size();
     }
 
     // The item at index, or null past the end.
     Zn::Ptr<T> at(size_t index) const {
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         return index < items_.size() ? items_[index] : nullptr;
     }
 
 private:
-    mutable std::mutex mutex_;
-    std::vector<Zn::Ptr<T>> items_;
+    mutable PlainMutex mutex_;
+    std::vector<Zn::Ptr<T>> items_ GUARDED_BY(mutex_);
 };
 
 } // namespace Zn

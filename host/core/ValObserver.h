@@ -3,7 +3,8 @@
 // change. The client tells its observers apart by address.
 #pragma once
 
-#include <mutex>
+#include "host/threads/PlainMutex.h"
+
 #include <utility>
 
 class ValObserverBase;
@@ -36,20 +37,20 @@ public:
     explicit ValObserver(ValObserverClient* client, T initial = T()) : ValObserverBase(client), value_(std::move(initial)) {}
 
     T value() const {
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         return value_;
     }
     // Called by whoever announces the value: tells the client before and after storing it.
     void change(const T& v) {
         if (client()) client()->notifyPreValChanged(*this);
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            PlainMutex::Lock lock(mutex_);
             value_ = v;
         }
         if (client()) client()->notifyValChanged(*this);
     }
 
 private:
-    mutable std::mutex mutex_;
-    T value_;
+    mutable PlainMutex mutex_;
+    T value_ GUARDED_BY(mutex_);
 };

@@ -1,20 +1,20 @@
 #include "host/media/BackendPlugins.h"
 
 #include "host/os/Log.h"
+#include "host/threads/PlainMutex.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <dirent.h>
 #include <dlfcn.h>
-#include <mutex>
 
 namespace Zn {
 
 namespace {
 
 struct Loaded {
-    std::mutex mutex;
-    std::vector<std::string> names; // registered back-ends, in order
+    PlainMutex mutex;
+    std::vector<std::string> names GUARDED_BY(mutex); // registered back-ends, in order
 };
 
 // Never destroyed: plug-ins stay loaded until the process ends.
@@ -74,7 +74,7 @@ unsigned BackendPlugins::loadAll() { return loadFrom(pluginFolders()); }
 
 unsigned BackendPlugins::loadFrom(const std::vector<std::string>& folders) {
     Loaded& state = loaded();
-    std::lock_guard<std::mutex> lock(state.mutex);
+    PlainMutex::Lock lock(state.mutex);
     std::vector<const PlayfileBackendEntry*> entries;
     for (const std::string& folder : folders) {
         for (const std::string& path : backendLibraries(folder)) {
@@ -109,7 +109,7 @@ unsigned BackendPlugins::loadFrom(const std::vector<std::string>& folders) {
 
 std::vector<std::string> BackendPlugins::loadedNames() {
     Loaded& state = loaded();
-    std::lock_guard<std::mutex> lock(state.mutex);
+    PlainMutex::Lock lock(state.mutex);
     return state.names;
 }
 

@@ -1,5 +1,7 @@
 #include "host/media/CodecPool.h"
 
+#include "host/threads/PlainMutex.h"
+
 // Never destroyed: decoders still held at exit must not find the pool gone.
 CodecPool& CodecPool::instance() {
     static CodecPool* pool = new CodecPool;
@@ -7,7 +9,7 @@ CodecPool& CodecPool::instance() {
 }
 
 Zn::Ptr<Zn::iDecoder> CodecPool::take(const VideoDecompressionInfo& info) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     for (auto& e : entries_) {
         if (e.decoder.refCount() == 1 && e.info.sameDecoderAs(info)) return e.decoder;
     }
@@ -16,7 +18,7 @@ Zn::Ptr<Zn::iDecoder> CodecPool::take(const VideoDecompressionInfo& info) {
 
 void CodecPool::add(const VideoDecompressionInfo& info, Zn::Ptr<Zn::iDecoder> decoder) {
     if (!decoder) return;
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     entries_.push_back(Entry{info, std::move(decoder)});
 }
 
@@ -24,7 +26,7 @@ unsigned CodecPool::flushAllUnreferenced() {
     CodecPool& pool = instance();
     std::vector<Entry> released;
     {
-        std::lock_guard<std::mutex> lock(pool.mutex_);
+        PlainMutex::Lock lock(pool.mutex_);
         auto keep = pool.entries_.begin();
         for (auto it = pool.entries_.begin(); it != pool.entries_.end(); ++it) {
             if (it->decoder.refCount() == 1) released.push_back(std::move(*it));
@@ -36,6 +38,6 @@ unsigned CodecPool::flushAllUnreferenced() {
 }
 
 unsigned CodecPool::size() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return unsigned(entries_.size());
 }

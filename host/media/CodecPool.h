@@ -7,8 +7,8 @@
 #include "host/core/RefCount.h"
 #include "host/media/DecoderInfo.h"
 #include "host/media/FrameBufferRep.h"
+#include "host/threads/PlainMutex.h"
 
-#include <mutex>
 #include <vector>
 
 // Lock: mutex_ guards the entry list. It is a leaf lock; decoders are destroyed after it
@@ -33,6 +33,6 @@ private:
         VideoDecompressionInfo info;
         Zn::Ptr<Zn::iDecoder> decoder;
     };
-    mutable std::mutex mutex_;
-    std::vector<Entry> entries_;
+    mutable PlainMutex mutex_;
+    std::vector<Entry> entries_ GUARDED_BY(mutex_);
 };

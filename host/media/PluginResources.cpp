@@ -1,15 +1,16 @@
 // The host's lists of plug-in resources by type.
 #include "host/media/PluginResources.h"
 
+#include "host/threads/PlainMutex.h"
+
 #include <algorithm>
 #include <map>
-#include <mutex>
 
 namespace {
 
 struct Lists {
-    std::mutex mutex;
-    std::map<int, std::vector<Zn::Ptr<iObject>>> byType;
+    PlainMutex mutex;
+    std::map<int, std::vector<Zn::Ptr<iObject>>> byType GUARDED_BY(mutex);
 };
 
 Lists& lists() {
@@ -22,7 +23,7 @@ Lists& lists() {
 void Zn::PluginResources::add(int type, const Zn::Ptr<iObject>& resource) {
     if (!resource) return;
     Lists& l = lists();
-    std::lock_guard<std::mutex> lock(l.mutex);
+    PlainMutex::Lock lock(l.mutex);
     auto& v = l.byType[type];
     if (std::find(v.begin(), v.end(), resource) == v.end()) v.push_back(resource);
 }
@@ -30,7 +31,7 @@ void Zn::PluginResources::add(int type, const Zn::Ptr<iObject>& resource) {
 bool Zn::PluginResources::remove(int type, const Zn::Ptr<iObject>& resource) {
     Zn::Ptr<iObject> dropped; // released after the lock
     Lists& l = lists();
-    std::lock_guard<std::mutex> lock(l.mutex);
+    PlainMutex::Lock lock(l.mutex);
     auto it = l.byType.find(type);
     if (it == l.byType.end()) return false;
     auto at = std::find(it->second.begin(), it->second.end(), resource);
@@ -42,7 +43,7 @@ bool Zn::PluginResources::remove(int type, const Zn::Ptr<iObject>& resource) {
 
 std::vector<Zn::Ptr<iObject>> Zn::PluginResources::list(int type) {
     Lists& l = lists();
-    std::lock_guard<std::mutex> lock(l.mutex);
+    PlainMutex::Lock lock(l.mutex);
     auto it = l.byType.find(type);
     return it == l.byType.end() ? std::vector<Zn::Ptr<iObject>>() : it->second;
 }

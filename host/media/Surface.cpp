@@ -1,5 +1,7 @@
 #include "host/media/Surface.h"
 
+#include "host/threads/PlainMutex.h"
+
 #include <chrono>
 
 namespace Zn::Image {
@@ -55,7 +57,7 @@ bool Surface::allocatePixels(const Core::Interface& core) {
 void Surface::attachPixels(const Core::Interface& core, uint8_t* const planes[kMaxPlanes],
                            const uint32_t strides[kMaxPlanes], Zn::Ptr<iMemHolder> keepAlive) {
     Rep& r = rep();
-    std::lock_guard<std::mutex> lock(r.mutex);
+    PlainMutex::Lock lock(r.mutex);
     r.core.copyCoreData(core);
     r.planeCount = 0;
     for (unsigned p = 0; p < kMaxPlanes; ++p) {
@@ -76,13 +78,13 @@ void Surface::attachContiguous(const Core::Interface& core, uint8_t* base, uint3
 
 void Surface::setOrientation(eOrientation o) {
     Rep& r = rep();
-    std::lock_guard<std::mutex> lock(r.mutex);
+    PlainMutex::Lock lock(r.mutex);
     r.orientation = o;
 }
 
 void Surface::setColour(eColourSpace space, eColourRange range) {
     Rep& r = rep();
-    std::lock_guard<std::mutex> lock(r.mutex);
+    PlainMutex::Lock lock(r.mutex);
     r.colourSpace = space;
     r.colourRange = range;
 }
@@ -90,7 +92,7 @@ void Surface::setColour(eColourSpace space, eColourRange range) {
 void Surface::finish(eWaitResult state) {
     Rep& r = rep();
     {
-        std::lock_guard<std::mutex> lock(r.mutex);
+        PlainMutex::Lock lock(r.mutex);
         if (r.state != kWaitTimedOut) return;
         r.state = state;
     }
@@ -104,22 +106,24 @@ void Surface::fail() { finish(kWaitFailed); }
 Surface::eWaitResult Surface::wait(unsigned timeoutMs) const {
     if (!rep_) return kWaitFailed;
     Rep& r = *rep_;
-    std::unique_lock<std::mutex> lock(r.mutex);
-    auto done = [&] { return r.state != kWaitTimedOut; };
-    if (timeoutMs == kInfinite) r.changed.wait(lock, done);
-    else r.changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), done);
+    PlainMutex::UniqueLock lock(r.mutex);
+    auto done = [&]() REQUIRES(r.mutex) { return r.state != kWaitTimedOut; };
+    if (timeoutMs == kInfinite)
+        r.changed.wait(lock.native(), done);
+    else
+        r.changed.wait_for(lock.native(), std::chrono::milliseconds(timeoutMs), done);
     return r.state;
 }
 
 Surface::eWaitResult Surface::state() const {
     if (!rep_) return kWaitFailed;
-    std::lock_guard<std::mutex> lock(rep_->mutex);
+    PlainMutex::Lock lock(rep_->mutex);
     return rep_->state;
 }
 
 bool Surface::valid() const {
     if (!rep_) return false;
-    std::lock_guard<std::mutex> lock(rep_->mutex);
+    PlainMutex::Lock lock(rep_->mutex);
     return rep_->planeCount != 0;
 }
 

@@ -9,10 +9,10 @@
 #include "host/core/RefCount.h"
 #include "host/media/ImageCore.h"
 #include "host/media/MemHolder.h"
+#include "host/threads/PlainMutex.h"
 
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 
 namespace Zn::Image {
 
@@ -84,12 +84,14 @@ public:
 
 private:
     // The shared picture. mutex guards state and is the writer's publication point: the
-    // fields are written under it and waiters read them after taking it in wait(). It is a
-    // leaf lock: nothing else is taken while it is held.
+    // other fields are written under it before state leaves kWaitTimedOut and not changed
+    // after, and waiters read them after taking it in wait() (so they carry no GUARDED_BY:
+    // the accessors read them without the lock). It is a leaf lock: nothing else is taken
+    // while it is held.
     struct Rep : iObject {
-        mutable std::mutex mutex;
+        mutable PlainMutex mutex;
         mutable std::condition_variable changed;
-        eWaitResult state = kWaitTimedOut;
+        eWaitResult state GUARDED_BY(mutex) = kWaitTimedOut;
         Core::Data core;
         uint8_t* planes[kMaxPlanes] = {};
         uint32_t strides[kMaxPlanes] = {};

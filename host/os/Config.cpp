@@ -2,22 +2,23 @@
 // values; it is a leaf lock.
 #include "host/os/Config.h"
 
+#include "host/threads/PlainMutex.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 
 namespace {
 
 struct Store {
-    std::mutex mutex;
-    std::map<std::string, std::string> set;
-    std::map<std::string, std::string> file;
-    bool fileLoaded = false;
+    PlainMutex mutex;
+    std::map<std::string, std::string> set GUARDED_BY(mutex);
+    std::map<std::string, std::string> file GUARDED_BY(mutex);
+    bool fileLoaded GUARDED_BY(mutex) = false;
 };
 
 Store& store() {
@@ -41,7 +42,7 @@ std::string configPath() {
     return (dir / "playfile" / "playfile.conf").string();
 }
 
-void loadFile(Store& s) {
+void loadFile(Store& s) REQUIRES(s.mutex) {
     s.fileLoaded = true;
     s.file.clear();
     std::string path = configPath();
@@ -62,7 +63,7 @@ void loadFile(Store& s) {
 
 std::optional<std::string> lookup(const char* name) {
     Store& s = store();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    PlainMutex::Lock lock(s.mutex);
     if (auto it = s.set.find(name); it != s.set.end()) return it->second;
     std::string env = std::string("PLAYFILE_") + name;
     if (const char* v = std::getenv(env.c_str())) return std::string(v);
@@ -91,18 +92,18 @@ String config_string(const char* name, const String& defaultValue) {
 }
 
 void setConfigValue(const char* name, const String& value) {
-    std::lock_guard<std::mutex> lock(store().mutex);
+    PlainMutex::Lock lock(store().mutex);
     store().set[name] = std::string(value.view());
 }
 
 void setConfigValue(const char* name, int value) { setConfigValue(name, String(std::to_string(value))); }
 
 void clearConfigValue(const char* name) {
-    std::lock_guard<std::mutex> lock(store().mutex);
+    PlainMutex::Lock lock(store().mutex);
     store().set.erase(name);
 }
 
 void reloadConfig() {
-    std::lock_guard<std::mutex> lock(store().mutex);
+    PlainMutex::Lock lock(store().mutex);
     store().fileLoaded = false;
 }

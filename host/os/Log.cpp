@@ -5,6 +5,7 @@
 #include "host/os/Log.h"
 
 #include "host/core/Strings.h"
+#include "host/threads/PlainMutex.h"
 
 #include <algorithm>
 #include <clocale>
@@ -13,17 +14,16 @@
 #include <cstdlib>
 #include <filesystem>
 #include <locale.h>
-#include <mutex>
 #include <vector>
 
 namespace {
 
 struct LogState {
-    std::mutex mutex;
-    FILE* file = nullptr;
-    bool fileTried = false;
-    bool console = true;
-    std::vector<iLogSink*> sinks;
+    PlainMutex mutex;
+    FILE* file GUARDED_BY(mutex) = nullptr;
+    bool fileTried GUARDED_BY(mutex) = false;
+    bool console GUARDED_BY(mutex) = true;
+    std::vector<iLogSink*> sinks GUARDED_BY(mutex);
 };
 
 LogState& state() {
@@ -68,7 +68,7 @@ std::string format(const char* fmt, va_list args) {
 
 void emit(const std::string& text, bool console) {
     LogState& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    PlainMutex::Lock lock(s.mutex);
     if (!s.fileTried) {
         s.fileTried = true;
         std::string path = logPath();
@@ -109,23 +109,23 @@ void LogStringW(const WString& text) {
 }
 
 void Logging::addSink(iLogSink* sink) {
-    std::lock_guard<std::mutex> lock(state().mutex);
+    PlainMutex::Lock lock(state().mutex);
     state().sinks.push_back(sink);
 }
 
 void Logging::removeSink(iLogSink* sink) {
-    std::lock_guard<std::mutex> lock(state().mutex);
+    PlainMutex::Lock lock(state().mutex);
     auto& v = state().sinks;
     v.erase(std::remove(v.begin(), v.end(), sink), v.end());
 }
 
 void Logging::setConsole(bool on) {
-    std::lock_guard<std::mutex> lock(state().mutex);
+    PlainMutex::Lock lock(state().mutex);
     state().console = on;
 }
 
 void Logging::reopen() {
-    std::lock_guard<std::mutex> lock(state().mutex);
+    PlainMutex::Lock lock(state().mutex);
     if (state().file) std::fclose(state().file);
     state().file = nullptr;
     state().fileTried = false;

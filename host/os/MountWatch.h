@@ -15,9 +15,9 @@
 #pragma once
 
 #include "host/os/MountTable.h"
+#include "host/threads/PlainMutex.h"
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <sys/types.h>
 #include <unordered_map>
@@ -40,13 +40,13 @@ private:
     MountWatch();
     ~MountWatch() = delete;
     // Reads the table again when the kernel reports a change (or cannot tell).
-    void refreshLocked();
+    void refreshLocked() REQUIRES(mutex_);
 
-    std::mutex mutex_;
-    int fd_ = -1;
-    bool loaded_ = false;
-    bool forked_ = false; // set in a child process: open the child's own table
-    MountTable table_;
-    std::unordered_map<dev_t, bool> network_;
-    uint64_t generation_ = 0;
+    PlainMutex mutex_;
+    int fd_ GUARDED_BY(mutex_) = -1;
+    bool loaded_ GUARDED_BY(mutex_) = false;
+    bool forked_ GUARDED_BY(mutex_) = false; // set in a child process: open the child's own table
+    MountTable table_ GUARDED_BY(mutex_);
+    std::unordered_map<dev_t, bool> network_ GUARDED_BY(mutex_);
+    uint64_t generation_ GUARDED_BY(mutex_) = 0;
 };

@@ -5,12 +5,12 @@
 #include "host/core/Strings.h"
 #include "host/os/DataCopy.h"
 #include "host/os/FileCopy.h"
+#include "host/threads/PlainMutex.h"
 
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <fcntl.h>
-#include <mutex>
 #include <set>
 #include <string>
 #include <sys/file.h>
@@ -33,12 +33,13 @@ public:
     // Waits until no other copy of this process writes dst, then claims it. False when
     // keepWaiting answered false first.
     template <class F> bool enter(const std::string& dst, F keepWaiting) {
-        std::unique_lock<std::mutex> lock(mutex_);
+        PlainMutex::UniqueLock lock(mutex_);
         while (busy_.count(dst)) {
-            if (changed_.wait_for(lock, std::chrono::milliseconds(PartialCopy::kPollMs)) == std::cv_status::timeout) {
+            if (changed_.wait_for(lock.native(), std::chrono::milliseconds(PartialCopy::kPollMs)) ==
+                std::cv_status::timeout) {
                 lock.unlock();
                 if (!keepWaiting()) return false;
-                lock.lock();
+                lock.relock();
             }
         }
         busy_.insert(dst);
@@ -46,16 +47,16 @@ public:
     }
     void leave(const std::string& dst) {
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            PlainMutex::Lock lock(mutex_);
             busy_.erase(dst);
         }
         changed_.notify_all();
     }
 
 private:
-    std::mutex mutex_;
+    PlainMutex mutex_;
     std::condition_variable changed_;
-    std::set<std::string> busy_;
+    std::set<std::string> busy_ GUARDED_BY(mutex_);
 };
 
 class GateSlot {

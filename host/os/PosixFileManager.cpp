@@ -8,6 +8,7 @@
 #include "host/os/MountTable.h"
 #include "host/os/MountWatch.h"
 #include "host/os/PosixFile.h"
+#include "host/threads/PlainMutex.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -274,7 +275,7 @@ uint32_t PosixFileManager::volumeStorageUnit(const WString& path) {
 
 void PosixFileManager::setMountedName(const WString& name, const WString& root) {
     std::string key = bytesOf(name);
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     std::erase_if(mountedNames_, [&](const auto& entry) { return entry.first == key; });
     if (!root.empty()) mountedNames_.emplace_back(key, bytesOf(root));
 }
@@ -282,7 +283,7 @@ void PosixFileManager::setMountedName(const WString& name, const WString& root) 
 void PosixFileManager::addRemotePrefix(const WString& path) {
     std::string prefix = withoutTrailingSlashes(bytesOf(path));
     if (prefix.empty()) return;
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     if (std::find(remotePrefixes_.begin(), remotePrefixes_.end(), prefix) == remotePrefixes_.end())
         remotePrefixes_.push_back(prefix);
 }
@@ -301,7 +302,7 @@ WString PosixFileManager::mapMountedName(const WString& path) {
     std::string root;
     bool found = false;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         for (const auto& [n, r] : mountedNames_)
             if (n == key) {
                 root = r;
@@ -348,7 +349,7 @@ bool PosixFileManager::isRemoteLocation(const WString& path) {
 void PosixFileManager::remotePrefixes(std::vector<std::string>& out) {
     const char* env = std::getenv("PLAYFILE_REMOTE_PREFIXES");
     if (!env) env = "";
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     // The variable is parsed again only when its text changed.
     if (std::string_view(envPrefixesText_.data(), envPrefixesText_.size()) != env) {
         envPrefixesText_.assign(env, env + std::strlen(env));

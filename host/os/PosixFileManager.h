@@ -4,8 +4,8 @@
 #pragma once
 
 #include "host/os/FileManager.h"
+#include "host/threads/PlainMutex.h"
 
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -71,13 +71,14 @@ private:
     void remotePrefixes(std::vector<std::string>& out);
 
     // mutex_ guards the names and prefixes below; it is held only to read or change them.
-    mutable std::mutex mutex_;
+    mutable PlainMutex mutex_;
     // The variable's text when last parsed (a vector: a string member would keep the
     // manager from being constant-initialised).
-    std::vector<char> envPrefixesText_;
-    std::vector<std::string> envPrefixes_;  // its prefixes
-    std::vector<std::pair<std::string, std::string>> mountedNames_; // NAME -> root, UTF-8
-    std::vector<std::string> remotePrefixes_;                       // UTF-8, no trailing '/'
+    std::vector<char> envPrefixesText_ GUARDED_BY(mutex_);
+    std::vector<std::string> envPrefixes_ GUARDED_BY(mutex_); // its prefixes
+    std::vector<std::pair<std::string, std::string>>
+        mountedNames_ GUARDED_BY(mutex_);                        // NAME -> root, UTF-8
+    std::vector<std::string> remotePrefixes_ GUARDED_BY(mutex_); // UTF-8, no trailing '/'
 };
 
 // The process's PosixFileManager. It is constant-initialised and never destroyed, so it

@@ -5,8 +5,9 @@
 // is called with one of theirs held.
 #include "host/os/Product.h"
 
+#include "host/threads/PlainMutex.h"
+
 #include <algorithm>
-#include <mutex>
 #include <vector>
 
 namespace Zn {
@@ -14,9 +15,9 @@ namespace Zn {
 namespace {
 
 struct State {
-    std::mutex mutex;
-    WString product;
-    std::vector<ValObserver<WString>*> observers;
+    PlainMutex mutex;
+    WString product GUARDED_BY(mutex);
+    std::vector<ValObserver<WString>*> observers GUARDED_BY(mutex);
 };
 
 State& state() {
@@ -28,13 +29,13 @@ State& state() {
 
 WString getProduct() {
     State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    PlainMutex::Lock lock(s.mutex);
     return s.product;
 }
 
 void setProduct(const WString& product) {
     State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    PlainMutex::Lock lock(s.mutex);
     if (s.product == product) return;
     s.product = product;
     for (ValObserver<WString>* o : s.observers) o->change(product);
@@ -42,14 +43,14 @@ void setProduct(const WString& product) {
 
 void registerForProductChangeNotification(ValObserver<WString>& observer) {
     State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    PlainMutex::Lock lock(s.mutex);
     if (std::find(s.observers.begin(), s.observers.end(), &observer) == s.observers.end())
         s.observers.push_back(&observer);
 }
 
 void unregisterForProductChangeNotification(ValObserver<WString>& observer) {
     State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    PlainMutex::Lock lock(s.mutex);
     s.observers.erase(std::remove(s.observers.begin(), s.observers.end(), &observer), s.observers.end());
 }
 

@@ -1,5 +1,7 @@
 #include "host/os/Reclaimable.h"
 
+#include "host/threads/PlainMutex.h"
+
 #include <algorithm>
 
 ReclaimableRegistry::State& ReclaimableRegistry::state() {
@@ -10,24 +12,24 @@ ReclaimableRegistry::State& ReclaimableRegistry::state() {
 void ReclaimableRegistry::add(Reclaimable* r) {
     if (!r) return;
     State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    PlainMutex::Lock lock(s.mutex);
     if (std::find(s.list.begin(), s.list.end(), r) == s.list.end()) s.list.push_back(r);
 }
 
 void ReclaimableRegistry::remove(Reclaimable* r) {
     State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    PlainMutex::Lock lock(s.mutex);
     s.list.erase(std::remove(s.list.begin(), s.list.end(), r), s.list.end());
 }
 
 void ReclaimableRegistry::purgeAll() {
     State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    PlainMutex::Lock lock(s.mutex);
     for (Reclaimable* r : s.list) r->purge();
 }
 
 size_t ReclaimableRegistry::count() {
     State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    PlainMutex::Lock lock(s.mutex);
     return s.list.size();
 }

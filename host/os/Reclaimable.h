@@ -5,8 +5,9 @@
 // (reportUsage).
 #pragma once
 
+#include "host/threads/PlainMutex.h"
+
 #include <cstddef>
-#include <mutex>
 #include <vector>
 
 class Reclaimable {
@@ -33,8 +34,8 @@ public:
 
 private:
     struct State {
-        std::mutex mutex;
-        std::vector<Reclaimable*> list;
+        PlainMutex mutex;
+        std::vector<Reclaimable*> list GUARDED_BY(mutex);
     };
     static State& state();
 };

@@ -4,16 +4,16 @@
 #include "host/core/Strings.h"
 #include "host/project/EditManager.h"
 #include "host/project/ProjectFiles.h"
+#include "host/threads/PlainMutex.h"
 
 #include <atomic>
 #include <map>
-#include <mutex>
 
 namespace {
 
-std::mutex g_listenerMutex; // guards g_listeners and g_nextToken
-std::map<int, std::function<void()>> g_listeners;
-int g_nextToken = 1;
+PlainMutex g_listenerMutex; // guards g_listeners and g_nextToken
+std::map<int, std::function<void()>> g_listeners GUARDED_BY(g_listenerMutex);
+int g_nextToken GUARDED_BY(g_listenerMutex) = 1;
 std::atomic<uint64_t> g_notices{0};
 
 const char kSelectDrives[] =
@@ -129,20 +129,20 @@ void DiskManager::issueMediaOnlineChangeNotification() {
     g_notices.fetch_add(1, std::memory_order_relaxed);
     std::vector<std::function<void()>> listeners;
     {
-        std::lock_guard<std::mutex> lock(g_listenerMutex);
+        PlainMutex::Lock lock(g_listenerMutex);
         for (auto& [token, fn] : g_listeners) listeners.push_back(fn);
     }
     for (auto& fn : listeners) fn();
 }
 
 int DiskManager::addMediaOnlineListener(std::function<void()> listener) {
-    std::lock_guard<std::mutex> lock(g_listenerMutex);
+    PlainMutex::Lock lock(g_listenerMutex);
     g_listeners[g_nextToken] = std::move(listener);
     return g_nextToken++;
 }
 
 void DiskManager::removeMediaOnlineListener(int token) {
-    std::lock_guard<std::mutex> lock(g_listenerMutex);
+    PlainMutex::Lock lock(g_listenerMutex);
     g_listeners.erase(token);
 }
 

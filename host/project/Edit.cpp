@@ -5,6 +5,7 @@
 #include "host/project/MaterialRecords.h"
 #include "host/project/ProjectDatabase.h"
 #include "host/project/RowCache.h"
+#include "host/threads/PlainMutex.h"
 
 #include <algorithm>
 #include <memory>
@@ -95,6 +96,7 @@ Zn::Ptr<Edit> Edit::load(const Zn::Ptr<ProjectDatabase>& db, const Cookie& cooki
     std::shared_ptr<const StoredEdit> s = storedEdit(*db, cookie);
     if (!s) return nullptr;
     Zn::Ptr<Edit> e(new Edit(db, cookie, s->name, s->logType, s->flags, readOnly));
+    PlainMutex::Lock lock(e->mutex_);
     e->stored_ = true;
     e->sampleRate_ = s->sampleRate;
     e->decodeOptions_ = s->decodeOptions;
@@ -116,22 +118,22 @@ bool Edit::describe(const ProjectDatabase& db, const Cookie& cookie, WString& na
 }
 
 WString Edit::getName() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return name_;
 }
 
 int Edit::getLogType() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return logType_;
 }
 
 unsigned Edit::getFlags() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return flags_;
 }
 
 bool Edit::isEmpty(int) const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     if (flags_ & eEmpty) return true;
     for (const auto& [selector, list] : refs_)
         if (!list.empty()) return false;
@@ -139,7 +141,7 @@ bool Edit::isEmpty(int) const {
 }
 
 unsigned Edit::getChans(Vector<int>& out, int kinds, unsigned mask) const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     out.clear();
     for (const auto& c : channels_)
         if ((c.kind & kinds) && (c.flags & mask)) out.add(c.chan);
@@ -147,18 +149,18 @@ unsigned Edit::getChans(Vector<int>& out, int kinds, unsigned mask) const {
 }
 
 std::vector<Edit::Channel> Edit::getChannels() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return channels_;
 }
 
 CookieVec Edit::getReferences(unsigned selector) const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     auto it = refs_.find(selector);
     return it == refs_.end() ? CookieVec() : it->second;
 }
 
 std::vector<Edit::Segment> Edit::getSegments(int chan) const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     std::vector<Segment> out;
     for (const auto& s : segments_)
         if (chan == 0 || s.chan == chan) out.push_back(s);
@@ -166,17 +168,17 @@ std::vector<Edit::Segment> Edit::getSegments(int chan) const {
 }
 
 unsigned Edit::getAudioInputSampleRate() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return sampleRate_;
 }
 
 configb Edit::getDecodeOptions() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return decodeOptions_;
 }
 
 String Edit::getAudioMetadata() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return audioMetadata_;
 }
 
@@ -190,7 +192,7 @@ CookieVec Edit::findCookiesForShot(const Cookie& shot) {
 bool Edit::addModification(const EditModifications& mods, bool notify) {
     if (readOnly_ || mods.empty()) return !readOnly_;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         if (modifiers_ > 0) {
             // Goes with the open modifier's commit.
             for (const auto& m : mods) pending_.add(m);
@@ -222,49 +224,49 @@ EditModifications Edit::getModifications() const {
 }
 
 bool Edit::setName(const WString& name) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     if (!canChangeLocked()) return false;
     name_ = name;
     return true;
 }
 
 bool Edit::setLogType(int logType) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     if (!canChangeLocked()) return false;
     logType_ = logType;
     return true;
 }
 
 bool Edit::setFlag(unsigned flag, bool on) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     if (!canChangeLocked()) return false;
     flags_ = on ? (flags_ | flag) : (flags_ & ~flag);
     return true;
 }
 
 bool Edit::setAudioInputSampleRate(unsigned rate) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     if (!canChangeLocked() || rate == 0) return false;
     sampleRate_ = rate;
     return true;
 }
 
 bool Edit::setDecodeOptions(const configb& options) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     if (!canChangeLocked()) return false;
     decodeOptions_ = options;
     return true;
 }
 
 bool Edit::setAudioMetadata(const String& metadata) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     if (!canChangeLocked()) return false;
     audioMetadata_ = metadata;
     return true;
 }
 
 int Edit::addChannel(int kind, unsigned flags) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     if (!canChangeLocked() || (kind != eVideo && kind != eAudio)) return 0;
     int chan = channels_.empty() ? 1 : channels_.back().chan + 1;
     channels_.push_back({chan, kind, flags});
@@ -277,7 +279,7 @@ void Edit::addReferenceLocked(unsigned selector, const Cookie& cookie) {
 }
 
 bool Edit::addReference(unsigned selector, const Cookie& cookie) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     if (!canChangeLocked() || !cookie.valid()) return false;
     addReferenceLocked(selector, cookie);
     return true;
@@ -297,7 +299,7 @@ bool Edit::addSegmentLocked(const Segment& s) {
 }
 
 bool Edit::addSegment(int chan, double start, double finish, const Cookie& material) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     if (!material.valid() || material.isFiller()) return false;
     if (!addSegmentLocked({chan, start, finish, eSegMaterial, material, WString()})) return false;
     addReferenceLocked(eRefMaterial, material);
@@ -307,7 +309,7 @@ bool Edit::addSegment(int chan, double start, double finish, const Cookie& mater
 }
 
 bool Edit::addFiller(int chan, double start, double finish) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     Cookie filler('V', 1, Cookie::kFillerWord);
     if (!addSegmentLocked({chan, start, finish, eSegFiller, filler, WString()})) return false;
     addReferenceLocked(eRefAvailability, filler);
@@ -315,11 +317,15 @@ bool Edit::addFiller(int chan, double start, double finish) {
 }
 
 bool Edit::addEffect(int chan, double start, double finish, const WString& name) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return addSegmentLocked({chan, start, finish, eSegEffect, Cookie(), name});
 }
 
-bool Edit::store(sqlite::Connection& db) { return storeLocked(db, false); }
+// Not analysed: the edit is new and out of other threads' reach, and its lock would be
+// taken inside the project's write lock, the reverse of the usual order.
+bool Edit::store(sqlite::Connection& db) NO_THREAD_SAFETY_ANALYSIS {
+    return storeLocked(db, false);
+}
 
 bool Edit::storeLocked(sqlite::Connection& db, bool withPending) {
     // Counted as stored from here on: a failed write rolls the transaction back, and the
@@ -384,7 +390,7 @@ bool Edit::storeLocked(sqlite::Connection& db, bool withPending) {
 }
 
 bool Edit::storeNow() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     if (readOnly_ || !db_) return false;
     ProjectDatabase::Write w(*db_);
     if (!storeLocked(w.db(), false)) w.fail();
@@ -392,7 +398,7 @@ bool Edit::storeNow() {
 }
 
 bool Edit::beginModify() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     if (readOnly_ || !db_) return false;
     ++modifiers_;
     return true;
@@ -401,7 +407,7 @@ bool Edit::beginModify() {
 bool Edit::endModify(std::string* error) {
     EditModifications announced;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         if (modifiers_ == 0) return false;
         if (--modifiers_ > 0) return true;
         ProjectDatabase::Write w(*db_);

@@ -17,12 +17,12 @@
 #include "host/core/LightweightString.h"
 #include "host/core/RefCount.h"
 #include "host/core/Vector.h"
-#include "host/project/ProjectDatabase.h"
 #include "host/core/configb.h"
 #include "host/project/EditModification.h"
+#include "host/project/ProjectDatabase.h"
+#include "host/threads/PlainMutex.h"
 
 #include <map>
-#include <mutex>
 #include <vector>
 
 
@@ -140,32 +140,32 @@ private:
     bool beginModify();
     // Ends one modifier; the last one writes the edit. False when the write failed.
     bool endModify(std::string* error);
-    bool storeLocked(sqlite::Connection& db, bool withPending);
+    bool storeLocked(sqlite::Connection& db, bool withPending) REQUIRES(mutex_);
     // Writes the edit now in a transaction of its own (edit lock first, then the
     // project's write lock).
     bool storeNow();
-    bool canChangeLocked() const { return modifiers_ > 0 || !stored_; }
-    bool addSegmentLocked(const Segment& s);
-    void addReferenceLocked(unsigned selector, const Cookie& cookie);
+    bool canChangeLocked() const REQUIRES(mutex_) { return modifiers_ > 0 || !stored_; }
+    bool addSegmentLocked(const Segment& s) REQUIRES(mutex_);
+    void addReferenceLocked(unsigned selector, const Cookie& cookie) REQUIRES(mutex_);
 
     Zn::Ptr<ProjectDatabase> db_;
     const Cookie cookie_;
     const bool readOnly_;
 
-    mutable std::mutex mutex_;
-    WString name_;
-    int logType_;
-    unsigned flags_;
-    unsigned sampleRate_ = 48000;
-    configb decodeOptions_;
-    String audioMetadata_;
-    std::vector<Channel> channels_;
-    std::map<unsigned, CookieVec> refs_;
-    std::vector<Segment> segments_;
-    EditModifications pending_;
-    bool notifyPending_ = false;
-    int modifiers_ = 0;
-    bool stored_ = false;
+    mutable PlainMutex mutex_;
+    WString name_ GUARDED_BY(mutex_);
+    int logType_ GUARDED_BY(mutex_);
+    unsigned flags_ GUARDED_BY(mutex_);
+    unsigned sampleRate_ GUARDED_BY(mutex_) = 48000;
+    configb decodeOptions_ GUARDED_BY(mutex_);
+    String audioMetadata_ GUARDED_BY(mutex_);
+    std::vector<Channel> channels_ GUARDED_BY(mutex_);
+    std::map<unsigned, CookieVec> refs_ GUARDED_BY(mutex_);
+    std::vector<Segment> segments_ GUARDED_BY(mutex_);
+    EditModifications pending_ GUARDED_BY(mutex_);
+    bool notifyPending_ GUARDED_BY(mutex_) = false;
+    int modifiers_ GUARDED_BY(mutex_) = 0;
+    bool stored_ GUARDED_BY(mutex_) = false;
 };
 
 class EditPtr {

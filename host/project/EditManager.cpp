@@ -3,16 +3,16 @@
 
 #include "host/project/Edit.h"
 #include "host/project/ImportRecovery.h"
+#include "host/threads/PlainMutex.h"
 
 #include <map>
-#include <mutex>
 
 namespace {
 
-std::mutex g_mutex; // guards g_project, g_listeners and g_nextToken
-Zn::Ptr<ProjectDatabase> g_project;
-std::map<int, EditManager::ModificationListener> g_listeners;
-int g_nextToken = 1;
+PlainMutex g_mutex; // guards g_project, g_listeners and g_nextToken
+Zn::Ptr<ProjectDatabase> g_project GUARDED_BY(g_mutex);
+std::map<int, EditManager::ModificationListener> g_listeners GUARDED_BY(g_mutex);
+int g_nextToken GUARDED_BY(g_mutex) = 1;
 
 } // namespace
 
@@ -27,7 +27,7 @@ bool EditManager::openProject(const WString& folder, bool create, WString* error
     recoverInterruptedImports(*db);
     Zn::Ptr<ProjectDatabase> old;
     {
-        std::lock_guard<std::mutex> lock(g_mutex);
+        PlainMutex::Lock lock(g_mutex);
         old = std::move(g_project);
         g_project = std::move(db);
     }
@@ -37,12 +37,12 @@ bool EditManager::openProject(const WString& folder, bool create, WString* error
 
 void EditManager::closeProject() {
     Zn::Ptr<ProjectDatabase> old;
-    std::lock_guard<std::mutex> lock(g_mutex);
+    PlainMutex::Lock lock(g_mutex);
     old = std::move(g_project);
 }
 
 Zn::Ptr<ProjectDatabase> EditManager::getProjdb() {
-    std::lock_guard<std::mutex> lock(g_mutex);
+    PlainMutex::Lock lock(g_mutex);
     return g_project;
 }
 
@@ -61,20 +61,20 @@ EditPtr EditManager::createEdit(const WString& name, int logType, unsigned flags
 bool EditManager::updateProjdbRec(Edit& edit) { return edit.storeNow(); }
 
 int EditManager::addModificationListener(ModificationListener listener) {
-    std::lock_guard<std::mutex> lock(g_mutex);
+    PlainMutex::Lock lock(g_mutex);
     g_listeners[g_nextToken] = std::move(listener);
     return g_nextToken++;
 }
 
 void EditManager::removeModificationListener(int token) {
-    std::lock_guard<std::mutex> lock(g_mutex);
+    PlainMutex::Lock lock(g_mutex);
     g_listeners.erase(token);
 }
 
 void EditManager::notifyModifications(const Cookie& edit, const EditModifications& mods) {
     std::vector<ModificationListener> listeners;
     {
-        std::lock_guard<std::mutex> lock(g_mutex);
+        PlainMutex::Lock lock(g_mutex);
         for (auto& [token, fn] : g_listeners) listeners.push_back(fn);
     }
     for (const auto& m : mods)

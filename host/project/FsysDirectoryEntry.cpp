@@ -4,6 +4,7 @@
 
 #include "host/project/ProjectDatabase.h"
 #include "host/project/ProjectFiles.h"
+#include "host/threads/PlainMutex.h"
 
 FsysDirectoryEntry::FsysDirectoryEntry(Zn::Ptr<ProjectDatabase> db, const Cookie& cookie, const records::EntryRow& row)
     : db_(std::move(db)), cookie_(cookie), startOffset_(row.startOffset), kind_(row.kind) {
@@ -18,27 +19,27 @@ FsysDirectoryEntry::FsysDirectoryEntry(Zn::Ptr<ProjectDatabase> db, const Cookie
 }
 
 int FsysDirectoryEntry::getKind() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return kind_;
 }
 
 MediaFileInfo FsysDirectoryEntry::getFile() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return hasFile_ ? file_ : MediaFileInfo();
 }
 
 bool FsysDirectoryEntry::hasFile() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return hasFile_;
 }
 
 MaterialFilename FsysDirectoryEntry::getMaterialFilename() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return hasFile_ ? file_.getMaterialFilename() : MaterialFilename();
 }
 
 Vector<MediaFileInfo> FsysDirectoryEntry::getProxyFiles() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     Vector<MediaFileInfo> out;
     out.resizeFor(unsigned(proxies_.size()));
     for (const auto& p : proxies_) out.add(p.info);
@@ -46,7 +47,7 @@ Vector<MediaFileInfo> FsysDirectoryEntry::getProxyFiles() const {
 }
 
 bool FsysDirectoryEntry::isLinked() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return hasFile_ && file_.isLinked();
 }
 
@@ -56,12 +57,12 @@ WString FsysDirectoryEntry::getPhysicalFilename(bool resolveLinks) const {
 }
 
 WString FsysDirectoryEntry::getLinkedFilename() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return hasFile_ && file_.isLinked() ? file_.getLinkTarget() : WString();
 }
 
 bool FsysDirectoryEntry::setLinkedFilename(const WString& name) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     if (!hasFile_) return false;
     MediaFileInfo changed = file_;
     changed.setLinkTarget(name);
@@ -87,12 +88,12 @@ int FsysDirectoryEntry::statusOfLocked(unsigned types) const {
 }
 
 int FsysDirectoryEntry::getStatus(unsigned types) const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return statusOfLocked(types);
 }
 
 int FsysDirectoryEntry::updateStatus(unsigned types) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     // Look at the disk first and write only what changed: a status query is frequent and
     // should not take the project's write lock when nothing moved.
     std::vector<std::pair<int, MediaFileInfo*>> changed; // (seq or -1 for high-res, record)
@@ -127,7 +128,7 @@ bool FsysDirectoryEntry::replaceFile(const MediaFileInfo& old, const MediaFileIn
 }
 
 bool FsysDirectoryEntry::changeFiles(const MediaFileInfo* removed, const MediaFileInfo* file) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     bool high = false;
     auto proxy = proxies_.end();
     if (removed) {
@@ -179,7 +180,7 @@ void FsysDirectoryEntry::keepAddedLocked(const MediaFileInfo& added, int seq) {
 }
 
 bool FsysDirectoryEntry::updateFileSize() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     auto measure = [](MediaFileInfo& f) {
         int64_t n = projectfs::size(f.getPhysicalFilename(false));
         f.setSize(n < 0 ? 0 : uint64_t(n));
@@ -199,6 +200,6 @@ bool FsysDirectoryEntry::updateFileSize() {
 }
 
 uint64_t FsysDirectoryEntry::getSize() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return hasFile_ ? file_.getSize() : 0;
 }

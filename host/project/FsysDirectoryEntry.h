@@ -13,12 +13,12 @@
 #include "host/core/Cookie.h"
 #include "host/core/RefCount.h"
 #include "host/core/Vector.h"
-#include "host/project/ProjectDatabase.h"
 #include "host/project/MaterialRecords.h"
 #include "host/project/MediaFileInfo.h"
+#include "host/project/ProjectDatabase.h"
+#include "host/threads/PlainMutex.h"
 
 #include <cstdint>
-#include <mutex>
 #include <vector>
 
 
@@ -78,18 +78,18 @@ private:
         int seq;
         MediaFileInfo info;
     };
-    int statusOfLocked(unsigned types) const;
+    int statusOfLocked(unsigned types) const REQUIRES(mutex_);
     // Drops the record of *removed (when given and there) and adds *file (when given) in
     // one transaction; false when there is nothing to do or the write failed.
     bool changeFiles(const MediaFileInfo* removed, const MediaFileInfo* file);
-    void keepAddedLocked(const MediaFileInfo& added, int seq);
+    void keepAddedLocked(const MediaFileInfo& added, int seq) REQUIRES(mutex_);
 
     Zn::Ptr<ProjectDatabase> db_;
     Cookie cookie_;
     int64_t startOffset_;
-    mutable std::mutex mutex_;
-    int kind_;
-    bool hasFile_ = false;
-    MediaFileInfo file_;
-    std::vector<Slot> proxies_;
+    mutable PlainMutex mutex_;
+    int kind_ GUARDED_BY(mutex_);
+    bool hasFile_ GUARDED_BY(mutex_) = false;
+    MediaFileInfo file_ GUARDED_BY(mutex_);
+    std::vector<Slot> proxies_ GUARDED_BY(mutex_);
 };

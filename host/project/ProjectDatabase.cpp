@@ -5,6 +5,7 @@
 #include "host/core/Strings.h"
 #include "host/os/Log.h"
 #include "host/project/ProjectFiles.h"
+#include "host/threads/PlainMutex.h"
 
 #include <cerrno>
 #include <chrono>
@@ -242,7 +243,7 @@ uint64_t ProjectDatabase::stateGeneration() const {
                             std::chrono::steady_clock::now().time_since_epoch())
                             .count();
     if (now - lastWatch_.load(std::memory_order_relaxed) >= 1000000) {
-        std::lock_guard<std::mutex> lock(watchMutex_);
+        PlainMutex::Lock lock(watchMutex_);
         if (!watch_.isOpen() && !watch_.open(file_, sqlite::Connection::eReadOnly)) {
             outsideChanges_.fetch_add(1); // cannot tell: count it as changed
         } else {
@@ -287,6 +288,7 @@ Zn::Ptr<ProjectDatabase> ProjectDatabase::open(const WString& folder, bool creat
 }
 
 bool ProjectDatabase::openWriter(WString& error) {
+    PlainMutex::Lock lock(writeMutex_);
     if (!writer_.open(file_, sqlite::Connection::eReadWrite) || !writer_.exec("PRAGMA journal_mode=WAL") ||
         !writer_.exec("PRAGMA synchronous=FULL; PRAGMA foreign_keys=ON")) {
         error = fromUTF8(("cannot open project database \"" + file_ + "\": " + writer_.lastError()).c_str());
@@ -298,7 +300,7 @@ bool ProjectDatabase::openWriter(WString& error) {
 
 std::unique_ptr<sqlite::Connection> ProjectDatabase::takeReader() const {
     {
-        std::lock_guard<std::mutex> lock(poolMutex_);
+        PlainMutex::Lock lock(poolMutex_);
         if (!idle_.empty()) {
             auto conn = std::move(idle_.back());
             idle_.pop_back();
@@ -317,7 +319,7 @@ std::unique_ptr<sqlite::Connection> ProjectDatabase::takeReader() const {
 }
 
 void ProjectDatabase::giveBackReader(std::unique_ptr<sqlite::Connection> conn) const {
-    std::lock_guard<std::mutex> lock(poolMutex_);
+    PlainMutex::Lock lock(poolMutex_);
     // Enough connections for the threads that read at once; a burst beyond that closes.
     if (idle_.size() < 16) idle_.push_back(std::move(conn));
 }
@@ -341,22 +343,23 @@ ProjectDatabase::Read::~Read() {
 }
 
 ProjectDatabase::Write::Write(ProjectDatabase& db) : owner_(db), lock_(db.writeMutex_) {
-    ok_ = owner_.writer_.begin(true);
-    if (!ok_) LogBoth("ProjectDatabase: cannot start a write: %s\n", owner_.writer_.lastError().c_str());
+    ok_ = writer().begin(true);
+    if (!ok_) LogBoth("ProjectDatabase: cannot start a write: %s\n", writer().lastError().c_str());
 }
 
 ProjectDatabase::Write::~Write() {
-    if (!done_) owner_.writer_.rollback();
+    if (!done_) writer().rollback();
 }
 
 bool ProjectDatabase::Write::commit() {
     done_ = true;
-    if (ok_ && owner_.writer_.commit()) {
+    if (ok_ && writer().commit()) {
         owner_.localCommits_.fetch_add(1);
         return true;
     }
-    LogBoth("ProjectDatabase: write of %s failed: %s\n", owner_.file_.c_str(), owner_.writer_.lastError().c_str());
-    owner_.writer_.rollback();
+    LogBoth("ProjectDatabase: write of %s failed: %s\n", owner_.file_.c_str(),
+            writer().lastError().c_str());
+    writer().rollback();
     ok_ = false;
     return false;
 }

@@ -10,11 +10,11 @@
 #include "host/core/LightweightString.h"
 #include "host/core/RefCount.h"
 #include "host/project/Sqlite.h"
+#include "host/threads/PlainMutex.h"
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -62,24 +62,28 @@ public:
     // The write transaction: holds the project's write lock from construction to
     // destruction. Nothing is stored unless commit() succeeds; a Write destroyed
     // without commit rolls back.
-    class Write {
+    class SCOPED_CAPABILITY Write {
     public:
-        explicit Write(ProjectDatabase& db);
-        ~Write();
+        explicit Write(ProjectDatabase& db) ACQUIRE(db.writeMutex_);
+        ~Write() RELEASE();
         Write(const Write&) = delete;
         Write& operator=(const Write&) = delete;
-        sqlite::Connection& db() { return owner_.writer_; }
+        sqlite::Connection& db() { return writer(); }
         bool ok() const noexcept { return ok_; }
         // Marks the transaction failed (a step that went wrong); commit then rolls back.
         void fail() noexcept { ok_ = false; }
         // Commits when every step succeeded; false (and rolled back) otherwise.
         bool commit();
         // The reason of the last failure, for the caller's message.
-        std::string error() const { return owner_.writer_.lastError(); }
+        std::string error() const { return writer().lastError(); }
 
     private:
+        // The write connection. A Write holds owner_.writeMutex_ for its whole life, which
+        // the analysis cannot see inside its members, so this one access is not analysed.
+        sqlite::Connection& writer() const NO_THREAD_SAFETY_ANALYSIS { return owner_.writer_; }
+
         ProjectDatabase& owner_;
-        std::lock_guard<std::mutex> lock_;
+        PlainMutex::Lock lock_;
         bool ok_ = false;
         bool done_ = false;
     };
@@ -103,7 +107,7 @@ public:
 
 private:
     explicit ProjectDatabase(const WString& folder);
-    bool openWriter(WString& error);
+    bool openWriter(WString& error) EXCLUDES(writeMutex_);
     std::unique_ptr<sqlite::Connection> takeReader() const;
     void giveBackReader(std::unique_ptr<sqlite::Connection> conn) const;
 
@@ -117,21 +121,21 @@ private:
     mutable std::atomic<int64_t> lastWatch_{0}; // steady clock, nanoseconds
     // watchMutex_ guards watch_ and lastVersion_; held for one PRAGMA, no other lock
     // taken with it held.
-    mutable std::mutex watchMutex_;
-    mutable sqlite::Connection watch_;
-    mutable int64_t lastVersion_ = -1;
+    mutable PlainMutex watchMutex_;
+    mutable sqlite::Connection watch_ GUARDED_BY(watchMutex_);
+    mutable int64_t lastVersion_ GUARDED_BY(watchMutex_) = -1;
 
     // writeMutex_ guards writer_ and is held for the whole of a Write. It may be taken
     // with an Edit's or an FsysDirectoryEntry's own lock held (they write themselves
     // through it), so a thread holding it takes no such lock that another thread can
     // hold; nor does it start a second Write (the mutex is not re-entrant).
-    std::mutex writeMutex_;
-    sqlite::Connection writer_;
+    PlainMutex writeMutex_ ACQUIRED_BEFORE(poolMutex_);
+    sqlite::Connection writer_ GUARDED_BY(writeMutex_);
 
     // poolMutex_ guards idle_ only; it is held for a push or a pop and never while a
     // query runs, so it may be taken with writeMutex_ held.
-    mutable std::mutex poolMutex_;
-    mutable std::vector<std::unique_ptr<sqlite::Connection>> idle_;
+    mutable PlainMutex poolMutex_;
+    mutable std::vector<std::unique_ptr<sqlite::Connection>> idle_ GUARDED_BY(poolMutex_);
 };
 
 using projdb = ProjectDatabase;

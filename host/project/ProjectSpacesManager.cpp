@@ -3,16 +3,15 @@
 
 #include "host/project/EditManager.h"
 #include "host/project/RowCache.h"
-
-#include <mutex>
+#include "host/threads/PlainMutex.h"
 
 namespace {
 
 RowCache<int, int> g_spaceType(1);
 
-std::mutex g_mutex; // guards g_replaced and g_replacement
-bool g_replaced = false;
-Zn::Ptr<iProjectSpaceResource> g_replacement;
+PlainMutex g_mutex; // guards g_replaced and g_replacement
+bool g_replaced GUARDED_BY(g_mutex) = false;
+Zn::Ptr<iProjectSpaceResource> g_replacement GUARDED_BY(g_mutex);
 
 // The remote resource as the project stores it. Every question reads the project anew,
 // so that what another process wrote is seen.
@@ -79,7 +78,7 @@ bool ProjectSpacesManager::setCurrentProjectSpaceType(int type) {
 Zn::Ptr<iProjectSpaceResource> ProjectSpacesManager::getResourceForRemoteProjectSpace(const WString&) {
     if (getCurrentProjectSpaceType() != eRemote) return nullptr;
     {
-        std::lock_guard<std::mutex> lock(g_mutex);
+        PlainMutex::Lock lock(g_mutex);
         if (g_replaced) return g_replacement;
     }
     return getStoredResource();
@@ -155,7 +154,7 @@ CookieVec ProjectSpacesManager::getServerLogs() {
 
 void ProjectSpacesManager::replaceResource(bool active, Zn::Ptr<iProjectSpaceResource> resource, bool& wasActive,
                                            Zn::Ptr<iProjectSpaceResource>& was) {
-    std::lock_guard<std::mutex> lock(g_mutex);
+    PlainMutex::Lock lock(g_mutex);
     wasActive = g_replaced;
     was = std::move(g_replacement);
     g_replaced = active;

@@ -11,10 +11,10 @@
 #pragma once
 
 #include "host/project/ProjectDatabase.h"
+#include "host/threads/PlainMutex.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <unordered_map>
 
 template <class Key, class Value, class Hash = std::hash<Key>> class RowCache {
@@ -27,7 +27,7 @@ public:
     // The row of key when it is kept for db's present state; state receives that state.
     bool find(const ProjectDatabase& db, const Key& key, Value& out, uint64_t& state) {
         state = db.stateGeneration();
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         if (!sameStateLocked(db, state)) return false;
         auto it = map_.find(key);
         if (it == map_.end()) return false;
@@ -37,7 +37,7 @@ public:
     // Keeps a row read at state, unless the project has changed since.
     void put(const ProjectDatabase& db, const Key& key, const Value& value, uint64_t state) {
         if (db.stateGeneration() != state) return;
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         if (!sameStateLocked(db, state)) return;
         if (map_.size() >= capacity_) map_.clear();
         map_.insert_or_assign(key, value);
@@ -45,7 +45,7 @@ public:
 
 private:
     // Empties the map when it belongs to another project or state, and adopts db's.
-    bool sameStateLocked(const ProjectDatabase& db, uint64_t state) {
+    bool sameStateLocked(const ProjectDatabase& db, uint64_t state) REQUIRES(mutex_) {
         if (project_ == db.instanceId() && state_ == state) return true;
         if (project_ == db.instanceId() && state < state_) return false; // an older reader
         map_.clear();
@@ -55,8 +55,8 @@ private:
     }
 
     const size_t capacity_;
-    std::mutex mutex_;
-    uint64_t project_ = 0;
-    uint64_t state_ = 0;
-    std::unordered_map<Key, Value, Hash> map_;
+    PlainMutex mutex_;
+    uint64_t project_ GUARDED_BY(mutex_) = 0;
+    uint64_t state_ GUARDED_BY(mutex_) = 0;
+    std::unordered_map<Key, Value, Hash> map_ GUARDED_BY(mutex_);
 };

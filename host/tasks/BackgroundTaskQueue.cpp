@@ -1,6 +1,8 @@
 // The worker-thread queue of background tasks and the process's user-interface queue.
 #include "host/tasks/BackgroundTaskQueue.h"
 
+#include "host/threads/PlainMutex.h"
+
 #include <algorithm>
 #include <chrono>
 
@@ -21,7 +23,7 @@ void BackgroundTaskQueueBase::abandon(const Zn::Ptr<iBackgroundTask>& task) {
 bool BackgroundTaskQueueBase::queue(const Zn::Ptr<iBackgroundTask>& task) {
     if (!task || task->getStatus() != iBackgroundTask::eQueued) return false;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         if (task->getQueue() != nullptr) return false;
         task->setQueue(this);
         if (!ended_ && !workers_.empty()) {
@@ -37,7 +39,7 @@ bool BackgroundTaskQueueBase::queue(const Zn::Ptr<iBackgroundTask>& task) {
 bool BackgroundTaskQueueBase::cancel(const Zn::Ptr<iBackgroundTask>& task) {
     bool waiting = false;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         auto w = std::find(waiting_.begin(), waiting_.end(), task);
         if (w != waiting_.end()) {
             waiting_.erase(w);
@@ -56,24 +58,24 @@ bool BackgroundTaskQueueBase::cancel(const Zn::Ptr<iBackgroundTask>& task) {
 }
 
 std::vector<Zn::Ptr<iBackgroundTask>> BackgroundTaskQueueBase::getTasks() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     std::vector<Zn::Ptr<iBackgroundTask>> all(running_);
     all.insert(all.end(), waiting_.begin(), waiting_.end());
     return all;
 }
 
 bool BackgroundTaskQueueBase::waitForIdle(unsigned timeoutMs) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    auto idle = [&] { return waiting_.empty() && busy_ == 0; };
+    PlainMutex::UniqueLock lock(mutex_);
+    auto idle = [&]() REQUIRES(mutex_) { return waiting_.empty() && busy_ == 0; };
     if (timeoutMs == iThreadEvent::kInfinite) {
-        changed_.wait(lock, idle);
+        changed_.wait(lock.native(), idle);
         return true;
     }
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), idle);
+    return changed_.wait_for(lock.native(), std::chrono::milliseconds(timeoutMs), idle);
 }
 
 bool BackgroundTaskQueueBase::hasEnded() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return ended_;
 }
 
@@ -81,8 +83,9 @@ void BackgroundTaskQueueBase::workerLoop() {
     for (;;) {
         Zn::Ptr<iBackgroundTask> task;
         {
-            std::unique_lock<std::mutex> lock(mutex_);
-            changed_.wait(lock, [&] { return ended_ || !waiting_.empty(); });
+            PlainMutex::UniqueLock lock(mutex_);
+            changed_.wait(lock.native(),
+                          [&]() REQUIRES(mutex_) { return ended_ || !waiting_.empty(); });
             if (waiting_.empty()) return; // ended
             task = std::move(waiting_.front());
             waiting_.pop_front();
@@ -91,7 +94,7 @@ void BackgroundTaskQueueBase::workerLoop() {
         }
         task->execute();
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            PlainMutex::Lock lock(mutex_);
             running_.erase(std::find(running_.begin(), running_.end(), task));
             --busy_;
         }
@@ -104,7 +107,7 @@ void BackgroundTaskQueueBase::endQueue(bool wait) {
     std::vector<Zn::Ptr<iBackgroundTask>> running;
     std::vector<Zn::Ptr<iThread>> workers;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         ended_ = true;
         waiting.swap(waiting_);
         running = running_;

@@ -7,11 +7,11 @@
 #include "host/core/RefCount.h"
 #include "host/tasks/BackgroundTask.h"
 #include "host/threads/BasicThread.h"
+#include "host/threads/PlainMutex.h"
 #include "host/threads/Shutdown.h"
 
 #include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <vector>
 
 class iBackgroundTaskQueue {
@@ -50,7 +50,10 @@ public:
 
     // Waits until no task waits or runs; false when timeoutMs passed first.
     bool waitForIdle(unsigned timeoutMs = iThreadEvent::kInfinite) const;
-    unsigned workerCount() const noexcept { return unsigned(workers_.size()); }
+    unsigned workerCount() const noexcept {
+        PlainMutex::Lock lock(mutex_);
+        return unsigned(workers_.size());
+    }
     bool hasEnded() const;
 
     // Takes no more tasks, cancels those waiting and running, and, with wait, waits for
@@ -69,14 +72,14 @@ private:
     // Ends a task that will never run here.
     static void abandon(const Zn::Ptr<iBackgroundTask>& task);
 
-    mutable std::mutex mutex_;
+    mutable PlainMutex mutex_;
     mutable std::condition_variable changed_;
-    std::deque<Zn::Ptr<iBackgroundTask>> waiting_;
-    std::vector<Zn::Ptr<iBackgroundTask>> running_;
-    unsigned busy_ = 0;
-    bool ended_ = false;
+    std::deque<Zn::Ptr<iBackgroundTask>> waiting_ GUARDED_BY(mutex_);
+    std::vector<Zn::Ptr<iBackgroundTask>> running_ GUARDED_BY(mutex_);
+    unsigned busy_ GUARDED_BY(mutex_) = 0;
+    bool ended_ GUARDED_BY(mutex_) = false;
     // Made in the constructor; endQueue takes them out to join them.
-    std::vector<Zn::Ptr<iThread>> workers_;
+    std::vector<Zn::Ptr<iThread>> workers_ GUARDED_BY(mutex_);
 };
 
 // The process's queue for tasks started from the user interface (and the command-line

@@ -3,6 +3,7 @@
 
 #include "host/core/Strings.h"
 #include "host/os/Log.h"
+#include "host/threads/PlainMutex.h"
 
 #include <algorithm>
 #include <cstdarg>
@@ -66,7 +67,7 @@ double LoggerBase::fractionAt(double within) const {
 void LoggerBase::startSubTasks(const std::vector<uint64_t>& sizes) {
     double now;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         Level l;
         l.sizes = sizes;
         for (uint64_t s : sizes) l.total += s;
@@ -86,7 +87,7 @@ void LoggerBase::startSubTasks(const std::vector<uint64_t>& sizes) {
 void LoggerBase::nextSubTask() {
     double now;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         if (levels_.empty()) return;
         Level& l = levels_.back();
         if (l.current < l.sizes.size()) ++l.current;
@@ -98,7 +99,7 @@ void LoggerBase::nextSubTask() {
 void LoggerBase::endSubTasks() {
     double now;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         if (levels_.empty()) return;
         now = levels_.back().pieceStart();
         levels_.pop_back();
@@ -109,7 +110,7 @@ void LoggerBase::endSubTasks() {
 bool LoggerBase::reportProgress(double fraction) {
     double now;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         now = fractionAt(fraction);
     }
     publish(now);
@@ -119,7 +120,7 @@ bool LoggerBase::reportProgress(double fraction) {
 void LoggerBase::publish(double fraction) {
     uint64_t bytes;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         reached_ = std::max(reached_, fraction);
         fraction = reached_;
         bytes = wholeBytes_;

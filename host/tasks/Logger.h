@@ -9,9 +9,9 @@
 #include "host/core/LightweightString.h"
 #include "host/core/RefCount.h"
 #include "host/tasks/TaskLog.h"
+#include "host/threads/PlainMutex.h"
 
 #include <cstdint>
-#include <mutex>
 #include <vector>
 
 // Receives the fraction done of the piece of work in hand (a file being copied).
@@ -74,13 +74,14 @@ private:
         double pieceWidth() const;
     };
     // The whole's fraction for a fraction of the sub-task in hand. Needs mutex_.
-    double fractionAt(double within) const;
+    double fractionAt(double within) const REQUIRES(mutex_);
     void publish(double fraction);
 
-    mutable std::mutex mutex_;
-    std::vector<Level> levels_;
-    double reached_ = 0;       // the furthest fraction published since the outermost start
-    uint64_t wholeBytes_ = 0;  // the outermost level's total
+    mutable PlainMutex mutex_;
+    std::vector<Level> levels_ GUARDED_BY(mutex_);
+    double reached_ GUARDED_BY(mutex_) =
+        0; // the furthest fraction published since the outermost start
+    uint64_t wholeBytes_ GUARDED_BY(mutex_) = 0; // the outermost level's total
 };
 
 // Writes lines into a task log (severity from the output type: eError and eWarning keep

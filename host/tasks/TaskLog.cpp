@@ -1,6 +1,8 @@
 // The task log kept in memory, read by front ends through copies.
 #include "host/tasks/TaskLog.h"
 
+#include "host/threads/PlainMutex.h"
+
 #include <algorithm>
 #include <chrono>
 
@@ -16,7 +18,7 @@ TaskLog::TaskLog() : createdNs_(nowNs()) {}
 void TaskLog::setProgress(double fraction, const WString& text, uint64_t totalBytes) {
     fraction = std::clamp(fraction, 0.0, 1.0);
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         progress_ = Progress{fraction, totalBytes, text};
         ++changes_;
     }
@@ -26,7 +28,7 @@ void TaskLog::setProgress(double fraction, const WString& text, uint64_t totalBy
 void TaskLog::add(Entry entry) {
     entry.time = double(nowNs() - createdNs_) / 1e9;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         entries_.push_back(std::move(entry));
         ++changes_;
     }
@@ -52,27 +54,28 @@ void TaskLog::addHyperlink(const WString& text, const WString& folder, const std
 }
 
 iTaskLog::Progress TaskLog::getProgress() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return progress_;
 }
 
 std::vector<iTaskLog::Entry> TaskLog::getEntries(size_t from) const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     if (from >= entries_.size()) return {};
     return std::vector<Entry>(entries_.begin() + std::ptrdiff_t(from), entries_.end());
 }
 
 size_t TaskLog::entryCount() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return entries_.size();
 }
 
 uint64_t TaskLog::changeCount() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return changes_;
 }
 
 bool TaskLog::waitForChange(uint64_t seen, unsigned timeoutMs) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return changes_ != seen; });
+    PlainMutex::UniqueLock lock(mutex_);
+    return changed_.wait_for(lock.native(), std::chrono::milliseconds(timeoutMs),
+                             [&]() REQUIRES(mutex_) { return changes_ != seen; });
 }

@@ -7,10 +7,10 @@
 
 #include "host/core/LightweightString.h"
 #include "host/core/RefCount.h"
+#include "host/threads/PlainMutex.h"
 
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <vector>
 
 class iTaskLog : public virtual iObject {
@@ -85,9 +85,9 @@ private:
     void add(Entry entry);
 
     const int64_t createdNs_;
-    mutable std::mutex mutex_;
+    mutable PlainMutex mutex_;
     mutable std::condition_variable changed_;
-    std::vector<Entry> entries_;
-    Progress progress_;
-    uint64_t changes_ = 0;
+    std::vector<Entry> entries_ GUARDED_BY(mutex_);
+    Progress progress_ GUARDED_BY(mutex_);
+    uint64_t changes_ GUARDED_BY(mutex_) = 0;
 };

@@ -2,6 +2,7 @@
 #include "host/threads/BasicThread.h"
 
 #include "host/os/OS.h"
+#include "host/threads/PlainMutex.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -9,7 +10,6 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <mutex>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -17,12 +17,12 @@
 // Shared by the object and its running thread, so the thread can report its end even
 // when the object was destroyed on the thread itself.
 struct BasicThread::State : Zn::InternalRefCount {
-    std::mutex mutex;
+    PlainMutex mutex;
     std::condition_variable changed;
-    pthread_t handle{};
-    bool started = false;              // begun and neither joined nor detached
-    bool joining = false;              // an endThread is in pthread_join
-    bool up = false;                   // the new thread has published its id
+    pthread_t handle GUARDED_BY(mutex){};
+    bool started GUARDED_BY(mutex) = false; // begun and neither joined nor detached
+    bool joining GUARDED_BY(mutex) = false; // an endThread is in pthread_join
+    bool up GUARDED_BY(mutex) = false;      // the new thread has published its id
     std::atomic<bool> finished{false}; // threadFn has returned
 };
 
@@ -92,7 +92,7 @@ BasicThread* BasicThread::current() noexcept {
 }
 
 bool BasicThread::isRunning() const noexcept {
-    std::lock_guard<std::mutex> lock(state_->mutex);
+    PlainMutex::Lock lock(state_->mutex);
     return state_->started && !state_->finished.load(std::memory_order_relaxed);
 }
 
@@ -111,7 +111,7 @@ void* BasicThread::trampoline(void* arg) {
     t_current = self;
     self->tid_.store(tid, std::memory_order_release);
     {
-        std::lock_guard<std::mutex> lock(state.mutex);
+        PlainMutex::Lock lock(state.mutex);
         state.up = true;
     }
     state.changed.notify_all();
@@ -128,7 +128,7 @@ void* BasicThread::trampoline(void* arg) {
     // self may be gone from here on.
     t_current = nullptr;
     {
-        std::lock_guard<std::mutex> lock(state.mutex);
+        PlainMutex::Lock lock(state.mutex);
         state.finished.store(true, std::memory_order_relaxed);
     }
     state.changed.notify_all();
@@ -138,11 +138,11 @@ void* BasicThread::trampoline(void* arg) {
 
 bool BasicThread::beginThread(const char* name, int priority) {
     {
-        std::lock_guard<std::mutex> lock(state_->mutex);
+        PlainMutex::Lock lock(state_->mutex);
         if (state_->started && !state_->finished.load(std::memory_order_relaxed)) return false;
     }
     endThread(); // reaps a thread whose threadFn returned by itself
-    std::unique_lock<std::mutex> lock(state_->mutex);
+    PlainMutex::UniqueLock lock(state_->mutex);
     if (state_->started || state_->joining) return false;
 
     name_ = String(name ? name : "");
@@ -157,7 +157,7 @@ bool BasicThread::beginThread(const char* name, int priority) {
         return false;
     }
     state_->started = true;
-    state_->changed.wait(lock, [this] { return state_->up; });
+    state_->changed.wait(lock.native(), [this]() REQUIRES(state_->mutex) { return state_->up; });
     return true;
 }
 
@@ -171,7 +171,7 @@ void BasicThread::endThread() {
 }
 
 void BasicThread::endThread(bool destroying) {
-    std::unique_lock<std::mutex> lock(state_->mutex);
+    PlainMutex::UniqueLock lock(state_->mutex);
     if (!state_->started) return;
     stopRunning();
     if (pthread_equal(state_->handle, pthread_self())) {
@@ -184,7 +184,8 @@ void BasicThread::endThread(bool destroying) {
         return;
     }
     if (state_->joining) {
-        state_->changed.wait(lock, [this] { return !state_->joining; });
+        state_->changed.wait(lock.native(),
+                             [this]() REQUIRES(state_->mutex) { return !state_->joining; });
         return;
     }
     if (destroying && !state_->finished.load(std::memory_order_relaxed))
@@ -196,7 +197,7 @@ void BasicThread::endThread(bool destroying) {
     const pthread_t handle = state_->handle;
     lock.unlock();
     pthread_join(handle, nullptr);
-    lock.lock();
+    lock.relock();
     state_->joining = false;
     state_->started = false;
     state_->changed.notify_all();

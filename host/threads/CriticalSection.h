@@ -35,7 +35,8 @@ private:
     pthread_mutex_t mutex_ = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 };
 
-class SCOPED_CAPABILITY CriticalSection::Lock : public ScopedLock<CriticalSection, &CriticalSection::enter, &CriticalSection::leave> {
+class SCOPED_CAPABILITY CriticalSection::Lock
+    : public ScopedLock<CriticalSection, &CriticalSection::enter, &CriticalSection::leave> {
 public:
     explicit Lock(CriticalSection& lock) noexcept ACQUIRE(lock) : ScopedLock(lock) {}
     ~Lock() RELEASE() {}

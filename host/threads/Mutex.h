@@ -31,7 +31,8 @@ public:
     class Lock;
 };
 
-class SCOPED_CAPABILITY iCriticalSection::Lock : public ScopedLock<iCriticalSection, &iCriticalSection::enter, &iCriticalSection::leave> {
+class SCOPED_CAPABILITY iCriticalSection::Lock
+    : public ScopedLock<iCriticalSection, &iCriticalSection::enter, &iCriticalSection::leave> {
 public:
     explicit Lock(iCriticalSection& lock) noexcept ACQUIRE(lock) : ScopedLock(lock) {}
     ~Lock() RELEASE() {}

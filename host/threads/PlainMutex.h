@@ -30,7 +30,8 @@ private:
     std::mutex mutex_;
 };
 
-class SCOPED_CAPABILITY PlainMutex::Lock : public ScopedLock<PlainMutex, &PlainMutex::lock, &PlainMutex::unlock> {
+class SCOPED_CAPABILITY PlainMutex::Lock
+    : public ScopedLock<PlainMutex, &PlainMutex::lock, &PlainMutex::unlock> {
 public:
     explicit Lock(PlainMutex& lock) noexcept ACQUIRE(lock) : ScopedLock(lock) {}
     ~Lock() RELEASE() {}
@@ -44,7 +45,8 @@ public:
 class SCOPED_CAPABILITY PlainMutex::UniqueLock {
 public:
     // The bodies hand the mutex to std::unique_lock, whose calls the analysis cannot see.
-    explicit UniqueLock(PlainMutex& m) noexcept ACQUIRE(m) NO_THREAD_SAFETY_ANALYSIS : lock_(m.mutex_) {}
+    explicit UniqueLock(PlainMutex& m) noexcept ACQUIRE(m) NO_THREAD_SAFETY_ANALYSIS
+        : lock_(m.mutex_) {}
     ~UniqueLock() RELEASE() NO_THREAD_SAFETY_ANALYSIS {}
     UniqueLock(const UniqueLock&) = delete;
     UniqueLock& operator=(const UniqueLock&) = delete;

@@ -1,6 +1,8 @@
 // The shutdown sequence and the process's instance of it.
 #include "host/threads/Shutdown.h"
 
+#include "host/threads/PlainMutex.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <exception>
@@ -8,7 +10,7 @@
 
 Shutdown::Handle Shutdown::Sequence::addCallback(Zn::Ptr<iCallback> cb, unsigned level) {
     if (!cb) return 0;
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     if (finished_) return 0;
     Handle h = nextSeq_++;
     entries_.push_back(Entry{std::move(cb), level, h});
@@ -17,7 +19,7 @@ Shutdown::Handle Shutdown::Sequence::addCallback(Zn::Ptr<iCallback> cb, unsigned
 
 bool Shutdown::Sequence::removeCallback(Handle h) {
     Zn::Ptr<iCallback> removed; // released after the lock: its destructor may register
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     auto it = std::find_if(entries_.begin(), entries_.end(),
                            [h](const Entry& e) { return e.handle == h; });
     if (it == entries_.end()) return false;
@@ -28,7 +30,7 @@ bool Shutdown::Sequence::removeCallback(Handle h) {
 
 void Shutdown::Sequence::run(eExitType type) {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         if (ran_) return;
         ran_ = true;
     }
@@ -37,7 +39,7 @@ void Shutdown::Sequence::run(eExitType type) {
         // register or remove others; the few dozen entries make the scan cheap.
         Zn::Ptr<iCallback> cb;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            PlainMutex::Lock lock(mutex_);
             if (entries_.empty()) {
                 finished_ = true;
                 return;
@@ -60,12 +62,12 @@ void Shutdown::Sequence::run(eExitType type) {
 }
 
 bool Shutdown::Sequence::hasRun() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return ran_;
 }
 
 size_t Shutdown::Sequence::pendingCount() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return entries_.size();
 }
 

@@ -4,9 +4,9 @@
 #pragma once
 
 #include "host/core/RefCount.h"
+#include "host/threads/PlainMutex.h"
 
 #include <cstdint>
-#include <mutex>
 #include <vector>
 
 class Shutdown {
@@ -48,7 +48,7 @@ public:
     // One shutdown sequence. The process has one (the static functions below); tests and
     // subsystems with a shutdown of their own may make more.
     //
-    // mutex_ guards entries_, nextSeq_ and ran_. Callbacks are always called with it
+    // mutex_ guards entries_, nextSeq_, ran_ and finished_. Callbacks are always called with it
     // released, so a callback may add or remove callbacks. It is taken with no other lock
     // of this class held; callers may hold their own locks when registering, but not a
     // lock that a callback takes.
@@ -78,11 +78,11 @@ public:
             unsigned level;
             Handle handle; // also the registration order
         };
-        mutable std::mutex mutex_;
-        std::vector<Entry> entries_;
-        Handle nextSeq_ = 1;
-        bool ran_ = false;
-        bool finished_ = false;
+        mutable PlainMutex mutex_;
+        std::vector<Entry> entries_ GUARDED_BY(mutex_);
+        Handle nextSeq_ GUARDED_BY(mutex_) = 1;
+        bool ran_ GUARDED_BY(mutex_) = false;
+        bool finished_ GUARDED_BY(mutex_) = false;
     };
 
     // The process's sequence. Usable from static initialisation on and never destroyed.

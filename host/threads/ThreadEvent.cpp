@@ -3,6 +3,7 @@
 
 #include "host/os/OS.h"
 #include "host/threads/Futex.h"
+#include "host/threads/PlainMutex.h"
 
 #include <algorithm>
 #include <cassert>
@@ -122,7 +123,7 @@ bool ThreadEvent::take(const Link& l) noexcept {
 }
 
 void ThreadEvent::link(Link& l) noexcept {
-    std::lock_guard<std::mutex> lock(linksMutex_);
+    PlainMutex::Lock lock(linksMutex_);
     l.prev = nullptr;
     l.next = links_;
     if (links_) links_->prev = &l;
@@ -133,7 +134,7 @@ void ThreadEvent::link(Link& l) noexcept {
 }
 
 void ThreadEvent::unlink(Link& l) noexcept {
-    std::lock_guard<std::mutex> lock(linksMutex_);
+    PlainMutex::Lock lock(linksMutex_);
     if (l.prev)
         l.prev->next = l.next;
     else
@@ -151,7 +152,7 @@ void ThreadEvent::wakeLinked() noexcept {
     std::atomic<uint32_t>* words[kBatch];
     size_t n = 0;
     {
-        std::lock_guard<std::mutex> lock(linksMutex_);
+        PlainMutex::Lock lock(linksMutex_);
         for (Link* l = links_; l; l = l->next) {
             l->sleeper->wakes.fetch_add(1, std::memory_order_seq_cst);
             if (n < kBatch) words[n++] = &l->sleeper->wakes;

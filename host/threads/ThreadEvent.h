@@ -4,12 +4,12 @@
 #pragma once
 
 #include "host/core/RefCount.h"
+#include "host/threads/PlainMutex.h"
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
-#include <mutex>
 #include <vector>
 
 class iThreadEvent : public iObject {
@@ -105,7 +105,7 @@ private:
 
     std::atomic<uint32_t> word_;
     const bool manual_;
-    std::mutex linksMutex_;
-    Link* links_ = nullptr;
-    int linkCount_ = 0;
+    PlainMutex linksMutex_;
+    Link* links_ GUARDED_BY(linksMutex_) = nullptr;
+    int linkCount_ GUARDED_BY(linksMutex_) = 0;
 };

@@ -1,6 +1,8 @@
 // Timed tasks and their manager.
 #include "host/threads/TimedTask.h"
 
+#include "host/threads/PlainMutex.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -17,7 +19,7 @@ void TimedTaskManager::Slot::add(uint64_t ns) noexcept {
 
 TimedTaskManager::Slot* TimedTaskManager::Group::slotFor(const char* activity) {
     std::string_view text(activity ? activity : "");
-    std::lock_guard<std::mutex> lock(mutex);
+    PlainMutex::Lock lock(mutex);
     for (auto& s : slots) {
         if (s->activity == text) return s.get();
     }
@@ -39,7 +41,7 @@ Zn::Ptr<TimedTask> TimedTaskManager::createTimedTask(const char* name) {
     std::string_view key(name ? name : "");
     Group* group;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        PlainMutex::Lock lock(mutex_);
         auto it = groups_.find(key);
         if (it == groups_.end())
             it = groups_.emplace(std::string(key), std::make_unique<Group>(key)).first;
@@ -50,9 +52,9 @@ Zn::Ptr<TimedTask> TimedTaskManager::createTimedTask(const char* name) {
 
 std::vector<TimedTaskManager::Record> TimedTaskManager::stats() const {
     std::vector<Record> out;
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     for (const auto& [name, group] : groups_) {
-        std::lock_guard<std::mutex> groupLock(group->mutex);
+        PlainMutex::Lock groupLock(group->mutex);
         size_t first = out.size();
         for (const auto& s : group->slots) {
             uint64_t count = s->count.load(std::memory_order_relaxed);
@@ -95,10 +97,10 @@ std::string TimedTaskManager::report() const {
 }
 
 void TimedTaskManager::reset() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     for (const auto& entry : groups_) {
         Group& group = *entry.second;
-        std::lock_guard<std::mutex> groupLock(group.mutex);
+        PlainMutex::Lock groupLock(group.mutex);
         for (auto& s : group.slots) {
             s->count.store(0, std::memory_order_relaxed);
             s->totalNs.store(0, std::memory_order_relaxed);
@@ -131,7 +133,7 @@ TimedTask::Slot* TimedTask::slotFor(const char* activity) {
 }
 
 void TimedTask::step(const char* activity) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     const uint64_t now = nowNs();
     if (current_) current_->add(now - startNs_);
     current_ = slotFor(activity);
@@ -139,7 +141,7 @@ void TimedTask::step(const char* activity) {
 }
 
 void TimedTask::end() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     if (!current_) return;
     current_->add(nowNs() - startNs_);
     current_ = nullptr;
@@ -149,7 +151,7 @@ TimedActivity::TimedActivity(Zn::Ptr<TimedTask> task, const char* activity)
     : task_(std::move(task)) {
     if (!task_) return;
     {
-        std::lock_guard<std::mutex> lock(task_->mutex_);
+        PlainMutex::Lock lock(task_->mutex_);
         slot_ = task_->slotFor(activity);
     }
     startNs_ = TimedTask::nowNs();

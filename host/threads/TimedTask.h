@@ -7,12 +7,12 @@
 #pragma once
 
 #include "host/core/RefCount.h"
+#include "host/threads/PlainMutex.h"
 
 #include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -78,12 +78,12 @@ private:
         explicit Group(std::string_view n) : name(n) {}
         Slot* slotFor(const char* activity);
         const std::string name;
-        std::mutex mutex;
-        std::vector<std::unique_ptr<Slot>> slots;
+        PlainMutex mutex;
+        std::vector<std::unique_ptr<Slot>> slots GUARDED_BY(mutex);
     };
 
-    mutable std::mutex mutex_;
-    std::map<std::string, std::unique_ptr<Group>, std::less<>> groups_;
+    mutable PlainMutex mutex_ ACQUIRED_BEFORE(Group::mutex);
+    std::map<std::string, std::unique_ptr<Group>, std::less<>> groups_ GUARDED_BY(mutex_);
 };
 
 // One run of a named task. Steps are timed one after another: step() ends the running
@@ -110,7 +110,7 @@ private:
     explicit TimedTask(TimedTaskManager::Group* group) noexcept : group_(group) {}
     // The slot of an activity: from the last few used, looked up by pointer (activity names
     // are mostly literals) and confirmed by text, else from the group. Called under mutex_.
-    Slot* slotFor(const char* activity);
+    Slot* slotFor(const char* activity) REQUIRES(mutex_);
     static uint64_t nowNs() noexcept;
 
     struct CacheEntry {
@@ -120,11 +120,11 @@ private:
     static constexpr unsigned kCacheSize = 8;
 
     TimedTaskManager::Group* const group_;
-    std::mutex mutex_;
-    Slot* current_ = nullptr;
-    uint64_t startNs_ = 0;
-    CacheEntry cache_[kCacheSize];
-    unsigned nextEntry_ = 0;
+    PlainMutex mutex_ ACQUIRED_BEFORE(TimedTaskManager::Group::mutex);
+    Slot* current_ GUARDED_BY(mutex_) = nullptr;
+    uint64_t startNs_ GUARDED_BY(mutex_) = 0;
+    CacheEntry cache_[kCacheSize] GUARDED_BY(mutex_);
+    unsigned nextEntry_ GUARDED_BY(mutex_) = 0;
 };
 
 // Times one activity of a task for a scope, independently of the task's own steps, so

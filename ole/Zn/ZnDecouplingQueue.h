@@ -22,6 +22,7 @@
 #include <unistd.h>
 #include <vector>
 
+// The whole lock order of the library: "Lock hierarchy" in README.md.
 // Lock: lock_ guards items_ and count_. It is held only to add or take an item, never
 // while an item is despatched or a thread started or joined, and no other lock is taken
 // under it, so any lock may be held when push is called.

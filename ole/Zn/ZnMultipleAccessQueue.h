@@ -17,6 +17,7 @@
 
 namespace Zn {
 
+// The whole lock order of the library: "Lock hierarchy" in README.md.
 // Lock: mutex_ guards accessed_ and every waiter queue in it. It is held only for the map
 // and queue operations: waiting for the key and signalling the next holder happen after it
 // is left. It may be taken with any lock held, and no other lock is taken under it. Callers

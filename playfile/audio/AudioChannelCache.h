@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <map>
 
+// The whole lock order of the library: "Lock hierarchy" in README.md.
 // Lock: lock_ (re-entrant) guards entries_; every operation takes it. Zn::AudioReader
 // holds it across a whole audio read, issuers' callbacks included, and guards its own
 // state with it, so a request for one channel never sees another read's block half
@@ -63,5 +64,5 @@ protected:
 
 private:
     std::map<uint32_t, CacheEntry> entries_ GUARDED_BY(lock_);
-    CriticalSection lock_;
+    CriticalSection lock_ ACQUIRED_BEFORE(ProxySet::lock_);
 };

@@ -27,6 +27,7 @@
 
 namespace Zn {
 
+// The whole lock order of the library: "Lock hierarchy" in README.md.
 // Lock: the channel cache's lock (see AudioChannelCache) is this reader's lock. readAudio
 // holds it from start to end, the issuers' callbacks included, and it guards every field
 // below as well as the cache. An issuer must therefore not wait, inside its callback, for
@@ -100,12 +101,13 @@ protected:
     // position on, interleaved, into the buffer; delivered says how many came. Answers 1
     // on success (delivering none means the data has ended). The base answers kFailed.
     virtual eResult readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples,
-                                 uint8_t* into, uint32_t& delivered);
+                                     uint8_t* into, uint32_t& delivered) REQUIRES(getLock());
     // The file's compressed block read: the bytes of block number block of the stream,
     // into data (resized to fit; kept between calls, so its storage is reused). Answers 1,
     // 11 when the stream has no such block, anything else on failure. The base answers
     // kFailed.
-    virtual eResult readAudioBlock(uint32_t stream, uint64_t block, std::vector<uint8_t>& data);
+    virtual eResult readAudioBlock(uint32_t stream, uint64_t block, std::vector<uint8_t>& data)
+        REQUIRES(getLock());
 
 private:
     eResult readPlain(Zn::Ptr<AudioReadRequest>& request, uint32_t s) REQUIRES(getLock());
@@ -129,7 +131,8 @@ private:
     // was not taken and must be offered again). Answers the read's or codec's code.
     eResult decodeStep(int s, uint64_t block, Aud::StreamBufferList& buffers, uint32_t& produced,
                    bool interleaved) REQUIRES(getLock());
-    bool continuesCachedBlock(int s, const AudioRequest& request, uint64_t& cachedEnd) REQUIRES(getLock());
+    bool continuesCachedBlock(int s, const AudioRequest& request, uint64_t& cachedEnd)
+        REQUIRES(getLock());
     void seedFromCache(const AudioRequest& request, uint64_t cachedEnd, uint32_t bytes,
                        Aud::StreamBufferList& buffers) REQUIRES(getLock());
     void forgetCodecState(int s) REQUIRES(getLock());
@@ -142,7 +145,8 @@ private:
     // and set whenever decoding is (re)started at a block.
     std::map<int32_t, int64_t> nextPosition_ GUARDED_BY(getLock());
     uint32_t readSlack_ GUARDED_BY(getLock()) = kDefaultReadSlack;
-    Zn::Ptr<ByteBufferImpl> readBuffer_ GUARDED_BY(getLock()); // the last plain read's buffer, kept for the next
+    Zn::Ptr<ByteBufferImpl>
+        readBuffer_ GUARDED_BY(getLock()); // the last plain read's buffer, kept for the next
     Aud::StreamBuffer silence_ GUARDED_BY(getLock());
 
     // State of the decode under way: the position of the buffers' first sample, decoded

@@ -109,8 +109,12 @@ public:
     const Zn::Ptr<Zn::AudioReadQueue>& getAudioQueue() const noexcept { return audioQueue_; }
 
 protected:
-    // For the back-end: what it guards, and which locks may be held when it is taken, is
-    // the back-end's to say. The base never takes it.
+    // The file's own lock, re-entrant. StreamingDecodeReader holds it around a synchronous
+    // decode, and a back-end guards with it what its reads on the video queue's thread
+    // share (the FFmpeg back-end: its packet reader). It is taken on the video queue's
+    // thread with no lock of the library held; taken under it: whatever the back-end's read
+    // and decode take (leaf locks: the codec pool's, a surface's). See "Lock hierarchy" in
+    // README.md.
     CriticalSection& getLock() noexcept RETURN_CAPABILITY(lock_) { return lock_; }
 
 private:

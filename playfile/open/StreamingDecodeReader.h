@@ -24,6 +24,7 @@
 
 class VideoReadRequest;
 
+// The whole lock order of the library: "Lock hierarchy" in README.md.
 // Locks. slotLock_ guards the two slots (decodingSlot_, currentSlot_). It is taken by the
 // video queue's thread in readVideoStreaming and by the decode thread to take a reference
 // to the decoding slot; no other lock of the library is held when it is taken, and it is

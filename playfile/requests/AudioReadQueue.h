@@ -20,6 +20,7 @@
 
 namespace Zn {
 
+// The whole lock order of the library: "Lock hierarchy" in README.md.
 // Lock: lock_ guards pending_ and its count (pendingCount_ is also read without it, as a
 // hint for the thread's loop). It is held only to insert or take a request, never while
 // reading, and nothing else is taken under it; it may be taken with a request's lock or

@@ -10,6 +10,11 @@
 #include <algorithm>
 #include <vector>
 
+namespace Zn {
+class VideoReadQueue;
+} // namespace Zn
+
+// The whole lock order of the library: "Lock hierarchy" in README.md.
 // Lock: lock_ is the request's own lock. It guards proxies_, and the request holding the
 // set may guard more with it (its status change on completion). Locks that may be held
 // when it is taken: the lock of the queue that holds the request. Taken under it: a
@@ -63,6 +68,10 @@ public:
     }
 
 private:
-    mutable CriticalSection lock_;
+    // Name lock_ in their lock order.
+    friend class AudioChannelCache;
+    friend class Zn::VideoReadQueue;
+
+    mutable CriticalSection lock_ ACQUIRED_BEFORE(ReadRequestIssuer::Proxy::lock_);
     std::vector<ProxyPtr> proxies_ GUARDED_BY(lock_);
 };

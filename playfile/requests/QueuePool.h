@@ -21,6 +21,7 @@ class AudioReadQueue;
 class VideoReadQueue;
 } // namespace Zn
 
+// The whole lock order of the library: "Lock hierarchy" in README.md.
 // Lock: lock_ guards active_ and the idle list with its count. It is taken by take,
 // giveBack and shutdown with no lock of a queue or request held (file read instances are
 // made and destroyed outside those), and nothing is taken under it: queues are made and

@@ -16,6 +16,7 @@
 
 class PLAYFILE_API ReadRequestIssuer {
 public:
+    // The whole lock order of the library: "Lock hierarchy" in README.md.
     // Lock: lock_ guards issuer_ and is held while the issuer is called, so clear() waits
     // for a running callback. It is taken last: a queue's lock and the request's lock may
     // be held when it is taken. It is re-entrant, so a client may detach from inside its
@@ -30,8 +31,9 @@ public:
         void clear() noexcept;
 
     private:
+        friend class ProxySet; // names lock_ in its lock order
         mutable CriticalSection lock_;
-        ReadRequestIssuer* issuer_;
+        ReadRequestIssuer* issuer_ GUARDED_BY(lock_);
     };
 
     // The completion callback: result is the request's result object (a frame buffer for

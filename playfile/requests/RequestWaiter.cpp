@@ -1,5 +1,6 @@
 #include "playfile/requests/RequestWaiter.h"
 
+#include "host/threads/PlainMutex.h"
 #include "playfile/open/FileReadInstance.h"
 #include "playfile/open/ClipMedia.h"
 #include "playfile/requests/AudioReadRequest.h"
@@ -51,7 +52,7 @@ void RequestWaiter::queued(RequestStatus held) {
 void RequestWaiter::readRequestComplete(Zn::Ptr<iObject>& result, RequestStatus status) { end(result, status); }
 
 void RequestWaiter::end(Zn::Ptr<iObject> result, RequestStatus status) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     if (finished_) return; // the first end counts
     result_ = std::move(result);
     status_ = status;
@@ -60,27 +61,27 @@ void RequestWaiter::end(Zn::Ptr<iObject> result, RequestStatus status) {
 }
 
 bool RequestWaiter::wait(std::chrono::milliseconds limit) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return done_.wait_for(lock, limit, [&] { return finished_; });
+    PlainMutex::UniqueLock lock(mutex_);
+    return done_.wait_for(lock.native(), limit, [&]() REQUIRES(mutex_) { return finished_; });
 }
 
 bool RequestWaiter::finished() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return finished_;
 }
 
 RequestStatus RequestWaiter::status() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return status_;
 }
 
 Zn::Ptr<iObject> RequestWaiter::result() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     return result_;
 }
 
 void RequestWaiter::reset() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    PlainMutex::Lock lock(mutex_);
     finished_ = false;
     status_ = RequestStatus::Queued;
     result_ = nullptr;

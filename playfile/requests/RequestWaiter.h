@@ -16,6 +16,7 @@
 #include "host/core/Cookie.h"
 #include "host/core/RefCount.h"
 #include "host/media/DecodeFormat.h"
+#include "host/threads/PlainMutex.h"
 #include "playfile/Export.h"
 #include "playfile/open/ClipReadResult.h"
 #include "playfile/open/MediaTypes.h"
@@ -25,11 +26,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 
 class AudioReadRequest;
 class VideoReadRequest;
 
+// The whole lock order of the library: "Lock hierarchy" in README.md.
 // Lock: mutex_ guards finished_, status_ and result_. It is taken inside the callback, so
 // with the proxy's lock and perhaps the queue's and the request's locks held; nothing is
 // taken under it.
@@ -70,9 +71,9 @@ public:
 private:
     void end(Zn::Ptr<iObject> result, RequestStatus status);
 
-    std::mutex mutex_;
+    PlainMutex mutex_;
     std::condition_variable done_;
-    bool finished_ = false;
-    RequestStatus status_ = RequestStatus::Queued;
-    Zn::Ptr<iObject> result_;
+    bool finished_ GUARDED_BY(mutex_) = false;
+    RequestStatus status_ GUARDED_BY(mutex_) = RequestStatus::Queued;
+    Zn::Ptr<iObject> result_ GUARDED_BY(mutex_);
 };

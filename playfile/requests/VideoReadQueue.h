@@ -22,6 +22,7 @@
 
 namespace Zn {
 
+// The whole lock order of the library: "Lock hierarchy" in README.md.
 // Lock: lock_ guards pending_, inProgress_ and their counts (pendingCount_ is also read
 // without it, as a hint for the thread's loop). It is re-entrant and is held across
 // matching, joining (which takes the joined request's own lock under it) and dropping of
@@ -109,7 +110,7 @@ private:
     std::atomic<uint32_t> pendingCount_{0};
     std::vector<Entry> inProgress_ GUARDED_BY(lock_);
     uint32_t inProgressCount_ GUARDED_BY(lock_) = 0;
-    mutable CriticalSection lock_;
+    mutable CriticalSection lock_ ACQUIRED_BEFORE(ProxySet::lock_);
     Zn::Ptr<VideoReadQueue> self_; // only ever touched on the queue's own thread
 };
 

@@ -1,12 +1,14 @@
-// Critical sections and mutexes: re-entrancy, exclusion between threads, and the guards'
-// temporary release.
+// Critical sections and mutexes: re-entrancy, exclusion between threads, the guards'
+// temporary release, and the plain mutex's condition-variable waits.
 #include "host/os/OS.h"
 #include "host/threads/CriticalSection.h"
 #include "host/threads/Mutex.h"
+#include "host/threads/PlainMutex.h"
 #include "support/Threads.h"
 
 #include <gtest/gtest.h>
 
+#include <condition_variable>
 #include <thread>
 
 namespace {
@@ -24,6 +26,13 @@ template <class Lockable> bool freeElsewhere(Lockable& l) {
 struct MutexAsSection {
     iMutex& m;
     bool tryEnter() { return m.tryLock(); }
+    void leave() { m.unlock(); }
+};
+
+// PlainMutex spelt like the others too.
+struct PlainAsSection {
+    PlainMutex& m;
+    bool tryEnter() { return m.try_lock(); }
     void leave() { m.unlock(); }
 };
 
@@ -80,4 +89,51 @@ TEST(OSLocks, MutexAndCriticalSectionObjectsAreReentrantAndExclusive) {
     }
     EXPECT_TRUE(freeElsewhere(section));
     EXPECT_TRUE(freeElsewhere(*cs));
+}
+
+TEST(PlainMutex, GuardsExcludeOtherThreadsAndReleaseOnlyWhatTheyHold) {
+    PlainMutex m;
+    PlainAsSection section{m};
+    {
+        PlainMutex::Lock lock(m);
+        EXPECT_FALSE(freeElsewhere(section));
+        lock.unlock();
+        EXPECT_TRUE(freeElsewhere(section));
+        lock.relock();
+        EXPECT_FALSE(freeElsewhere(section));
+    }
+    EXPECT_TRUE(freeElsewhere(section));
+    {
+        PlainMutex::UniqueLock lock(m);
+        EXPECT_FALSE(freeElsewhere(section));
+        lock.unlock();
+        EXPECT_TRUE(freeElsewhere(section));
+        lock.relock();
+        EXPECT_FALSE(freeElsewhere(section));
+        lock.unlock();
+    } // released once, by unlock
+    EXPECT_TRUE(freeElsewhere(section));
+}
+
+TEST(PlainMutex, AWaitReleasesTheMutexAndReturnsHoldingIt) {
+    PlainMutex m;
+    PlainAsSection section{m};
+    std::condition_variable changed;
+    bool ready = false;
+    bool heldAfterWait = false;
+    std::thread waiter([&] {
+        PlainMutex::UniqueLock lock(m);
+        while (!ready)
+            changed.wait(lock.native());
+        heldAfterWait = !freeElsewhere(section);
+    });
+    // The setter takes the mutex before the waiter does, or while it sleeps in its wait.
+    {
+        PlainMutex::Lock lock(m);
+        ready = true;
+    }
+    changed.notify_all();
+    waiter.join();
+    EXPECT_TRUE(heldAfterWait);
+    EXPECT_TRUE(freeElsewhere(section));
 }
