@@ -191,11 +191,12 @@ private:
 
     // Under lock_: true when the key is in either map; out is the open instance (stamped
     // as used) or null for a remembered failure. count: add the look-up to the figures.
-    bool lookupLocked(const KeyView& key, Zn::Ptr<FileReadInstance>& out, bool count = true);
-    void stampLocked(FileReadInstance& file) noexcept;
-    void eraseLocked(const KeyView& key, InstanceList& removed);
+    bool lookupLocked(const KeyView& key, Zn::Ptr<FileReadInstance>& out, bool count = true)
+        REQUIRES(lock_);
+    void stampLocked(FileReadInstance& file) noexcept REQUIRES(lock_);
+    void eraseLocked(const KeyView& key, InstanceList& removed) REQUIRES(lock_);
     // Calls limitUsage of every open instance, outside lock_.
-    void limitInstances();
+    void limitInstances() EXCLUDES(lock_);
     // Purges the removed instances and lets them go, outside lock_.
     static void release(InstanceList& removed);
     struct Counts {
@@ -210,13 +211,13 @@ private:
                                     unsigned streamIndex, Zn::Ptr<FileReadInstance>& file);
 
     Zn::MultipleAccessQueue<WString> accessQueue_;
-    FileMap openFiles_;
-    FileMap failedOpens_;
+    FileMap openFiles_ GUARDED_BY(lock_);
+    FileMap failedOpens_ GUARDED_BY(lock_);
     // What every look-up writes, on a cache line of its own with the lock that guards it:
     // threads on other cores then fetch one line per look-up rather than several.
     alignas(64) mutable CriticalSection lock_;
-    uint64_t useCounter_ = 0;
-    Counts counts_;
+    uint64_t useCounter_ GUARDED_BY(lock_) = 0;
+    Counts counts_ GUARDED_BY(lock_);
     ValObserver<WString> productObserver_;
     const unsigned minSize_;
     const unsigned maxSize_;
