@@ -42,7 +42,7 @@ std::vector<Cookie> materialsOf(const Cookie& clip, int video, int audio) {
 
 // Writes one clip (edit, channels, references, material entries, file records) within
 // the caller's transaction.
-bool writeClip(const Zn::Ptr<ProjectDatabase>& db, sqlite::Connection& conn, const Cookie& clip, const ClipRecord& r) {
+bool writeClip(const Zn::Ptr<ProjectDatabase>& db, sql::Connection& conn, const Cookie& clip, const ClipRecord& r) {
     Zn::Ptr<Edit> edit(new Edit(db, clip, r.name, Edit::eLogClip, r.flags | Edit::eImported));
     edit->setAudioInputSampleRate(r.sampleRate);
     for (int i = 0; i < r.videoChannels; ++i) edit->addChannel(Edit::eVideo);
@@ -75,6 +75,11 @@ DriveId ProjectImporter::importDrive(const DriveId& wanted, WString* error) {
         if (error) *error = WString(L"no project is open");
         return DriveId();
     }
+    if (db->folder().empty()) {
+        // The seats of a server project share its drives: one is added on purpose.
+        if (error) *error = WString(L"the project has no media drive (add one with playfile drives add)");
+        return DriveId();
+    }
     WString why;
     if (!DiskManager::addDrive(DriveId('A'), joinPaths(db->folder(), WString(L"media")), WString(L"media"),
                                String("import,render"), &why)) {
@@ -82,6 +87,54 @@ DriveId ProjectImporter::importDrive(const DriveId& wanted, WString* error) {
         return DriveId();
     }
     return DriveId('A');
+}
+
+void ProjectImporter::report(ImportProgress::eStage stage, const WString& path, uint64_t done, uint64_t total) const {
+    if (options_.progress) options_.progress(ImportProgress{stage, path, done, total});
+}
+
+bool ProjectImporter::describe(const WString& sourceName, ClipRecord& clip, WString& why) const {
+    clip.name = stripPathAndExt(sourceName);
+    clip.sampleRate = options_.sampleRate;
+    if (isStillImage(sourceName)) {
+        clip.flags = Edit::eImage;
+        clip.videoChannels = 1;
+        clip.audioChannels = 0;
+    } else if (isSoundFile(sourceName)) {
+        clip.videoChannels = 0;
+        clip.audioChannels = 2;
+    }
+    if (options_.videoChannels >= 0) clip.videoChannels = options_.videoChannels;
+    if (options_.audioChannels >= 0) clip.audioChannels = options_.audioChannels;
+    if (clip.videoChannels + clip.audioChannels <= 0) why = WString(L"the clip would have no channels");
+    else if (clip.videoChannels > 1 || clip.audioChannels > 254) why = WString(L"too many channels");
+    else return true;
+    return false;
+}
+
+bool ProjectImporter::place(const WString& path, const WString& sourceName, uint64_t size,
+                            const MaterialFilename& name, const WString& pending, ClipRecord& clip,
+                            WString& why) const {
+    if (options_.copy) {
+        auto rc = projectfs::copy(sourceName, pending, [&](uint64_t done, uint64_t) {
+            report(ImportProgress::eCopying, path, done, size);
+            return true;
+        }, false);
+        if (rc != iFileManager::eCopyOK) {
+            why = WString(L"cannot copy onto drive ") + name.getDrive().asWString() + L" (copy result " +
+                  Zn::WStringFromInteger(rc) + L")";
+            return false;
+        }
+        clip.file = MediaFileInfo(name, size);
+    } else {
+        clip.file = MediaFileInfo(name, size, sourceName);
+        if (!projectfs::makeLink(pending, sourceName, false)) {
+            why = WString(L"cannot make the link file ") + name.getOsPath();
+            return false;
+        }
+    }
+    clip.file.setStatus(MediaFileInfo::eStatusAvailable);
+    return true;
 }
 
 ImportResult ProjectImporter::importFile(const WString& path) {
@@ -109,22 +162,8 @@ ImportResult ProjectImporter::importFile(const WString& path) {
     if (driveId.isNone()) return fail(why);
     auto drive = DiskManager::getDriveWithUniqueId(driveId);
     if (!drive) return fail(WString(L"the media drive has gone"));
-
     ClipRecord clip;
-    clip.name = stripPathAndExt(sourceName);
-    clip.sampleRate = options_.sampleRate;
-    if (isStillImage(sourceName)) {
-        clip.flags = Edit::eImage;
-        clip.videoChannels = 1;
-        clip.audioChannels = 0;
-    } else if (isSoundFile(sourceName)) {
-        clip.videoChannels = 0;
-        clip.audioChannels = 2;
-    }
-    if (options_.videoChannels >= 0) clip.videoChannels = options_.videoChannels;
-    if (options_.audioChannels >= 0) clip.audioChannels = options_.audioChannels;
-    if (clip.videoChannels + clip.audioChannels <= 0) return fail(WString(L"the clip would have no channels"));
-    if (clip.videoChannels > 1 || clip.audioChannels > 254) return fail(WString(L"too many channels"));
+    if (!describe(sourceName, clip, why)) return fail(why);
 
     // The clip's number first (a transaction of its own: a failed import leaves a gap in
     // the numbers, nothing else), because the material file is named after it.
@@ -140,32 +179,14 @@ ImportResult ProjectImporter::importFile(const WString& path) {
     const WString placed = name.getOsPath();
     const WString pending = pendingImportName(placed);
     projectfs::createDirectory(getPath(placed));
-
-    auto report = [&](ImportProgress::eStage stage, uint64_t done) {
-        if (options_.progress) options_.progress(ImportProgress{stage, path, done, size});
-    };
-    if (options_.copy) {
-        auto rc = projectfs::copy(sourceName, pending, [&](uint64_t done, uint64_t) {
-            report(ImportProgress::eCopying, done);
-            return true;
-        }, false);
-        if (rc != iFileManager::eCopyOK)
-            return fail(WString(L"cannot copy onto drive ") + driveId.asWString() + L" (copy result " +
-                        Zn::WStringFromInteger(rc) + L")");
-        clip.file = MediaFileInfo(name, size);
-    } else {
-        clip.file = MediaFileInfo(name, size, sourceName);
-        if (!projectfs::makeLink(pending, sourceName, false))
-            return fail(WString(L"cannot make the link file ") + placed);
-    }
-    clip.file.setStatus(MediaFileInfo::eStatusAvailable);
+    if (!place(path, sourceName, size, name, pending, clip, why)) return fail(why);
 
     bool stored;
     std::string dbError;
     {
         ProjectDatabase::Write w(*db);
         if (!writeClip(db, w.db(), cookie, clip)) w.fail();
-        report(ImportProgress::eRegistering, size);
+        report(ImportProgress::eRegistering, path, size, size);
         stored = w.commit();
         if (!stored) dbError = w.error();
     }
@@ -176,7 +197,7 @@ ImportResult ProjectImporter::importFile(const WString& path) {
     // Should this fail, the next opening of the project puts the file in place.
     if (!projectfs::rename(pending, placed))
         return fail(WString(L"the clip is stored, but its file could not be renamed to ") + placed);
-    report(ImportProgress::eDone, size);
+    report(ImportProgress::eDone, path, size, size);
     result.ok = true;
     result.clip = cookie;
     return result;

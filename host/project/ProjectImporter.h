@@ -36,7 +36,7 @@ struct ImportProgress {
 struct ImportOptions {
     // The drive for the clips' material files; '0' for the project's "import" drive
     // (any drive when none serves imports; a new drive 'A' at <project>/media when the
-    // project has no drive at all).
+    // project has no drive at all and is a folder).
     DriveId drive;
     bool copy = false;      // copy onto the drive rather than link in place
     int videoChannels = -1; // -1: from the file's kind
@@ -86,5 +86,13 @@ public:
     static DriveId importDrive(const DriveId& wanted, WString* error = nullptr);
 
 private:
+    // The clip that a file of that name becomes: its name and channel layout.
+    bool describe(const WString& sourceName, ClipRecord& clip, WString& why) const;
+    // Puts the file under its pending name on the drive (a copy, or a link to it), and
+    // records it as the clip's file.
+    bool place(const WString& path, const WString& sourceName, uint64_t size, const MaterialFilename& name,
+               const WString& pending, ClipRecord& clip, WString& why) const;
+    void report(ImportProgress::eStage stage, const WString& path, uint64_t done, uint64_t total) const;
+
     ImportOptions options_;
 };

@@ -67,7 +67,7 @@ std::vector<std::string> unnamedFiles(ProjectDatabase& db, const fs::path& root)
         if (it->is_directory(ec) && !it->is_symlink(ec)) continue;
         const std::string relative = it->path().lexically_relative(root).string();
         ProjectDatabase::Read r(db);
-        sqlite::Query q(r.db(), "SELECT 1 FROM files WHERE path = ?1");
+        sql::Query q(r.db(), "SELECT 1 FROM files WHERE path = ?1");
         q.bind(1, relative);
         if (!q.next()) out.push_back(relative);
     }
@@ -76,7 +76,7 @@ std::vector<std::string> unnamedFiles(ProjectDatabase& db, const fs::path& root)
 
 std::string integrity(ProjectDatabase& db) {
     ProjectDatabase::Read r(db);
-    sqlite::Query q(r.db(), "PRAGMA integrity_check");
+    sql::Query q(r.db(), "PRAGMA integrity_check");
     return q.next() ? q.text(0).str() : "no answer";
 }
 
