@@ -179,7 +179,12 @@ std::atomic<int> g_databases{0};
 
 PostgresDatabase::PostgresDatabase() {
     folder_ = PostgresServer::shared(why_);
-    if (folder_.empty()) return;
+    if (!folder_.empty()) create();
+}
+
+PostgresDatabase::PostgresDatabase(const std::string& folder) : folder_(folder) { create(); }
+
+void PostgresDatabase::create() {
     name_ = "t" + std::to_string(::getpid()) + "_" + std::to_string(g_databases.fetch_add(1));
     std::string error;
     runOn(PostgresServer::uri(folder_, "postgres"), "CREATE DATABASE " + name_, &error);

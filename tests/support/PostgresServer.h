@@ -30,6 +30,8 @@ public:
 class PostgresDatabase {
 public:
     PostgresDatabase();
+    // On the server in folder (see PostgresServer::start) rather than the tests' one.
+    explicit PostgresDatabase(const std::string& folder);
     ~PostgresDatabase();
     PostgresDatabase(const PostgresDatabase&) = delete;
     PostgresDatabase& operator=(const PostgresDatabase&) = delete;
@@ -45,6 +47,8 @@ public:
     long long run(const std::string& sql, std::string* error = nullptr) const;
 
 private:
+    void create();
+
     std::string folder_, name_, uri_, why_;
 };
 
