@@ -145,4 +145,32 @@ TEST_F(ServerSeat, TwoSeatsNeverMakeTheSameCookie) {
     EXPECT_EQ(all.count(Cookie()), 0u);
 }
 
+// A database whose project is of another schema, or not a project at all, is refused
+// with its reason and left as it was.
+TEST_F(ServerSeat, AnotherSchemaOrAnotherApplicationIsRefusedAndLeftAlone) {
+    EditManager::closeProject();
+    const struct {
+        const char* change;
+        const char* reason;
+    } cases[] = {
+        {"UPDATE settings SET value = 2 WHERE key = 'schema_version'", "newer than this program reads (1)"},
+        {"UPDATE settings SET value = 0 WHERE key = 'schema_version'", "unknown schema version 0"},
+        {"UPDATE settings SET value = 7 WHERE key = 'application_id'", "is not a playfile project"},
+    };
+    for (const auto& c : cases) {
+        std::string failure;
+        server->run("UPDATE settings SET value = CASE key WHEN 'schema_version' THEN 1 ELSE 1886152292 END "
+                    "WHERE key IN ('schema_version', 'application_id')",
+                    &failure);
+        server->run(c.change, &failure);
+        ASSERT_EQ(failure, "");
+        const long long editsBefore = server->run("SELECT count(*) FROM edits");
+        WString error;
+        EXPECT_FALSE(ProjectDatabase::open(W(location), true, error)) << c.change;
+        EXPECT_NE(U(error).find(c.reason), std::string::npos) << U(error);
+        EXPECT_EQ(U(error).rfind("project database postgresql://", 0), 0u) << U(error);
+        EXPECT_EQ(server->run("SELECT count(*) FROM edits"), editsBefore);
+    }
+}
+
 } // namespace
