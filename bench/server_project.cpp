@@ -10,6 +10,7 @@
 #include "host/project/EditManager.h"
 #include "host/project/ProjectImporter.h"
 #include "host/project/SystemCache.h"
+#include "LookupClips.h"
 #include "support/PostgresServer.h"
 #include "support/TempDir.h"
 
@@ -52,15 +53,7 @@ bool open(const std::string& location, const fs::path& drive) {
 }
 
 std::vector<Cookie> fill() {
-    std::vector<ClipRecord> clips(kClips);
-    for (int i = 0; i < kClips; ++i) {
-        ClipRecord& c = clips[size_t(i)];
-        c.name = Zn::WStringFromInteger(i);
-        c.audioChannels = kSoundChannels;
-        c.file = MediaFileInfo(MaterialFilename(DriveId('A'), WString(L"video/clip") + c.name + L".mov"), 1u << 20,
-                               i % 2 ? WString(L"/media/source/clip") + c.name + L".mov" : WString());
-        c.file.setStatus(MediaFileInfo::eStatusAvailable);
-    }
+    std::vector<ClipRecord> clips = lookupClips(kClips, kSoundChannels);
     WString error;
     std::vector<Cookie> made = ProjectImporter::registerClips(clips, &error);
     std::vector<Cookie> materials;
