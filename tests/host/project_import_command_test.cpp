@@ -142,12 +142,13 @@ TEST(ImportCommand, KilledImportsLeaveNothingTheProjectDoesNotNameOnceItIsOpened
     EditManager::closeProject();
 }
 
-using ImportRecovery = ProjectTest;
+using ImportRecovery = OnBothDatabases<ProjectTest>;
+PLAYFILE_ON_BOTH_DATABASES(ImportRecovery);
 
 // What a killed import can leave, one case each: the next opening puts a stored clip's
 // pending file in place and removes the rest of it, and touches nothing else; while an
 // import runs it waits for another opening.
-TEST_F(ImportRecovery, AKilledImportsLeftoversArePutInPlaceOrRemovedAndNothingElse) {
+TEST_P(ImportRecovery, AKilledImportsLeftoversArePutInPlaceOrRemovedAndNothingElse) {
     const fs::path video = driveRoot / "video";
     Cookie stored = importClip("stored", source("a.mov"), 0), handedOut;
     {
