@@ -102,6 +102,38 @@ TEST_F(ServerProjectCommands, SpaceEditsTheServersTablesThatEverySeatReads) {
     EXPECT_EQ(j["server"][0]["media"].size(), 3u) << seen.out;
 }
 
+// The material commands on a server project, in the order a person would use them.
+TEST_F(ServerProjectCommands, TheMaterialCommandsWorkOnTheServerAsOnAFolder) {
+    const std::string project = " --project " + shellQuote(server.uri());
+    writeFile(tmp.path() / "take.mov", std::string(4096, 't'));
+    ASSERT_EQ(playfile(tmp, "import " + shellQuote(tmp.file("take.mov")) + " --copy --video 1 --audio 2 --drive A=" +
+                                shellQuote(tmp.file("a")) + project)
+                  .status,
+              0);
+    ASSERT_EQ(playfile(tmp, "drives add B " + shellQuote(tmp.file("b")) + project).status, 0);
+    auto run = [&](const std::string& args) {
+        Outcome o = playfile(tmp, args + " --json" + project);
+        EXPECT_EQ(o.status, 0) << args << ": " << (o.err.empty() ? "" : o.err[0]);
+        return nlohmann::json::parse(o.out, nullptr, false);
+    };
+    EXPECT_EQ(run("drives").size(), 2u);
+    auto answer = run("status take");
+    const auto status = answer.is_array() ? answer[0] : answer;
+    EXPECT_EQ(status["available"]["highRes"], true) << status.dump();
+    EXPECT_EQ(status["offline"], false) << status.dump();
+    auto moved = run("relocate --to B --move take");
+    // One record per material: the clip's three share the one file.
+    EXPECT_EQ(moved["files"], 3) << moved.dump();
+    EXPECT_EQ(moved["failures"], 0) << moved.dump();
+    auto clips = run("clips");
+    ASSERT_EQ(clips.size(), 1u);
+    for (const auto& f : clips[0]["files"]) {
+        EXPECT_EQ(f["drive"], "B") << f.dump();
+        EXPECT_EQ(f["exists"], true) << f.dump();
+    }
+    EXPECT_EQ(count("SELECT count(*) FROM files WHERE drive = 'B'"), 3);
+}
+
 TEST_F(ServerProjectCommands, AServerThatHoldsNoProjectOrCannotBeReachedIsRefusedWithItsReason) {
     Outcome none = playfile(tmp, "clips --project " + shellQuote(server.uri()));
     EXPECT_EQ(none.status, 1);
