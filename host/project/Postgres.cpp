@@ -165,6 +165,8 @@ bool Connection::exec(const char* sql) {
         ExecStatusType status = PQresultStatus(r);
         if (ok && status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
             setError(int(status), trimmed(PQresultErrorMessage(r)));
+            const char* state = PQresultErrorField(r, PG_DIAG_SQLSTATE);
+            lastState_ = state ? state : "";
             ok = false;
         }
         if (ok) changes_ = std::strtoll(PQcmdTuples(r), nullptr, 10);
@@ -205,9 +207,13 @@ bool Connection::reconnect() {
 }
 
 bool Connection::execReconnecting(const char* sql) {
+    lastState_.clear();
     if (conn_ && PQstatus(conn_) == CONNECTION_OK && exec(sql)) return true;
-    // A statement that failed on a healthy connection fails for a reason of its own.
-    if (conn_ && PQstatus(conn_) == CONNECTION_OK) return false;
+    // A statement that failed on a healthy connection fails for a reason of its own;
+    // the server ending the session (class 57P: operator intervention, 08: connection
+    // exception) may be reported before the connection reads as closed.
+    const bool ended = lastState_.rfind("57P", 0) == 0 || lastState_.rfind("08", 0) == 0;
+    if (conn_ && PQstatus(conn_) == CONNECTION_OK && !ended) return false;
     return reconnect() && exec(sql);
 }
 

@@ -65,6 +65,7 @@ private:
     std::string commitNotice_;
     std::function<void()> onReconnect_;
     int64_t changes_ = 0;
+    std::string lastState_; // the SQLSTATE of exec's last failure
     unsigned statements_ = 0; // names of prepared statements: s1, s2, ...
 };
 

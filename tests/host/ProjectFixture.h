@@ -70,6 +70,9 @@ enum class ProjectKind { eFolder, eServer };
 inline std::string projectKindName(const ::testing::TestParamInfo<ProjectKind>& info) {
     return info.param == ProjectKind::eServer ? "Postgres" : "Sqlite";
 }
+inline void PrintTo(ProjectKind kind, std::ostream* os) {
+    *os << (kind == ProjectKind::eServer ? "a project on the server" : "a project file");
+}
 
 class ProjectTest : public ::testing::Test {
 protected:
