@@ -73,7 +73,7 @@ public:
     }
 
 protected:
-    int readAudioSamples(uint32_t, uint64_t position, uint32_t samples, uint8_t* into,
+    eResult readAudioSamples(uint32_t, uint64_t position, uint32_t samples, uint8_t* into,
                          uint32_t& delivered) override {
         ssize_t got =
             ::pread(fd_, into, size_t(samples) * kFrame, off_t(kHeader + position * kFrame));
@@ -104,7 +104,7 @@ void readerSpans(Zn::Ptr<FileReadInstance>& file, WavReader& reader, uint64_t fr
             r.count = uint32_t(std::min<uint64_t>(kSpan, kSamples - at));
             Zn::Ptr<AudioReadRequest> request(new AudioReadRequest(file, r, r.count, nullptr));
             reader.readAudio(request);
-            if (request->getStatus() != Complete) std::abort();
+            if (request->getStatus() != RequestStatus::Complete) std::abort();
             benchmark::DoNotOptimize(request->getBuffer());
         }
     }

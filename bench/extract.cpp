@@ -84,7 +84,7 @@ void timeExtract(Source& s) {
     xfer.end = kEnd;
     LoggerHandle log;
     auto t0 = std::chrono::steady_clock::now();
-    if (xfer.get_extract(log) != 1) die(std::string("the extraction of ") + s.name + " failed");
+    if (xfer.get_extract(log) != FileXferSpec::kExtractDone) die(std::string("the extraction of ") + s.name + " failed");
     s.bestExtract = std::min(s.bestExtract, seconds(t0));
     fs::remove(toUTF8(SystemCache::findFileForCookie(xfer.destination)).str());
 }

@@ -38,7 +38,7 @@ public:
         getMetadata()->setFrameCount(0xFFFFFFFFu);
     }
     String getReaderName() const override { return "memory"; }
-    int readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request) override {
+    eReadResult readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request) override {
         reads.fetch_add(1, std::memory_order_relaxed);
         if (!noWork_) buffer = Zn::makePtr<FrameBufferRep>(request->getFrame(), picture_);
         return kReadDone;
@@ -63,7 +63,7 @@ public:
     // its end is counted here.
     void queued(const Zn::Ptr<VideoReadRequest>& held) {
         Zn::Ptr<iObject> none;
-        if (held->getStatus() == Failed) readRequestComplete(none, Failed);
+        if (held->getStatus() == RequestStatus::Failed) readRequestComplete(none, RequestStatus::Failed);
     }
     void waitFor(long n) {
         for (long c = completed.load(std::memory_order_acquire); c < n; c = completed.load(std::memory_order_acquire))

@@ -93,8 +93,9 @@ double importPerSecond(const fs::path& sources) {
     o.videoChannels = 1;
     o.audioChannels = 2;
     auto start = Clock::now();
-    for (const auto& r : ProjectImporter(o).importFiles(files))
-        if (!r.ok) {
+    ProjectImporter importer(o);
+    for (const WString& file : files)
+        if (ImportResult r = importer.importFile(file); !r.ok) {
             std::fprintf(stderr, "import failed: %s\n", toUTF8(r.error).c_str());
             std::abort();
         }

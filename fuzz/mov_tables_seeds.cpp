@@ -1,6 +1,6 @@
 // Seed inputs of the moov reader's fuzz target: QuickTime/MP4 files the ffmpeg program
-// makes (B-frames with composition offsets, an edit list, the moov box first, PCM in
-// chunks, fragments), each whole and its moov box alone, so that mutations reach the
+// makes (B-frames with composition offsets, edit lists or none, open groups, the moov box
+// first, PCM in chunks, fragments, a codec left to libavformat), each whole and its moov box alone, so that mutations reach the
 // sample tables often.
 #include "MadeMedia.h"
 #include "backends/ffmpeg/FfmpegMovTables.h"
@@ -20,6 +20,10 @@ std::vector<std::string> fuzzSeeds() {
         {"hevc.mp4", video + "-c:v libx265 -preset ultrafast -x265-params log-level=none:bframes=2"},
         {"prores_pcm.mov", video + audio + "-c:v prores_ks -profile:v 0 -c:a pcm_s16le"},
         {"fragmented.mp4", video + h264 + "-movflags +frag_keyframe+empty_moov"},
+        {"no_edits.mp4", video + h264 + "-use_editlist 0"},
+        {"full_range.mov", video + h264 + "-pix_fmt yuvj422p"},
+        {"open_gop.mp4", video + h264 + "-x264-params open_gop=1"},
+        {"mpeg4.mp4", video + "-c:v mpeg4 -g 4 -bf 2"},
     });
     const size_t whole = seeds.size();
     for (size_t i = 0; i < whole; ++i) {

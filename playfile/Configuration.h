@@ -13,6 +13,8 @@
 // stored value are deliberately not seen.
 #pragma once
 
+#include "playfile/Export.h"
+
 namespace PlayfileConfig {
 
 struct Key {
@@ -28,14 +30,14 @@ inline constexpr Key kNumAudioStreamsToPlay{"NumAudioStreamsToPlay", 99};
 inline constexpr Key kMaxAudioChansInShot{"max_audio_chans_in_shot", 32};
 
 // Reads the key from the store now.
-int read(const Key& key);
+PLAYFILE_API int read(const Key& key);
 
 // The load-time values. They are read by a static initialiser of the library; a call
 // made earlier in static initialisation reads them then, so no caller sees a value that
 // is not yet set.
-int numReaderThreads();
-int readPollDelay();
-int numAudioStreamsToPlay();
+PLAYFILE_API int numReaderThreads();
+PLAYFILE_API int readPollDelay();
+PLAYFILE_API int numAudioStreamsToPlay();
 
 // Read afresh on every call.
 inline int maxAudioChansInShot() { return read(kMaxAudioChansInShot); }

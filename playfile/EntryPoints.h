@@ -4,6 +4,7 @@
 #pragma once
 
 #include "host/core/Cookie.h"
+#include "playfile/Export.h"
 #include "playfile/open/MediaTypes.h"
 
 namespace Zn {
@@ -13,13 +14,13 @@ class FilePreOpen;
 extern "C" {
 // Makes sure the pre-open queue exists and answers it. Nothing else is made here: the play
 // file cache and the read-queue pools come into being on first use.
-Zn::FilePreOpen* playfile_init();
+PLAYFILE_API Zn::FilePreOpen* playfile_init();
 // Closes all files, exactly as playfile_close_all_files; nothing is destroyed, since the
 // cache and the pools end with the process and the host's shutdown sequence.
-void playfile_exit();
+PLAYFILE_API void playfile_exit();
 // Closes every open file of the play file cache, then releases the decoders that no open
 // file uses any more.
-void playfile_close_all_files();
+PLAYFILE_API void playfile_close_all_files();
 // Closes the clip's open files of the media types, then releases unused decoders.
-void playfile_close_files(const Cookie& clip, eMediaTypes types);
+PLAYFILE_API void playfile_close_files(const Cookie& clip, eMediaTypes types);
 }

@@ -1,7 +1,9 @@
 // The library's build version.
 #pragma once
 
+#include "playfile/Export.h"
+
 extern "C" {
 // The build version as four dotted numbers, major.minor.patch.build, in static storage.
-const char* playfileDllVersionStr();
+PLAYFILE_API const char* playfileDllVersionStr();
 }

@@ -28,6 +28,6 @@ const std::vector<Command>& commands();
 
 // Prints "playfile: <message>" on standard error and answers the status, for
 // `return fail(kUsage, "...")`.
-int fail(int status, const std::string& message);
+int fail(ExitStatus status, const std::string& message);
 
 } // namespace tool

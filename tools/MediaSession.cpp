@@ -165,13 +165,13 @@ Zn::Image::Surface FrameRead::picture(std::string& error, std::chrono::milliseco
         return Surface();
     }
     auto buffer = Zn::dynamicPtrCast<FrameBufferRep>(waiter_.result());
-    if (waiter_.status() != Complete || !buffer) {
+    if (waiter_.status() != RequestStatus::Complete || !buffer) {
         error = where + ": the read failed";
         return Surface();
     }
     request_ = nullptr;
     Surface s = buffer->getSurface(0);
-    const int state = s.wait(unsigned(limit.count()));
+    const Surface::eWaitResult state = s.wait(unsigned(limit.count()));
     if (state == Surface::kWaitTimedOut) {
         error = where + ": decoding did not finish in time";
         return Surface();
@@ -201,7 +201,7 @@ bool AudioRead::samples(const uint8_t*& data, size_t& bytes, std::string& error,
         error = "the audio read did not finish in time";
         return false;
     }
-    if (request_->getStatus() != Complete) {
+    if (request_->getStatus() != RequestStatus::Complete) {
         error = "the audio read failed";
         return false;
     }

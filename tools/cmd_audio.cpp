@@ -129,15 +129,31 @@ int run(const std::vector<std::string>& args) {
     return status;
 }
 
-// Reads the job's samples of one file; jsonOut receives its JSON object (with --json).
-int readAudio(const std::string& path, const AudioJob& job, MediaSession& session, Json& jsonOut) {
-    const auto [stream, channel, start, countAsked, block, md5, json, named, outName] = job;
-    uint64_t count = countAsked;
+// The sound material of one file that a job reads, and the samples it reads of it.
+struct ChannelRun {
+    Cookie material;
+    uint64_t count = 0;
+};
+
+// What the reads of one file delivered.
+struct Delivered {
+    Json reads = Json::array();
+    uint32_t bytesPerSample = 0, rate = 0;
+    bool isFloat = false;
+    bool written = false; // the samples went to --out
+    uint64_t samples = 0;
+    double seconds = 0;
+};
+
+// Opens the file by name for its audio layout, checks the job's stream, channel and start
+// against it and makes the clip whose sound material the reads go to.
+int locateChannel(const std::string& path, const AudioJob& job, MediaSession& session, ChannelRun& run) {
+    const uint64_t stream = job.stream, channel = job.channel, start = job.start;
     std::string why;
     if (!checkMediaFile(path, why)) return fail(kFailure, "audio: " + path + ": " + why);
 
     // The layout, from the file opened by name for the stream wanted; the clip's reads
-    // below find this file in the cache.
+    // find this file in the cache.
     Zn::Ptr<FileReadInstance> file = MediaSession::openByName(path, OpenType::kAudio);
     if (!file) return fail(kFailure, "audio: " + path + ": no reader can open it for audio (no audio, or damaged)");
     if (!(file->getCapabilities() & OpenType::kAudio)) return fail(kFailure, "audio: " + path + ": has no audio");
@@ -165,70 +181,82 @@ int readAudio(const std::string& path, const AudioJob& job, MediaSession& sessio
         return fail(kFailure, "audio: stream " + std::to_string(stream) + " of " + path + " has " +
                                   std::to_string(length) + " samples; --start " + std::to_string(start) +
                                   " is past the end");
-    if (count == 0) count = length - start;
-    if (start + count > length) count = length - start;
+    run.count = job.count == 0 ? length - start : job.count;
+    if (start + run.count > length) run.count = length - start;
 
     const Cookie clip = session.addClip(path, false, std::min(total, 254u), layout.getSampleRate(), why);
     if (!clip.valid()) return fail(kFailure, "audio: " + why);
-    const Cookie material = convertCookie(clip, 'S', uint8_t(index));
+    run.material = convertCookie(clip, 'S', uint8_t(index));
+    return kOk;
+}
 
+// Reads the run in blocks through the cache, hashing, printing and writing each as the
+// job says.
+int readBlocks(const std::string& path, const AudioJob& job, const ChannelRun& run, Delivered& d) {
     WavOut out;
-    bool outOpen = false;
-    Json reads = Json::array();
-    uint32_t bytesPerSample = 0, rate = 0;
-    bool isFloat = false;
-    uint64_t at = start, delivered = 0;
+    std::string why;
+    const uint64_t end = job.start + run.count;
+    uint64_t at = job.start;
     const auto t0 = std::chrono::steady_clock::now();
-    while (at < start + count) {
-        const uint32_t n = uint32_t(std::min<uint64_t>(block, start + count - at));
-        AudioRead read(material, at, n);
+    while (at < end) {
+        const uint32_t n = uint32_t(std::min<uint64_t>(job.block, end - at));
+        AudioRead read(run.material, at, n);
         const uint8_t* data = nullptr;
         size_t bytes = 0;
         if (!read.samples(data, bytes, why))
             return fail(kFailure, "audio: " + path + ": samples " + std::to_string(at) + "+" + std::to_string(n) +
                                       ": " + why);
-        bytesPerSample = read.bytesPerSample();
-        rate = read.sampleRate();
-        isFloat = read.isFloat();
-        const uint64_t got = bytesPerSample ? bytes / bytesPerSample : 0;
+        d.bytesPerSample = read.bytesPerSample();
+        d.rate = read.sampleRate();
+        d.isFloat = read.isFloat();
+        const uint64_t got = d.bytesPerSample ? bytes / d.bytesPerSample : 0;
         if (got == 0) break; // the stream ended sooner than its length said
-        if (!outName.empty() && !outOpen) {
-            if (!out.open(outName, rate, bytesPerSample, isFloat, why)) return fail(kFailure, "audio: " + why);
-            outOpen = true;
+        if (!job.out.empty() && !d.written) {
+            if (!out.open(job.out, d.rate, d.bytesPerSample, d.isFloat, why)) return fail(kFailure, "audio: " + why);
+            d.written = true;
         }
-        if (outOpen && !out.write(data, bytes)) return fail(kFailure, "audio: cannot write " + outName);
+        if (d.written && !out.write(data, bytes)) return fail(kFailure, "audio: cannot write " + job.out);
         Json entry = {{"start", at}, {"count", got}};
-        if (md5) {
+        if (job.md5) {
             Md5 digest;
             digest.add(data, bytes);
             entry["md5"] = digest.hex();
-            if (!json)
-                std::printf("%s%s%llu %llu %s\n", named ? path.c_str() : "", named ? " " : "", (unsigned long long)at,
-                            (unsigned long long)got, entry["md5"].get<std::string>().c_str());
+            if (!job.json)
+                std::printf("%s%s%llu %llu %s\n", job.named ? path.c_str() : "", job.named ? " " : "",
+                            (unsigned long long)at, (unsigned long long)got, entry["md5"].get<std::string>().c_str());
         }
-        if (json) reads.push_back(entry);
+        if (job.json) d.reads.push_back(entry);
         at += got;
-        delivered += got;
+        d.samples += got;
     }
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    if (outOpen && !out.close()) return fail(kFailure, "audio: cannot finish " + outName);
-    if (json) {
+    d.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    if (d.written && !out.close()) return fail(kFailure, "audio: cannot finish " + job.out);
+    return kOk;
+}
+
+// Reads the job's samples of one file; jsonOut receives its JSON object (with --json).
+int readAudio(const std::string& path, const AudioJob& job, MediaSession& session, Json& jsonOut) {
+    ChannelRun run;
+    if (int status = locateChannel(path, job, session, run); status != kOk) return status;
+    Delivered d;
+    if (int status = readBlocks(path, job, run, d); status != kOk) return status;
+    if (job.json) {
         jsonOut = {{"file", path},
-                  {"stream", stream},
-                  {"channel", channel},
-                  {"start", start},
-                  {"count", delivered},
-                  {"sampleRate", rate},
-                  {"bytesPerSample", bytesPerSample},
-                  {"sampleType", isFloat ? "float" : "int"},
-                  {"seconds", seconds},
-                  {"reads", reads}};
-    } else if (!md5) {
+                  {"stream", job.stream},
+                  {"channel", job.channel},
+                  {"start", job.start},
+                  {"count", d.samples},
+                  {"sampleRate", d.rate},
+                  {"bytesPerSample", d.bytesPerSample},
+                  {"sampleType", d.isFloat ? "float" : "int"},
+                  {"seconds", d.seconds},
+                  {"reads", d.reads}};
+    } else if (!job.md5) {
         std::printf("%s: stream %llu channel %llu, samples %llu-%llu (%llu) of %u-byte %s at %u Hz in %.3f s%s\n",
-                    path.c_str(), (unsigned long long)stream, (unsigned long long)channel, (unsigned long long)start,
-                    (unsigned long long)(start + delivered - 1), (unsigned long long)delivered, bytesPerSample,
-                    isFloat ? "float" : "int", rate, seconds,
-                    outOpen ? ("; written to " + outName).c_str() : "");
+                    path.c_str(), (unsigned long long)job.stream, (unsigned long long)job.channel,
+                    (unsigned long long)job.start, (unsigned long long)(job.start + d.samples - 1),
+                    (unsigned long long)d.samples, d.bytesPerSample, d.isFloat ? "float" : "int", d.rate, d.seconds,
+                    d.written ? ("; written to " + job.out).c_str() : "");
     }
     return kOk;
 }

@@ -57,7 +57,7 @@ const char kExtractUsage[] =
 struct Piece {
     Cookie source, destination;
     ShotVideoMetadata video;
-    int result = -1;
+    eExtractResult result = eExtractResult::eExtractFailed;
 };
 
 class ExtractTask final : public BackgroundTaskBase {
@@ -116,7 +116,7 @@ bool piecesOf(const Cookie& clip, const Cookie& target, std::vector<Piece>& out,
     }
     edit.i_close();
     if (video) {
-        Piece p{convertCookie(clip, 'V', 0), convertCookie(target, 'V', 0), {}, -1};
+        Piece p{convertCookie(clip, 'V', 0), convertCookie(target, 'V', 0), {}};
         Zn::Ptr<FileReadInstance> f = PlayFileCache::Shared().open(p.source, DecodeFormat(1), 0);
         if (!f) return (error = "the clip's video cannot be read", false);
         const auto& meta = *f->getMetadata();
@@ -127,7 +127,7 @@ bool piecesOf(const Cookie& clip, const Cookie& target, std::vector<Piece>& out,
             return (error = "the clip's frame rate is not one the project knows", false);
         out.push_back(p);
     }
-    if (channels) out.push_back(Piece{convertCookie(clip, 'S', 1), convertCookie(target, 'S', 1), {}, -1});
+    if (channels) out.push_back(Piece{convertCookie(clip, 'S', 1), convertCookie(target, 'S', 1), {}});
     if (out.empty()) error = "the clip has no material files to extract from";
     return !out.empty();
 }

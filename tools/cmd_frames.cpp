@@ -130,102 +130,138 @@ int run(const std::vector<std::string>& args) {
     return status;
 }
 
-// Reads the job's frames of one file; jsonOut receives its JSON object (with --json).
-int readFrames(const std::string& path, const FramesJob& job, MediaSession& session, Json& jsonOut) {
-    const auto [start, countAsked, inflight, md5, json, out, named, imageKind, format, dir] = job;
-    uint64_t count = countAsked;
+// The video material of one file that a job reads, and how.
+struct VideoRun {
+    DecodeFormat decodeFormat{1};
+    Cookie material;
+    uint64_t count = 0;
+};
+
+// What the reads of one file delivered.
+struct Pictures {
+    Json list = Json::array();
+    Zn::Image::eDataFormat format = Zn::Image::kFormatUnknown;
+    uint32_t width = 0, height = 0;
+    double seconds = 0;
+};
+
+// Opens the file by name with the format the reads want, checks the job's frames against
+// its length, makes the clip whose video material the reads go to and the --out folder.
+int locateVideo(const std::string& path, const FramesJob& job, MediaSession& session, VideoRun& run) {
     std::string why;
     if (!checkMediaFile(path, why)) return fail(kFailure, "frames: " + path + ": " + why);
 
     // Width and height 0 keep the picture's own size; only the pixel format changes.
-    DecodeFormat decodeFormat(1);
-    if (format != Zn::Image::kFormatUnknown) decodeFormat = DecodeFormat(0, 0, format);
-    const auto opening = std::chrono::steady_clock::now();
+    if (job.format != Zn::Image::kFormatUnknown) run.decodeFormat = DecodeFormat(0, 0, job.format);
     // Opened by name first, with the format the reads want (a long-GOP reader decodes for
-    // the format it was opened with); the clip's reads below find this file in the cache.
-    Zn::Ptr<FileReadInstance> file = MediaSession::openByName(path, OpenType::kVideo, decodeFormat);
+    // the format it was opened with); the clip's reads find this file in the cache.
+    Zn::Ptr<FileReadInstance> file = MediaSession::openByName(path, OpenType::kVideo, run.decodeFormat);
     if (!file) return fail(kFailure, "frames: " + path + ": no reader can open it for video");
     if (!(file->getCapabilities() & OpenType::kVideo)) return fail(kFailure, "frames: " + path + ": has no video");
     const uint64_t frames = file->getMetadata()->getFrameCount();
     file = nullptr;
     if (frames == 0) return fail(kFailure, "frames: " + path + ": has no video frames");
-    if (start >= frames)
+    if (job.start >= frames)
         return fail(kFailure, "frames: " + path + " has " + std::to_string(frames) + " frames; --start " +
-                                  std::to_string(start) + " is past the end");
-    if (count == 0) count = frames - start;
-    if (start + count > frames)
+                                  std::to_string(job.start) + " is past the end");
+    run.count = job.count == 0 ? frames - job.start : job.count;
+    if (job.start + run.count > frames)
         return fail(kFailure, "frames: " + path + " has " + std::to_string(frames) + " frames; " +
-                                  std::to_string(start) + "+" + std::to_string(count) + " runs past the end");
+                                  std::to_string(job.start) + "+" + std::to_string(run.count) + " runs past the end");
     const Cookie clip = session.addClip(path, true, 0, 0, why);
     if (!clip.valid()) return fail(kFailure, "frames: " + why);
-    const Cookie material = convertCookie(clip, 'V', 0);
+    run.material = convertCookie(clip, 'V', 0);
 
-    if (out) {
+    if (job.out) {
         std::error_code ec;
-        std::filesystem::create_directories(dir, ec);
-        if (!std::filesystem::is_directory(dir, ec)) return fail(kFailure, "frames: cannot make the folder " + dir);
+        std::filesystem::create_directories(job.dir, ec);
+        if (!std::filesystem::is_directory(job.dir, ec))
+            return fail(kFailure, "frames: cannot make the folder " + job.dir);
     }
+    return kOk;
+}
 
+// Hashes, lists, prints and writes one picture read as the job says.
+int takePicture(const std::string& path, const FramesJob& job, int frame, const Zn::Image::Surface& picture,
+                Pictures& p) {
+    if (job.format != Zn::Image::kFormatUnknown && picture.getDataFormat() != job.format)
+        return fail(kFailure, "frames: " + path + ": the reader delivered " +
+                                  Zn::Image::formatName(picture.getDataFormat()) + ", not " +
+                                  Zn::Image::formatName(job.format));
+    p.format = picture.getDataFormat();
+    p.width = picture.getWidth();
+    p.height = picture.getHeight();
+    if (job.md5 || job.json) {
+        Json entry = {{"frame", frame}};
+        size_t size = 0;
+        Md5 digest;
+        forEachPackedRow(picture, [&](const uint8_t* row, size_t n) {
+            if (job.md5) digest.add(row, n);
+            size += n;
+        });
+        entry["size"] = size;
+        if (job.md5) entry["md5"] = digest.hex();
+        if (job.json)
+            p.list.push_back(entry);
+        else
+            std::printf("%s%s%d %zu %s\n", job.named ? path.c_str() : "", job.named ? " " : "", frame, size,
+                        entry["md5"].get<std::string>().c_str());
+    }
+    if (job.out) {
+        char name[32];
+        std::snprintf(name, sizeof name, "frame_%06d.%s", frame, imageExtension(job.imageKind, p.format));
+        std::string why;
+        if (!writeImage((std::filesystem::path(job.dir) / name).string(), job.imageKind, picture, why))
+            return fail(kFailure, "frames: " + why);
+    }
+    return kOk;
+}
+
+// Reads the run's frames in order with up to --inflight reads queued.
+int readPictures(const std::string& path, const FramesJob& job, const VideoRun& run, Pictures& p) {
     std::unique_ptr<ProgressBar> bar;
-    if (!md5 && !json && isatty(fileno(stdout))) bar = std::make_unique<ProgressBar>("reading frames", count);
-    Json list = Json::array();
-    Zn::Image::eDataFormat got = Zn::Image::kFormatUnknown;
-    uint32_t width = 0, height = 0;
+    if (!job.md5 && !job.json && isatty(fileno(stdout)))
+        bar = std::make_unique<ProgressBar>("reading frames", run.count);
     std::deque<std::unique_ptr<FrameRead>> window;
-    uint64_t next = start, done = 0;
+    const uint64_t end = job.start + run.count;
+    uint64_t next = job.start, done = 0;
+    std::string why;
     const auto t0 = std::chrono::steady_clock::now();
-    while (done < count) {
-        while (next < start + count && window.size() < inflight)
-            window.push_back(std::make_unique<FrameRead>(material, int(next++), decodeFormat));
+    while (done < run.count) {
+        while (next < end && window.size() < job.inflight)
+            window.push_back(std::make_unique<FrameRead>(run.material, int(next++), run.decodeFormat));
         std::unique_ptr<FrameRead> read = std::move(window.front());
         window.pop_front();
         Zn::Image::Surface picture = read->picture(why);
         if (picture.empty()) return fail(kFailure, "frames: " + path + ": " + why);
-        if (format != Zn::Image::kFormatUnknown && picture.getDataFormat() != format)
-            return fail(kFailure, "frames: " + path + ": the reader delivered " +
-                                      Zn::Image::formatName(picture.getDataFormat()) + ", not " +
-                                      Zn::Image::formatName(format));
-        got = picture.getDataFormat();
-        width = picture.getWidth();
-        height = picture.getHeight();
-        if (md5 || json) {
-            Json entry = {{"frame", read->frame()}};
-            size_t size = 0;
-            Md5 digest;
-            forEachPackedRow(picture, [&](const uint8_t* p, size_t n) {
-                if (md5) digest.add(p, n);
-                size += n;
-            });
-            entry["size"] = size;
-            if (md5) entry["md5"] = digest.hex();
-            if (json)
-                list.push_back(entry);
-            else
-                std::printf("%s%s%d %zu %s\n", named ? path.c_str() : "", named ? " " : "", read->frame(), size,
-                            entry["md5"].get<std::string>().c_str());
-        }
-        if (out) {
-            char name[32];
-            std::snprintf(name, sizeof name, "frame_%06d.%s", read->frame(), imageExtension(imageKind, got));
-            if (!writeImage((std::filesystem::path(dir) / name).string(), imageKind, picture, why))
-                return fail(kFailure, "frames: " + why);
-        }
+        if (int status = takePicture(path, job, read->frame(), picture, p); status != kOk) return status;
         ++done;
         if (bar) bar->update(done);
     }
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    p.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     if (bar) bar->finish();
-    const double fps = seconds > 0 ? double(count) / seconds : 0.0;
-    if (json) {
-        jsonOut = {{"file", path},   {"start", start},   {"count", count},     {"format", Zn::Image::formatName(got)},
-                   {"width", width}, {"height", height}, {"seconds", seconds}, {"fps", fps},
-                   {"frames", list}};
-    } else if (!md5) {
-        const double openSeconds = std::chrono::duration<double>(t0 - opening).count();
+    return kOk;
+}
+
+// Reads the job's frames of one file; jsonOut receives its JSON object (with --json).
+int readFrames(const std::string& path, const FramesJob& job, MediaSession& session, Json& jsonOut) {
+    const auto opening = std::chrono::steady_clock::now();
+    VideoRun run;
+    if (int status = locateVideo(path, job, session, run); status != kOk) return status;
+    const double openSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - opening).count();
+    Pictures p;
+    if (int status = readPictures(path, job, run, p); status != kOk) return status;
+    const uint64_t start = job.start, count = run.count;
+    const double fps = p.seconds > 0 ? double(count) / p.seconds : 0.0;
+    if (job.json) {
+        jsonOut = {{"file", path},     {"start", start},     {"count", count},       {"format", Zn::Image::formatName(p.format)},
+                   {"width", p.width}, {"height", p.height}, {"seconds", p.seconds}, {"fps", fps},
+                   {"frames", p.list}};
+    } else if (!job.md5) {
         std::printf("%s: frames %llu-%llu (%llu) as %s %ux%u in %.3f s, %.1f fps (opening %.3f s)%s\n", path.c_str(),
                     (unsigned long long)start, (unsigned long long)(start + count - 1), (unsigned long long)count,
-                    Zn::Image::formatName(got), width, height, seconds, fps, openSeconds,
-                    out ? ("; images in " + dir).c_str() : "");
+                    Zn::Image::formatName(p.format), p.width, p.height, p.seconds, fps, openSeconds,
+                    job.out ? ("; images in " + job.dir).c_str() : "");
     }
     return kOk;
 }

@@ -52,74 +52,127 @@ bool parseCount(const std::string& text, int limit, int& out) {
     return out <= limit;
 }
 
-int run(const std::vector<std::string>& args) {
+// What the command line asks for.
+struct ImportArgs {
     std::vector<std::string> files;
     std::string project, drive;
     ImportOptions options;
     bool rateGiven = false;
+};
+
+// Reads the command line into a; kOk, or the usage failure's status (already reported).
+int parseArgs(const std::vector<std::string>& args, ImportArgs& a) {
+    ImportOptions& options = a.options;
     for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
+        const std::string& arg = args[i];
         auto value = [&](std::string& out) {
             if (i + 1 >= args.size()) return false;
             out = args[++i];
             return true;
         };
         std::string v;
-        if (a == "--project") {
-            if (!value(project)) return fail(kUsage, "import: --project needs a folder");
-        } else if (a == "--drive") {
-            if (!value(drive) || drive.empty() || (drive.size() > 1 && drive[1] != '='))
+        if (arg == "--project") {
+            if (!value(a.project)) return fail(kUsage, "import: --project needs a folder");
+        } else if (arg == "--drive") {
+            if (!value(a.drive) || a.drive.empty() || (a.drive.size() > 1 && a.drive[1] != '='))
                 return fail(kUsage, "import: --drive needs a drive letter, optionally =FOLDER");
-        } else if (a == "--copy") {
+        } else if (arg == "--copy") {
             options.copy = true;
-        } else if (a == "--video") {
+        } else if (arg == "--video") {
             if (!value(v) || !parseCount(v, 1, options.videoChannels))
                 return fail(kUsage, "import: --video needs 0 or 1");
-        } else if (a == "--audio") {
+        } else if (arg == "--audio") {
             if (!value(v) || !parseCount(v, 254, options.audioChannels))
                 return fail(kUsage, "import: --audio needs a number of channels (0 to 254)");
-        } else if (a == "--rate") {
+        } else if (arg == "--rate") {
             int rate = 0;
             if (!value(v) || !parseCount(v, 768000, rate) || rate == 0)
                 return fail(kUsage, "import: --rate needs a sample rate in Hz");
             options.sampleRate = unsigned(rate);
-            rateGiven = true;
-        } else if (a.size() > 1 && a[0] == '-') {
-            return fail(kUsage, "import: unknown option '" + a + "' (see 'playfile import --help')");
+            a.rateGiven = true;
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            return fail(kUsage, "import: unknown option '" + arg + "' (see 'playfile import --help')");
         } else {
-            files.push_back(a);
+            a.files.push_back(arg);
         }
     }
-    if (project.empty()) return fail(kUsage, "import: --project DIR is required");
-    if (files.empty()) return fail(kUsage, "import: no files given");
+    if (a.project.empty()) return fail(kUsage, "import: --project DIR is required");
+    if (a.files.empty()) return fail(kUsage, "import: no files given");
     if (options.videoChannels == 0 && options.audioChannels == 0)
         return fail(kUsage, "import: a clip needs at least one channel");
+    return kOk;
+}
+
+// Makes the drive named by --drive ID=FOLDER and sets options.drive to the drive that
+// takes the imports; false with error set when either fails.
+bool chooseDrive(const std::string& drive, ImportOptions& options, std::string& error) {
+    WString why;
+    if (!drive.empty()) {
+        options.drive = DriveId(drive[0]);
+        if (drive.size() > 2) {
+            std::error_code ec;
+            std::string root = std::filesystem::absolute(drive.substr(2), ec).lexically_normal().string();
+            if (!DiskManager::addDrive(options.drive, fromUTF8(root.c_str()), WString(), String("import,render"), &why)) {
+                error = "cannot make drive " + drive.substr(0, 1) + ": " + toUTF8(why).str();
+                return false;
+            }
+        }
+    }
+    DriveId used = ProjectImporter::importDrive(options.drive, &why);
+    if (used.isNone()) {
+        error = toUTF8(why).str();
+        return false;
+    }
+    options.drive = used;
+    return true;
+}
+
+// Imports one file as a clip and prints its line; false (the failure reported) when the
+// readers or the importer refuse it.
+bool importOne(const std::string& f, const ImportArgs& a, std::unique_ptr<ProgressBar>& bar) {
+    ImportOptions fileOptions = a.options;
+    if (a.options.videoChannels < 0 || a.options.audioChannels < 0) {
+        std::string why;
+        if (!clipLayoutFromReaders(f, fileOptions, a.rateGiven, why)) {
+            fail(kFailure, "import: " + f + ": " + why);
+            return false;
+        }
+    }
+    ProjectImporter importer(fileOptions);
+    ImportResult r = importer.importFile(fromUTF8(f.c_str()));
+    if (bar) {
+        bar->finish();
+        bar.reset();
+    }
+    if (!r.ok) {
+        fail(kFailure, "import: " + f + ": " + toUTF8(r.error).str());
+        return false;
+    }
+    std::printf("imported %s as clip %s (%s drive %c): %d video, %d audio channel%s at %u Hz\n", f.c_str(),
+                r.clip.asString().c_str(), a.options.copy ? "copied to" : "linked on", a.options.drive.getUniqueId(),
+                fileOptions.videoChannels, fileOptions.audioChannels, fileOptions.audioChannels == 1 ? "" : "s",
+                fileOptions.sampleRate);
+    return true;
+}
+
+int run(const std::vector<std::string>& args) {
+    ImportArgs a;
+    if (int status = parseArgs(args, a); status != kOk) return status;
 
     WString error;
     std::error_code ec;
-    std::string projectDir = tool::projectLocation(project, ec);
+    std::string projectDir = tool::projectLocation(a.project, ec);
     if (!EditManager::openProject(fromUTF8(projectDir.c_str()), true, &error))
         return fail(kFailure, "import: " + toUTF8(error).str());
     struct Closer {
         ~Closer() { EditManager::closeProject(); }
     } closer;
 
-    if (!drive.empty()) {
-        options.drive = DriveId(drive[0]);
-        if (drive.size() > 2) {
-            std::string root = std::filesystem::absolute(drive.substr(2), ec).lexically_normal().string();
-            if (!DiskManager::addDrive(options.drive, fromUTF8(root.c_str()), WString(), String("import,render"),
-                                       &error))
-                return fail(kFailure, "import: cannot make drive " + drive.substr(0, 1) + ": " + toUTF8(error).str());
-        }
-    }
-
-    DriveId used = ProjectImporter::importDrive(options.drive, &error);
-    if (used.isNone()) return fail(kFailure, "import: " + toUTF8(error).str());
-    options.drive = used;
+    std::string why;
+    if (!chooseDrive(a.drive, a.options, why)) return fail(kFailure, "import: " + why);
 
     std::unique_ptr<ProgressBar> bar;
-    options.progress = [&](const ImportProgress& p) {
+    a.options.progress = [&](const ImportProgress& p) {
         if (p.stage == ImportProgress::eCopying) {
             if (!bar) bar = std::make_unique<ProgressBar>("copying " + toUTF8(stripPath(p.file)).str(), p.total);
             bar->update(p.done);
@@ -129,32 +182,8 @@ int run(const std::vector<std::string>& args) {
         }
     };
     int status = kOk;
-    for (const auto& f : files) {
-        ImportOptions fileOptions = options;
-        if (options.videoChannels < 0 || options.audioChannels < 0) {
-            std::string why;
-            if (!clipLayoutFromReaders(f, fileOptions, rateGiven, why)) {
-                fail(kFailure, "import: " + f + ": " + why);
-                status = kFailure;
-                continue;
-            }
-        }
-        ProjectImporter importer(fileOptions);
-        ImportResult r = importer.importFile(fromUTF8(f.c_str()));
-        if (bar) {
-            bar->finish();
-            bar.reset();
-        }
-        if (!r.ok) {
-            fail(kFailure, "import: " + f + ": " + toUTF8(r.error).str());
-            status = kFailure;
-            continue;
-        }
-        std::printf("imported %s as clip %s (%s drive %c): %d video, %d audio channel%s at %u Hz\n", f.c_str(),
-                    r.clip.asString().c_str(), options.copy ? "copied to" : "linked on", used.getUniqueId(),
-                    fileOptions.videoChannels, fileOptions.audioChannels, fileOptions.audioChannels == 1 ? "" : "s",
-                    fileOptions.sampleRate);
-    }
+    for (const auto& f : a.files)
+        if (!importOne(f, a, bar)) status = kFailure;
     return status;
 }
 

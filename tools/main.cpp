@@ -37,7 +37,7 @@ CommandRegistration::CommandRegistration(const Command& command) {
 
 const std::vector<Command>& commands() { return table(); }
 
-int fail(int status, const std::string& message) {
+int fail(ExitStatus status, const std::string& message) {
     std::fprintf(stderr, "playfile: %s\n", message.c_str());
     return status;
 }

@@ -30,18 +30,18 @@ const uint8_t* FfmpegAudioCodec::getOutput(uint32_t channel) const {
     return plane < output_.planes.size() ? output_.planes[plane].data() : nullptr;
 }
 
-int FfmpegAudioCodec::decode(const uint8_t* data, uint32_t size, uint32_t& samples) {
+Zn::eAudioResult FfmpegAudioCodec::decode(const uint8_t* data, uint32_t size, uint32_t& samples) {
     samples = 0;
-    if (!data || size != 8) return 0;
+    if (!data || size != 8) return kFailed;
     uint64_t block = 0;
     for (int i = 0; i < 8; ++i) block |= uint64_t(data[i]) << (8 * i);
     const int64_t start = int64_t(block * samplesPerBlock_);
-    if (start >= decoder_->totalSamples()) return 11;
+    if (start >= decoder_->totalSamples()) return kEndedEarly;
     auto read = decoder_->read(start, samplesPerBlock_, output_);
-    if (!read) return 0;
-    if (read.value == 0) return 11;
+    if (!read) return kFailed;
+    if (read.value == 0) return kEndedEarly;
     samples = uint32_t(read.value);
-    return 1;
+    return kSuccess;
 }
 
 bool FfmpegAudioDecoderFactory::canDecode(const Aud::Metadata& stream) const {

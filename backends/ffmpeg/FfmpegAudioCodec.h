@@ -51,7 +51,7 @@ public:
     const uint8_t* getOutput(uint32_t channel) const override;
 
 protected:
-    int decode(const uint8_t* data, uint32_t size, uint32_t& samples) override;
+    Zn::eAudioResult decode(const uint8_t* data, uint32_t size, uint32_t& samples) override;
 
 private:
     std::unique_ptr<ffmpeg_engine::FfmpegAudioDecoder> decoder_;

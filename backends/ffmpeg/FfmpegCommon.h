@@ -3,6 +3,8 @@
 // on failure, and opening a demuxer on a file with a time limit on blocking calls.
 #pragma once
 
+#include "backends/Result.h"
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
@@ -48,23 +50,8 @@ CodecParametersPtr copyParameters(const AVCodecParameters* from);
 // The text FFmpeg gives for an error code ("Invalid data found when processing input").
 std::string errorText(int averror);
 
-// What a call answers: a value, or an empty value and a one-line reason. cause is the
-// errno of a system call that failed on the way (EMFILE, ENOMEM, EIO...), 0 when the
-// input itself is at fault.
-template <class T> struct Result {
-    T value{};
-    std::string error;
-    int cause = 0;
-
-    explicit operator bool() const { return error.empty(); }
-    static Result ok(T v) { return Result{std::move(v), {}, 0}; }
-    static Result fail(std::string why, int cause = 0) {
-        Result r;
-        r.error = why.empty() ? std::string("unknown error") : std::move(why);
-        r.cause = cause;
-        return r;
-    }
-};
+// What a call answers: a value, or an empty value, a one-line reason and the errno.
+using backend::Result;
 
 // The errno behind an AVERROR code, 0 when it is one of FFmpeg's own (damaged data...).
 int systemCause(int averror);

@@ -34,7 +34,7 @@ struct Pool {
                 jobs.pop_front();
             }
             job.request->setResultBuffer(job.buffer);
-            job.request->requestHasCompleted(Complete);
+            job.request->requestHasCompleted(RequestStatus::Complete);
         }
     }
 };

@@ -111,8 +111,10 @@ struct AudioTrack {
 };
 
 // How the packets were learnt at open: from the container's own index (its tables list
-// every packet; their payloads were not read), or by reading the whole file.
-enum class IndexSource { ContainerIndex, Scan };
+// every packet; their payloads were not read), by reading the whole file, or from a
+// QuickTime/MP4 file's sample tables without a demuxer (video only: FfmpegMovSource.h;
+// the video packets are then read by position straight from the file).
+enum class IndexSource { ContainerIndex, Scan, SampleTables };
 
 struct MediaIndex {
     std::string path;
@@ -120,6 +122,8 @@ struct MediaIndex {
     std::string scanReason;    // why the whole file was read, when it was
     std::string indexNote;     // from the container's index: why the video packets still all
                                // went through the demuxer, when they did
+    std::string tablesNote;    // asked for video alone: why the file's sample tables were
+                               // not enough, when they were not
     uint64_t bytesRead = 0;    // bytes of the file the indexing pass read
     std::string container;     // the demuxer's name ("mov,mp4,m4a,3gp,3g2,mj2", "matroska,webm")
     std::string scanWarning;   // why the packet scan stopped before the end, if it did

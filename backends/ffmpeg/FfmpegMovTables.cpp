@@ -2,80 +2,17 @@
 // track's sample tables, and their expansion into one entry per sample.
 #include "backends/ffmpeg/FfmpegMovTables.h"
 
+#include "backends/ffmpeg/FfmpegMovBoxes.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <limits>
 
 namespace ffmpeg_engine {
 
+using namespace mov_boxes;
+
 namespace {
-
-using Bytes = std::span<const uint8_t>;
-
-constexpr uint32_t fourcc(const char (&s)[5]) {
-    return uint32_t(uint8_t(s[0])) << 24 | uint32_t(uint8_t(s[1])) << 16 | uint32_t(uint8_t(s[2])) << 8 |
-           uint32_t(uint8_t(s[3]));
-}
-
-uint32_t be32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
-uint64_t be64(const uint8_t* p) { return uint64_t(be32(p)) << 32 | be32(p + 4); }
-
-// A box's header: its type, its size with the header (0: it runs to the end of what
-// holds it) and the header's own length.
-struct Header {
-    uint32_t type = 0;
-    uint64_t size = 0;
-    unsigned length = 8;
-};
-
-// Reads the header at the start of b; false when b is too short or the size is smaller
-// than the header itself.
-bool readHeader(Bytes b, Header& h) {
-    if (b.size() < 8) return false;
-    const uint32_t size32 = be32(b.data());
-    h.type = be32(b.data() + 4);
-    h.length = 8;
-    h.size = size32;
-    if (size32 == 1) {
-        if (b.size() < 16) return false;
-        h.size = be64(b.data() + 8);
-        h.length = 16;
-    }
-    return h.size == 0 || h.size >= h.length;
-}
-
-// The boxes inside a container box's body, one after the other.
-class Children {
-public:
-    explicit Children(Bytes body) : rest_(body) {}
-    // The next box's type and body: false at the end, or with error set when the box is
-    // malformed. A tail too short for a header ends the list, as for libavformat.
-    bool next(uint32_t& type, Bytes& body, std::string& error) {
-        if (rest_.size() < 8) return false;
-        Header h;
-        if (!readHeader(rest_, h)) {
-            error = "a box in the moov box has a malformed header";
-            return false;
-        }
-        const uint64_t size = h.size == 0 ? rest_.size() : h.size;
-        if (size > rest_.size()) {
-            error = "a box in the moov box runs past its parent";
-            return false;
-        }
-        type = h.type;
-        body = rest_.subspan(h.length, size_t(size) - h.length);
-        rest_ = rest_.subspan(size_t(size));
-        return true;
-    }
-
-private:
-    Bytes rest_;
-};
-
-// Whether b holds count entries of entryBytes after its first skip bytes.
-bool holds(Bytes b, size_t skip, uint64_t count, uint64_t entryBytes) {
-    return b.size() >= skip && count <= (b.size() - skip) / entryBytes;
-}
 
 bool mayStartFile(uint32_t type) {
     for (uint32_t t : {fourcc("ftyp"), fourcc("moov"), fourcc("mdat"), fourcc("free"), fourcc("skip"), fourcc("wide"),
@@ -223,17 +160,24 @@ Result<MovTables> MovTables::parse(std::shared_ptr<const std::vector<uint8_t>> m
     uint32_t type = 0;
     Bytes body;
     std::string error;
+    int traks = 0;
     while (children.next(type, body, error)) {
         if (type == fourcc("mvex")) tables.fragmented_ = true;
+        if (type == fourcc("mvhd")) {
+            const size_t at = !body.empty() && body[0] == 1 ? 20 : 12; // after the times of version 1 or 0
+            if (body.size() < at + 4) return R::fail("the mvhd box is truncated");
+            tables.movieTimeScale_ = be32(body.data() + at);
+        }
         if (type != fourcc("trak")) continue;
-        if (std::string why = tables.parseTrak(body); !why.empty()) return R::fail(why);
+        if (std::string why = tables.parseTrak(body, traks++); !why.empty()) return R::fail(why);
     }
     if (!error.empty()) return R::fail(error);
     return R::ok(std::move(tables));
 }
 
-std::string MovTables::parseTrak(Bytes trak) {
+std::string MovTables::parseTrak(Bytes trak, int ordinal) {
     Track track;
+    track.ordinal = ordinal;
     bool hasId = false;
     Children children(trak);
     uint32_t type = 0;
@@ -246,22 +190,39 @@ std::string MovTables::parseTrak(Bytes trak) {
             track.id = be32(body.data() + at);
             hasId = true;
         } else if (type == fourcc("mdia")) {
-            Children media(body);
-            Bytes inner;
-            while (media.next(type, inner, error)) {
-                if (type != fourcc("minf")) continue;
-                Children info(inner);
-                Bytes stbl;
-                while (info.next(type, stbl, error))
-                    if (type == fourcc("stbl"))
-                        if (std::string why = parseStbl(stbl, track); !why.empty()) return why;
-            }
+            if (std::string why = parseMdia(body, track); !why.empty()) return why;
+        } else if (type == fourcc("edts")) {
+            Children edits(body);
+            Bytes elst;
+            while (edits.next(type, elst, error))
+                if (type == fourcc("elst"))
+                    if (std::string why = keep(track.elst, elst, "elst"); !why.empty()) return why;
         }
         if (!error.empty()) return error;
     }
     if (!error.empty()) return error;
     if (hasId) tracks_.push_back(track);
     return {};
+}
+
+std::string MovTables::parseMdia(Bytes mdia, Track& track) {
+    Children media(mdia);
+    uint32_t type = 0;
+    Bytes inner;
+    std::string error;
+    while (media.next(type, inner, error)) {
+        std::string why;
+        if (type == fourcc("mdhd")) why = keep(track.mdhd, inner, "mdhd");
+        if (type == fourcc("hdlr")) why = keep(track.hdlr, inner, "hdlr");
+        if (!why.empty()) return why;
+        if (type != fourcc("minf")) continue;
+        Children info(inner);
+        Bytes stbl;
+        while (info.next(type, stbl, error))
+            if (type == fourcc("stbl"))
+                if (std::string why = parseStbl(stbl, track); !why.empty()) return why;
+    }
+    return error;
 }
 
 std::string MovTables::parseStbl(Bytes stbl, Track& track) {
@@ -279,6 +240,9 @@ std::string MovTables::parseStbl(Bytes stbl, Track& track) {
         case fourcc("stco"): why = keep(track.stco, body, "stco"); break;
         case fourcc("co64"): why = keep(track.co64, body, "co64"); break;
         case fourcc("ctts"): why = keep(track.ctts, body, "ctts"); break;
+        case fourcc("stts"): why = keep(track.stts, body, "stts"); break;
+        case fourcc("stss"): why = keep(track.stss, body, "stss"); break;
+        case fourcc("stps"): why = keep(track.stps, body, "stps"); break;
         default: break;
         }
         if (!why.empty()) return why;
@@ -286,15 +250,25 @@ std::string MovTables::parseStbl(Bytes stbl, Track& track) {
     return error;
 }
 
-Result<MovTrackSamples> MovTables::samples(uint32_t trackId) const {
-    using R = Result<MovTrackSamples>;
-    const Track* track = nullptr;
+const MovTables::Track* MovTables::track(uint32_t trackId, std::string& error) const {
+    const Track* found = nullptr;
     for (const Track& t : tracks_) {
         if (t.id != trackId) continue;
-        if (track) return R::fail("two tracks have the ID " + std::to_string(trackId));
-        track = &t;
+        if (found) {
+            error = "two tracks have the ID " + std::to_string(trackId);
+            return nullptr;
+        }
+        found = &t;
     }
-    if (!track) return R::fail("the moov box has no track " + std::to_string(trackId));
+    if (!found) error = "the moov box has no track " + std::to_string(trackId);
+    return found;
+}
+
+Result<MovTrackSamples> MovTables::samples(uint32_t trackId) const {
+    using R = Result<MovTrackSamples>;
+    std::string error;
+    const Track* track = this->track(trackId, error);
+    if (!track) return R::fail(error);
     const Track& t = *track;
     if (!t.stsd || !t.stsc || t.stco.has_value() == t.co64.has_value() || t.stsz.has_value() == t.stz2.has_value())
         return R::fail("the track's sample tables are incomplete");

@@ -1,5 +1,5 @@
 // The sample tables of a QuickTime/MP4 file, read from its moov box by a small reader of
-// our own. libavformat lists a track's samples as index entries once it has read the
+// our own (the tracks' descriptions and timing: FfmpegMovTrack.cpp). libavformat lists a track's samples as index entries once it has read the
 // header (position, size, decode time, key and discard flags, edit lists applied), but
 // not their composition offsets (ctts): only its demuxer adds those, packet by packet.
 // These tables give each sample's byte position, size and composition offset, so the
@@ -42,6 +42,47 @@ private:
     std::vector<uint32_t> byOffset_; // samples sorted by offset, when offsets are not in order
 };
 
+// One entry of a track's edit list (elst).
+struct MovEdit {
+    int64_t duration = 0;    // in the movie's time scale (mvhd)
+    int64_t mediaTime = 0;   // where it starts in the track's time scale; -1: an empty edit
+    int32_t rate = 0x10000;  // 16.16 fixed point
+};
+
+// What a track holds and how its times are counted: its handler, time scales, edit list
+// and its one sample description.
+struct MovTrackInfo {
+    int ordinal = 0;             // its place among the moov box's tracks (libavformat's stream index)
+    uint32_t handler = 0;        // hdlr's handler type ('vide', 'soun'...)
+    uint32_t timeScale = 0;      // mdhd
+    uint32_t movieTimeScale = 0; // mvhd
+    bool hasEditList = false;
+    std::vector<MovEdit> edits;
+    uint32_t format = 0; // the sample description's type ('avc1', 'apch'...)
+    uint16_t width = 0;  // of a visual sample description
+    uint16_t height = 0;
+    uint16_t depth = 0;
+    struct Box {
+        uint32_t type = 0;
+        std::span<const uint8_t> body;
+    };
+    std::vector<Box> extensions; // the boxes inside a visual sample description (avcC, colr...)
+    bool partialSync = false;    // the track has a stps table (sync samples besides stss)
+    // The extension of this type, if the description has one.
+    const Box* extension(uint32_t type) const;
+};
+
+// How each sample of a track is timed: its decode time (stts) and whether it is a sync
+// sample (stss; all are when the track has no stss).
+struct MovSampleTimes {
+    std::vector<int64_t> decodeTimes; // per sample, in the track's time scale, from 0
+    std::vector<char> sync;           // per sample
+    int64_t end = 0;                  // the decode time after the last sample
+    // The whole stts table's sum of sample counts and of their durations.
+    uint64_t tableSamples = 0;
+    int64_t tableDuration = 0;
+};
+
 class MovTables {
 public:
     // Caps that keep a hostile file from asking for large allocations.
@@ -63,6 +104,13 @@ public:
     // inconsistent or of a kind this reader does not follow (several sample descriptions).
     Result<MovTrackSamples> samples(uint32_t trackId) const;
 
+    // The track's description; fails when the track is missing, its description is not
+    // one whole box or its edit list, time scale or handler boxes are malformed.
+    Result<MovTrackInfo> describe(uint32_t trackId) const;
+    // The decode times and sync flags of the track's first `samples` samples; fails when
+    // the tables do not cover them, or are damaged (a sync sample out of order or range).
+    Result<MovSampleTimes> times(uint32_t trackId, size_t samples) const;
+
     bool fragmented() const { return fragmented_; }
     size_t trackCount() const { return tracks_.size(); }
     uint32_t trackId(size_t i) const { return tracks_[i].id; }
@@ -71,14 +119,19 @@ private:
     using Bytes = std::span<const uint8_t>;
     struct Track {
         uint32_t id = 0;
+        int ordinal = 0;
         std::optional<Bytes> stsd, stsz, stz2, stsc, stco, co64, ctts; // the boxes' bodies
+        std::optional<Bytes> stts, stss, stps, elst, mdhd, hdlr;
     };
-    std::string parseTrak(Bytes body);
+    const Track* track(uint32_t trackId, std::string& error) const;
+    std::string parseTrak(Bytes body, int ordinal);
+    std::string parseMdia(Bytes body, Track& track);
     std::string parseStbl(Bytes body, Track& track);
 
     std::shared_ptr<const std::vector<uint8_t>> moov_;
     std::vector<Track> tracks_;
     bool fragmented_ = false;
+    uint32_t movieTimeScale_ = 0;
 };
 
 } // namespace ffmpeg_engine

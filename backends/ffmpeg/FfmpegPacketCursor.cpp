@@ -1,9 +1,14 @@
 // Placing a demuxer before a given packet, whatever the container's seeking precision.
 #include "backends/ffmpeg/FfmpegPacketCursor.h"
 
+#include "backends/ffmpeg/FfmpegMovSource.h"
+
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <thread>
+#include <unistd.h>
 
 namespace ffmpeg_engine {
 
@@ -16,6 +21,16 @@ constexpr int kMaxStrangers = 256;
 Result<std::unique_ptr<PacketCursor>> PacketCursor::open(std::shared_ptr<const MediaIndex> index, int stream,
                                                          int packetCount, KeyAt keyAt) {
     using R = Result<std::unique_ptr<PacketCursor>>;
+    if (index->source == IndexSource::SampleTables && index->video && index->video->stream == stream) {
+        std::unique_ptr<PacketCursor> c(new PacketCursor);
+        c->fd_ = ::open(index->path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (c->fd_ < 0) return R::fail(std::string("cannot open the file again: ") + std::strerror(errno), errno);
+        c->index_ = std::move(index);
+        c->stream_ = stream;
+        c->count_ = packetCount;
+        c->keyAt_ = std::move(keyAt);
+        return R::ok(std::move(c));
+    }
     auto opened = Demuxer::open(index->path, false);
     if (!opened) return R::fail("cannot open the file again: " + opened.error);
     AVFormatContext* ctx = opened.value->context();
@@ -64,6 +79,10 @@ Result<std::unique_ptr<PacketCursor>> PacketCursor::open(std::shared_ptr<const M
     c->pending_ = newPacket();
     if (!c->pending_) return R::fail("out of memory");
     return R::ok(std::move(c));
+}
+
+PacketCursor::~PacketCursor() {
+    if (fd_ >= 0) ::close(fd_);
 }
 
 bool PacketCursor::matches(const AVPacket* pkt, int index) const {
@@ -116,6 +135,14 @@ int PacketCursor::readOwn(AVPacket* pkt) {
 }
 
 int PacketCursor::next(AVPacket* pkt, int& index) {
+    if (fd_ >= 0) {
+        if (next_ < 0 || next_ >= count_) return 0;
+        const int rc = readStoredPacket(fd_, index_->video->packets[size_t(next_)], pkt);
+        if (rc < 0) return rc;
+        pkt->stream_index = stream_;
+        index = next_++;
+        return 1;
+    }
     if (pendingIndex_ >= 0) {
         av_packet_move_ref(pkt, pending_.get());
         index = pendingIndex_;
@@ -177,6 +204,10 @@ bool PacketCursor::seekTo(int target, std::string& error) {
     }
     if (pendingIndex_ == target || (pendingIndex_ < 0 && next_ == target)) return true;
     ++stats_.seeks;
+    if (fd_ >= 0) {
+        next_ = target;
+        return true;
+    }
     pendingIndex_ = -1;
     av_packet_unref(pending_.get());
     const PacketKey& k = keyAt_(target);

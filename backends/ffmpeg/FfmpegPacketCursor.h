@@ -4,6 +4,8 @@
 // early in Y4M, anywhere in MPEG-TS), so after every seek the cursor reads forward and
 // recognises packets by position, presentation time and size until it meets the one it
 // was asked for; when a seek lands past it, it tries a byte seek and then the start.
+// The video of an index built from a QuickTime/MP4 file's sample tables is read without a
+// demuxer: each packet straight from the file at its position (FfmpegMovSource.h).
 // Each decoder owns its cursor (and with it its own demuxer): not shared between threads.
 #pragma once
 
@@ -22,6 +24,9 @@ public:
 
     static Result<std::unique_ptr<PacketCursor>> open(std::shared_ptr<const MediaIndex> index, int stream,
                                                       int packetCount, KeyAt keyAt);
+    ~PacketCursor();
+    PacketCursor(const PacketCursor&) = delete;
+    PacketCursor& operator=(const PacketCursor&) = delete;
 
     // Places the cursor so that the next packet read is packet target. Free when the
     // cursor is already there; otherwise a seek and a forward read.
@@ -50,7 +55,8 @@ private:
     bool readUpTo(int target);
 
     std::shared_ptr<const MediaIndex> index_;
-    std::unique_ptr<Demuxer> demux_;
+    std::unique_ptr<Demuxer> demux_; // null when packets are read by position
+    int fd_ = -1;                    // the file, when they are
     int stream_ = -1;
     int count_ = 0;
     KeyAt keyAt_;

@@ -55,22 +55,42 @@ FfmpegReadInstance::FfmpegReadInstance(const WString& fileName, const DecodeForm
 
 FfmpegReadInstance::~FfmpegReadInstance() { endStreamDecode(); }
 
+namespace {
+
+// One line on how the file was indexed, and what the open covered.
+void logIndexing(const WString& fileName, const MediaIndex& index) {
+    const double ms = index.openSeconds * 1e3;
+    const auto bytes = static_cast<unsigned long long>(index.bytesRead);
+    if (index.source == IndexSource::SampleTables)
+        Log("FFmpeg indexed the video of \"%ls\" from its sample tables in %.1f ms (%llu bytes read; no demuxer, "
+            "audio not indexed)\n",
+            fileName.c_str(), ms, bytes);
+    else if (index.source == IndexSource::ContainerIndex)
+        Log("FFmpeg indexed \"%ls\" from the container's index in %.1f ms (%llu bytes read)%s%s%s%s\n", fileName.c_str(),
+            ms, bytes, index.indexNote.empty() ? "" : "; every video packet demuxed: ", index.indexNote.c_str(),
+            index.tablesNote.empty() ? "" : "; not from its sample tables: ", index.tablesNote.c_str());
+    else
+        Log("FFmpeg indexed \"%ls\" by reading the whole file in %.1f ms (%llu bytes read): %s%s%s\n", fileName.c_str(),
+            ms, bytes, index.scanReason.c_str(), index.tablesNote.empty() ? "" : "; not from its sample tables: ",
+            index.tablesNote.c_str());
+}
+
+} // namespace
+
 Zn::Ptr<FfmpegReadInstance> FfmpegReadInstance::open(const DecodeFormat& format, const WString& fileName,
                                                      OpenType type, std::string& error, int& cause) {
-    auto opened = FfmpegSource::open(toUTF8(fileName).c_str());
+    // Opened for video alone, the file's audio is not indexed: a later open for audio
+    // indexes it then.
+    FfmpegSource::Options options;
+    options.videoOnly = type == OpenType::kVideo;
+    auto opened = FfmpegSource::open(toUTF8(fileName).c_str(), options);
     if (!opened) {
         error = opened.error;
         cause = opened.cause;
         return nullptr;
     }
     const MediaIndex& index = *opened.value;
-    if (index.source == IndexSource::ContainerIndex)
-        Log("FFmpeg indexed \"%ls\" from the container's index in %.1f ms (%llu bytes read)%s%s\n", fileName.c_str(),
-            index.openSeconds * 1e3, static_cast<unsigned long long>(index.bytesRead),
-            index.indexNote.empty() ? "" : "; every video packet demuxed: ", index.indexNote.c_str());
-    else
-        Log("FFmpeg indexed \"%ls\" by reading the whole file in %.1f ms (%llu bytes read): %s\n", fileName.c_str(),
-            index.openSeconds * 1e3, static_cast<unsigned long long>(index.bytesRead), index.scanReason.c_str());
+    logIndexing(fileName, index);
     const bool video = index.video && index.video->frameCount() > 0;
     const bool audio = !index.audio.empty();
     const bool served = (type.hasVideo() && video) || (type.hasAudio() && audio) || (type == OpenType::kNone && (video || audio));
@@ -198,9 +218,9 @@ void FfmpegReadInstance::purge() {
     StreamingDecodeReader::purge();
 }
 
-int FfmpegReadInstance::readVideo(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) {
+FileReadInstance::eReadResult FfmpegReadInstance::readVideo(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) {
     if (longGop_) return StreamingDecodeReader::readVideo(out, request);
-    int rc;
+    eReadResult rc;
     {
         CriticalSection::Lock lock(FileReadInstance::getLock());
         out = Zn::makePtr<FrameBufferRep>(getDecodeFormat(), request->getIndexInfo(), request->getFrame());
@@ -212,7 +232,7 @@ int FfmpegReadInstance::readVideo(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoRea
     return rc;
 }
 
-int FfmpegReadInstance::readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) {
+FileReadInstance::eReadResult FfmpegReadInstance::readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) {
     // A frame past the end would make a run of its own that only fails.
     if (!index_->video || request->getFrame() >= unsigned(index_->video->frameCount())) {
         out = Zn::makePtr<FrameBufferRep>(request->getFrame(), Zn::Image::Surface());
@@ -221,12 +241,12 @@ int FfmpegReadInstance::readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr
     return StreamingDecodeReader::readVideoStreaming(out, request);
 }
 
-int FfmpegReadInstance::decodeFrames(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) {
+FileReadInstance::eReadResult FfmpegReadInstance::decodeFrames(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) {
     if (buffer->isStreaming()) return decodeRun(buffer, frame);
     return readPacket(buffer, frame);
 }
 
-int FfmpegReadInstance::decodeRun(Zn::Ptr<FrameBufferRep>& slot, uint32_t first) {
+FileReadInstance::eReadResult FfmpegReadInstance::decodeRun(Zn::Ptr<FrameBufferRep>& slot, uint32_t first) {
     const int frames = index_->video ? index_->video->frameCount() : 0;
     const int last = int(std::min<int64_t>(int64_t(first) + slot->getNumFrames() - 1, frames - 1));
     if (!decoder_ && int(first) <= last) {
@@ -261,7 +281,7 @@ int FfmpegReadInstance::decodeRun(Zn::Ptr<FrameBufferRep>& slot, uint32_t first)
     return ok ? kReadDone : kReadFailed;
 }
 
-int FfmpegReadInstance::readPacket(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) {
+FileReadInstance::eReadResult FfmpegReadInstance::readPacket(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) {
     const auto& v = index_->video;
     if (!v || frame >= unsigned(v->frameCount())) return kReadFailed;
     if (!packets_) {
@@ -288,7 +308,7 @@ int FfmpegReadInstance::readPacket(Zn::Ptr<FrameBufferRep>& buffer, uint32_t fra
 
 void FfmpegReadInstance::readAudio(Zn::Ptr<AudioReadRequest>& request) { Zn::AudioReader::readAudio(request); }
 
-int FfmpegReadInstance::readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
+Zn::AudioReader::eResult FfmpegReadInstance::readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
                                          uint32_t& delivered) {
     delivered = 0;
     if (stream >= index_->audio.size()) return kFailed;
@@ -310,7 +330,7 @@ int FfmpegReadInstance::readAudioSamples(uint32_t stream, uint64_t position, uin
     return kSuccess;
 }
 
-int FfmpegReadInstance::readAudioBlock(uint32_t stream, uint64_t block, std::vector<uint8_t>& data) {
+Zn::AudioReader::eResult FfmpegReadInstance::readAudioBlock(uint32_t stream, uint64_t block, std::vector<uint8_t>& data) {
     if (stream >= index_->audio.size()) return kFailed;
     const uint32_t perBlock = getMetadata()->getAudioMetadata()[stream].getSamplesPerBlock();
     if (!perBlock || block * perBlock >= uint64_t(index_->audio[stream].totalSamples)) return kEndedEarly;

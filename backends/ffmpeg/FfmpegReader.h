@@ -80,7 +80,7 @@ public:
     void ZnFileIxCache_open(Zn::Ptr<IndexInfoRep>& index, unsigned frame) override;
     bool queueReadRequest(Zn::Ptr<VideoReadRequest>& request, bool flag) override;
     using StreamingDecodeReader::queueReadRequest;
-    int readVideo(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) override;
+    eReadResult readVideo(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) override;
     using StreamingDecodeReader::readVideo;
     void readAudio(Zn::Ptr<AudioReadRequest>& request) override;
     void purge() override;
@@ -95,18 +95,18 @@ public:
     uint64_t picturesDecoded() const { return streamedPictures_.load(); }
 
 protected:
-    int decodeFrames(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) override;
-    int readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) override;
-    int readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
+    eReadResult decodeFrames(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) override;
+    eReadResult readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) override;
+    eResult readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
                          uint32_t& delivered) override;
-    int readAudioBlock(uint32_t stream, uint64_t block, std::vector<uint8_t>& data) override;
+    eResult readAudioBlock(uint32_t stream, uint64_t block, std::vector<uint8_t>& data) override;
 
 private:
     FfmpegReadInstance(const WString& fileName, const DecodeFormat& format, OpenType type,
                        std::shared_ptr<const ffmpeg_engine::MediaIndex> index);
     void describe();
-    int decodeRun(Zn::Ptr<FrameBufferRep>& slot, uint32_t first);
-    int readPacket(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame);
+    eReadResult decodeRun(Zn::Ptr<FrameBufferRep>& slot, uint32_t first);
+    eReadResult readPacket(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame);
 
     const std::shared_ptr<const ffmpeg_engine::MediaIndex> index_;
     const bool longGop_;

@@ -1,14 +1,14 @@
-// Opening and indexing a file: stream choice, the packet scan, the frame order and key
-// packets of the video stream, and the sample positions of each audio stream.
+// Opening and indexing a file: stream choice, the packet pass and the video's frames (the
+// audio packets' sample positions are in FfmpegSourceAudio.cpp).
 #include "backends/ffmpeg/FfmpegSource.h"
 
-#include "backends/ffmpeg/FfmpegContainerIndex.h"
-#include "backends/ffmpeg/FfmpegFileInput.h"
 #include "backends/ffmpeg/FfmpegMemoryMedia.h"
+#include "backends/ffmpeg/FfmpegMovSource.h"
 #include "backends/ffmpeg/FfmpegPcm.h"
+#include "backends/ffmpeg/FfmpegSourceScan.h"
+#include "backends/ffmpeg/FfmpegVideoOrder.h"
 
 extern "C" {
-#include <libavcodec/vorbis_parser.h>
 #include <libavutil/pixdesc.h>
 }
 
@@ -26,22 +26,9 @@ namespace ffmpeg_engine {
 
 namespace {
 
-// Packets after the first key packet kept in memory for the head probe (below).
-constexpr int kHeadLookahead = 48;
 constexpr size_t kHeadBytes = size_t(64) << 20;
 // Consecutive "try again" answers from the demuxer before the scan gives up.
 constexpr int kMaxRetries = 200;
-
-uint32_t readLE32(const uint8_t* p) {
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
-}
-
-// The demuxer's input for path: none for media held in memory (the demuxer reads it from
-// there), else a FileInput.
-Result<std::unique_ptr<FileInput>> openInput(const std::string& path) {
-    if (isMemoryMedia(path)) return Result<std::unique_ptr<FileInput>>::ok(nullptr);
-    return FileInput::open(path);
-}
 
 // Reads the moov box of a QuickTime/MP4 file once, keeping its bytes in the input for the
 // demuxer (which then reads them from memory), and parses its sample tables.
@@ -56,210 +43,27 @@ Result<MovTables> readMovTables(FileInput& input) {
     return MovTables::parse(std::move(bytes));
 }
 
-// Samples (at 48 kHz) in an Opus packet, from its table-of-contents byte (RFC 6716, 3.1).
-int opusSamples(const uint8_t* data, int size) {
-    if (size < 1) return 0;
-    static constexpr int kSilk[] = {480, 960, 1920, 2880};
-    static constexpr int kCelt[] = {120, 240, 480, 960};
-    const int config = data[0] >> 3;
-    int frame;
-    if (config < 12) frame = kSilk[config & 3];
-    else if (config < 16) frame = (config & 1) ? 960 : 480;
-    else frame = kCelt[config & 3];
-    int frames;
-    switch (data[0] & 3) {
-    case 0: frames = 1; break;
-    case 1:
-    case 2: frames = 2; break;
-    default: frames = size >= 2 ? (data[1] & 0x3F) : 0; break;
-    }
-    return frame * frames;
-}
-
-// Samples the decoder makes of one packet, before any trimming.
-int audioPacketSamples(const AVCodecParameters* par, AVRational tb, const AVPacket* pkt) {
-    if (par->codec_id == AV_CODEC_ID_OPUS) {
-        int n = opusSamples(pkt->data, pkt->size);
-        if (n > 0) return n;
-    }
-    // Exact for fixed-size frames (AAC, MP3, AC-3, PCM...), whatever the container says.
-    int n = av_get_audio_frame_duration2(const_cast<AVCodecParameters*>(par), pkt->size);
-    if (n > 0) return n;
-    if (pkt->duration > 0 && par->sample_rate > 0)
-        return int(av_rescale_q(pkt->duration, tb, AVRational{1, par->sample_rate}));
-    return 0;
-}
-
-// How many packets before the wanted one a decoder needs to be in the same state as after
-// decoding from the start: overlapped transforms need one, MP3's bit reservoir reaches back
-// up to 511 bytes, Opus asks for 80 ms.
-int prerollPacketsFor(const AVCodecParameters* par, int typicalSamples) {
-    switch (par->codec_id) {
-    case AV_CODEC_ID_FLAC:
-    case AV_CODEC_ID_ALAC:
-    case AV_CODEC_ID_WAVPACK:
-        return 0;
-    case AV_CODEC_ID_MP3:
-        return 10;
-    case AV_CODEC_ID_OPUS: {
-        int preroll = std::max(par->seek_preroll, 3840);
-        int per = std::max(typicalSamples, 120);
-        return (preroll + per - 1) / per + 1;
-    }
-    case AV_CODEC_ID_AAC:
-        return 3;
-    case AV_CODEC_ID_AC3:
-    case AV_CODEC_ID_EAC3:
-    case AV_CODEC_ID_MP2:
-    case AV_CODEC_ID_VORBIS:
-        return 2;
-    default:
-        // PCM needs none; anything else gets a few packets to be safe.
-        return std::string_view(avcodec_get_name(par->codec_id)).starts_with("pcm_") ? 0 : 4;
-    }
-}
-
-// MPEG-4 Part 2 written by DivX/Xvid in "packed" mode stores a B-frame inside the packet
-// of the following P-frame and sends an empty placeholder later; the decoder then shows
-// pictures one packet late, and where that shift starts depends on where decoding began.
-// Such streams say so in their user data ("DivX503b1393p": the trailing 'p').
-bool hasPackedBFrames(const AVCodecParameters* par, const std::vector<PacketPtr>& head) {
-    if (par->codec_id != AV_CODEC_ID_MPEG4) return false;
-    static constexpr char kTag[] = "DivX";
-    for (size_t i = 0; i < head.size() && i < 8; ++i) {
-        const uint8_t* data = head[i]->data;
-        const int size = head[i]->size;
-        for (int at = 0; at + 4 < size; ++at) {
-            if (std::memcmp(data + at, kTag, 4) != 0) continue;
-            int k = at + 4;
-            while (k < size && (std::isdigit(data[k]) || data[k] == 'b')) ++k;
-            if (k < size && data[k] == 'p') return true;
-        }
-    }
-    return false;
-}
-
-// Sorts items that are nearly in order already (pictures in decode order, which
-// reordering moves by a few places) by a strict total order: by insertion while that
-// stays cheap, else by a full sort.
-template <class Less> void sortNearlySorted(std::vector<int>& items, Less less) {
-    const size_t budget = 16 * items.size() + 64;
-    size_t moves = 0;
-    for (size_t i = 1; i < items.size(); ++i) {
-        const int x = items[i];
-        size_t j = i;
-        for (; j > 0 && less(x, items[j - 1]) && moves < budget; --j, ++moves) items[j] = items[j - 1];
-        items[j] = x;
-        if (moves >= budget) {
-            std::sort(items.begin(), items.end(), less);
-            return;
-        }
-    }
-}
-
-// Decodes packets with a single-threaded decoder, their pts replaced by their decode
-// index, and records which packets' pictures come out and in what order.
-class OrderProbe {
-public:
-    bool open(const AVCodecParameters* par) {
-        auto r = openDecoder(par, Threading::Single, 1);
-        if (!r) return false;
-        ctx_ = std::move(r.value);
-        frame_ = newFrame();
-        return frame_ != nullptr;
-    }
-    void feed(AVPacket* pkt, int decodeIndex) {
-        pkt->pts = decodeIndex;
-        pkt->dts = AV_NOPTS_VALUE;
-        for (int tries = 0; tries < 2; ++tries) {
-            int rc = avcodec_send_packet(ctx_.get(), pkt);
-            receive();
-            if (rc != AVERROR(EAGAIN)) break;
-        }
-    }
-    void finish() {
-        avcodec_send_packet(ctx_.get(), nullptr);
-        receive();
-    }
-    std::vector<int> outputs;
-
-private:
-    void receive() {
-        while (avcodec_receive_frame(ctx_.get(), frame_.get()) >= 0) {
-            if (frame_->pts != AV_NOPTS_VALUE) outputs.push_back(int(frame_->pts));
-            av_frame_unref(frame_.get());
-        }
-    }
-    CodecContextPtr ctx_;
-    FramePtr frame_;
-};
-
 } // namespace
 
-class FfmpegSource::Scan {
-public:
-    // rescanReason: why an earlier pass over the container's index was given up, if it was.
-    Scan(Options options, std::string rescanReason) : options_(options), rescanReason_(std::move(rescanReason)) {}
-    ~Scan() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Result<std::shared_ptr<const MediaIndex>> run(const std::string& path);
-    // After a failed run: the container's index misled the pass, so read the whole file.
-    const std::string& rescanReason() const { return rescanReason_; }
-
-private:
-    using R = Result<std::shared_ptr<const MediaIndex>>;
-
-    bool chooseStreams(std::string& error);
-    void planPass();
-    void readPackets();
-    void addVideoPacket(AVPacket* pkt, bool hollow);
-    void addAudioPacket(AudioTrack& track, AVPacket* pkt, bool hollow);
-    void checkPcmBytes(AudioTrack& track, const AVPacket* pkt);
-    bool finishVideo();
-    bool readHollowHead();
-    std::vector<int> decodeOrderOfWholeStream();
-    void finishAudio(AudioTrack& track, size_t slot);
-
-    const Options options_;
-    std::string rescanReason_;
-    std::string path_;
-    std::unique_ptr<Demuxer> demux_;
-    FileInput* input_ = nullptr; // demux_'s
-    std::optional<ContainerIndexPlan> plan_; // set when the pass leaves payloads unread
-    std::optional<MovTables> movTables_; // a QuickTime/MP4 file's sample tables, when read
-    std::string movError_; // why they were not, when they were not
-    bool tablesAllowed_ = false; // the container may be indexed from its tables (no parsers)
-    bool headUnread_ = false; // the head probe needed packets that could not be read
-    std::vector<int> fromIndex_; // streams whose later packets came from the index
-    int systemCause_ = 0; // errno of a system failure after the first pass (no descriptor...)
-    std::shared_ptr<MediaIndex> index_ = std::make_shared<MediaIndex>();
-    std::vector<int> audioSlot_; // per stream of the file: its place in index_->audio, or -1
-    std::vector<bool> pcmUsable_; // per audio track: PCM whose bytes seen in the file match the packets
-    std::vector<int64_t> pcmRunEnd_;
-    // Vorbis packets vary in length with the block sizes on either side of them; FFmpeg's
-    // Vorbis parser knows them from the stream's setup header.
-    struct VorbisParserFree {
-        void operator()(AVVorbisParseContext* p) const { av_vorbis_parse_free(&p); }
-    };
-    std::vector<std::unique_ptr<AVVorbisParseContext, VorbisParserFree>> vorbis_;
-    int fd_ = -1;
-
-    // The first packets of the video stream, kept for the head probe.
-    std::vector<PacketPtr> head_;
-    std::vector<char> headHollow_; // per packet of head_: its bytes were not read (yet)
-    size_t headBytes_ = 0;
-    int firstKey_ = -1;
-};
+Result<std::unique_ptr<FileInput>> openInput(const std::string& path) {
+    if (isMemoryMedia(path)) return Result<std::unique_ptr<FileInput>>::ok(nullptr);
+    return FileInput::open(path);
+}
 
 Result<std::shared_ptr<const MediaIndex>> FfmpegSource::open(const std::string& path) { return open(path, Options{}); }
 
 Result<std::shared_ptr<const MediaIndex>> FfmpegSource::open(const std::string& path, Options options) {
-    Scan scan(options, {});
+    std::string tablesNote;
+    if (options.videoOnly && options.useContainerIndex && !isMemoryMedia(path)) {
+        auto fromTables = MovVideoSource::open(path);
+        if (fromTables || fromTables.cause) return fromTables;
+        tablesNote = fromTables.error;
+    }
+    Scan scan(options, {}, tablesNote);
     auto r = scan.run(path);
     if (r || scan.rescanReason().empty()) return r;
     options.useContainerIndex = false;
-    Scan whole(options, scan.rescanReason());
+    Scan whole(options, scan.rescanReason(), tablesNote);
     return whole.run(path);
 }
 
@@ -267,6 +71,7 @@ Result<std::shared_ptr<const MediaIndex>> FfmpegSource::Scan::run(const std::str
     const auto started = std::chrono::steady_clock::now();
     path_ = path;
     index_->path = path;
+    index_->tablesNote = tablesNote_;
     size_t inMemory = 0;
     struct stat st {};
     if (isMemoryMedia(path, &inMemory)) {
@@ -527,55 +332,6 @@ bool FfmpegSource::Scan::readHollowHead() {
     return true;
 }
 
-void FfmpegSource::Scan::addAudioPacket(AudioTrack& a, AVPacket* pkt, bool hollow) {
-    AudioPacket p;
-    p.key = {pkt->pts, pkt->dts, pkt->pos, pkt->size, hollow ? 0 : packetDigest(pkt), !hollow};
-    p.discard = pkt->flags & AV_PKT_FLAG_DISCARD;
-    const size_t slot = size_t(&a - index_->audio.data());
-    if (vorbis_[slot]) {
-        // The decoder shows nothing for the first packet: it only primes the overlap.
-        const int n = av_vorbis_parse_frame(vorbis_[slot].get(), pkt->data, pkt->size);
-        p.decoded = a.packets.empty() ? 0 : std::max(0, n);
-    } else {
-        p.decoded = audioPacketSamples(a.codec.get(), a.timeBase, pkt);
-    }
-    size_t sideSize = 0;
-    if (const uint8_t* side = pkt->side_data_elems ? av_packet_get_side_data(pkt, AV_PKT_DATA_SKIP_SAMPLES, &sideSize) : nullptr;
-        side && sideSize >= 10) {
-        p.skipStart = int32_t(std::min<uint32_t>(readLE32(side), INT32_MAX));
-        p.skipEnd = int32_t(std::min<uint32_t>(readLE32(side + 4), INT32_MAX));
-    }
-    a.packets.push_back(p);
-    checkPcmBytes(a, pkt);
-}
-
-// Plain PCM is read later straight from the file at the packets' byte positions; make sure
-// those positions really hold the packets' bytes (some containers give the position of a
-// block header instead of its payload).
-void FfmpegSource::Scan::checkPcmBytes(AudioTrack& a, const AVPacket* pkt) {
-    const size_t slot = size_t(&a - index_->audio.data());
-    if (!pcmUsable_[slot]) return;
-    if (pkt->pos < 0 || pkt->size <= 0) {
-        pcmUsable_[slot] = false;
-        return;
-    }
-    if (pkt->pos == pcmRunEnd_[slot]) {
-        pcmRunEnd_[slot] = pkt->pos + pkt->size;
-        return;
-    }
-    pcmRunEnd_[slot] = pkt->pos + pkt->size;
-    if (fd_ < 0) fd_ = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd_ < 0) {
-        pcmUsable_[slot] = false;
-        return;
-    }
-    const size_t n = std::min<size_t>(64, size_t(pkt->size));
-    uint8_t buf[64];
-    if (::pread(fd_, buf, n, pkt->pos) != ssize_t(n) || std::memcmp(buf, pkt->data, n) != 0 ||
-        ::pread(fd_, buf, n, pkt->pos + pkt->size - int64_t(n)) != ssize_t(n) ||
-        std::memcmp(buf, pkt->data + pkt->size - n, n) != 0)
-        pcmUsable_[slot] = false;
-}
 
 // Decodes the whole video stream once to learn its presentation order; only for streams
 // whose packets carry no presentation times although the codec reorders pictures.
@@ -607,202 +363,37 @@ std::vector<int> FfmpegSource::Scan::decodeOrderOfWholeStream() {
     return probe.outputs;
 }
 
-// Turns the packets into frames. A frame is one the decoder shows when the whole stream is
-// decoded from its start, exactly as FFmpeg's own command-line program numbers them:
-//  - packets the demuxer marks for discarding (before an edit list's start) show nothing;
-//  - the presentation order is the order of the packets' presentation times;
-//  - a frame decodes intact from the last key packet at or before it in decode order whose
-//    presentation time is not later than its own: leading pictures of an open GOP (after
-//    the key packet in decode order, before it in presentation) need the previous group;
-//  - before the first key packet (and leading pictures of it) whether the decoder shows a
-//    picture depends on the codec, so a short probe decode of the head settles it; those
-//    frames decode only from the very first packet.
+// Turns the packets into frames (FfmpegVideoOrder.h). The order comes from the packets'
+// times, or from one decoding pass when they carry none although the codec reorders.
 bool FfmpegSource::Scan::finishVideo() {
     VideoTrack& v = *index_->video;
-    const int n = int(v.packets.size());
-    if (n == 0) return false;
-
-    std::vector<int64_t> order(size_t(n), 0);
+    if (v.packets.empty()) return false;
+    const int firstKey = firstKey_ >= 0 ? firstKey_ : 0;
     bool missingPts = false;
     for (const VideoPacket& p : v.packets) missingPts |= !p.discard && p.key.pts == AV_NOPTS_VALUE;
-    std::vector<char> included(size_t(n), 0);
-    std::vector<char> certain(size_t(n), 0);
-    int firstKey = firstKey_ >= 0 ? firstKey_ : 0;
-
     const AVCodecDescriptor* desc = avcodec_descriptor_get(v.codec->codec_id);
     const bool mayReorder = v.codec->video_delay > 0 || (desc && (desc->props & AV_CODEC_PROP_REORDER));
+
+    PacketOrder order;
     if (missingPts && !v.codecIsIntraOnly && mayReorder) {
-        std::vector<int> outputs = decodeOrderOfWholeStream();
+        const std::vector<int> outputs = decodeOrderOfWholeStream();
         if (outputs.empty()) return false;
-        std::fill(order.begin(), order.end(), INT64_MAX);
-        for (size_t rank = 0; rank < outputs.size(); ++rank) {
-            int d = outputs[rank];
-            if (d >= 0 && d < n && order[size_t(d)] == INT64_MAX) {
-                order[size_t(d)] = int64_t(rank);
-                included[size_t(d)] = certain[size_t(d)] = 1;
-            }
-        }
-        v.orderFromDecoder = true;
         // The decoder showed what it showed; keys before the first shown picture are moot.
-    } else {
-        int64_t last = 0;
-        for (int d = 0; d < n; ++d) {
-            const PacketKey& k = v.packets[size_t(d)].key;
-            int64_t t = k.pts != AV_NOPTS_VALUE ? k.pts : k.dts != AV_NOPTS_VALUE ? k.dts : last + 1;
-            order[size_t(d)] = last = t;
-        }
-        bool needProbe = false;
-        for (int d = 0; d < n; ++d) {
-            const VideoPacket& p = v.packets[size_t(d)];
-            certain[size_t(d)] = d >= firstKey && order[size_t(d)] >= order[size_t(firstKey)];
-            included[size_t(d)] = !p.discard && certain[size_t(d)];
-            needProbe |= !p.discard && !certain[size_t(d)];
-        }
-        if (needProbe && !readHollowHead()) {
+        orderByOutputs(outputs, v.packets.size(), order);
+        v.orderFromDecoder = true;
+    } else if (orderByTimes(v, firstKey, order)) {
+        if (!readHollowHead()) {
             headUnread_ = true;
             return false;
         }
-        if (needProbe) {
-            OrderProbe probe;
-            if (probe.open(v.codec.get())) {
-                for (size_t d = 0; d < head_.size(); ++d) probe.feed(head_[d].get(), int(d));
-                probe.finish();
-                for (int d : probe.outputs)
-                    if (d >= 0 && d < n && !v.packets[size_t(d)].discard) included[size_t(d)] = 1;
-            }
-        }
+        includeProbed(v, head_, order);
     }
     // Packed B-frames: the decoder's pictures are in step with the packets only when it
     // decodes from the very start, so every frame decodes from there.
     const bool fromStartOnly = hasPackedBFrames(v.codec.get(), head_);
     head_.clear();
     headHollow_.clear();
-
-    // The key packet each frame's decoding starts from.
-    std::vector<int32_t> start(size_t(n), 0);
-    std::vector<int> keys;
-    keys.reserve(size_t(n) / 8);
-    for (int d = 0; d < n; ++d) {
-        const VideoPacket& p = v.packets[size_t(d)];
-        if (d >= firstKey && (p.keyFrame || d == firstKey)) keys.push_back(d);
-        if (!included[size_t(d)] || !certain[size_t(d)] || keys.empty() || fromStartOnly) continue;
-        auto it = keys.rbegin();
-        while (it != keys.rend() && order[size_t(*it)] > order[size_t(d)]) ++it;
-        start[size_t(d)] = it == keys.rend() ? 0 : *it;
-    }
-
-    std::vector<int> shown;
-    shown.reserve(size_t(n));
-    for (int d = 0; d < n; ++d)
-        if (included[size_t(d)]) shown.push_back(d);
-    sortNearlySorted(shown, [&](int a, int b) {
-        return order[size_t(a)] < order[size_t(b)] || (order[size_t(a)] == order[size_t(b)] && a < b);
-    });
-    v.frames.clear();
-    v.frames.reserve(shown.size());
-    for (int d : shown) {
-        VideoPacket& p = v.packets[size_t(d)];
-        p.frame = int32_t(v.frames.size());
-        VideoFrame f;
-        f.pts = p.key.pts != AV_NOPTS_VALUE && !v.orderFromDecoder ? p.key.pts : order[size_t(d)];
-        f.packet = d;
-        f.startPacket = start[size_t(d)];
-        v.frames.push_back(f);
-    }
-    v.groupFirst.resize(v.frames.size());
-    v.allFramesKey = !v.frames.empty();
-    for (size_t i = 0; i < v.frames.size(); ++i) {
-        const bool same = i > 0 && v.frames[i].startPacket == v.frames[i - 1].startPacket;
-        v.groupFirst[i] = same ? v.groupFirst[i - 1] : int32_t(i);
-        v.allFramesKey &= v.frames[i].isKey();
-    }
-    return !v.frames.empty();
-}
-
-// Samples a decoder drops from the start of its output of its own accord, before any
-// trimming the demuxer asks for: the Opus decoder takes the pre-skip from its header.
-static int64_t decoderInitialSkip(const AVCodecParameters* par) {
-    if (par->codec_id == AV_CODEC_ID_OPUS && par->extradata_size >= 19 &&
-        std::memcmp(par->extradata, "OpusHead", 8) == 0)
-        return int64_t(par->extradata[10]) | int64_t(par->extradata[11]) << 8;
-    return 0;
-}
-
-// Places every packet in the decoded sample stream the way libavcodec trims it: a skip at
-// the start (priming, encoder delay) may run over several packets and is taken before a
-// packet's discard flag drops what is left, a discard at the end applies only when it
-// fits the packet, and discarded packets give nothing.
-void FfmpegSource::Scan::finishAudio(AudioTrack& a, size_t slot) {
-    int64_t pos = 0;
-    a.initialSkip = int32_t(decoderInitialSkip(a.codec.get()));
-    int64_t pendingSkip = a.initialSkip;
-    // Only Opus's preroll depends on how long its packets typically are.
-    const bool typicalMatters = a.codec->codec_id == AV_CODEC_ID_OPUS;
-    std::vector<int> sizes;
-    bool anyDecoded = false;
-    for (AudioPacket& p : a.packets) {
-        if (p.skipStart || p.skipEnd) pendingSkip = p.skipStart;
-        p.outStart = pos;
-        p.outCount = 0;
-        if (p.decoded <= 0) continue;
-        anyDecoded = true;
-        if (typicalMatters) sizes.push_back(p.decoded);
-        int64_t out = p.decoded;
-        if (pendingSkip >= out) {
-            pendingSkip -= out;
-            continue;
-        }
-        out -= pendingSkip;
-        p.trimmedStart = int32_t(pendingSkip);
-        pendingSkip = 0;
-        if (p.discard) continue;
-        if (p.skipEnd > 0 && p.skipEnd <= out) out -= p.skipEnd;
-        p.outCount = int32_t(out);
-        pos += out;
-    }
-    a.totalSamples = pos;
-    if (!sizes.empty()) std::nth_element(sizes.begin(), sizes.begin() + sizes.size() / 2, sizes.end());
-    if (anyDecoded) a.prerollPackets = prerollPacketsFor(a.codec.get(), sizes.empty() ? 0 : sizes[sizes.size() / 2]);
-
-    const PcmLayout layout = pcmLayout(a.codec->codec_id);
-    a.bytesPerFrame = layout.storedBytes * a.channels;
-    bool pcm = layout.storedBytes > 0 && pcmUsable_[slot] && a.sampleFormat == layout.output &&
-               (a.codec->block_align == 0 || a.codec->block_align == a.bytesPerFrame);
-    for (const AudioPacket& p : a.packets)
-        pcm = pcm && !p.discard && !p.skipStart && !p.skipEnd && p.key.pos >= 0 && p.key.size % a.bytesPerFrame == 0;
-    a.plainPcm = pcm;
-    if (!pcm) return;
-    for (const AudioPacket& p : a.packets) {
-        const int64_t samples = p.key.size / a.bytesPerFrame;
-        if (!a.pcmRuns.empty()) {
-            PcmRun& r = a.pcmRuns.back();
-            if (r.pos + r.samples * a.bytesPerFrame == p.key.pos) {
-                r.samples += samples;
-                continue;
-            }
-        }
-        a.pcmRuns.push_back({p.outStart, p.key.pos, samples});
-    }
-}
-
-uint32_t packetDigest(const AVPacket* pkt) {
-    uint32_t h = 2166136261u;
-    auto mix = [&](const uint8_t* p, int n) {
-        for (int i = 0; i < n; ++i) h = (h ^ p[i]) * 16777619u;
-    };
-    if (!pkt->data || pkt->size <= 0) return h;
-    const int head = std::min(pkt->size, 32);
-    mix(pkt->data, head);
-    const int tail = std::min(pkt->size - head, 32);
-    mix(pkt->data + pkt->size - tail, tail);
-    return h;
-}
-
-std::pair<int, int> VideoTrack::groupOf(int frame) const {
-    const int first = groupFirst[size_t(frame)];
-    int last = frame;
-    while (last + 1 < frameCount() && groupFirst[size_t(last + 1)] == first) ++last;
-    return {first, last};
+    return buildFrames(v, order, firstKey, fromStartOnly);
 }
 
 } // namespace ffmpeg_engine

@@ -23,7 +23,7 @@ WString finalName(const FileXferSpec& xfer, const std::string& extension) {
     return base.empty() ? base : base + L"." + fromUTF8(extension.c_str());
 }
 
-int fail(LoggerHandle& log, const WString& what) {
+eExtractResult fail(LoggerHandle& log, const WString& what) {
     log.write(what + L"\n", LoggerBase::eError);
     return iFileXferManager::eExtractFailed;
 }
@@ -38,7 +38,7 @@ bool FfmpegXferManager::acceptsExtraction(const FileXferSpec& xfer) {
     return hasStream(*in, kind == 'S' ? AVMEDIA_TYPE_AUDIO : AVMEDIA_TYPE_VIDEO);
 }
 
-int FfmpegXferManager::extract(const FileXferSpec& xfer, LoggerHandle& log) {
+eExtractResult FfmpegXferManager::extract(const FileXferSpec& xfer, LoggerHandle& log) {
     Job job;
     job.source = utf8(xfer.sourceFile);
     job.first = xfer.firstSample;

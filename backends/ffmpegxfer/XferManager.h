@@ -18,7 +18,7 @@ class FfmpegXferManager final : public iFileXferManager {
 public:
     WString getName() const override { return WString(L"FFmpeg transfer"); }
     bool acceptsExtraction(const FileXferSpec& xfer) override;
-    int extract(const FileXferSpec& xfer, LoggerHandle& log) override;
+    eExtractResult extract(const FileXferSpec& xfer, LoggerHandle& log) override;
 };
 
 } // namespace ffmpeg_xfer

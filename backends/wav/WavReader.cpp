@@ -73,16 +73,17 @@ WavReadInstance::WavReadInstance(const WString& fileName, const DecodeFormat& fo
 
 WavReadInstance::~WavReadInstance() { ::close(fd_); }
 
-Zn::Ptr<WavReadInstance> WavReadInstance::open(const DecodeFormat& format, const WString& fileName, OpenType type,
-                                               std::string& error, int* cause) {
+backend::Result<Zn::Ptr<WavReadInstance>> WavReadInstance::open(const DecodeFormat& format, const WString& fileName,
+                                                                OpenType type) {
+    using Opened = backend::Result<Zn::Ptr<WavReadInstance>>;
     const int fd = ::open(toUTF8(fileName).c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
-        if (cause) *cause = errno;
-        error = std::strerror(errno);
-        return nullptr;
+        const int cause = errno;
+        return Opened::fail(std::strerror(cause), cause);
     }
     struct stat st {};
     Info info;
+    std::string error;
     bool ok = ::fstat(fd, &st) == 0;
     if (!ok) error = std::strerror(errno);
     else
@@ -90,9 +91,9 @@ Zn::Ptr<WavReadInstance> WavReadInstance::open(const DecodeFormat& format, const
                          uint64_t(st.st_size), info, error);
     if (!ok) {
         ::close(fd);
-        return nullptr;
+        return Opened::fail(error);
     }
-    return Zn::Ptr<WavReadInstance>(new WavReadInstance(fileName, format, type, fd, info));
+    return Opened::ok(Zn::Ptr<WavReadInstance>(new WavReadInstance(fileName, format, type, fd, info)));
 }
 
 uint64_t WavReadInstance::availableFrames() const {
@@ -111,7 +112,7 @@ int64_t WavReadInstance::readSamples(uint64_t position, uint32_t count, uint8_t*
 
 void WavReadInstance::readAudio(Zn::Ptr<AudioReadRequest>& request) { Zn::AudioReader::readAudio(request); }
 
-int WavReadInstance::readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
+Zn::AudioReader::eResult WavReadInstance::readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
                                       uint32_t& delivered) {
     delivered = 0;
     if (stream != 0) return kFailed;
@@ -132,12 +133,11 @@ Zn::Ptr<FileReadInstance> WavFileReader::open(const DecodeFormat& format, const 
 }
 
 Zn::iFileReader::Opened WavFileReader::openFile(const DecodeFormat& format, const WString& fileName, OpenType type) {
-    std::string error;
-    int cause = 0;
+    auto opened = WavReadInstance::open(format, fileName, type);
     Opened result;
-    result.file = WavReadInstance::open(format, fileName, type, error, &cause);
-    result.outcome = result.file ? eOpenOutcome::kOpened : openOutcomeOfErrno(cause);
-    if (!result.file) Log("WAV cannot open \"%ls\": %s\n", fileName.c_str(), error.c_str());
+    result.file = opened.value;
+    result.outcome = opened ? eOpenOutcome::kOpened : openOutcomeOfErrno(opened.cause);
+    if (!opened) Log("WAV cannot open \"%ls\": %s\n", fileName.c_str(), opened.error.c_str());
     return result;
 }
 

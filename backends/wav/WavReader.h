@@ -4,6 +4,7 @@
 // unsigned, the rest signed little-endian, 24-bit in three bytes).
 #pragma once
 
+#include "backends/Result.h"
 #include "backends/wav/WavFormat.h"
 #include "host/media/FileReaderInfo.h"
 #include "playfile/audio/AudioReader.h"
@@ -20,10 +21,10 @@ Aud::Metadata audioMetadataOf(const Info& info);
 // reads need no lock of their own (requests run through the audio reader, under its lock).
 class WavReadInstance : public FileReadInstance, public Zn::AudioReader {
 public:
-    // Opens the file; null with a reason when it is not a WAVE file this reader reads.
-    // cause (when given) receives the errno when the system failed rather than the file.
-    static Zn::Ptr<WavReadInstance> open(const DecodeFormat& format, const WString& fileName, OpenType type,
-                                         std::string& error, int* cause = nullptr);
+    // Opens the file; fails with a reason when it is not a WAVE file this reader reads,
+    // and with the errno as cause when the system failed rather than the file.
+    static backend::Result<Zn::Ptr<WavReadInstance>> open(const DecodeFormat& format, const WString& fileName,
+                                                          OpenType type);
     ~WavReadInstance() override;
 
     String getReaderName() const override { return "WAV"; }
@@ -38,7 +39,7 @@ public:
     const Info& info() const { return info_; }
 
 protected:
-    int readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
+    eResult readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into,
                          uint32_t& delivered) override;
 
 private:

@@ -47,7 +47,7 @@ public:
         bool ok = fd_ >= 0 && used % format_.blockAlign == 0 &&
                   writeAllAt(fd_, samples ? samples->getBuffer() : nullptr, used, off_t(headerBytes_ + dataBytes_));
         if (ok) dataBytes_ += used;
-        if (done) done(ok ? Complete : Failed);
+        if (done) done(ok ? RequestStatus::Complete : RequestStatus::Failed);
         return ok ? 1 : 0;
     }
 

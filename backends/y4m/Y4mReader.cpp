@@ -171,15 +171,16 @@ Y4mReadInstance::Y4mReadInstance(const WString& fileName, const DecodeFormat& fo
 
 Y4mReadInstance::~Y4mReadInstance() { ::close(fd_); }
 
-Zn::Ptr<Y4mReadInstance> Y4mReadInstance::open(const DecodeFormat& format, const WString& fileName, OpenType type,
-                                               std::string& error, int* cause) {
+backend::Result<Zn::Ptr<Y4mReadInstance>> Y4mReadInstance::open(const DecodeFormat& format, const WString& fileName,
+                                                                OpenType type) {
+    using Opened = backend::Result<Zn::Ptr<Y4mReadInstance>>;
     const std::string path = toUTF8(fileName).c_str();
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
-        if (cause) *cause = errno;
-        error = std::strerror(errno);
-        return nullptr;
+        const int cause = errno;
+        return Opened::fail(std::strerror(cause), cause);
     }
+    std::string error;
     struct stat st {};
     uint8_t head[kMaxHeaderBytes];
     StreamHeader h;
@@ -196,13 +197,13 @@ Zn::Ptr<Y4mReadInstance> Y4mReadInstance::open(const DecodeFormat& format, const
     }
     if (!error.empty()) {
         ::close(fd);
-        return nullptr;
+        return Opened::fail(error);
     }
     ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-    return Zn::Ptr<Y4mReadInstance>(new Y4mReadInstance(fileName, format, type, fd, h, std::move(offsets)));
+    return Opened::ok(Zn::Ptr<Y4mReadInstance>(new Y4mReadInstance(fileName, format, type, fd, h, std::move(offsets))));
 }
 
-int Y4mReadInstance::readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request) {
+FileReadInstance::eReadResult Y4mReadInstance::readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request) {
     const uint32_t frame = request->getFrame();
     if (frame >= offsets_.size()) return kReadFailed;
     const uint64_t bytes = header_.frameBytes();
@@ -239,12 +240,11 @@ Zn::Ptr<FileReadInstance> Y4mFileReader::open(const DecodeFormat& format, const 
 }
 
 Zn::iFileReader::Opened Y4mFileReader::openFile(const DecodeFormat& format, const WString& fileName, OpenType type) {
-    std::string error;
-    int cause = 0;
+    auto opened = Y4mReadInstance::open(format, fileName, type);
     Opened result;
-    result.file = Y4mReadInstance::open(format, fileName, type, error, &cause);
-    result.outcome = result.file ? eOpenOutcome::kOpened : openOutcomeOfErrno(cause);
-    if (!result.file) Log("Y4M cannot open \"%ls\": %s\n", fileName.c_str(), error.c_str());
+    result.file = opened.value;
+    result.outcome = opened ? eOpenOutcome::kOpened : openOutcomeOfErrno(opened.cause);
+    if (!opened) Log("Y4M cannot open \"%ls\": %s\n", fileName.c_str(), opened.error.c_str());
     return result;
 }
 

@@ -5,6 +5,7 @@
 // decoder registered with Zn::DecoderInfo to convert.
 #pragma once
 
+#include "backends/Result.h"
 #include "backends/y4m/Y4mFormat.h"
 #include "host/media/FileReaderInfo.h"
 #include "playfile/open/FileReadInstance.h"
@@ -22,15 +23,15 @@ Zn::Image::eDataFormat hostFormatOf(const Layout& layout);
 // pool of its own (see BlockPool in the .cpp), which has its own leaf lock.
 class Y4mReadInstance : public FileReadInstance {
 public:
-    // Opens and indexes the file; null with a reason when it is not a Y4M stream, its
-    // header is absurd, or it holds no complete frame.
-    // cause (when given) receives the errno when the system failed rather than the file.
-    static Zn::Ptr<Y4mReadInstance> open(const DecodeFormat& format, const WString& fileName, OpenType type,
-                                         std::string& error, int* cause = nullptr);
+    // Opens and indexes the file; fails with a reason when it is not a Y4M stream, its
+    // header is absurd, or it holds no complete frame, and with the errno as cause when
+    // the system failed rather than the file.
+    static backend::Result<Zn::Ptr<Y4mReadInstance>> open(const DecodeFormat& format, const WString& fileName,
+                                                          OpenType type);
     ~Y4mReadInstance() override;
 
     String getReaderName() const override { return "Y4M"; }
-    int readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request) override;
+    eReadResult readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request) override;
     using FileReadInstance::readVideo;
 
     const StreamHeader& header() const { return header_; }

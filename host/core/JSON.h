@@ -74,8 +74,6 @@ public:
     ~Element() override;
 
     eType type() const noexcept;
-    bool isObject() const noexcept { return type() == eObject; }
-    bool isArray() const noexcept { return type() == eArray; }
 
     // Members of an object, by name. When this is not an object, the member is missing
     // or holds another type, the answer is the default: a null string (isNull()), the

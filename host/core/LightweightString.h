@@ -62,7 +62,6 @@ public:
     size_t find(C c, size_t pos = 0) const noexcept { return view().find(c, pos); }
     size_t find(view_type s, size_t pos = 0) const noexcept { return view().find(s, pos); }
     size_t rfind(C c, size_t pos = npos) const noexcept { return view().rfind(c, pos); }
-    size_t findLastOf(view_type set) const noexcept { return view().find_last_of(set); }
     bool startsWith(view_type s) const noexcept { return view().starts_with(s); }
     bool endsWith(view_type s) const noexcept { return view().ends_with(s); }
     LightweightString substr(size_t pos, size_t n = npos) const {

@@ -82,10 +82,6 @@ template <class T, class U> Ptr<T> dynamicPtrCast(const Ptr<U>& p) noexcept {
     return Ptr<T>(dynamic_cast<T*>(p.get()));
 }
 
-template <class T, class U> Ptr<T> staticPtrCast(const Ptr<U>& p) noexcept {
-    return Ptr<T>(static_cast<T*>(p.get()));
-}
-
 } // namespace Zn
 
 // Root of every polymorphic host object: gives a virtual destructor.

@@ -107,7 +107,6 @@ String toUTF8(const WString& text) {
 }
 
 WString Zn::WStringFromInteger(int64_t value) { return WString(std::to_wstring(value)); }
-String Zn::StringFromInteger(int64_t value) { return String(std::to_string(value)); }
 
 WString bytesAsString(uint64_t bytes, bool exact) {
     static const char* const units[] = {"bytes", "KB", "MB", "GB", "TB", "PB"};

@@ -15,7 +15,6 @@ String toUTF8(const wchar_t* text);
 
 namespace Zn {
 WString WStringFromInteger(int64_t value);
-String StringFromInteger(int64_t value);
 } // namespace Zn
 
 // "1.5 MB"-style text for a byte count; with exact, the plain number of bytes follows.

@@ -30,7 +30,6 @@ public:
     T& back() { return items_.back(); }
     const T& front() const { return items_.front(); }
     const T& back() const { return items_.back(); }
-    const std::vector<T>& asStd() const noexcept { return items_; }
 
     void push_back(const T& item) { items_.push_back(item); }
     void push_back(T&& item) { items_.push_back(std::move(item)); }

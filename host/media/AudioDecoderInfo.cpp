@@ -6,7 +6,7 @@
 
 namespace Zn {
 
-int AudioCodecInstance::decodeAudioStream(const uint8_t* data, uint32_t size, uint32_t& samples) {
+eAudioResult AudioCodecInstance::decodeAudioStream(const uint8_t* data, uint32_t size, uint32_t& samples) {
     samples = 0;
     try {
         return decode(data, size, samples);
@@ -16,7 +16,7 @@ int AudioCodecInstance::decodeAudioStream(const uint8_t* data, uint32_t size, ui
         LogBoth("Audio decoder %s failed\n", name().c_str());
     }
     samples = 0;
-    return 0;
+    return kFailed;
 }
 
 // Never destroyed: audio may still be decoded while the process exits.

@@ -8,6 +8,7 @@
 #include "host/core/RefCount.h"
 #include "host/core/Registry.h"
 #include "host/media/AudioMetadata.h"
+#include "host/media/AudioResult.h"
 #include "host/media/MemHolder.h"
 
 #include <cstdint>
@@ -25,6 +26,8 @@ namespace Zn {
 // Threads: one caller at a time (the audio reader calls it under its lock).
 class AudioCodecInstance : public iObject {
 public:
+    using enum eAudioResult;
+
     virtual String name() const = 0;
 
     // Blocks to decode ahead of a chosen block after a reset; 0 for a codec whose blocks
@@ -36,11 +39,11 @@ public:
     // one run per channel (false).
     virtual bool producesInterleaved() const { return false; }
 
-    // Decodes one compressed block of size bytes. Answers 1 with samples set to the
+    // Decodes one compressed block of size bytes. Answers kSuccess with samples set to the
     // samples per channel now ready at getOutput (0 means the codec did not take the
-    // block: it is offered again), 11 when the codec's data has ended, anything else on
-    // failure. An exception from the codec is logged and answers 0.
-    int decodeAudioStream(const uint8_t* data, uint32_t size, uint32_t& samples);
+    // block: it is offered again), kEndedEarly when the codec's data has ended, anything
+    // else on failure. An exception from the codec is logged and answers kFailed.
+    eAudioResult decodeAudioStream(const uint8_t* data, uint32_t size, uint32_t& samples);
 
     // The samples of the last successful decode, valid until the next decode or reset:
     // channel's run, or with producesInterleaved() the one interleaved run (channel is
@@ -53,7 +56,7 @@ public:
 
 protected:
     // The back-end's decode, with the contract of decodeAudioStream.
-    virtual int decode(const uint8_t* data, uint32_t size, uint32_t& samples) = 0;
+    virtual eAudioResult decode(const uint8_t* data, uint32_t size, uint32_t& samples) = 0;
 };
 
 class iAudioDecoderFactory : public iObject {

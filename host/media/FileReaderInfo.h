@@ -35,7 +35,10 @@ struct ReaderDetails {
     String notes;       // anything the reader wants a person to see ("long-GOP", "intra")
 };
 
-class iFileReader : public iObject {
+// Visible from every module whatever the visibility it is compiled with: its default
+// openFile, and so its vtable and type information, live in libplayfile, which hides what
+// it does not mark.
+class __attribute__((visibility("default"))) iFileReader : public iObject {
 public:
     // Printed in log lines.
     virtual String name() const = 0;

@@ -40,7 +40,7 @@ int FileWriteInstance::writeSurface(const Image::Surface&, int) { return 0; }
 int FileWriteInstance::writeFrame(const Image::Surface&, int) { return 0; }
 
 int FileWriteInstance::writeAudio(Zn::Ptr<iMemHolder>&, WriteDoneFn done) {
-    if (done) done(Failed);
+    if (done) done(RequestStatus::Failed);
     return 0;
 }
 

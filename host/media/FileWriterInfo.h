@@ -42,7 +42,6 @@ struct FileWriterParams {
     static FileWriterParams forVideo(const ShotVideoMetadata& shot, Image::eDataFormat pixels);
     static FileWriterParams forAudio(const Aud::Metadata& layout);
 
-    double framesPerSecond() const { return rateDen ? double(rateNum) / rateDen : 0.0; }
     // The shot metadata for the header: video when set, else what the table says of
     // the picture size and rate (which may be unset for a size it does not list).
     ShotVideoMetadata videoMetadata() const;

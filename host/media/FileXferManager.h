@@ -15,14 +15,19 @@
 class FileXferSpec;
 class LoggerHandle;
 
+// How an extraction ended, from the plug-in, the library's extraction or a back-end asked
+// to extract. Any other value is a failure of the plug-in's own, passed on as it is.
+enum class eExtractResult : int {
+    eExtractFailed = 0,          // nothing was written
+    eExtractDone = 1,            // the new file is in place under its material name
+    eExtractInterrupted = 3,     // the task was cancelled; nothing was written
+    eExtractNotSupported = 2005, // the back-end has no extraction of its own
+    eEmptySection = 2059,        // the section is empty or reversed; nothing was done
+};
+
 class iFileXferManager : public virtual iObject {
 public:
-    // What extract answers. Any other non-zero value is a failure of the plug-in's own.
-    enum eExtractResult : int {
-        eExtractFailed = 0,      // nothing was written
-        eExtractDone = 1,        // the new file is in place under its material name
-        eExtractInterrupted = 3, // the task was cancelled; nothing was written
-    };
+    using enum eExtractResult;
 
     // A name for log lines ("FFmpeg transfer").
     virtual WString getName() const = 0;
@@ -32,6 +37,7 @@ public:
     // Writes the section as the destination material's file on the destination drive, with
     // progress through the logger and cancellation through the status of the task that
     // runs it. A failed or interrupted extraction leaves no file behind. The caller
-    // registers the new file with the project.
-    virtual int extract(const FileXferSpec& xfer, LoggerHandle& log) = 0;
+    // registers the new file with the project. Answers eExtractFailed, eExtractDone,
+    // eExtractInterrupted or a failure of its own.
+    virtual eExtractResult extract(const FileXferSpec& xfer, LoggerHandle& log) = 0;
 };

@@ -3,7 +3,9 @@
 
 #include <cstdint>
 
-enum RequestStatus : int32_t {
+// A scoped 32-bit enumeration whose values are fixed: they are what is stored and
+// reported as a request's status.
+enum class RequestStatus : int32_t {
     Queued = 0,     // created, waiting in a queue
     InProgress = 1, // taken from the pending list by a queue thread, read under way
     Complete = 2,   // read finished, result available

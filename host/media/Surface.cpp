@@ -87,7 +87,7 @@ void Surface::setColour(eColourSpace space, eColourRange range) {
     r.colourRange = range;
 }
 
-void Surface::finish(int state) {
+void Surface::finish(eWaitResult state) {
     Rep& r = rep();
     {
         std::lock_guard<std::mutex> lock(r.mutex);
@@ -101,7 +101,7 @@ void Surface::set() { finish(kWaitComplete); }
 
 void Surface::fail() { finish(kWaitFailed); }
 
-int Surface::wait(unsigned timeoutMs) const {
+Surface::eWaitResult Surface::wait(unsigned timeoutMs) const {
     if (!rep_) return kWaitFailed;
     Rep& r = *rep_;
     std::unique_lock<std::mutex> lock(r.mutex);
@@ -111,7 +111,7 @@ int Surface::wait(unsigned timeoutMs) const {
     return r.state;
 }
 
-int Surface::state() const {
+Surface::eWaitResult Surface::state() const {
     if (!rep_) return kWaitFailed;
     std::lock_guard<std::mutex> lock(rep_->mutex);
     return rep_->state;

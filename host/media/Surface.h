@@ -19,11 +19,12 @@ namespace Zn::Image {
 class Surface {
 public:
     // What wait() answers; the decompression states of a frame buffer use the same numbers.
-    enum eWaitResult : int {
+    enum class eWaitResult : int {
         kWaitTimedOut = 0,
         kWaitComplete = 3,
         kWaitFailed = 4,
     };
+    using enum eWaitResult;
     static constexpr unsigned kInfinite = 0xFFFFFFFFu;
 
     // An empty surface: no picture, nothing to wait for (wait answers kWaitFailed at once).
@@ -57,8 +58,8 @@ public:
     //
     // Waits up to timeoutMs (0 polls, kInfinite waits without limit) and answers
     // kWaitComplete, kWaitFailed or kWaitTimedOut.
-    int wait(unsigned timeoutMs = kInfinite) const;
-    int state() const;
+    eWaitResult wait(unsigned timeoutMs = kInfinite) const;
+    eWaitResult state() const;
     // True when the surface holds a picture (pixels are attached).
     bool valid() const;
     bool empty() const noexcept { return !rep_; }
@@ -88,7 +89,7 @@ private:
     struct Rep : iObject {
         mutable std::mutex mutex;
         mutable std::condition_variable changed;
-        int state = kWaitTimedOut;
+        eWaitResult state = kWaitTimedOut;
         Core::Data core;
         uint8_t* planes[kMaxPlanes] = {};
         uint32_t strides[kMaxPlanes] = {};
@@ -98,7 +99,7 @@ private:
         eColourSpace colourSpace = kColourSpaceUnknown;
         eColourRange colourRange = kColourRangeUnknown;
     };
-    void finish(int state);
+    void finish(eWaitResult state);
     Rep& rep();
 
     Zn::Ptr<Rep> rep_;

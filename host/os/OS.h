@@ -64,9 +64,6 @@ public:
     // on every call; 0 when there is no limit or it cannot be read.
     uint64_t openFileLimit() const noexcept;
 
-    static int32_t atomicIncrement(std::atomic<int32_t>& v) noexcept { return v.fetch_add(1) + 1; }
-    static int32_t atomicDecrement(std::atomic<int32_t>& v) noexcept { return v.fetch_sub(1) - 1; }
-    static int32_t atomicExchange(std::atomic<int32_t>& v, int32_t x) noexcept { return v.exchange(x); }
     static bool atomicCompareExchange(std::atomic<int32_t>& v, int32_t expected, int32_t x) noexcept {
         return v.compare_exchange_strong(expected, x);
     }

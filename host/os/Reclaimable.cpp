@@ -26,18 +26,6 @@ void ReclaimableRegistry::purgeAll() {
     for (Reclaimable* r : s.list) r->purge();
 }
 
-void ReclaimableRegistry::limitUsageAll() {
-    State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    for (Reclaimable* r : s.list) r->limitUsage();
-}
-
-void ReclaimableRegistry::reportUsageAll() {
-    State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    for (Reclaimable* r : s.list) r->reportUsage();
-}
-
 size_t ReclaimableRegistry::count() {
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);

@@ -29,8 +29,6 @@ public:
     static void add(Reclaimable* r);
     static void remove(Reclaimable* r);
     static void purgeAll();
-    static void limitUsageAll();
-    static void reportUsageAll();
     static size_t count();
 
 private:

@@ -16,10 +16,3 @@ bool MediaLocationInfo::allMediaOffline() const {
         if (availableAt(*this, i)) return false;
     return true;
 }
-
-bool MediaLocationInfo::someMediaOffline() const {
-    unsigned n = std::max(highResStatuses.size(), proxyStatuses.size());
-    for (unsigned i = 0; i < n; ++i)
-        if (!availableAt(*this, i)) return true;
-    return false;
-}

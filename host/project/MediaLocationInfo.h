@@ -29,7 +29,4 @@ public:
     // True when no listed file is available, neither its high-resolution file nor a
     // proxy (a record that lists no file at all is all offline).
     bool allMediaOffline() const;
-    // True when some listed file has neither its high-resolution file nor a proxy
-    // available.
-    bool someMediaOffline() const;
 };

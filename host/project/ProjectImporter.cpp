@@ -58,6 +58,48 @@ bool writeClip(const Zn::Ptr<ProjectDatabase>& db, sql::Connection& conn, const 
     return ok && edit->store(conn);
 }
 
+// The clip's name, rate and channels: by the file's kind, then as the options say. Why the
+// layout cannot be a clip's, else empty.
+WString layOutClip(const WString& sourceName, const ImportOptions& options, ClipRecord& clip) {
+    clip.name = stripPathAndExt(sourceName);
+    clip.sampleRate = options.sampleRate;
+    if (isStillImage(sourceName)) {
+        clip.flags = Edit::eImage;
+        clip.videoChannels = 1;
+        clip.audioChannels = 0;
+    } else if (isSoundFile(sourceName)) {
+        clip.videoChannels = 0;
+        clip.audioChannels = 2;
+    }
+    if (options.videoChannels >= 0) clip.videoChannels = options.videoChannels;
+    if (options.audioChannels >= 0) clip.audioChannels = options.audioChannels;
+    if (clip.videoChannels + clip.audioChannels <= 0) return WString(L"the clip would have no channels");
+    if (clip.videoChannels > 1 || clip.audioChannels > 254) return WString(L"too many channels");
+    return WString();
+}
+
+// Puts the source on the drive under its pending name, a copy or a link file to it, and
+// fills the clip's file record. Why it could not, else empty.
+template <class Report>
+WString placeFile(const WString& sourceName, const MaterialFilename& name, const DriveId& drive, uint64_t size,
+                  const WString& pending, bool copy, Report& report, ClipRecord& clip) {
+    if (copy) {
+        auto rc = projectfs::copy(sourceName, pending, [&](uint64_t done, uint64_t) {
+            report(ImportProgress::eCopying, done);
+            return true;
+        }, false);
+        if (rc != iFileManager::eCopyOK)
+            return WString(L"cannot copy onto drive ") + drive.asWString() + L" (copy result " +
+                   Zn::WStringFromInteger(rc) + L")";
+        clip.file = MediaFileInfo(name, size);
+    } else {
+        clip.file = MediaFileInfo(name, size, sourceName);
+        if (!projectfs::makeLink(pending, sourceName, false))
+            return WString(L"cannot make the link file ") + name.getOsPath();
+    }
+    return WString();
+}
+
 } // namespace
 
 ProjectImporter::ProjectImporter(ImportOptions options) : options_(std::move(options)) {}
@@ -89,54 +131,6 @@ DriveId ProjectImporter::importDrive(const DriveId& wanted, WString* error) {
     return DriveId('A');
 }
 
-void ProjectImporter::report(ImportProgress::eStage stage, const WString& path, uint64_t done, uint64_t total) const {
-    if (options_.progress) options_.progress(ImportProgress{stage, path, done, total});
-}
-
-bool ProjectImporter::describe(const WString& sourceName, ClipRecord& clip, WString& why) const {
-    clip.name = stripPathAndExt(sourceName);
-    clip.sampleRate = options_.sampleRate;
-    if (isStillImage(sourceName)) {
-        clip.flags = Edit::eImage;
-        clip.videoChannels = 1;
-        clip.audioChannels = 0;
-    } else if (isSoundFile(sourceName)) {
-        clip.videoChannels = 0;
-        clip.audioChannels = 2;
-    }
-    if (options_.videoChannels >= 0) clip.videoChannels = options_.videoChannels;
-    if (options_.audioChannels >= 0) clip.audioChannels = options_.audioChannels;
-    if (clip.videoChannels + clip.audioChannels <= 0) why = WString(L"the clip would have no channels");
-    else if (clip.videoChannels > 1 || clip.audioChannels > 254) why = WString(L"too many channels");
-    else return true;
-    return false;
-}
-
-bool ProjectImporter::place(const WString& path, const WString& sourceName, uint64_t size,
-                            const MaterialFilename& name, const WString& pending, ClipRecord& clip,
-                            WString& why) const {
-    if (options_.copy) {
-        auto rc = projectfs::copy(sourceName, pending, [&](uint64_t done, uint64_t) {
-            report(ImportProgress::eCopying, path, done, size);
-            return true;
-        }, false);
-        if (rc != iFileManager::eCopyOK) {
-            why = WString(L"cannot copy onto drive ") + name.getDrive().asWString() + L" (copy result " +
-                  Zn::WStringFromInteger(rc) + L")";
-            return false;
-        }
-        clip.file = MediaFileInfo(name, size);
-    } else {
-        clip.file = MediaFileInfo(name, size, sourceName);
-        if (!projectfs::makeLink(pending, sourceName, false)) {
-            why = WString(L"cannot make the link file ") + name.getOsPath();
-            return false;
-        }
-    }
-    clip.file.setStatus(MediaFileInfo::eStatusAvailable);
-    return true;
-}
-
 ImportResult ProjectImporter::importFile(const WString& path) {
     ImportResult result;
     result.file = path;
@@ -162,8 +156,9 @@ ImportResult ProjectImporter::importFile(const WString& path) {
     if (driveId.isNone()) return fail(why);
     auto drive = DiskManager::getDriveWithUniqueId(driveId);
     if (!drive) return fail(WString(L"the media drive has gone"));
+
     ClipRecord clip;
-    if (!describe(sourceName, clip, why)) return fail(why);
+    if (WString wrong = layOutClip(sourceName, options_, clip); !wrong.empty()) return fail(wrong);
 
     // The clip's number first (a transaction of its own: a failed import leaves a gap in
     // the numbers, nothing else), because the material file is named after it.
@@ -179,14 +174,21 @@ ImportResult ProjectImporter::importFile(const WString& path) {
     const WString placed = name.getOsPath();
     const WString pending = pendingImportName(placed);
     projectfs::createDirectory(getPath(placed));
-    if (!place(path, sourceName, size, name, pending, clip, why)) return fail(why);
+
+    auto report = [&](ImportProgress::eStage stage, uint64_t done) {
+        if (options_.progress) options_.progress(ImportProgress{stage, path, done, size});
+    };
+    if (WString wrong = placeFile(sourceName, name, driveId, size, pending, options_.copy, report, clip);
+        !wrong.empty())
+        return fail(wrong);
+    clip.file.setStatus(MediaFileInfo::eStatusAvailable);
 
     bool stored;
     std::string dbError;
     {
         ProjectDatabase::Write w(*db);
         if (!writeClip(db, w.db(), cookie, clip)) w.fail();
-        report(ImportProgress::eRegistering, path, size, size);
+        report(ImportProgress::eRegistering, size);
         stored = w.commit();
         if (!stored) dbError = w.error();
     }
@@ -197,16 +199,10 @@ ImportResult ProjectImporter::importFile(const WString& path) {
     // Should this fail, the next opening of the project puts the file in place.
     if (!projectfs::rename(pending, placed))
         return fail(WString(L"the clip is stored, but its file could not be renamed to ") + placed);
-    report(ImportProgress::eDone, path, size, size);
+    report(ImportProgress::eDone, size);
     result.ok = true;
     result.clip = cookie;
     return result;
-}
-
-std::vector<ImportResult> ProjectImporter::importFiles(const std::vector<WString>& paths) {
-    std::vector<ImportResult> out;
-    for (const auto& p : paths) out.push_back(importFile(p));
-    return out;
 }
 
 Cookie ProjectImporter::newClipCookie(WString* error) {

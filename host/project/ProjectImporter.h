@@ -69,7 +69,6 @@ public:
     explicit ProjectImporter(ImportOptions options = ImportOptions());
 
     ImportResult importFile(const WString& path);
-    std::vector<ImportResult> importFiles(const std::vector<WString>& paths);
 
     // Registers clips whose files are in place already, all in one transaction. Answers
     // their edit cookies in order; empty (and nothing stored) on failure.
@@ -86,13 +85,5 @@ public:
     static DriveId importDrive(const DriveId& wanted, WString* error = nullptr);
 
 private:
-    // The clip that a file of that name becomes: its name and channel layout.
-    bool describe(const WString& sourceName, ClipRecord& clip, WString& why) const;
-    // Puts the file under its pending name on the drive (a copy, or a link to it), and
-    // records it as the clip's file.
-    bool place(const WString& path, const WString& sourceName, uint64_t size, const MaterialFilename& name,
-               const WString& pending, ClipRecord& clip, WString& why) const;
-    void report(ImportProgress::eStage stage, const WString& path, uint64_t done, uint64_t total) const;
-
     ImportOptions options_;
 };

@@ -62,10 +62,6 @@ std::vector<Zn::Ptr<iBackgroundTask>> BackgroundTaskQueueBase::getTasks() const 
     return all;
 }
 
-void BackgroundTaskQueueBase::cancelAll() {
-    for (const auto& task : getTasks()) cancel(task);
-}
-
 bool BackgroundTaskQueueBase::waitForIdle(unsigned timeoutMs) const {
     std::unique_lock<std::mutex> lock(mutex_);
     auto idle = [&] { return waiting_.empty() && busy_ == 0; };

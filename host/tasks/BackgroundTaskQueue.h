@@ -48,8 +48,6 @@ public:
     bool cancel(const Zn::Ptr<iBackgroundTask>& task) override;
     std::vector<Zn::Ptr<iBackgroundTask>> getTasks() const override;
 
-    // Cancels every waiting and running task.
-    void cancelAll();
     // Waits until no task waits or runs; false when timeoutMs passed first.
     bool waitForIdle(unsigned timeoutMs = iThreadEvent::kInfinite) const;
     unsigned workerCount() const noexcept { return unsigned(workers_.size()); }

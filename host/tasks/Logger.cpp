@@ -116,11 +116,6 @@ bool LoggerBase::reportProgress(double fraction) {
     return true;
 }
 
-double LoggerBase::getFraction() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return reached_;
-}
-
 void LoggerBase::publish(double fraction) {
     uint64_t bytes;
     {

@@ -55,8 +55,6 @@ public:
     void endSubTasks();
     // Sets the fraction done of the sub-task in hand (innermost level).
     bool reportProgress(double fraction) override;
-    // The fraction done of the whole.
-    double getFraction() const;
     // The client that copies report through (progress callbacks take it as a void*).
     iProgressClient* progressClient() noexcept { return this; }
 

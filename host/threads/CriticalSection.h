@@ -4,6 +4,7 @@
 #pragma once
 
 #include "host/threads/ScopedLock.h"
+#include "host/threads/ThreadSafety.h"
 
 #include <pthread.h>
 
@@ -12,18 +13,20 @@
 // with static storage duration (constinit) is usable during static initialisation.
 //
 // A CriticalSection is a primitive: what it guards, and which other locks may be held when
-// it is taken, is documented by the class that owns it.
-class CriticalSection {
+// it is taken, is documented by the class that owns it and gathered in the table "Lock
+// hierarchy" of README.md. The analysis treats it as a plain (non re-entrant) lock: code
+// that enters it twice on one path is reported, so re-entry stays the exception.
+class CAPABILITY("mutex") CriticalSection {
 public:
     constexpr CriticalSection() noexcept = default;
     ~CriticalSection() { pthread_mutex_destroy(&mutex_); }
     CriticalSection(const CriticalSection&) = delete;
     CriticalSection& operator=(const CriticalSection&) = delete;
 
-    void enter() noexcept { pthread_mutex_lock(&mutex_); }
-    void leave() noexcept { pthread_mutex_unlock(&mutex_); }
+    void enter() noexcept ACQUIRE() { pthread_mutex_lock(&mutex_); }
+    void leave() noexcept RELEASE() { pthread_mutex_unlock(&mutex_); }
     // Enters only if no other thread holds it (the holder itself always succeeds).
-    bool tryEnter() noexcept { return pthread_mutex_trylock(&mutex_) == 0; }
+    bool tryEnter() noexcept TRY_ACQUIRE(true) { return pthread_mutex_trylock(&mutex_) == 0; }
 
     // Holds the critical section for a scope (see ScopedLock).
     class Lock;
@@ -32,7 +35,8 @@ private:
     pthread_mutex_t mutex_ = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 };
 
-class CriticalSection::Lock : public ScopedLock<CriticalSection, &CriticalSection::enter, &CriticalSection::leave> {
+class SCOPED_CAPABILITY CriticalSection::Lock : public ScopedLock<CriticalSection, &CriticalSection::enter, &CriticalSection::leave> {
 public:
-    using ScopedLock::ScopedLock;
+    explicit Lock(CriticalSection& lock) noexcept ACQUIRE(lock) : ScopedLock(lock) {}
+    ~Lock() RELEASE() {}
 };

@@ -165,8 +165,8 @@ private:
     }
 
     mutable CriticalSection lock_;
-    std::deque<Zn::Ptr<T>> items_;
-    unsigned count_ = 0;
+    std::deque<Zn::Ptr<T>> items_ GUARDED_BY(lock_);
+    unsigned count_ GUARDED_BY(lock_) = 0;
     Zn::Ptr<iThreadEvent> wakeEvent_;
     Zn::Ptr<iThreadEvent> endEvent_;
     Decoupler* const decoupler_;

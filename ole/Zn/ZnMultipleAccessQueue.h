@@ -92,7 +92,7 @@ public:
 
 private:
     Zn::Ptr<iMutex> mutex_;
-    std::map<Key, Zn::Ptr<AccessedObjectInfo>> accessed_;
+    std::map<Key, Zn::Ptr<AccessedObjectInfo>> accessed_ GUARDED_BY(mutex_);
 };
 
 } // namespace Zn

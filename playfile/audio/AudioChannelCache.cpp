@@ -4,14 +4,6 @@
 
 #include <utility>
 
-Aud::StreamBufferList& AudioChannelCache::getBuffers(const AudioRequest& r) {
-    CriticalSection::Lock guard(lock_);
-    CacheEntry& e = entries_[r.stream];
-    e.start = r.start;
-    e.count = r.count;
-    return e.buffers;
-}
-
 void AudioChannelCache::addBuffers(uint32_t stream, uint64_t start, Aud::StreamBufferList list) {
     const uint32_t count = list.getSampleCount();
     for (Aud::StreamBuffer& b : list)

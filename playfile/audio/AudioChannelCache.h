@@ -8,6 +8,7 @@
 
 #include "host/media/StreamBuffer.h"
 #include "host/threads/CriticalSection.h"
+#include "playfile/Export.h"
 #include "playfile/requests/AudioReadRequest.h"
 
 #include <cstdint>
@@ -20,7 +21,7 @@
 // queue's lock is never held while reading). Taken under it: a request's lock (while its
 // issuers are called) and whatever the file's reading and decoding take. Views handed out
 // outlive the lock safely: each holds a reference to its source.
-class AudioChannelCache {
+class PLAYFILE_API AudioChannelCache {
 public:
     struct CacheEntry {
         Aud::StreamBufferList buffers; // one per channel, in channel order
@@ -32,10 +33,6 @@ public:
     virtual ~AudioChannelCache() = default;
     AudioChannelCache(const AudioChannelCache&) = delete;
     AudioChannelCache& operator=(const AudioChannelCache&) = delete;
-
-    // The buffers of r's stream (the entry is made if absent), its span set to r's, for
-    // the caller to fill in place under the lock.
-    Aud::StreamBufferList& getBuffers(const AudioRequest& r);
 
     // Replaces the stream's block with list (sharing its memory), first sample at start.
     // Every buffer's sample count becomes the list's. One block per stream is kept: the
@@ -62,9 +59,9 @@ public:
     bool cachedSpan(uint32_t stream, uint64_t& start, uint32_t& count);
 
 protected:
-    CriticalSection& getLock() noexcept { return lock_; }
+    CriticalSection& getLock() noexcept RETURN_CAPABILITY(lock_) { return lock_; }
 
 private:
-    std::map<uint32_t, CacheEntry> entries_;
+    std::map<uint32_t, CacheEntry> entries_ GUARDED_BY(lock_);
     CriticalSection lock_;
 };

@@ -43,7 +43,7 @@ void AudioReader::readAudio(Zn::Ptr<AudioReadRequest>& request) {
     AudioReadRequest& r = *request;
     const uint32_t s = r.stream;
     const int playable = PlayfileConfig::numAudioStreamsToPlay();
-    int code = kFailed;
+    eResult code = kFailed;
 
     if (s >= metadata_.size()) {
         code = kFailed;
@@ -58,10 +58,10 @@ void AudioReader::readAudio(Zn::Ptr<AudioReadRequest>& request) {
                                       : readPlain(request, s);
     }
 
-    if (code == kSuccess || code == kEndedEarly) {
-        r.setStatus(Complete);
+    if (succeeded(code)) {
+        r.setStatus(RequestStatus::Complete);
     } else {
-        r.setStatus(Failed);
+        r.setStatus(RequestStatus::Failed);
         Log("** disk read error 0x%x\n", unsigned(code));
     }
     Zn::Ptr<iObject> result(r.getResult().getMemory());
@@ -80,11 +80,11 @@ bool AudioReader::answerWithSilence(AudioReadRequest& r) {
     return true;
 }
 
-int AudioReader::readPlain(Zn::Ptr<AudioReadRequest>& request, uint32_t s) {
+AudioReader::eResult AudioReader::readPlain(Zn::Ptr<AudioReadRequest>& request, uint32_t s) {
     Zn::Ptr<ByteBufferImpl> interleaved;
-    int code = readsAudioByVideoSamples() ? readAudioByVideoSamples(interleaved, request)
+    eResult code = readsAudioByVideoSamples() ? readAudioByVideoSamples(interleaved, request)
                                           : readAudioByAudioSamples(interleaved, request);
-    if (code != kSuccess && code != kEndedEarly) return code;
+    if (!succeeded(code)) return code;
     if (!interleaved) return kFailed;
     // The stream's previous block is written again when nothing but the cache uses it:
     // fresh memory for every span costs more than the split itself.
@@ -105,7 +105,7 @@ int AudioReader::readPlain(Zn::Ptr<AudioReadRequest>& request, uint32_t s) {
     return code;
 }
 
-int AudioReader::readAudioByAudioSamples(Zn::Ptr<ByteBufferImpl>& buffer,
+AudioReader::eResult AudioReader::readAudioByAudioSamples(Zn::Ptr<ByteBufferImpl>& buffer,
                                          Zn::Ptr<AudioReadRequest>& request) {
     CriticalSection::Lock guard(getLock());
     const AudioReadRequest& r = *request;
@@ -125,7 +125,7 @@ int AudioReader::readAudioByAudioSamples(Zn::Ptr<ByteBufferImpl>& buffer,
 
     uint32_t done = 0;
     uint64_t position = r.start;
-    int code;
+    eResult code;
     for (;;) {
         uint32_t delivered = 0;
         code = readAudioSamples(r.stream, position, r.count - done,
@@ -143,16 +143,16 @@ int AudioReader::readAudioByAudioSamples(Zn::Ptr<ByteBufferImpl>& buffer,
     return code;
 }
 
-int AudioReader::readAudioByVideoSamples(Zn::Ptr<ByteBufferImpl>&, Zn::Ptr<AudioReadRequest>&) {
+AudioReader::eResult AudioReader::readAudioByVideoSamples(Zn::Ptr<ByteBufferImpl>&, Zn::Ptr<AudioReadRequest>&) {
     return kFailed;
 }
 
-int AudioReader::readAudioSamples(uint32_t, uint64_t, uint32_t, uint8_t*, uint32_t& delivered) {
+AudioReader::eResult AudioReader::readAudioSamples(uint32_t, uint64_t, uint32_t, uint8_t*, uint32_t& delivered) {
     delivered = 0;
     return kFailed;
 }
 
-int AudioReader::readAudioBlock(uint32_t, uint64_t, std::vector<uint8_t>&) {
+AudioReader::eResult AudioReader::readAudioBlock(uint32_t, uint64_t, std::vector<uint8_t>&) {
     return kFailed;
 }
 
@@ -177,12 +177,6 @@ Zn::Ptr<AudioCodecInstance> AudioReader::getCodec(unsigned int stream) {
     return it == codecs_.end() ? nullptr : it->second;
 }
 
-uint64_t AudioReader::getLastBlock(int stream) {
-    CriticalSection::Lock guard(getLock());
-    auto it = lastBlock_.find(stream);
-    return it == lastBlock_.end() ? kNoBlock : it->second;
-}
-
 void AudioReader::createOutputBuffers(unsigned int blocks, const Aud::Metadata& stream,
                                       Aud::StreamBufferList& list) {
     const uint32_t samples = blocks * stream.getSamplesPerBlock();
@@ -192,7 +186,7 @@ void AudioReader::createOutputBuffers(unsigned int blocks, const Aud::Metadata& 
             0));
 }
 
-int AudioReader::readCompressed(Zn::Ptr<AudioReadRequest>& request, uint32_t s,
+AudioReader::eResult AudioReader::readCompressed(Zn::Ptr<AudioReadRequest>& request, uint32_t s,
                                 const Zn::Ptr<AudioCodecInstance>& codec) {
     const Aud::Metadata& m = metadata_[s];
     const uint32_t perBlock = m.getSamplesPerBlock();
@@ -206,7 +200,7 @@ int AudioReader::readCompressed(Zn::Ptr<AudioReadRequest>& request, uint32_t s,
     // last step may give beyond the span's end.
     Aud::StreamBufferList buffers;
     createOutputBuffers(unsigned((uint64_t(r.count) + delay) / perBlock + 3), m, buffers);
-    const int code = codec->producesInterleaved()
+    const eResult code = codec->producesInterleaved()
                          ? readCompressedAudioInterleaved(firstBlock, buffers, request)
                          : readCompressedAudio(firstBlock, buffers, request);
     const int64_t start = std::exchange(storeFrom_, kStoreNothing);
@@ -216,13 +210,13 @@ int AudioReader::readCompressed(Zn::Ptr<AudioReadRequest>& request, uint32_t s,
     return kSuccess;
 }
 
-int AudioReader::readCompressedAudio(uint64_t firstBlock, Aud::StreamBufferList& buffers,
+AudioReader::eResult AudioReader::readCompressedAudio(uint64_t firstBlock, Aud::StreamBufferList& buffers,
                                      Zn::Ptr<AudioReadRequest>& request) {
     CriticalSection::Lock guard(getLock());
     return decodeBlocks(firstBlock, buffers, *request, false);
 }
 
-int AudioReader::readCompressedAudioInterleaved(uint64_t firstBlock, Aud::StreamBufferList& buffers,
+AudioReader::eResult AudioReader::readCompressedAudioInterleaved(uint64_t firstBlock, Aud::StreamBufferList& buffers,
                                                 Zn::Ptr<AudioReadRequest>& request) {
     CriticalSection::Lock guard(getLock());
     return decodeBlocks(firstBlock, buffers, *request, true);
@@ -259,73 +253,104 @@ void AudioReader::forgetCodecState(int s) {
     lastBlock_[s] = kNoBlock;
 }
 
-int AudioReader::decodeBlocks(uint64_t firstBlock, Aud::StreamBufferList& buffers,
+namespace {
+// Empties the buffers (keeping their memory) for a decode to fill from the start.
+void clearBuffers(Aud::StreamBufferList& buffers) {
+    for (Aud::StreamBuffer& b : buffers)
+        b.setSampleCount(0);
+    buffers.setSampleCount(0);
+}
+} // namespace
+
+AudioReader::eResult AudioReader::decodeBlocks(uint64_t firstBlock, Aud::StreamBufferList& buffers,
                               AudioReadRequest& r, bool interleaved) {
     const int s = int(r.stream);
     auto found = codecs_.find(s);
     if (found == codecs_.end() || r.stream >= metadata_.size()) return kFailed;
-    AudioCodecInstance& codec = *found->second;
     const Aud::Metadata& m = metadata_[r.stream];
-    const uint32_t perBlock = m.getSamplesPerBlock();
+    if (!m.getSamplesPerBlock()) return kFailed;
+    clearBuffers(buffers);
+
+    eResult code = positionCodec(s, *found->second, r, firstBlock, buffers, interleaved);
+    if (code != kSuccess) return code;
+    code = decodeUntilFilled(s, firstBlock, r.start + r.count, buffers, interleaved);
+
+    const uint32_t total = buffers.getSampleCount();
+    if (total == 0 || !succeeded(code)) forgetCodecState(s);
+    if (total == 0) return kFailed;
     const uint32_t bytes = decodedBytes(m);
-    if (!perBlock) return kFailed;
+    for (Aud::StreamBuffer& b : buffers) {
+        b.setSampleCount(total);
+        b.getMemory()->setUsed(total * bytes);
+    }
+    return kSuccess;
+}
+
+AudioReader::eResult AudioReader::positionCodec(int s, AudioCodecInstance& codec, const AudioRequest& r,
+                               uint64_t& firstBlock, Aud::StreamBufferList& buffers,
+                               bool interleaved) {
+    const uint32_t perBlock = metadata_[uint32_t(s)].getSamplesPerBlock();
     const int64_t delay = codec.getDelaySamples();
-    const uint32_t p = codec.getPrimingBlocks();
     auto lastIt = lastBlock_.find(s);
     const uint64_t last = lastIt == lastBlock_.end() ? kNoBlock : lastIt->second;
     int64_t& next = nextPosition_[s];
-    for (Aud::StreamBuffer& b : buffers)
-        b.setSampleCount(0);
-    buffers.setSampleCount(0);
 
-    // Positioning. A request that starts inside the cached block, where the codec stands
-    // right after it, continues from the codec's next block: the cached tail is carried
-    // over, so reads that do not end on a block boundary still decode on without a reset.
+    // A request that starts inside the cached block, where the codec stands right after
+    // it, continues from the codec's next block: the cached tail is carried over, so reads
+    // that do not end on a block boundary still decode on without a reset.
     uint64_t cachedEnd = 0;
     if (last != kNoBlock && continuesCachedBlock(s, r, cachedEnd)) {
         firstBlock = last + 1;
         storeFrom_ = int64_t(r.start);
-        seedFromCache(r, cachedEnd, bytes, buffers);
-    } else {
-        if (p != 0 && firstBlock != 0 && last + 1 != firstBlock) {
-            // A jump: reset, then decode the p blocks before firstBlock and throw their
-            // output away (nothing is kept while storeFrom_ is kStoreNothing).
-            codec.resetToStart();
-            const uint64_t from = firstBlock - std::min<uint64_t>(p, firstBlock);
-            next = int64_t(from * perBlock) - delay;
-            storeFrom_ = kStoreNothing;
-            int code = kSuccess;
-            for (uint64_t b = from; b < firstBlock; ++b) {
-                uint32_t produced = 0;
-                code = decodeStep(s, b, buffers, produced, interleaved);
-                if (code != kSuccess) break;
-            }
-            for (Aud::StreamBuffer& b : buffers)
-                b.setSampleCount(0);
-            buffers.setSampleCount(0);
-            if (code != kSuccess) {
-                forgetCodecState(s);
-                return code;
-            }
-            lastBlock_[s] = firstBlock - 1;
-            // Whatever the pre-roll gave, firstBlock's output starts here.
-            next = int64_t(firstBlock * perBlock) - delay;
-        } else if (firstBlock == 0) {
-            if (last != kNoBlock) codec.resetToStart();
-            next = -delay;
-        } else if (last + 1 != firstBlock) {
-            // A codec without priming is used as it stands for a jump: its blocks decode on
-            // their own. Only the position moves.
-            next = int64_t(firstBlock * perBlock) - delay;
-        }
-        storeFrom_ = std::max<int64_t>(next, 0);
+        seedFromCache(r, cachedEnd, decodedBytes(metadata_[uint32_t(s)]), buffers);
+        return kSuccess;
     }
+    if (codec.getPrimingBlocks() != 0 && firstBlock != 0 && last + 1 != firstBlock) {
+        const eResult code = prerollBefore(s, codec, firstBlock, buffers, interleaved);
+        if (code != kSuccess) return code;
+        // Whatever the pre-roll gave, firstBlock's output starts here.
+        next = int64_t(firstBlock * perBlock) - delay;
+    } else if (firstBlock == 0) {
+        if (last != kNoBlock) codec.resetToStart();
+        next = -delay;
+    } else if (last + 1 != firstBlock) {
+        // A codec without priming is used as it stands for a jump: its blocks decode on
+        // their own. Only the position moves.
+        next = int64_t(firstBlock * perBlock) - delay;
+    }
+    storeFrom_ = std::max<int64_t>(next, 0);
+    return kSuccess;
+}
 
-    // Decoding. A block that gives nothing is offered again. Nine steps in a row that add
-    // nothing to the buffers end the read: with nothing kept at all, as a failure.
-    const uint64_t wantedEnd = r.start + r.count;
+AudioReader::eResult AudioReader::prerollBefore(int s, AudioCodecInstance& codec, uint64_t firstBlock,
+                               Aud::StreamBufferList& buffers, bool interleaved) {
+    // A jump: reset, then decode the priming blocks before firstBlock and throw their
+    // output away (nothing is kept while storeFrom_ is kStoreNothing).
+    codec.resetToStart();
+    const uint32_t perBlock = metadata_[uint32_t(s)].getSamplesPerBlock();
+    const uint64_t from = firstBlock - std::min<uint64_t>(codec.getPrimingBlocks(), firstBlock);
+    nextPosition_[s] = int64_t(from * perBlock) - codec.getDelaySamples();
+    storeFrom_ = kStoreNothing;
+    eResult code = kSuccess;
+    for (uint64_t b = from; b < firstBlock && code == kSuccess; ++b) {
+        uint32_t produced = 0;
+        code = decodeStep(s, b, buffers, produced, interleaved);
+    }
+    clearBuffers(buffers);
+    if (code != kSuccess) {
+        forgetCodecState(s);
+        return code;
+    }
+    lastBlock_[s] = firstBlock - 1;
+    return kSuccess;
+}
+
+AudioReader::eResult AudioReader::decodeUntilFilled(int s, uint64_t firstBlock, uint64_t wantedEnd,
+                                   Aud::StreamBufferList& buffers, bool interleaved) {
+    // A block that gives nothing is offered again. Nine steps in a row that add nothing
+    // to the buffers end the read: with nothing kept at all, as a failure.
     uint64_t block = firstBlock;
-    int code = kSuccess;
+    eResult code = kSuccess;
     unsigned idleSteps = 0;
     for (;;) {
         const uint32_t before = buffers.getSampleCount();
@@ -338,39 +363,20 @@ int AudioReader::decodeBlocks(uint64_t firstBlock, Aud::StreamBufferList& buffer
         if (idleSteps > 8) break;
         if (uint64_t(storeFrom_) + total >= wantedEnd || code != kSuccess) break;
     }
-    const uint32_t total = buffers.getSampleCount();
-    if (total == 0 || (code != kSuccess && code != kEndedEarly)) forgetCodecState(s);
-    if (total == 0) return kFailed;
-    for (Aud::StreamBuffer& b : buffers) {
-        b.setSampleCount(total);
-        b.getMemory()->setUsed(total * bytes);
-    }
-    return kSuccess;
+    return code;
 }
 
-int AudioReader::readAndDecode(int s, uint64_t block, Aud::StreamBufferList& buffers,
-                               uint32_t& produced) {
-    CriticalSection::Lock guard(getLock());
-    return decodeStep(s, block, buffers, produced, false);
-}
-
-int AudioReader::readAndDecodeInterleaved(int s, uint64_t block, Aud::StreamBufferList& buffers,
-                                          uint32_t& produced) {
-    CriticalSection::Lock guard(getLock());
-    return decodeStep(s, block, buffers, produced, true);
-}
-
-int AudioReader::decodeStep(int s, uint64_t block, Aud::StreamBufferList& buffers,
+AudioReader::eResult AudioReader::decodeStep(int s, uint64_t block, Aud::StreamBufferList& buffers,
                             uint32_t& produced, bool interleaved) {
     produced = 0;
     auto found = codecs_.find(s);
     if (found == codecs_.end()) return kFailed;
     AudioCodecInstance& codec = *found->second;
-    int code = readAudioBlock(uint32_t(s), block, block_);
+    eResult code = readAudioBlock(uint32_t(s), block, block_);
     if (code != kSuccess) return code;
     uint32_t samples = 0;
     code = codec.decodeAudioStream(block_.data(), uint32_t(block_.size()), samples);
-    if (code != kSuccess && code != kEndedEarly) return code;
+    if (!succeeded(code)) return code;
     produced = samples;
     int64_t& next = nextPosition_[s];
     const int64_t at = next;

@@ -4,10 +4,11 @@
 
 #include "host/core/RefCount.h"
 #include "host/media/ShotVideoMetadata.h"
+#include "playfile/Export.h"
 #include "playfile/header/PlayHeader.h"
 #include "playfile/open/PlayFile.h"
 
-class PlayPriv {
+class PLAYFILE_API PlayPriv {
 public:
     // A vision header: the picture size of the shot's video format (reduced by its size
     // divisor), its frame rate as both input and replay rate, "PAL" exactly at 25 frames

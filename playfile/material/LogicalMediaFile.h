@@ -8,6 +8,7 @@
 #include "host/core/Cookie.h"
 #include "host/project/DriveId.h"
 #include "host/project/MediaFileInfo.h"
+#include "playfile/Export.h"
 
 #include <cstdint>
 #include <vector>
@@ -26,7 +27,7 @@ private:
 
 // The high-resolution file first, then the proxies in the entry's order, and the
 // material they belong to.
-struct LogicalMediaFile {
+struct PLAYFILE_API LogicalMediaFile {
     std::vector<MediaFileInfoEx> files;
     Cookie cookie;
 
@@ -35,13 +36,13 @@ struct LogicalMediaFile {
 
 // The files of the material that are present (size above 0) and not on `excluded`: the
 // files that would have to travel to that drive. No directory entry: no files.
-LogicalMediaFile makeLogicalMediaFile(const Cookie& material, DriveId excluded);
+PLAYFILE_API LogicalMediaFile makeLogicalMediaFile(const Cookie& material, DriveId excluded);
 // One record per material, in order, leaving out those with no file to travel.
-void getMaterialFiles(const CookieVec& materials, std::vector<LogicalMediaFile>& out, DriveId excluded);
+PLAYFILE_API void getMaterialFiles(const CookieVec& materials, std::vector<LogicalMediaFile>& out, DriveId excluded);
 // The records of the project's shots whose material lies on the drive. Each is made with
 // that same drive excluded, so it holds the shot's files that lie elsewhere (its proxies
 // on other drives, say); shots with none are left out.
-void getMaterialFilesOnDrive(const DriveId& drive, std::vector<LogicalMediaFile>& out);
+PLAYFILE_API void getMaterialFilesOnDrive(const DriveId& drive, std::vector<LogicalMediaFile>& out);
 // The size of a file named in ASCII, whose first character may be a drive id followed by
 // a separator ("A:video/x.mov" is x.mov in drive A's video folder); 0 when missing.
-uint64_t ToolsGetfilesize(const char* name);
+PLAYFILE_API uint64_t ToolsGetfilesize(const char* name);

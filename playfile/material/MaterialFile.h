@@ -14,10 +14,11 @@
 
 #include "host/core/RefCount.h"
 #include "host/os/FileManager.h"
+#include "playfile/Export.h"
 
 #include <cstdint>
 
-class MaterialFile {
+class PLAYFILE_API MaterialFile {
 public:
     static constexpr uint32_t kDefaultAlignment = 512;
     static constexpr uint32_t kDamagedChunkLength = 0xFF000000u;

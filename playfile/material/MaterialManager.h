@@ -23,13 +23,14 @@
 #include "host/core/LightweightString.h"
 #include "host/project/DriveId.h"
 #include "host/tasks/BackgroundTask.h"
+#include "playfile/Export.h"
 #include "playfile/open/MediaTypes.h"
 #include "playfile/tasks/ExternalDownloadTask.h"
 
 #include <set>
 #include <vector>
 
-class MaterialManager {
+class PLAYFILE_API MaterialManager {
 public:
     // True when any of the materials has media of the asked kinds on a remote location.
     // Local project space: a linked proxy (asked first) or linked high-res file whose

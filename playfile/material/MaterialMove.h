@@ -11,8 +11,9 @@
 #include "host/core/Cookie.h"
 #include "host/project/DriveId.h"
 #include "host/tasks/Logger.h"
+#include "playfile/Export.h"
 
-class MaterialMove {
+class PLAYFILE_API MaterialMove {
 public:
     enum eType {
         eCopy = 0, // copies the files; the material directory keeps naming the old place

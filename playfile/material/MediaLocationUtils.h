@@ -17,10 +17,11 @@
 #include "host/project/MediaDrive.h"
 #include "host/project/MediaFileInfo.h"
 #include "host/project/MediaLocationInfo.h"
+#include "playfile/Export.h"
 
 class EditModule;
 
-class MediaLocationUtils {
+class PLAYFILE_API MediaLocationUtils {
 public:
     // The location record of a clip: for each material file it refers to (references
     // of selector 2, in order) the material cookie, and for those with a directory entry
@@ -59,4 +60,4 @@ public:
 // material under the cursor on the first selected video channel; an effect, filler,
 // nothing there or no selected channel is never offline. Any other log type, no edit or
 // an empty edit: false.
-bool isMediaOffline(const EditModule& module);
+PLAYFILE_API bool isMediaOffline(const EditModule& module);

@@ -54,14 +54,14 @@ configb FileReadInstance::initDecodeOptionValues(const configb& stored) {
 bool FileReadInstance::queueReadRequest(Zn::Ptr<VideoReadRequest>& request, bool flag) {
     if (videoQueue_) return videoQueue_->queueReadRequest(request, flag);
     // Opened without video: nothing will ever read the request, so it fails now.
-    if (request) request->requestHasCompleted(Failed);
+    if (request) request->requestHasCompleted(RequestStatus::Failed);
     return false;
 }
 
 bool FileReadInstance::queueReadRequest(Zn::Ptr<AudioReadRequest>& request, bool deferWake) {
     if (audioQueue_) return audioQueue_->queueReadRequest(request, deferWake);
     if (request) {
-        request->setStatus(Failed);
+        request->setStatus(RequestStatus::Failed);
         Zn::Ptr<iObject> none;
         request->doCallbacks(none);
     }
@@ -71,7 +71,7 @@ bool FileReadInstance::queueReadRequest(Zn::Ptr<AudioReadRequest>& request, bool
 void FileReadInstance::readVideo(Zn::Ptr<VideoReadRequest>& request) {
     TimedActivity activity(Zn::Ptr<TimedTask>(&readTask()), "read");
     Zn::Ptr<FrameBufferRep> buffer(new FrameBufferRep());
-    int rc = kReadFailed;
+    eReadResult rc = kReadFailed;
     try {
         rc = readVideo(buffer, request);
     } catch (const std::exception& e) {
@@ -81,17 +81,19 @@ void FileReadInstance::readVideo(Zn::Ptr<VideoReadRequest>& request) {
     }
     if (rc == kReadDone) {
         request->setResultBuffer(buffer);
-        request->requestHasCompleted(Complete);
+        request->requestHasCompleted(RequestStatus::Complete);
     } else if (rc != kReadPending) {
-        request->requestHasCompleted(Failed);
+        request->requestHasCompleted(RequestStatus::Failed);
     }
 }
 
-int FileReadInstance::readVideo(Zn::Ptr<FrameBufferRep>&, Zn::Ptr<VideoReadRequest>&) { return kReadFailed; }
+FileReadInstance::eReadResult FileReadInstance::readVideo(Zn::Ptr<FrameBufferRep>&, Zn::Ptr<VideoReadRequest>&) {
+    return kReadFailed;
+}
 
 void FileReadInstance::readAudio(Zn::Ptr<AudioReadRequest>&) {}
 
-int FileReadInstance::extractFiles(const WString&, const WString&, const Cookie&, OpenType, const Zn::FileWriterParams&,
+eExtractResult FileReadInstance::extractFiles(const WString&, const WString&, const Cookie&, OpenType, const Zn::FileWriterParams&,
                                    LoggerHandle&) {
     return kExtractNotSupported;
 }

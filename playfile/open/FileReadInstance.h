@@ -15,9 +15,11 @@
 #include "host/core/Cookie.h"
 #include "host/core/configb.h"
 #include "host/media/DecodeFormat.h"
+#include "host/media/FileXferManager.h"
 #include "host/media/FrameBufferRep.h"
 #include "host/media/GenericParam.h"
 #include "host/threads/CriticalSection.h"
+#include "playfile/Export.h"
 #include "playfile/open/OpenType.h"
 #include "playfile/open/PlayFile.h"
 
@@ -33,16 +35,18 @@ class VideoReadQueue;
 struct FileWriterParams;
 } // namespace Zn
 
-class FileReadInstance : public PlayFile {
+class PLAYFILE_API FileReadInstance : public PlayFile {
 public:
-    // Results of the frame-buffer readVideo.
-    enum eReadResult : int {
+    // Results of the frame-buffer readVideo. The names are usable unqualified in the
+    // class and in back-ends; the type keeps them apart from the audio reader's results.
+    enum class eReadResult : int {
         kReadPending = 1, // the back-end completes the request later itself
         kReadDone = 2,    // the frame buffer holds the frame
         kReadFailed = 3,
     };
+    using enum eReadResult;
     // extractFiles of a back-end that cannot extract.
-    static constexpr int kExtractNotSupported = 2005;
+    static constexpr eExtractResult kExtractNotSupported = eExtractResult::eExtractNotSupported;
 
     // Takes the queues the open type needs from the pools (or makes them).
     FileReadInstance(const WString& fileName, const DecodeFormat& format, OpenType type);
@@ -71,14 +75,14 @@ public:
     // fill a new buffer and completes the request by its result.
     virtual void readVideo(Zn::Ptr<VideoReadRequest>& request);
     // The back-end's frame read: stores the frame (or its data) in buffer, which it may
-    // replace, and answers eReadResult. The base answers kReadFailed.
-    virtual int readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request);
+    // replace, and answers how it went. The base answers kReadFailed.
+    virtual eReadResult readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request);
     // Reads one audio request, on the audio queue's thread; the reader sets the request's
     // status and calls its issuers. The base does nothing.
     virtual void readAudio(Zn::Ptr<AudioReadRequest>& request);
 
     // Writes a section of the file to new files; the base answers kExtractNotSupported.
-    virtual int extractFiles(const WString& destination, const WString& baseName, const Cookie& clip, OpenType type,
+    virtual eExtractResult extractFiles(const WString& destination, const WString& baseName, const Cookie& clip, OpenType type,
                              const Zn::FileWriterParams& params, LoggerHandle& log);
 
     // Drop finished requests that only the video queue still holds (purge: all of them).
@@ -105,7 +109,7 @@ public:
 protected:
     // For the back-end: what it guards, and which locks may be held when it is taken, is
     // the back-end's to say. The base never takes it.
-    CriticalSection& getLock() noexcept { return lock_; }
+    CriticalSection& getLock() noexcept RETURN_CAPABILITY(lock_) { return lock_; }
 
 private:
     std::atomic<uint64_t> lastUse_;

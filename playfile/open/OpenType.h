@@ -3,9 +3,11 @@
 // read queues a file read instance gets.
 #pragma once
 
+#include "playfile/Export.h"
+
 #include <cstdint>
 
-class OpenType {
+class PLAYFILE_API OpenType {
 public:
     enum eBits : uint32_t {
         kNone = 0,

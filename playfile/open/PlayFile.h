@@ -9,10 +9,11 @@
 #include "host/core/RefCount.h"
 #include "host/media/IndexInfoRep.h"
 #include "host/media/PlayFileMetadataRep.h"
+#include "playfile/Export.h"
 
 // iObject is a virtual base, so that a reader may also derive from another host object
 // (StreamingDecodeReader is a BasicThread too) and still be one object to Zn::Ptr.
-class PlayFile : public Identified, public virtual iObject {
+class PLAYFILE_API PlayFile : public Identified, public virtual iObject {
 public:
     // Creates the metadata for the file name; the back-end fills it while opening.
     explicit PlayFile(const WString& fileName);

@@ -417,7 +417,7 @@ int PlayFileCache::videoReadRequest(Zn::Ptr<VideoReadRequest>& request, const Co
     if (index == 0 && meta.hasStillImage()) {
         request = Zn::makePtr<VideoReadRequest>(file, indexInfo, 0u, resultType, format, issuer);
         request->setResultBuffer(Zn::makePtr<FrameBufferRep>(0u, meta.getStillImage()));
-        request->requestHasCompleted(Complete);
+        request->requestHasCompleted(RequestStatus::Complete);
         return kVideoQueued;
     }
     const uint32_t frames = meta.getFrameCount();

@@ -17,11 +17,12 @@
 #include "host/core/RefCount.h"
 #include "host/core/ValObserver.h"
 #include "host/media/DecodeFormat.h"
-#include "host/media/OpenOutcome.h"
 #include "host/media/FileWriterInfo.h"
+#include "host/media/OpenOutcome.h"
 #include "host/os/Reclaimable.h"
 #include "host/threads/CriticalSection.h"
 #include "ole/Zn/ZnMultipleAccessQueue.h"
+#include "playfile/Export.h"
 #include "playfile/open/MediaTypes.h"
 #include "playfile/open/OpenType.h"
 #include "playfile/requests/ReadRequestIssuer.h"
@@ -50,7 +51,7 @@ class VideoReadRequest;
 //      it are to the host's log (reportUsage), a leaf.
 // A reference count of 1 seen under lock_ is final: only the maps hand out new references
 // to a file that nobody else holds, and they do so under lock_.
-class PlayFileCache : public Reclaimable, public ValObserverClient {
+class PLAYFILE_API PlayFileCache : public Reclaimable, public ValObserverClient {
 public:
     // Results of the read requests.
     static constexpr int kVideoQueued = 0;

@@ -123,7 +123,7 @@ int PlayUtil::ZnVideoSample_write(Zn::Ptr<Zn::FileWriteInstance>& writer, int sa
     }
     for (int waits = kPendingWaitCount; writer->pendingFrames() > kMaxPendingFrames;) {
         if (--waits == 0) {
-            if (done) done(Failed);
+            if (done) done(RequestStatus::Failed);
             LogBoth("Failed to write sample %d\n", sampleId);
             return 0;
         }
@@ -134,11 +134,11 @@ int PlayUtil::ZnVideoSample_write(Zn::Ptr<Zn::FileWriteInstance>& writer, int sa
                       : writer->writeFrame(packet->getImage(), sampleId);
     if (rc != 1) {
         if (!surfaces) writer->abandonFrame();
-        if (done) done(Failed);
+        if (done) done(RequestStatus::Failed);
         LogBoth("Failed to write sample %d\n", sampleId);
         return rc;
     }
-    if (done) done(Complete);
+    if (done) done(RequestStatus::Complete);
     written.fetch_add(1);
     return 1;
 }

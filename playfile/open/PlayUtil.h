@@ -11,8 +11,9 @@
 #include "host/media/FileReaderInfo.h"
 #include "host/media/FileWriterInfo.h"
 #include "host/media/MemHolder.h"
-#include "host/media/RequestStatus.h"
 #include "host/media/PlayFileMetadataRep.h"
+#include "host/media/RequestStatus.h"
+#include "playfile/Export.h"
 #include "playfile/open/MediaTypes.h"
 #include "playfile/open/OpenType.h"
 
@@ -21,7 +22,7 @@
 class CapturePacket;
 class FileReadInstance;
 
-class PlayUtil {
+class PLAYFILE_API PlayUtil {
 public:
     // Opens fileName for the access in type: the registered readers are tried in order
     // until one opens it; if that reader cannot serve all of type for this file (its audio

@@ -16,7 +16,7 @@ bool StreamingDecodeReader::framePresent(const Zn::Ptr<FrameBufferRep>& slot, un
     return first <= frame && frame < uint64_t(first) + slot->getNumFrames();
 }
 
-int StreamingDecodeReader::readVideo(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) {
+StreamingDecodeReader::eReadResult StreamingDecodeReader::readVideo(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) {
     if (streamMetadata_ && streamMetadata_->getGroupSize() >= 2) {
         if (!wakeEvent_) beginStreamDecode();
         return readVideoStreaming(out, request);
@@ -64,13 +64,12 @@ void StreamingDecodeReader::threadFn() {
     }
 }
 
-int StreamingDecodeReader::readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) {
+StreamingDecodeReader::eReadResult StreamingDecodeReader::readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) {
     const uint32_t frame = request->getFrame();
-    iCriticalSection& lock = *slotLock_;
     Zn::Image::Surface surface;
-    lock.enter();
+    iCriticalSection::Lock lock(*slotLock_);
 
-    auto lookUp = [&]() {
+    auto lookUp = [&]() REQUIRES(slotLock_) {
         if (framePresent(decodingSlot_, frame)) {
             surface = decodingSlot_->getSurface(frame - decodingSlot_->getStartValidFrameIndex());
             return true;
@@ -85,9 +84,9 @@ int StreamingDecodeReader::readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::
     bool found = lookUp();
     if (!found && !doneEvent_->wait(0)) {
         // A pass is running: it may be decoding the frame's run right now.
-        lock.leave();
+        lock.unlock();
         doneEvent_->wait();
-        lock.enter();
+        lock.relock();
         found = lookUp();
     }
 
@@ -98,10 +97,10 @@ int StreamingDecodeReader::readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::
         if (decodingSlot_) {
             Zn::Image::Surface last = decodingSlot_->getSurface(decodingSlot_->getNumFrames() - 1);
             if (last.state() == Zn::Image::Surface::kWaitTimedOut) {
-                lock.leave();
+                lock.unlock();
                 wakeEvent_->set();
                 last.wait();
-                lock.enter();
+                lock.relock();
             }
         }
         currentSlot_ = std::move(decodingSlot_);
@@ -112,8 +111,8 @@ int StreamingDecodeReader::readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::
             start = frame - frame % g;
             end = start + g - 1;
         } else if (!handler_) {
+            lock.unlock();
             out = Zn::makePtr<FrameBufferRep>(frame, Zn::Image::Surface());
-            lock.leave();
             return kReadFailed;
         } else {
             int64_t first = frame, endExclusive = int64_t(frame) + 1;
@@ -129,7 +128,7 @@ int StreamingDecodeReader::readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::
         surface = decodingSlot_->getSurface(frame - uint32_t(start));
         wakeEvent_->set();
     }
-    lock.leave();
+    lock.unlock();
     out = Zn::makePtr<FrameBufferRep>(frame, surface);
     return kReadDone;
 }

@@ -17,6 +17,7 @@
 #include "host/threads/BasicThread.h"
 #include "host/threads/Mutex.h"
 #include "host/threads/ThreadEvent.h"
+#include "playfile/Export.h"
 #include "playfile/open/FileReadInstance.h"
 
 #include <cstdint>
@@ -34,7 +35,7 @@ class VideoReadRequest;
 // the handler and stream metadata are set by the back-end before reads start and not
 // changed while they run. endStreamDecode must not run at the same time as a read (it is
 // meant for the back-end's destructor).
-class StreamingDecodeReader : public FileReadInstance, public BasicThread {
+class PLAYFILE_API StreamingDecodeReader : public FileReadInstance, public BasicThread {
 public:
     // What the reader needs to know of the back-end's video stream.
     class StreamMetadata : public iObject {
@@ -56,7 +57,7 @@ public:
 
     // The frame-buffer read of FileReadInstance: streams when the stream metadata has a
     // group size of 2 or more, else decodes synchronously.
-    int readVideo(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) override;
+    eReadResult readVideo(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request) override;
     using FileReadInstance::readVideo;
 
     void beginStreamDecode();
@@ -70,8 +71,8 @@ protected:
     // its run, each surface set or failed as it is done, the last one always finished; a
     // one-frame buffer on the synchronous path: the frame or its data). Answers the
     // FileReadInstance read result (kReadDone, kReadPending, anything else failed).
-    virtual int decodeFrames(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) = 0;
-    virtual int readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request);
+    virtual eReadResult decodeFrames(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) = 0;
+    virtual eReadResult readVideoStreaming(Zn::Ptr<FrameBufferRep>& out, Zn::Ptr<VideoReadRequest>& request);
     void threadFn() override;
 
     void setFrameRangeHandler(Zn::Ptr<iVariableFrameRateHandler> handler) { handler_ = std::move(handler); }
@@ -84,8 +85,8 @@ private:
     Zn::Ptr<iVariableFrameRateHandler> handler_;
     Zn::Ptr<iThreadEvent> wakeEvent_; // auto-reset: starts a decoding pass
     Zn::Ptr<iThreadEvent> doneEvent_; // manual-reset: clear while a pass runs
-    Zn::Ptr<FrameBufferRep> decodingSlot_;
-    Zn::Ptr<FrameBufferRep> currentSlot_;
+    Zn::Ptr<FrameBufferRep> decodingSlot_ GUARDED_BY(slotLock_);
+    Zn::Ptr<FrameBufferRep> currentSlot_ GUARDED_BY(slotLock_);
     // The decode thread's own (no lock): the slot of its last pass, which is never decoded
     // twice, as its surfaces may only be written until they complete.
     Zn::Ptr<FrameBufferRep> decodedSlot_;

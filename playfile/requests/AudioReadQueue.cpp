@@ -63,7 +63,7 @@ void AudioReadQueue::despatchItemFromQueue() {
             // The reader ends its requests itself; one that escaped it with an exception
             // is failed here so that its issuers are not left waiting.
             LogBoth("Exception reading audio of \"%ls\": %s\n", request->getFile()->getFileName().c_str(), what.c_str());
-            request->setStatus(Failed);
+            request->setStatus(RequestStatus::Failed);
             Zn::Ptr<iObject> none;
             request->doCallbacks(none);
         }

@@ -10,6 +10,7 @@
 #include "host/threads/BasicThread.h"
 #include "host/threads/CriticalSection.h"
 #include "host/threads/ThreadEvent.h"
+#include "playfile/Export.h"
 #include "playfile/requests/AudioReadRequest.h"
 #include "playfile/requests/QueuePool.h"
 
@@ -23,7 +24,7 @@ namespace Zn {
 // hint for the thread's loop). It is held only to insert or take a request, never while
 // reading, and nothing else is taken under it; it may be taken with a request's lock or
 // the file's audio reader lock held (an issuer's callback queuing more audio).
-class AudioReadQueue : public BasicThread {
+class PLAYFILE_API AudioReadQueue : public BasicThread {
 public:
     AudioReadQueue();
     ~AudioReadQueue() override;
@@ -59,7 +60,7 @@ private:
         }
     };
 
-    std::multimap<Key, Zn::Ptr<AudioReadRequest>> pending_;
+    std::multimap<Key, Zn::Ptr<AudioReadRequest>> pending_ GUARDED_BY(lock_);
     std::atomic<uint32_t> pendingCount_{0};
     Zn::Ptr<iThreadEvent> wakeEvent_;
     const uint32_t pollDelay_;

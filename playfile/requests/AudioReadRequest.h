@@ -7,6 +7,7 @@
 #include "host/core/RefCount.h"
 #include "host/media/AudioMetadata.h"
 #include "host/media/StreamBuffer.h"
+#include "playfile/Export.h"
 #include "playfile/requests/ProxySet.h"
 #include "playfile/requests/ReadRequestIssuer.h"
 #include "playfile/requests/RequestStatus.h"
@@ -29,7 +30,7 @@ struct AudioRequest {
 // Threads: the status is atomic. The result is written by the reader on the audio queue's
 // thread before the status changes and the issuers are called, and read by others after.
 // The proxy set is guarded by the request lock (see ProxySet).
-class AudioReadRequest : public iObject, public AudioRequest {
+class PLAYFILE_API AudioReadRequest : public iObject, public AudioRequest {
 public:
     AudioReadRequest(Zn::Ptr<FileReadInstance>& file, const AudioRequest& request, unsigned int sampleFactor,
                      Zn::Ptr<ReadRequestIssuer::Proxy> proxy);
@@ -69,5 +70,5 @@ private:
     const Zn::Ptr<FileReadInstance> file_;
     Aud::StreamBuffer result_;
     const unsigned int sampleFactor_;
-    std::atomic<RequestStatus> status_{Queued};
+    std::atomic<RequestStatus> status_{RequestStatus::Queued};
 };

@@ -8,6 +8,7 @@
 #include "host/core/RefCount.h"
 #include "host/media/DecodeFormat.h"
 #include "ole/Zn/ZnDecouplingQueue.h"
+#include "playfile/Export.h"
 
 #include <atomic>
 #include <cstdint>
@@ -18,7 +19,7 @@ namespace Zn {
 
 // Threads: the state is written once (0 to 2 or 3) by the thread that finishes the request,
 // after the file; a reader that sees 2 sees the file. The other fields never change.
-class PreOpenRequest : public iObject {
+class PLAYFILE_API PreOpenRequest : public iObject {
 public:
     enum eState : uint32_t {
         kWaiting = 0,
@@ -51,7 +52,7 @@ private:
 // host's shutdown step 401 or at process exit. It has the smaller of "numReaderThreads" and
 // the processor count of workers; each opens one file at a time through the play file
 // cache, which makes opens of different files run in parallel and of one file once.
-class FilePreOpen : public DecouplingQueue<PreOpenRequest>::Decoupler {
+class PLAYFILE_API FilePreOpen : public DecouplingQueue<PreOpenRequest>::Decoupler {
 public:
     static constexpr unsigned kShutdownLevel = 401;
 

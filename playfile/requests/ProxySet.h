@@ -18,7 +18,7 @@ class ProxySet {
 public:
     using ProxyPtr = Zn::Ptr<ReadRequestIssuer::Proxy>;
 
-    CriticalSection& lock() noexcept { return lock_; }
+    CriticalSection& lock() noexcept RETURN_CAPABILITY(lock_) { return lock_; }
 
     // Adds a proxy not already present, keeping the order.
     void insert(const ProxyPtr& p) {
@@ -26,7 +26,7 @@ public:
         CriticalSection::Lock guard(lock_);
         insertLocked(p);
     }
-    void insertLocked(const ProxyPtr& p) {
+    void insertLocked(const ProxyPtr& p) REQUIRES(lock_) {
         auto at = std::lower_bound(proxies_.begin(), proxies_.end(), p);
         if (at == proxies_.end() || *at != p) proxies_.insert(at, p);
     }
@@ -64,5 +64,5 @@ public:
 
 private:
     mutable CriticalSection lock_;
-    std::vector<ProxyPtr> proxies_;
+    std::vector<ProxyPtr> proxies_ GUARDED_BY(lock_);
 };

@@ -10,6 +10,7 @@
 #include "host/core/RefCount.h"
 #include "host/threads/CriticalSection.h"
 #include "host/threads/Shutdown.h"
+#include "playfile/Export.h"
 
 #include <atomic>
 #include <cstdint>
@@ -25,7 +26,7 @@ class VideoReadQueue;
 // made and destroyed outside those), and nothing is taken under it: queues are made and
 // released after it is left, because releasing a queue joins its thread, which may be
 // destroying a file that gives a queue back to this pool.
-template <class T> class Pool {
+template <class T> class PLAYFILE_API Pool {
 public:
     static constexpr unsigned kShutdownLevel = 401;
 
@@ -56,9 +57,9 @@ private:
     // on the queue's own thread (its file was destroyed there); the queue then ends itself.
     static void release(Zn::Ptr<T> queue);
 
-    uint32_t active_ = 1;
-    std::deque<Zn::Ptr<T>> idle_;
-    unsigned count_ = 0;
+    uint32_t active_ GUARDED_BY(lock_) = 1;
+    std::deque<Zn::Ptr<T>> idle_ GUARDED_BY(lock_);
+    unsigned count_ GUARDED_BY(lock_) = 0;
     mutable CriticalSection lock_;
     Shutdown::Handle shutdownHandle_ = 0;
     // Cleared when the pool is destroyed at exit, so a file destroyed later does not

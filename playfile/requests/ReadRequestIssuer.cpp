@@ -12,11 +12,6 @@ void ReadRequestIssuer::Proxy::clear() noexcept {
     issuer_ = nullptr;
 }
 
-ReadRequestIssuer* ReadRequestIssuer::Proxy::getIssuer() const noexcept {
-    CriticalSection::Lock lock(lock_);
-    return issuer_;
-}
-
 ReadRequestIssuer::ReadRequestIssuer() : proxy_(Zn::makePtr<Proxy>(this)) {}
 
 ReadRequestIssuer::~ReadRequestIssuer() { proxy_->clear(); }

@@ -11,9 +11,10 @@
 
 #include "host/core/RefCount.h"
 #include "host/threads/CriticalSection.h"
+#include "playfile/Export.h"
 #include "playfile/requests/RequestStatus.h"
 
-class ReadRequestIssuer {
+class PLAYFILE_API ReadRequestIssuer {
 public:
     // Lock: lock_ guards issuer_ and is held while the issuer is called, so clear() waits
     // for a running callback. It is taken last: a queue's lock and the request's lock may
@@ -27,7 +28,6 @@ public:
         bool call(Zn::Ptr<iObject>& result, RequestStatus status);
         // Forgets the issuer; returns once no callback through this proxy is running.
         void clear() noexcept;
-        ReadRequestIssuer* getIssuer() const noexcept;
 
     private:
         mutable CriticalSection lock_;

@@ -47,7 +47,7 @@ bool RequestWaiter::queue(Zn::Ptr<AudioReadRequest>& request) {
 }
 
 void RequestWaiter::queued(RequestStatus held) {
-    if (held == Failed) end(nullptr, Failed);
+    if (held == RequestStatus::Failed) end(nullptr, RequestStatus::Failed);
 }
 
 void RequestWaiter::readRequestComplete(Zn::Ptr<iObject>& result, RequestStatus status) { end(result, status); }
@@ -84,6 +84,6 @@ Zn::Ptr<iObject> RequestWaiter::result() {
 void RequestWaiter::reset() {
     std::lock_guard<std::mutex> lock(mutex_);
     finished_ = false;
-    status_ = Queued;
+    status_ = RequestStatus::Queued;
     result_ = nullptr;
 }

@@ -16,6 +16,7 @@
 #include "host/core/Cookie.h"
 #include "host/core/RefCount.h"
 #include "host/media/DecodeFormat.h"
+#include "playfile/Export.h"
 #include "playfile/open/MediaTypes.h"
 #include "playfile/requests/ReadRequestIssuer.h"
 #include "playfile/requests/RequestStatus.h"
@@ -31,7 +32,7 @@ class VideoReadRequest;
 // Lock: mutex_ guards finished_, status_ and result_. It is taken inside the callback, so
 // with the proxy's lock and perhaps the queue's and the request's locks held; nothing is
 // taken under it.
-class RequestWaiter : public ReadRequestIssuer {
+class PLAYFILE_API RequestWaiter : public ReadRequestIssuer {
 public:
     RequestWaiter() = default;
     ~RequestWaiter() override;
@@ -71,6 +72,6 @@ private:
     std::mutex mutex_;
     std::condition_variable done_;
     bool finished_ = false;
-    RequestStatus status_ = Queued;
+    RequestStatus status_ = RequestStatus::Queued;
     Zn::Ptr<iObject> result_;
 };

@@ -7,7 +7,7 @@
 namespace Zn {
 
 namespace {
-bool isFinished(RequestStatus s) { return s != Queued && s != InProgress; }
+bool isFinished(RequestStatus s) { return s != RequestStatus::Queued && s != RequestStatus::InProgress; }
 } // namespace
 
 VideoReadQueue::VideoReadQueue()
@@ -48,22 +48,12 @@ bool VideoReadQueue::queueReadRequest(Zn::Ptr<VideoReadRequest>& request, bool) 
 // The lists are walked in place rather than copied: the lock is held throughout and
 // matching neither calls out nor changes them, so the order and the answer are those of a
 // copy, without its allocation on every request.
-Zn::Ptr<VideoReadRequest> VideoReadQueue::findMatchingRequest(Zn::Ptr<VideoReadRequest>& request) {
-    CriticalSection::Lock lock(lock_);
-    return findMatchLocked(*request);
-}
-
 Zn::Ptr<VideoReadRequest> VideoReadQueue::findMatchLocked(const VideoReadRequest& request) const {
     for (const Entry& c : pending_)
         if (c.serves(request)) return c.request;
     for (const Entry& c : inProgress_)
         if (c.serves(request)) return c.request;
     return nullptr;
-}
-
-void VideoReadQueue::reuseRequest(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<VideoReadRequest>& request) {
-    CriticalSection::Lock lock(lock_);
-    reuseLocked(existing, request);
 }
 
 void VideoReadQueue::reuseLocked(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<VideoReadRequest>& request) {
@@ -80,15 +70,15 @@ void VideoReadQueue::reuseLocked(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<Vi
         status = existing->getStatus();
     }
     switch (status) {
-    case Queued:
-    case InProgress:
+    case RequestStatus::Queued:
+    case RequestStatus::InProgress:
         if (!same) request = existing;
         break;
-    case Complete:
+    case RequestStatus::Complete:
         if (!same) request = existing;
-        existing->requestHasCompleted(Complete);
+        existing->requestHasCompleted(RequestStatus::Complete);
         break;
-    case Failed:
+    case RequestStatus::Failed:
         // The issuer finds the failed status on the request it now holds; nobody is called.
         request = existing;
         break;
@@ -109,7 +99,7 @@ void VideoReadQueue::despatchItemFromQueue() {
         if (taken.request.refCount() != 1) {
             wanted = true;
             request = taken.request;
-            request->setStatus(InProgress);
+            request->setStatus(RequestStatus::InProgress);
             inProgress_.push_back(std::move(taken));
             ++inProgressCount_;
         } else {

@@ -11,6 +11,7 @@
 #include "host/threads/BasicThread.h"
 #include "host/threads/CriticalSection.h"
 #include "host/threads/ThreadEvent.h"
+#include "playfile/Export.h"
 #include "playfile/requests/QueuePool.h"
 #include "playfile/requests/VideoReadRequest.h"
 
@@ -32,7 +33,7 @@ namespace Zn {
 //
 // Reference counts of requests are read without a lock: a count of 1 seen under lock_ is
 // final, since only the queue could add a reference and it holds the lock.
-class VideoReadQueue : public BasicThread {
+class PLAYFILE_API VideoReadQueue : public BasicThread {
 public:
     VideoReadQueue();
     ~VideoReadQueue() override;
@@ -40,12 +41,6 @@ public:
     // Queues request, or joins it to an equal request, in which case request is made to
     // point to that one. Answers true (the flag is not used by video queues).
     bool queueReadRequest(Zn::Ptr<VideoReadRequest>& request, bool flag);
-    // The first queued, then the first taken, request that serves request; null if none.
-    // Takes lock_ (queueReadRequest already holds it).
-    Zn::Ptr<VideoReadRequest> findMatchingRequest(Zn::Ptr<VideoReadRequest>& request);
-    // Joins request's issuers to existing and points request at it; an issuer joining a
-    // finished request is called at once. Takes lock_ (queueReadRequest already holds it).
-    void reuseRequest(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<VideoReadRequest>& request);
     // Takes the front request and has its file read it, unless nobody else holds it.
     void despatchItemFromQueue();
     // Drops finished requests that only the queue holds.
@@ -93,11 +88,16 @@ private:
         uint32_t width;
         eResultType resultType;
     };
-    Zn::Ptr<VideoReadRequest> findMatchLocked(const VideoReadRequest& request) const;
-    void reuseLocked(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<VideoReadRequest>& request);
+    // Under lock_: the first queued, then the first taken, request that serves request;
+    // null if none.
+    Zn::Ptr<VideoReadRequest> findMatchLocked(const VideoReadRequest& request) const REQUIRES(lock_);
+    // Under lock_: joins request's issuers to existing and points request at it; an issuer
+    // joining a finished request is called at once.
+    void reuseLocked(Zn::Ptr<VideoReadRequest>& existing, Zn::Ptr<VideoReadRequest>& request)
+        REQUIRES(lock_);
     // limitUsage's work, under lock_: moves the droppable requests to dropped, which the
     // caller destroys after leaving the lock.
-    void collectFinished(RequestList& dropped);
+    void collectFinished(RequestList& dropped) REQUIRES(lock_);
     // Drops finished requests of files that nothing outside this queue refers to any more.
     // Such a file holds this queue and the queue holds its requests, which hold the file:
     // nobody can queue on it again, so no later queuing would ever drop them.
@@ -105,10 +105,10 @@ private:
 
     Zn::Ptr<iThreadEvent> wakeEvent_;
     const uint32_t pollDelay_;
-    std::deque<Entry> pending_;
+    std::deque<Entry> pending_ GUARDED_BY(lock_);
     std::atomic<uint32_t> pendingCount_{0};
-    std::vector<Entry> inProgress_;
-    uint32_t inProgressCount_ = 0;
+    std::vector<Entry> inProgress_ GUARDED_BY(lock_);
+    uint32_t inProgressCount_ GUARDED_BY(lock_) = 0;
     mutable CriticalSection lock_;
     Zn::Ptr<VideoReadQueue> self_; // only ever touched on the queue's own thread
 };

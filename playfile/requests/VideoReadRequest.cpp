@@ -49,7 +49,7 @@ RequestStatus VideoReadRequest::finishFrameBuffer(FrameBufferRep& buffer, Reques
         if (resultType_ != kResultCompressed) {
             Zn::Ptr<Zn::iDecoder> decoder = Zn::DecoderInfo::getDecoderFor(info);
             if (!decoder || decoder->decodeFrame(held) != 1) {
-                s = Failed;
+                s = RequestStatus::Failed;
                 buffer.setDecompressComplete(FrameBufferRep::kDecompressFailed);
             }
         } else {
@@ -74,7 +74,7 @@ RequestStatus VideoReadRequest::finishFrameBuffer(FrameBufferRep& buffer, Reques
 void VideoReadRequest::requestHasCompleted(RequestStatus status) {
     RequestStatus s = status;
     Zn::Ptr<FrameBufferRep> buffer = resultBuffer_;
-    if (status == Complete && getStatus() != Complete && buffer &&
+    if (status == RequestStatus::Complete && getStatus() != RequestStatus::Complete && buffer &&
         OSServices::atomicCompareExchange(buffer->decompressionState(), FrameBufferRep::kCompressed,
                                           FrameBufferRep::kDecompressing)) {
         s = finishFrameBuffer(*buffer, s);

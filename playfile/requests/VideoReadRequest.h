@@ -9,6 +9,7 @@
 #include "host/media/DecodeFormat.h"
 #include "host/media/FrameBufferRep.h"
 #include "host/media/IndexInfoRep.h"
+#include "playfile/Export.h"
 #include "playfile/requests/ProxySet.h"
 #include "playfile/requests/ReadRequestIssuer.h"
 #include "playfile/requests/RequestStatus.h"
@@ -23,7 +24,7 @@ class FileReadInstance;
 // status change on completion are guarded by the request lock (see ProxySet for its
 // order). The result buffer is written by the thread that reads the frame before the
 // request completes, and read by others after.
-class VideoReadRequest : public DecodeFormat, public virtual iObject {
+class PLAYFILE_API VideoReadRequest : public DecodeFormat, public virtual iObject {
 public:
     VideoReadRequest(Zn::Ptr<FileReadInstance>& file, Zn::Ptr<IndexInfoRep>& indexInfo, unsigned int frame,
                      eResultType resultType, const DecodeFormat& format, Zn::Ptr<ReadRequestIssuer::Proxy> proxy);
@@ -64,7 +65,7 @@ private:
     // Decoding or wrapping of a claimed frame buffer; answers the status to report.
     RequestStatus finishFrameBuffer(FrameBufferRep& buffer, RequestStatus s);
 
-    std::atomic<RequestStatus> status_{Queued};
+    std::atomic<RequestStatus> status_{RequestStatus::Queued};
     const unsigned int frame_;
     const Zn::Ptr<IndexInfoRep> indexInfo_;
     ProxySet proxies_;

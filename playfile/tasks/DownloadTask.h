@@ -20,6 +20,7 @@
 #include "host/os/FileManager.h"
 #include "host/project/DriveId.h"
 #include "host/tasks/BackgroundTask.h"
+#include "playfile/Export.h"
 #include "playfile/material/LogicalMediaFile.h"
 #include "playfile/open/MediaTypes.h"
 
@@ -30,7 +31,7 @@
 
 class EditPtr;
 
-class DownloadTask : public BackgroundTaskBase {
+class PLAYFILE_API DownloadTask : public BackgroundTaskBase {
 public:
     // What the run came to.
     enum class eResult : int { eFailed = 0, eDone = 1, eNoSpace = 2, eCancelled = 3 };

@@ -10,12 +10,13 @@
 #pragma once
 
 #include "host/core/JSON.h"
+#include "playfile/Export.h"
 #include "playfile/tasks/DownloadTask.h"
 
 #include <set>
 #include <string>
 
-class ExternalDownloadTask final : public DownloadTask {
+class PLAYFILE_API ExternalDownloadTask final : public DownloadTask {
 public:
     // The settings a host keeps between sessions, as JSON:
     // {"Location": folder, "ProxyExt": extension, "Naming": "clip" | "file"}.

@@ -81,7 +81,7 @@ Zn::Ptr<iFileXferManager> FileXferSpec::getOurFileXferManager() const {
     return nullptr;
 }
 
-int FileXferSpec::get_extract(LoggerHandle& log) {
+eExtractResult FileXferSpec::get_extract(LoggerHandle& log) {
     const int64_t offset = MaterialInfo::get_start_offset(source);
     if (start < 0.0) {
         if (end < 0.0) Log("get_extract: requested section before start\n");
@@ -89,7 +89,7 @@ int FileXferSpec::get_extract(LoggerHandle& log) {
         return kExtractDone;
     }
     if (!(start < end)) return kEmptySection;
-    if (int rc = get_extract_samples(); rc != 1) return rc;
+    if (get_extract_samples() != 1) return kExtractFailed;
     if (source.type() == 'S') {
         firstSample += offset;
         endSample = int32_t(endSample + offset);
@@ -110,7 +110,7 @@ int FileXferSpec::get_extract(LoggerHandle& log) {
     file = nullptr; // the plug-in reads the file its own way
     if (endSample > length) endSample = int32_t(length);
 
-    int rc = kExtractFailed;
+    eExtractResult rc = kExtractFailed;
     if (Zn::Ptr<iFileXferManager> plugin = getOurFileXferManager()) {
         try {
             rc = plugin->extract(*this, log);

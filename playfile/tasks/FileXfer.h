@@ -15,27 +15,28 @@
 #include "host/media/FileXferManager.h"
 #include "host/media/ShotVideoMetadata.h"
 #include "host/project/DriveId.h"
+#include "playfile/Export.h"
 
 #include <cstdint>
 
 class LoggerHandle;
 
-class FileXferSpec {
+class PLAYFILE_API FileXferSpec {
 public:
-    // get_extract's results beside the plug-in's own (iFileXferManager::eExtractResult).
-    static constexpr int kExtractFailed = 0;
-    static constexpr int kExtractDone = 1;
-    static constexpr int kExtractInterrupted = 3;
-    static constexpr int kEmptySection = 2059;
+    // get_extract's results beside the plug-in's own.
+    static constexpr eExtractResult kExtractFailed = eExtractResult::eExtractFailed;
+    static constexpr eExtractResult kExtractDone = eExtractResult::eExtractDone;
+    static constexpr eExtractResult kExtractInterrupted = eExtractResult::eExtractInterrupted;
+    static constexpr eExtractResult kEmptySection = eExtractResult::eEmptySection;
 
     // The destination drive is the one the project gives rendered material.
     FileXferSpec();
 
-    // Performs the extraction. 1 when the new file is made and registered, and also when
-    // the section starts before the source (nothing is done: the caller pads with black);
-    // 2059 for an empty or reversed section; 3 when interrupted; 0 (or a plug-in's own
-    // non-zero code) on failure.
-    int get_extract(LoggerHandle& log);
+    // Performs the extraction. kExtractDone when the new file is made and registered, and
+    // also when the section starts before the source (nothing is done: the caller pads
+    // with black); kEmptySection for an empty or reversed section; kExtractInterrupted
+    // when interrupted; kExtractFailed (or a plug-in's own non-zero code) on failure.
+    eExtractResult get_extract(LoggerHandle& log);
     // Fills firstSample and endSample from the section by the source's type letter; 1, or
     // 0 for a letter that is neither 'V' nor 'S'.
     int get_extract_samples();

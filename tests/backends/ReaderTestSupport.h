@@ -68,12 +68,12 @@ protected:
                                                      waiter.getProxy()) != PlayFileCache::kVideoQueued)
             return "not available";
         // Joined to an equal request that has already failed: no callback comes.
-        if (request->getStatus() == Failed) return "failed";
+        if (request->getStatus() == RequestStatus::Failed) return "failed";
         if (!waiter.waitForCalls(1, kReadLimit)) return "timed out";
         auto buffer = waiter.buffer();
-        if (waiter.status() != Complete || !buffer) return "failed";
+        if (waiter.status() != RequestStatus::Complete || !buffer) return "failed";
         Zn::Image::Surface s = buffer->getSurface(0);
-        const int state = s.wait(30000);
+        const auto state = s.wait(30000);
         if (state == Zn::Image::Surface::kWaitTimedOut) return "timed out";
         if (state != Zn::Image::Surface::kWaitComplete || !s.valid()) return "failed";
         if (picture) *picture = s;
@@ -87,14 +87,14 @@ protected:
                                RequestStatus* status = nullptr) {
         RecordingIssuer waiter;
         Zn::Ptr<AudioReadRequest> request;
-        if (status) *status = Queued;
+        if (status) *status = RequestStatus::Queued;
         if (PlayFileCache::Shared().audioReadRequest(request, sound, start, count, kProxyLevelHighRes,
                                                      waiter.getProxy(), true) != PlayFileCache::kAudioCreated)
             return {};
         request->getFile()->queueReadRequest(request, false);
         const bool done = waiter.waitForCalls(1, kReadLimit);
-        if (status) *status = done ? request->getStatus() : Queued;
-        if (!done || request->getStatus() != Complete || !request->getBuffer()) return {};
+        if (status) *status = done ? request->getStatus() : RequestStatus::Queued;
+        if (!done || request->getStatus() != RequestStatus::Complete || !request->getBuffer()) return {};
         // The result may run on past the span (to the end of what the reader decoded).
         const size_t asked = size_t(request->tag) * bytesPerSample;
         return std::string(reinterpret_cast<const char*>(request->getBuffer()),

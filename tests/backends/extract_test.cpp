@@ -56,6 +56,7 @@ protected:
     static Cookie newClip() { return ProjectImporter::newClipCookie(); }
 
     // Runs get_extract for [start, end) of the source material into the destination's.
+    // The result as its number, as the cases list it.
     static int extract(const Cookie& source, const Cookie& destination, double start, double end,
                        FileXferSpec* out = nullptr) {
         FileXferSpec xfer;
@@ -65,7 +66,7 @@ protected:
         xfer.end = end;
         xfer.videoMetadata = ShotVideoMetadata(Zn::Image::FormatUID{}, Zn::kFrameRate25);
         LoggerHandle log;
-        const int rc = xfer.get_extract(log);
+        const int rc = int(xfer.get_extract(log));
         if (out) *out = xfer;
         return rc;
     }
@@ -140,7 +141,7 @@ TEST_F(Extract, SectionsOutsideTheSourceAnswerWithoutExtracting) {
     xfer.start = 0;
     xfer.end = 1;
     LoggerHandle handle;
-    EXPECT_EQ(xfer.get_extract(handle), 0);
+    EXPECT_EQ(xfer.get_extract(handle), FileXferSpec::kExtractFailed);
     EXPECT_EQ(log.count("get_extract_samples(): Unknown Cookie type"), 1u);
 }
 
@@ -340,7 +341,7 @@ protected:
         xfer.end = 1.5;
         xfer.videoMetadata = ShotVideoMetadata(Zn::Image::FormatUID{}, Zn::kFrameRate25);
         LoggerHandle log(getLog());
-        result = xfer.get_extract(log);
+        result = int(xfer.get_extract(log));
     }
 
 private:

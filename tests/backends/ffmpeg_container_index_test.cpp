@@ -153,3 +153,66 @@ TEST(FfmpegContainerIndex, ReadsLittleOfTheFileWhereTheContainerIndexesIt) {
         EXPECT_LT(whole->bytesRead, uint64_t(st.st_size) * 2);
     }
 }
+
+// For video alone, a QuickTime/MP4 file's own sample tables stand in for the demuxer: the
+// video index they give is the one the whole-file read builds (edit lists that start on a
+// non-key frame or after an empty edit, B-frames, open groups, none at all), with the
+// decoder's parameters taken from the sample description; what they cannot give exactly
+// is left to the demuxer, with the reason.
+TEST(FfmpegContainerIndex, SampleTablesGiveTheVideoIndexTheWholeFileReadBuilds) {
+    TempDir dir;
+    const std::string source =
+        ffmpeg_oracle::made(dir, "source.mp4", kVideo + kTone, kH264 + " -x264-params open_gop=1 -c:a aac -b:a 64k");
+    const std::string copy = "-i " + shellQuote(source);
+    struct TablesCase {
+        std::string name, input, output;
+        std::string refusal; // part of the reason the tables are not used; empty: they are
+    };
+    const std::vector<TablesCase> cases = {
+        {"open_gop.mp4", copy, "-c copy", ""},
+        {"cut.mp4", "-ss 1.3 " + copy, "-c copy", ""},
+        {"offset.mp4", "-itsoffset 0.5 " + copy, "-c copy", ""},
+        {"no_edits.mp4", copy, "-c copy -use_editlist 0", ""},
+        {"faststart.mp4", copy, "-c copy -movflags +faststart", ""},
+        {"full_range.mov", kVideo, "-c:v libx264 -g 12 -bf 2 -pix_fmt yuvj422p", ""},
+        {"high10.mp4", kVideo, "-c:v libx264 -g 12 -bf 2 -pix_fmt yuv420p10le", ""},
+        {"hevc.mp4", kVideo, "-c:v libx265 -preset ultrafast -x265-params log-level=error:keyint=12:bframes=3", ""},
+        {"prores.mov", kVideo + kTone, "-c:v prores_ks -profile:v 0 -c:a pcm_s24le", ""},
+        {"negative_cts.mp4", copy, "-c copy -movflags +negative_cts_offsets", "negative composition offsets"},
+        {"fragmented.mp4", copy, "-c copy -movflags +frag_keyframe+empty_moov", "fragmented"},
+        {"mpeg4.mp4", kVideo, "-c:v mpeg4 -g 12 -bf 2", "left to libavformat"},
+        {"h264.mkv", kVideo, kH264, "not a QuickTime/MP4 file"},
+        {"audio.m4a", kTone, "-c:a aac", "no video track"},
+    };
+    for (const TablesCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string path = ffmpeg_oracle::made(dir, c.name, c.input, c.output);
+        FfmpegSource::Options videoOnly;
+        videoOnly.videoOnly = true;
+        auto tables = FfmpegSource::open(path, videoOnly);
+        ASSERT_TRUE(tables) << tables.error;
+        if (!c.refusal.empty()) {
+            EXPECT_NE(tables.value->source, IndexSource::SampleTables);
+            EXPECT_NE(tables.value->tablesNote.find(c.refusal), std::string::npos) << tables.value->tablesNote;
+            continue;
+        }
+        ASSERT_EQ(tables.value->source, IndexSource::SampleTables) << tables.value->tablesNote;
+        EXPECT_TRUE(tables.value->audio.empty());
+        auto whole = indexOf(path, false);
+        ASSERT_TRUE(whole && whole->video && tables.value->video);
+        const VideoTrack& a = *tables.value->video;
+        const VideoTrack& b = *whole->video;
+        expectSameVideo(a, b);
+        EXPECT_EQ(a.codec->codec_id, b.codec->codec_id);
+        EXPECT_EQ(a.codec->codec_tag, b.codec->codec_tag);
+        EXPECT_EQ(std::string(a.codec->extradata, a.codec->extradata + a.codec->extradata_size),
+                  std::string(b.codec->extradata, b.codec->extradata + b.codec->extradata_size));
+        EXPECT_EQ(a.codec->color_range, b.codec->color_range);
+        EXPECT_EQ(av_cmp_q(a.timeBase, b.timeBase), 0);
+        EXPECT_EQ(av_cmp_q(a.frameRate, b.frameRate), 0) << a.frameRate.num << "/" << a.frameRate.den;
+        EXPECT_EQ(av_cmp_q(a.sar, b.sar), 0);
+        EXPECT_EQ(a.width, b.width);
+        EXPECT_EQ(a.height, b.height);
+        EXPECT_EQ(a.codecIsIntraOnly, b.codecIsIntraOnly);
+    }
+}

@@ -21,11 +21,28 @@ std::string u32(uint32_t v) { return {char(v >> 24), char(v >> 16), char(v >> 8)
 std::string u64(uint64_t v) { return u32(uint32_t(v >> 32)) + u32(uint32_t(v)); }
 std::string box(const char* type, const std::string& body) { return u32(uint32_t(8 + body.size())) + type + body; }
 std::string full(const char* type, const std::string& body) { return box(type, u32(0) + body); }
+uint32_t u32At(const char* s) {
+    return uint32_t(uint8_t(s[0])) << 24 | uint32_t(uint8_t(s[1])) << 16 | uint32_t(uint8_t(s[2])) << 8 | uint8_t(s[3]);
+}
+
+// A visual sample description: width 176, height 144, depth 24, then its extensions.
+std::string visual(const char* type, const std::string& extensions) {
+    std::string fields(78, '\0');
+    fields[25] = char(176);
+    fields[27] = char(144);
+    fields[75] = 24;
+    return box(type, fields + extensions);
+}
 
 // The parts of a one-track moov box: tables a test may replace.
 struct Track {
     std::string tkhd = full("tkhd", u32(0) + u32(0) + u32(7) + std::string(72, '\0'));
-    std::string stsd = full("stsd", u32(1) + box("avc1", std::string(16, '\0')));
+    std::string mdhd = full("mdhd", u32(0) + u32(0) + u32(600) + u32(0) + u32(0));
+    std::string hdlr = full("hdlr", u32(0) + "vide" + std::string(12, '\0'));
+    std::string elst = full("elst", u32(2) + u32(100) + u32(uint32_t(-1)) + u32(0x10000) + u32(300) + u32(512) + u32(0x10000));
+    std::string stsd = full("stsd", u32(1) + visual("avc1", box("avcC", "\x01\x64") + box("pasp", u32(1) + u32(1))));
+    std::string stts = full("stts", u32(2) + u32(2) + u32(256) + u32(1) + u32(512));
+    std::string stss = full("stss", u32(2) + u32(1) + u32(3));
     std::string stsz = full("stsz", u32(0) + u32(3) + u32(10) + u32(20) + u32(30));
     std::string stsc = full("stsc", u32(2) + u32(1) + u32(2) + u32(1) + u32(2) + u32(1) + u32(1));
     std::string stco = full("stco", u32(2) + u32(100) + u32(200));
@@ -33,8 +50,9 @@ struct Track {
     std::string extra; // more boxes at the end of the moov box
 
     std::string moov() const {
-        const std::string stbl = box("stbl", stsd + stsz + stsc + stco + ctts);
-        return box("moov", box("trak", tkhd + box("mdia", box("minf", stbl))) + extra);
+        const std::string stbl = box("stbl", stsd + stts + stss + stsz + stsc + stco + ctts);
+        const std::string trak = tkhd + box("edts", elst) + box("mdia", mdhd + hdlr + box("minf", stbl));
+        return box("moov", full("mvhd", u32(0) + u32(0) + u32(1000) + u32(0)) + box("trak", trak) + extra);
     }
 };
 
@@ -47,6 +65,18 @@ Result<MovTrackSamples> samplesOf(const std::string& moov) {
     auto tables = MovTables::parse(bytesOf(moov));
     if (!tables) return Result<MovTrackSamples>::fail(tables.error);
     return tables.value.samples(7);
+}
+
+// Why track 7 of a moov box cannot be described, timed or placed; empty when it can.
+std::string refusal(const std::string& moov) {
+    auto tables = MovTables::parse(bytesOf(moov));
+    if (!tables) return tables.error;
+    auto s = tables.value.samples(7);
+    if (!s) return s.error;
+    auto info = tables.value.describe(7);
+    if (!info) return info.error;
+    auto times = tables.value.times(7, s.value.offsets.size());
+    return times ? std::string() : times.error;
 }
 
 ReadAt memoryReader(const std::string& file) {
@@ -84,6 +114,42 @@ TEST(FfmpegMovTables, ReadsEachSamplePlaceSizeAndCompositionOffset) {
     EXPECT_EQ(s.value.compositionOffsets, (std::vector<int32_t>{0, 0, 0}));
 }
 
+TEST(FfmpegMovTables, DescribesTheTrackAndTimesItsSamples) {
+    auto tables = MovTables::parse(bytesOf(Track{}.moov()));
+    ASSERT_TRUE(tables) << tables.error;
+    auto info = tables.value.describe(7);
+    ASSERT_TRUE(info) << info.error;
+    const MovTrackInfo& i = info.value;
+    EXPECT_EQ(i.ordinal, 0);
+    EXPECT_EQ(i.handler, u32At("vide"));
+    EXPECT_EQ(i.timeScale, 600u);
+    EXPECT_EQ(i.movieTimeScale, 1000u);
+    ASSERT_EQ(i.edits.size(), 2u);
+    EXPECT_EQ(i.edits[0].mediaTime, -1);
+    EXPECT_EQ(i.edits[1].duration, 300);
+    EXPECT_EQ(i.edits[1].mediaTime, 512);
+    EXPECT_EQ(i.format, u32At("avc1"));
+    EXPECT_EQ(i.width, 176);
+    EXPECT_EQ(i.height, 144);
+    EXPECT_EQ(i.depth, 24);
+    ASSERT_TRUE(i.extension(u32At("avcC")));
+    EXPECT_EQ(i.extension(u32At("avcC"))->body.size(), 2u);
+    EXPECT_TRUE(i.extension(u32At("pasp")));
+    EXPECT_FALSE(i.extension(u32At("hvcC")));
+    auto times = tables.value.times(7, 3);
+    ASSERT_TRUE(times) << times.error;
+    EXPECT_EQ(times.value.decodeTimes, (std::vector<int64_t>{0, 256, 512}));
+    EXPECT_EQ(times.value.end, 1024);
+    EXPECT_EQ(times.value.sync, (std::vector<char>{1, 0, 1}));
+    EXPECT_EQ(times.value.tableSamples, 3u);
+    // Without stss every sample is a sync sample.
+    Track t;
+    t.stss.clear();
+    tables = MovTables::parse(bytesOf(t.moov()));
+    ASSERT_TRUE(tables) << tables.error;
+    EXPECT_EQ(tables.value.times(7, 3).value.sync, (std::vector<char>{1, 1, 1}));
+}
+
 TEST(FfmpegMovTables, RefusesHostileBoxesWithAReason) {
     struct Case {
         std::string name;
@@ -114,15 +180,38 @@ TEST(FfmpegMovTables, RefusesHostileBoxesWithAReason) {
         {"64-bit size past its parent", [](Track& t) { t.ctts = u32(1) + "ctts" + u64(uint64_t(1) << 62); }, "past its parent"},
         {"truncated tkhd", [](Track& t) { t.tkhd = full("tkhd", u32(0)); }, "truncated"},
         {"no such track", [](Track& t) { t.tkhd = full("tkhd", u32(0) + u32(0) + u32(8) + std::string(72, '\0')); }, "no track 7"},
+        // The track's description and timing.
+        {"edit count past the box", [](Track& t) { t.elst = full("elst", u32(5) + u32(1) + u32(0) + u32(0x10000)); }, "runs past"},
+        {"edit before the media", [](Track& t) { t.elst = full("elst", u32(1) + u32(1) + u32(uint32_t(-2)) + u32(0x10000)); }, "negative media time"},
+        {"wide edit out of range", [](Track& t) { t.elst = box("elst", u32(0x01000000) + u32(1) + u64(~uint64_t(0)) + u64(0) + u32(0)); }, "out of range"},
+        {"two edit lists", [](Track& t) { t.tkhd += box("edts", t.elst); }, "two elst"},
+        {"truncated mdhd", [](Track& t) { t.mdhd = full("mdhd", u32(0)); }, "mdhd box is truncated"},
+        {"truncated hdlr", [](Track& t) { t.hdlr = full("hdlr", ""); }, "hdlr box is truncated"},
+        {"no hdlr", [](Track& t) { t.hdlr.clear(); }, "description is incomplete"},
+        {"truncated visual description", [](Track& t) { t.stsd = full("stsd", u32(1) + box("avc1", std::string(16, '\0'))); }, "truncated"},
+        {"extension past its parent", [](Track& t) { t.stsd = full("stsd", u32(1) + visual("avc1", u32(99) + "avcC")); }, "past its parent"},
+        {"no description inside", [](Track& t) { t.stsd = full("stsd", u32(1)); }, "truncated"},
+        {"durations for too few samples", [](Track& t) { t.stts = full("stts", u32(1) + u32(2) + u32(256)); }, "fewer samples"},
+        {"duration count past the box", [](Track& t) { t.stts = full("stts", u32(9) + u32(3) + u32(256)); }, "runs past"},
+        {"negative duration", [](Track& t) { t.stts = full("stts", u32(1) + u32(3) + u32(0x80000000)); }, "negative duration"},
+        {"no durations", [](Track& t) { t.stts.clear(); }, "no stts"},
+        {"sync samples out of order", [](Track& t) { t.stss = full("stss", u32(2) + u32(3) + u32(1)); }, "out of order"},
+        {"sync sample 0", [](Track& t) { t.stss = full("stss", u32(1) + u32(0)); }, "counts from 0"},
+        {"sync sample past the track", [](Track& t) { t.stss = full("stss", u32(1) + u32(4)); }, "does not hold"},
+        {"no sync sample", [](Track& t) { t.stss = full("stss", u32(0)); }, "no sync sample"},
+        {"sync count past the box", [](Track& t) { t.stss = full("stss", u32(0x40000000) + u32(1)); }, "runs past"},
+        {"truncated mvhd", [](Track& t) { t.extra = full("mvhd", u32(0)); }, "mvhd box is truncated"},
+        {"chunks that hold no sample", [](Track& t) { t.stco = full("stco", u32(0)); }, "no samples"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         Track t;
         c.spoil(t);
-        auto s = samplesOf(t.moov());
-        ASSERT_FALSE(s);
-        EXPECT_NE(s.error.find(c.reason), std::string::npos) << s.error;
+        const std::string why = refusal(t.moov());
+        ASSERT_FALSE(why.empty());
+        EXPECT_NE(why.find(c.reason), std::string::npos) << why;
     }
+    EXPECT_EQ(refusal(Track{}.moov()), "");
     // A moov box cut short, or longer than its bytes, is not a moov box.
     const std::string moov = Track{}.moov();
     for (size_t keep : {size_t(0), size_t(7), size_t(16), moov.size() - 1})

@@ -29,7 +29,7 @@ namespace fs = std::filesystem;
 namespace {
 
 std::atomic<int> g_complete{0}, g_failed{0};
-void countDone(RequestStatus s) { ++(s == Complete ? g_complete : g_failed); }
+void countDone(RequestStatus s) { ++(s == RequestStatus::Complete ? g_complete : g_failed); }
 
 std::string textOf(SAV_HEADER h) {
     std::string t(header_text_size(&h), '\0');

@@ -104,7 +104,7 @@ protected:
         auto compare = [&](uint64_t start, uint32_t count, bool inOrder) {
             RequestStatus status;
             const std::string got = samples(channelCookie, start, count, uint32_t(b), &status);
-            ASSERT_EQ(status, Complete) << start << "+" << count;
+            ASSERT_EQ(status, RequestStatus::Complete) << start << "+" << count;
             const uint64_t expect = std::min<uint64_t>(count, total - start);
             ASSERT_EQ(got.size(), expect * b) << start << "+" << count;
             const char* w = want.data() + start * b;
@@ -133,7 +133,7 @@ protected:
         // Past the end there is nothing to ask for.
         RequestStatus past;
         samples(channelCookie, total + 5, 10, uint32_t(b), &past);
-        EXPECT_EQ(past, Queued);
+        EXPECT_EQ(past, RequestStatus::Queued);
         return r;
     }
 };

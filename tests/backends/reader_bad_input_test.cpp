@@ -63,7 +63,7 @@ protected:
                 for (uint64_t at = 0; at < length; at += 7919) {
                     RequestStatus status;
                     o.sampleBytes += samples(material, at, 7919, bytes, &status).size();
-                    EXPECT_TRUE(status == Complete || status == Failed) << "at " << at;
+                    EXPECT_TRUE(status == RequestStatus::Complete || status == RequestStatus::Failed) << "at " << at;
                 }
             }
         }
@@ -109,10 +109,9 @@ TEST_F(ReaderBadInput, AbsurdWavHeaderSizes) {
     auto patched = [&](size_t at, const std::string& bytes) {
         std::string copy = real;
         readAs(dir.file("absurd.wav"), copy.replace(at, bytes.size(), bytes));
-        std::string error;
-        const bool wavOpened = bool(wav::WavReadInstance::open(DecodeFormat(1), fromUTF8(dir.file("absurd.wav").c_str()),
-                                                               OpenType::kAudio, error));
-        EXPECT_TRUE(wavOpened || !error.empty());
+        auto opened = wav::WavReadInstance::open(DecodeFormat(1), fromUTF8(dir.file("absurd.wav").c_str()), OpenType::kAudio);
+        const bool wavOpened = bool(opened.value);
+        EXPECT_TRUE(wavOpened || !opened.error.empty());
         return wavOpened;
     };
     EXPECT_FALSE(patched(fmt + 10, std::string("\0\0", 2))) << "no channels";

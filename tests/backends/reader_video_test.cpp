@@ -134,9 +134,10 @@ TEST_F(ReaderVideo, JumpsLeaveOutPicturesNobodyRefersTo) {
                 (unsigned long long)back);
 }
 
-// The same numbering whichever way the file was indexed at open: from the container's own
-// index (MP4 with an edit list that starts on a non-key frame, AVI), or by reading the
-// whole file (Matroska, MXF, MPEG-TS).
+// The same numbering whichever way the file was indexed at open: from an MP4 file's own
+// sample tables (with an edit list that starts on a non-key frame; the file is opened for
+// video alone), from the container's index (AVI), or by reading the whole file
+// (Matroska, MXF, MPEG-TS).
 TEST_F(ReaderVideo, ContainerIndexAndWholeFileReadNumberFramesAlike) {
     TempDir dir;
     const std::string source = make(dir, "source.mp4", kOpenGop + " -c:a aac -b:a 64k",
@@ -144,7 +145,7 @@ TEST_F(ReaderVideo, ContainerIndexAndWholeFileReadNumberFramesAlike) {
                                     "-f lavfi -i sine=frequency=440:sample_rate=48000:duration=3 ");
     using ffmpeg_engine::IndexSource;
     const std::vector<std::pair<std::string, IndexSource>> files = {
-        {copied(dir, "cut.mp4", "-ss 1.3", source), IndexSource::ContainerIndex},
+        {copied(dir, "cut.mp4", "-ss 1.3", source), IndexSource::SampleTables},
         {make(dir, "mjpeg.avi", "-c:v mjpeg -q:v 4 -c:a pcm_s16le",
               kSource + "-f lavfi -i sine=frequency=440:sample_rate=48000:duration=2 "),
          IndexSource::ContainerIndex},

@@ -61,6 +61,11 @@ TEST(Vector, EditsAtTheEdgesAndInternFindsBeforeAdding) {
     v.consume(other);
     EXPECT_TRUE(other.empty());
     EXPECT_EQ(v, (Vector<int>{7, 9, 8, 1, 2}));
+    // removeItem takes the first equal element only, and says whether there was one.
+    v.add(9);
+    EXPECT_TRUE(v.removeItem(9));
+    EXPECT_FALSE(v.removeItem(3));
+    EXPECT_EQ(v, (Vector<int>{7, 8, 1, 2, 9}));
 }
 
 TEST(configb, KeysInOrderTypedValuesAndTextRoundTrip) {

@@ -68,4 +68,6 @@ TEST(Resources, TextsByNumberAndPlaceholderSubstitution) {
     EXPECT_EQ(filled.find(std::wstring_view(L"$")), WString::npos);
     EXPECT_EQ(substitute(WString(L"$NUM$ and $NUM$"), L"$NUM$", L"3"), L"3 and 3");
     EXPECT_EQ(resourceStrW(1), L"<message 1>");
+    // The padded form is for texts followed by more text: one space after, none when empty.
+    EXPECT_EQ(paddedResourceStrW(11573), t + L' ');
 }

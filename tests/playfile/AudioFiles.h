@@ -106,10 +106,10 @@ struct TbcCodec : Zn::AudioCodecInstance {
 
     std::atomic<int> decodes{0}, resets{0};
 
-    int decode(const uint8_t* data, uint32_t size, uint32_t& samples) override {
+    Zn::eAudioResult decode(const uint8_t* data, uint32_t size, uint32_t& samples) override {
         ++decodes;
-        if (flags_ & 2) return 1; // takes nothing, gives nothing
-        if (size != codedBlockBytes(channels_, perBlock_)) return 0;
+        if (flags_ & 2) return kSuccess; // takes nothing, gives nothing
+        if (size != codedBlockBytes(channels_, perBlock_)) return kFailed;
         const bool inter = producesInterleaved();
         for (uint32_t c = 0; c < channels_; ++c) {
             const uint8_t* in = data + size_t(c) * (perBlock_ + 1) * 2;
@@ -123,7 +123,7 @@ struct TbcCodec : Zn::AudioCodecInstance {
             std::memcpy(&key_[c], in + size_t(perBlock_) * 2, 2);
         }
         samples = perBlock_;
-        return 1;
+        return kSuccess;
     }
 
 private:
@@ -191,7 +191,7 @@ struct AudioFileReader : FileReadInstance, Zn::AudioReader, test_backend::Lockin
 
     std::atomic<int> sampleReads{0};
 
-    int readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into, uint32_t& delivered) override {
+    eResult readAudioSamples(uint32_t stream, uint64_t position, uint32_t samples, uint8_t* into, uint32_t& delivered) override {
         delivered = 0;
         if (stream != 0 || !frameBytes_) return kFailed;
         ++sampleReads;
@@ -200,7 +200,7 @@ struct AudioFileReader : FileReadInstance, Zn::AudioReader, test_backend::Lockin
         delivered = uint32_t(got / frameBytes_);
         return kSuccess;
     }
-    int readAudioBlock(uint32_t stream, uint64_t block, std::vector<uint8_t>& data) override {
+    eResult readAudioBlock(uint32_t stream, uint64_t block, std::vector<uint8_t>& data) override {
         if (stream != 0 || !blockBytes_) return kFailed;
         if (block >= blocks_) return kEndedEarly;
         locked([&] { blocksRead_.push_back(block); });

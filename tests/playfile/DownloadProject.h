@@ -113,7 +113,7 @@ protected:
         Zn::Ptr<VideoReadRequest> request;
         if (PlayFileCache::Shared().videoReadRequest(request, material, frame, false, kResultDecoded, DecodeFormat(1),
                                                      issuer.getProxy()) != PlayFileCache::kVideoQueued ||
-            !issuer.waitForCalls(1) || issuer.status() != Complete)
+            !issuer.waitForCalls(1) || issuer.status() != RequestStatus::Complete)
             return -1;
         return issuer.buffer()->getSurface(0).plane(0)[1];
     }
@@ -122,7 +122,7 @@ protected:
         Zn::Ptr<AudioReadRequest> r;
         if (PlayFileCache::Shared().audioReadRequest(r, material, start, 4, kProxyLevelHighRes, issuer.getProxy(),
                                                      true) != PlayFileCache::kAudioCreated ||
-            !r->getFile()->queueReadRequest(r, false) || !issuer.waitForCalls(1) || issuer.status() != Complete)
+            !r->getFile()->queueReadRequest(r, false) || !issuer.waitForCalls(1) || issuer.status() != RequestStatus::Complete)
             return -1;
         return reinterpret_cast<const int16_t*>(r->getBuffer())[0];
     }

@@ -132,7 +132,7 @@ struct FrameFileReader : FileReadInstance, Locking {
 
     String getReaderName() const override { return "frames"; }
 
-    int readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request) override {
+    eReadResult readVideo(Zn::Ptr<FrameBufferRep>& buffer, Zn::Ptr<VideoReadRequest>& request) override {
         gate.pass();
         const uint32_t frame = request->getFrame();
         const eMode m = mode.load();
@@ -179,7 +179,7 @@ struct FrameFileReader : FileReadInstance, Locking {
             mem->setUsed(n * 2);
             request->setResult(Aud::StreamBuffer(mem, 1, n, n));
         }
-        request->setStatus(ok ? Complete : Failed);
+        request->setStatus(ok ? RequestStatus::Complete : RequestStatus::Failed);
         Zn::Ptr<iObject> none;
         request->doCallbacks(none);
     }

@@ -43,7 +43,7 @@ TEST_F(AudioQueue, ReadsForwardsByStartThenChannel) {
     f.reader->gate.open();
     ASSERT_TRUE(d.waitForCalls(1));
     EXPECT_EQ(f.reader->audioOrder(), (std::vector<Read>{{0, 0}, {0, 3}, {1000, 0}, {1000, 1}, {1000, 1}}));
-    EXPECT_EQ(r4->getStatus(), Complete);
+    EXPECT_EQ(r4->getStatus(), RequestStatus::Complete);
     EXPECT_EQ(a.calls() + b.calls() + c.calls() + d.calls(), 4);
 }
 

@@ -45,7 +45,7 @@ uint32_t sampleAt(const AudioReadRequest& r, uint32_t i, uint32_t bytes) {
 
 // The first n samples of the result are the stream's.
 void expectStream(const AudioReadRequest& r, uint32_t n, uint32_t bytes) {
-    ASSERT_EQ(r.getStatus(), Complete);
+    ASSERT_EQ(r.getStatus(), RequestStatus::Complete);
     ASSERT_GE(r.getResult().getSampleCount(), n);
     const uint32_t mask = bytes == 4 ? ~0u : (1u << (8 * bytes)) - 1;
     for (uint32_t i = 0; i < n; ++i)
@@ -79,7 +79,7 @@ TEST_F(AudioReader, StreamsNotPlayedShareGrowingSilenceAndABadStreamFailsWithIts
     auto first = f.read(0, 0, 100, 99);
     auto second = f.read(1, 50, 50, 99);
     for (auto* r : {&first, &second}) {
-        EXPECT_EQ((*r)->getStatus(), Complete);
+        EXPECT_EQ((*r)->getStatus(), RequestStatus::Complete);
         EXPECT_EQ((*r)->getUsed(), 400u);
     }
     EXPECT_EQ(first->getBuffer(), second->getBuffer());
@@ -90,8 +90,8 @@ TEST_F(AudioReader, StreamsNotPlayedShareGrowingSilenceAndABadStreamFailsWithIts
     EXPECT_EQ(f.reader->sampleReads, 0);
 
     auto bad = f.read(0, 0, 10, 100);
-    EXPECT_EQ(bad->getStatus(), Failed);
-    EXPECT_EQ(f.issuer.status(), Failed);
+    EXPECT_EQ(bad->getStatus(), RequestStatus::Failed);
+    EXPECT_EQ(f.issuer.status(), RequestStatus::Failed);
     EXPECT_EQ(f.issuer.calls(), 4);
     EXPECT_EQ(log.count("** disk read error 0x0\n"), 1u);
 }
@@ -125,7 +125,7 @@ TEST_F(AudioReader, ACodecThatGivesNothingForNineStepsFailsTheRead) {
     testing_support::LogCapture log;
 
     auto r = f.read(0, 0, 1000);
-    EXPECT_EQ(r->getStatus(), Failed);
+    EXPECT_EQ(r->getStatus(), RequestStatus::Failed);
     EXPECT_EQ(f.reader->codec().decodes, 9);
     EXPECT_EQ(f.reader->takeBlocksRead(), Blocks(9, 0)); // the same block offered again
     EXPECT_EQ(log.count("** disk read error 0x0\n"), 1u);
@@ -165,7 +165,7 @@ TEST_P(AudioReaderJoins, NoSampleIsLostOrDuplicatedBetweenRequests) {
         }
         ASSERT_TRUE(f.issuer.waitForCalls(++chunks * int(channels)));
         for (uint32_t c = 0; c < channels; ++c) {
-            ASSERT_EQ(span[c]->getStatus(), Complete);
+            ASSERT_EQ(span[c]->getStatus(), RequestStatus::Complete);
             ASSERT_GE(span[c]->getResult().getSampleCount(), count);
             for (uint32_t i = 0; i < count; ++i)
                 got[c].push_back(sampleAt(*span[c], i, bytes));

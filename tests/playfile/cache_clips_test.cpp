@@ -28,7 +28,7 @@ struct Clips : ClipTest {
         int status = cache.videoReadRequest(request, material, frame, false, kResultDecoded, DecodeFormat(1),
                                             issuer.getProxy());
         if (rc) *rc = status;
-        if (status != PlayFileCache::kVideoQueued || !issuer.waitForCalls(1) || issuer.status() != Complete) return -1;
+        if (status != PlayFileCache::kVideoQueued || !issuer.waitForCalls(1) || issuer.status() != RequestStatus::Complete) return -1;
         return issuer.buffer()->getSurface(0).plane(0)[0];
     }
 };

@@ -59,7 +59,7 @@ TEST_F(CacheStress, EightThreadsReadTwelveClipsThroughFourIdleFiles) {
                 if (rc != (frame < int(kFrames) ? PlayFileCache::kVideoQueued : PlayFileCache::kNotAvailable)) ++wrong;
                 else if (rc != PlayFileCache::kVideoQueued) continue;
                 else if (!w.waitForCalls(1, std::chrono::seconds(20))) ++lost;
-                else if (w.status() != Complete || w.buffer()->getSurface(0).plane(0)[5] != pixelOf(frame, 5, 0)) ++wrong;
+                else if (w.status() != RequestStatus::Complete || w.buffer()->getSurface(0).plane(0)[5] != pixelOf(frame, 5, 0)) ++wrong;
             } else if (pick < 95) {
                 unsigned channel = 1 + rng() % 2;
                 uint64_t start = rng() % kSamples;
@@ -67,7 +67,7 @@ TEST_F(CacheStress, EightThreadsReadTwelveClipsThroughFourIdleFiles) {
                 if (cache.audioReadRequest(r, sound(c, channel), start, 1 + rng() % 64, kProxyLevelHighRes,
                                            w.getProxy(), true) != PlayFileCache::kAudioCreated) ++wrong;
                 else if (!r->getFile()->queueReadRequest(r, false) || !w.waitForCalls(1, std::chrono::seconds(20))) ++lost;
-                else if (w.status() != Complete ||
+                else if (w.status() != RequestStatus::Complete ||
                          reinterpret_cast<const int16_t*>(r->getBuffer())[0] != sampleOf(start, channel - 1))
                     ++wrong;
             } else if (pick < 97) {
@@ -130,7 +130,7 @@ TEST_F(CacheStress, FiveHundredClipsPlayWithALowDescriptorLimitAndCloseReleasesE
                   PlayFileCache::kVideoQueued)
             << "clip " << i;
         ASSERT_TRUE(w.waitForCalls(1));
-        ASSERT_EQ(w.status(), Complete);
+        ASSERT_EQ(w.status(), RequestStatus::Complete);
         if (i % 25 == 0) most = std::max(most, mediaDescriptors());
     }
     EXPECT_LE(most, int(cache.getMaxSize()) + 2);

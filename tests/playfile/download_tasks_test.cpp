@@ -95,6 +95,8 @@ TEST_P(DownloadTasks, DownloadsAreNamedByClipOrByFileWithProxiesMarkedAndSharedF
         auto task = finished(MaterialManager::downloadRemoteMedia(items({a, twin, b}), c.types, s));
         EXPECT_EQ(task->result(), DownloadTask::eResult::eDone);
         EXPECT_EQ(task->getImportance(), iBackgroundTask::eHighImportance);
+        EXPECT_TRUE(task->isAbortable());
+        EXPECT_FALSE(task->isMemorable());
         EXPECT_EQ(listing(U(s.location)), c.files);
         const auto entries = task->getLog()->getEntries();
         ASSERT_FALSE(entries.empty());

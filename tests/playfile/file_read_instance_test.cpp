@@ -3,13 +3,18 @@
 // registry, and the pools at shutdown.
 #include "CacheTestSupport.h"
 
+#include "host/media/AudioResult.h"
 #include "host/media/FileReaderInfo.h"
+#include "host/media/FileWriterInfo.h"
+#include "host/tasks/Logger.h"
 #include "host/threads/Shutdown.h"
 #include "playfile/requests/AudioReadQueue.h"
 #include "playfile/requests/QueuePool.h"
 #include "playfile/requests/VideoReadQueue.h"
 
 #include <gtest/gtest.h>
+
+#include <type_traits>
 
 using namespace cache_test;
 
@@ -61,7 +66,7 @@ TEST_F(ReadInstance, AnInstanceWithoutAQueueFailsRequestsOfThatKindAndNothingEls
     RecordingIssuer v;
     auto frame = audioOnly.request(1, &v);
     EXPECT_FALSE(audioOnly.file->queueReadRequest(frame, false));
-    EXPECT_EQ(frame->getStatus(), Failed);
+    EXPECT_EQ(frame->getStatus(), RequestStatus::Failed);
     EXPECT_EQ(v.calls(), 1);
     EXPECT_EQ(audioOnly.reader->reads.load(), 0);
 
@@ -70,7 +75,7 @@ TEST_F(ReadInstance, AnInstanceWithoutAQueueFailsRequestsOfThatKindAndNothingEls
     RecordingIssuer a;
     auto samples = videoOnly.audio(0, 0, 0, 8, &a);
     EXPECT_FALSE(videoOnly.file->queueReadRequest(samples, false));
-    EXPECT_EQ(samples->getStatus(), Failed);
+    EXPECT_EQ(samples->getStatus(), RequestStatus::Failed);
     EXPECT_EQ(a.calls(), 1);
 }
 
@@ -101,6 +106,40 @@ TEST_F(ReadInstance, DefaultsAndStoredDecodeOptionsMerge) {
     configb merged = reader->initDecodeOptionValues(stored);
     EXPECT_EQ(merged.toText(), "debayer=fast\ngamma=1.8\n");
     EXPECT_EQ(reader->applied, merged);
+}
+
+namespace {
+
+// A back-end that supplies nothing but its name.
+struct BareReader : FileReadInstance {
+    using FileReadInstance::FileReadInstance;
+    String getReaderName() const override { return "bare"; }
+};
+
+} // namespace
+
+TEST_F(ReadInstance, ABackEndThatReadsAndExtractsNothingAnswersTheBaseResultsByTheirNumbers) {
+    OpenFile plain(dir, "plain.frames");
+    auto bare = Zn::makePtr<BareReader>(fromUTF8(plain.path.c_str()), DecodeFormat(1), OpenType(OpenType::kVideo));
+    Zn::Ptr<FrameBufferRep> buffer(new FrameBufferRep());
+    Zn::Ptr<FileReadInstance> file(bare);
+    Zn::Ptr<IndexInfoRep> none;
+    auto request = Zn::makePtr<VideoReadRequest>(file, none, 0u, kResultDecoded, DecodeFormat(1), nullptr);
+    const auto read = bare->readVideo(buffer, request);
+    LoggerHandle log;
+    const auto extracted =
+        bare->extractFiles(L"/nowhere", L"x", Cookie(), OpenType(OpenType::kVideo), Zn::FileWriterParams(), log);
+    bare->readVideo(request);
+    // The numbers are what callers store, log and compare; the families stay apart.
+    EXPECT_EQ(read, FileReadInstance::kReadFailed);
+    EXPECT_EQ(int(read), 3);
+    EXPECT_EQ(extracted, FileReadInstance::kExtractNotSupported);
+    EXPECT_EQ(int(extracted), 2005);
+    EXPECT_EQ(request->getStatus(), RequestStatus::Failed);
+    EXPECT_EQ(int(request->getStatus()), 3);
+    static_assert(!std::is_convertible_v<FileReadInstance::eReadResult, int>);
+    static_assert(!std::is_convertible_v<Zn::eAudioResult, FileReadInstance::eReadResult>);
+    static_assert(int(Zn::eAudioResult::kEndedEarly) == 11 && int(FileReadInstance::kReadPending) == 1);
 }
 
 TEST(FileReaderInfo, AReaderRegisteredAtAPositionIsFoundThereAndUnregistersOnce) {

@@ -113,7 +113,7 @@ TEST_F(Cache, AFileHeldByAPendingRequestIsNotClosedEvenByPurge) {
     EXPECT_EQ(cache.openFileCount(), 1u);
     reader->gate.open();
     ASSERT_TRUE(issuer.waitForCalls(1));
-    EXPECT_EQ(issuer.status(), Complete);
+    EXPECT_EQ(issuer.status(), RequestStatus::Complete);
     request.reset();
     EXPECT_TRUE(eventually([&] {
         ReclaimableRegistry::purgeAll(); // as the host does under memory pressure

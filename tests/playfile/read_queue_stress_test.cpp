@@ -68,7 +68,7 @@ struct Shared {
 // status or data as wrong.
 void check(Shared& s, Outstanding& o) {
     const bool called = o.ticket->waitForCalls(1, std::chrono::seconds(10));
-    const bool failed = o.ticket->status() != Complete;
+    const bool failed = o.ticket->status() != RequestStatus::Complete;
     if (!called) {
         ++s.lost;
     } else if (o.audio) {

@@ -13,11 +13,11 @@ namespace {
 
 // Has the reader fill a buffer for the request as the video queue's thread would, without
 // the queue: the frame-buffer read, then (with a status) completion.
-Zn::Ptr<FrameBufferRep> readInto(OpenFile& f, Zn::Ptr<VideoReadRequest> r, RequestStatus completion = Queued) {
+Zn::Ptr<FrameBufferRep> readInto(OpenFile& f, Zn::Ptr<VideoReadRequest> r, RequestStatus completion = RequestStatus::Queued) {
     Zn::Ptr<FrameBufferRep> buffer;
     EXPECT_EQ(f.reader->readVideo(buffer, r), FileReadInstance::kReadDone);
     r->setResultBuffer(buffer);
-    if (completion != Queued) r->requestHasCompleted(completion);
+    if (completion != RequestStatus::Queued) r->requestHasCompleted(completion);
     return buffer;
 }
 
@@ -41,12 +41,12 @@ TEST_F(ReadRequests, RawFrameBecomesASurfaceOverTheReadDataWithoutACopy) {
     issuer.watch(r.get());
     Zn::Ptr<FrameBufferRep> buffer = readInto(f, r);
     buffer->getMetadata().orientation = Zn::Image::kOrientationRotate180;
-    r->requestHasCompleted(Complete);
+    r->requestHasCompleted(RequestStatus::Complete);
 
     ASSERT_EQ(issuer.calls(), 1);
-    EXPECT_EQ(issuer.status(), Complete);
-    EXPECT_EQ(issuer.statusAtCall(), Queued); // issuers are called before the status changes
-    EXPECT_EQ(r->getStatus(), Complete);
+    EXPECT_EQ(issuer.status(), RequestStatus::Complete);
+    EXPECT_EQ(issuer.statusAtCall(), RequestStatus::Queued); // issuers are called before the status changes
+    EXPECT_EQ(r->getStatus(), RequestStatus::Complete);
     Zn::Image::Surface s = buffer->getSurface(0);
     EXPECT_EQ(s.wait(0), Zn::Image::Surface::kWaitComplete);
     EXPECT_EQ(s.plane(0), buffer->getCompressedData(0));
@@ -55,7 +55,7 @@ TEST_F(ReadRequests, RawFrameBecomesASurfaceOverTheReadDataWithoutACopy) {
     EXPECT_EQ(buffer->getDecompressionState(), FrameBufferRep::kDecompressed);
 
     // Completing again calls nobody again and decodes nothing again.
-    r->requestHasCompleted(Complete);
+    r->requestHasCompleted(RequestStatus::Complete);
     EXPECT_EQ(issuer.calls(), 1);
     EXPECT_TRUE(buffer->getSurface(0).sameAs(s));
 }
@@ -65,16 +65,16 @@ TEST_F(ReadRequests, CompressedFrameIsDecodedOnlyWhenWantedAndOnlyByTheThreadTha
 
     // Wanted decoded: decoded through the registry.
     RecordingIssuer a;
-    Zn::Ptr<FrameBufferRep> decoded = readInto(f, f.request(9, &a, 8), Complete);
-    EXPECT_EQ(a.status(), Complete);
+    Zn::Ptr<FrameBufferRep> decoded = readInto(f, f.request(9, &a, 8), RequestStatus::Complete);
+    EXPECT_EQ(a.status(), RequestStatus::Complete);
     EXPECT_EQ(decoded->getDecompressionState(), FrameBufferRep::kDecompressed);
     EXPECT_EQ(decoded->getFormat().getWidth(), 8u); // the request's format was copied on
     EXPECT_EQ(decoded->getSurface(0).plane(0)[0], pixelOf(9, 0, 0));
 
     // Wanted compressed: left claimable for a later decode.
     auto kept = f.request(9, nullptr, 8, kResultCompressed);
-    Zn::Ptr<FrameBufferRep> compressed = readInto(f, kept, Complete);
-    EXPECT_EQ(kept->getStatus(), Complete);
+    Zn::Ptr<FrameBufferRep> compressed = readInto(f, kept, RequestStatus::Complete);
+    EXPECT_EQ(kept->getStatus(), RequestStatus::Complete);
     EXPECT_EQ(compressed->getDecompressionState(), FrameBufferRep::kCompressed);
     EXPECT_FALSE(compressed->getSurface(0).valid());
 
@@ -82,14 +82,14 @@ TEST_F(ReadRequests, CompressedFrameIsDecodedOnlyWhenWantedAndOnlyByTheThreadTha
     auto claimed = f.request(10, nullptr);
     Zn::Ptr<FrameBufferRep> busy = readInto(f, claimed);
     busy->decompressionState().store(FrameBufferRep::kDecompressing);
-    claimed->requestHasCompleted(Complete);
-    EXPECT_EQ(claimed->getStatus(), Complete);
+    claimed->requestHasCompleted(RequestStatus::Complete);
+    EXPECT_EQ(claimed->getStatus(), RequestStatus::Complete);
     EXPECT_FALSE(busy->getSurface(0).valid());
 
     // A failed read never decodes.
     RecordingIssuer b;
-    Zn::Ptr<FrameBufferRep> untouched = readInto(f, f.request(11, &b), Failed);
-    EXPECT_EQ(b.status(), Failed);
+    Zn::Ptr<FrameBufferRep> untouched = readInto(f, f.request(11, &b), RequestStatus::Failed);
+    EXPECT_EQ(b.status(), RequestStatus::Failed);
     EXPECT_EQ(untouched->getDecompressionState(), FrameBufferRep::kCompressed);
 
     // No decoder for it: the request fails and the buffer is marked.
@@ -97,9 +97,9 @@ TEST_F(ReadRequests, CompressedFrameIsDecodedOnlyWhenWantedAndOnlyByTheThreadTha
     CodecPool::flushAllUnreferenced();
     RecordingIssuer c;
     auto undecodable = f.request(12, &c);
-    Zn::Ptr<FrameBufferRep> broken = readInto(f, undecodable, Complete);
-    EXPECT_EQ(c.status(), Failed);
-    EXPECT_EQ(undecodable->getStatus(), Failed);
+    Zn::Ptr<FrameBufferRep> broken = readInto(f, undecodable, RequestStatus::Complete);
+    EXPECT_EQ(c.status(), RequestStatus::Failed);
+    EXPECT_EQ(undecodable->getStatus(), RequestStatus::Failed);
     EXPECT_EQ(broken->getDecompressionState(), FrameBufferRep::kDecompressFailed);
 }
 
@@ -118,7 +118,7 @@ TEST_F(ReadRequests, DetachingAnIssuerWaitsForARunningCallbackAndDetachedIssuers
     issuer.gate = &gate;
     gate.close();
     auto r = f.request(2, &issuer);
-    std::thread completer([&] { r->requestHasCompleted(Failed); });
+    std::thread completer([&] { r->requestHasCompleted(RequestStatus::Failed); });
     ASSERT_TRUE(gate.waitForWaiters(1));
     std::atomic<bool> detached{false};
     std::thread detacher([&] {
@@ -134,7 +134,7 @@ TEST_F(ReadRequests, DetachingAnIssuerWaitsForARunningCallbackAndDetachedIssuers
     EXPECT_EQ(issuer.calls(), 1);
 
     auto later = f.request(3, &issuer);
-    later->requestHasCompleted(Failed);
+    later->requestHasCompleted(RequestStatus::Failed);
     EXPECT_EQ(issuer.calls(), 1); // the proxy no longer reaches it
 }
 

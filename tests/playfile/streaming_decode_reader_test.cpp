@@ -35,7 +35,7 @@ struct PaintingReader : StreamingDecodeReader, Locking {
     // Set before the first read: the first and last frames of every run do not come out.
     bool brokenEnds = false;
 
-    int decodeFrames(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) override {
+    eReadResult decodeFrames(Zn::Ptr<FrameBufferRep>& buffer, uint32_t frame) override {
         locked([&] { passes_.push_back({frame, buffer->getNumFrames(), BasicThread::current() == this}); });
         for (uint32_t i = 0; i < buffer->getNumFrames(); ++i) {
             gate.pass();
@@ -69,11 +69,11 @@ struct Fixture {
     Zn::Ptr<FileReadInstance> file{reader};
 
     // What the video queue's thread does: the frame-buffer read of one request.
-    Surface read(uint32_t frame, int* result = nullptr) {
+    Surface read(uint32_t frame, FileReadInstance::eReadResult* result = nullptr) {
         Zn::Ptr<IndexInfoRep> none;
         auto request = Zn::makePtr<VideoReadRequest>(file, none, frame, kResultDecoded, DecodeFormat(1), nullptr);
         Zn::Ptr<FrameBufferRep> out;
-        const int rc = reader->readVideo(out, request);
+        const FileReadInstance::eReadResult rc = reader->readVideo(out, request);
         if (result) *result = rc;
         EXPECT_TRUE(out);
         EXPECT_EQ(out->getStartValidFrameIndex(), frame);
@@ -92,7 +92,7 @@ TEST(StreamingDecodeReader, WithoutGroupsEveryFrameIsReadSynchronouslyAndNoThrea
     for (int groupSize : {-1, 0, 1}) {
         Fixture f;
         if (groupSize >= 0) f.reader->setStreamMetadata(Zn::makePtr<StreamingDecodeReader::StreamMetadata>(true, uint16_t(groupSize)));
-        int rc = 0;
+        auto rc = FileReadInstance::kReadPending;
         Surface s = f.read(5, &rc);
         EXPECT_EQ(rc, FileReadInstance::kReadDone);
         EXPECT_EQ(s.state(), Surface::kWaitComplete);
@@ -135,7 +135,7 @@ TEST(StreamingDecodeReader, GroupsAreDecodedOnTheDecodeThreadAndServedFromTheTwo
 TEST(StreamingDecodeReader, RunsOfAFrameRangeHandler) {
     Fixture f;
     f.reader->setStreamMetadata(Zn::makePtr<StreamingDecodeReader::StreamMetadata>(false, 8));
-    int rc = 0;
+    auto rc = FileReadInstance::kReadPending;
     // Without a handler the read fails with an empty surface.
     Surface none = f.read(3, &rc);
     EXPECT_EQ(rc, FileReadInstance::kReadFailed);

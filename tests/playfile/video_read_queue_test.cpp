@@ -127,7 +127,7 @@ TEST_F(VideoQueue, FailedRequestIsJoinedWithoutACallbackAPendingOneStaysInProgre
     RecordingIssuer failer, joiner, a;
     auto failed = issue(f, 3, failer);
     ASSERT_TRUE(failer.waitForCalls(1));
-    EXPECT_EQ(failer.status(), Failed);
+    EXPECT_EQ(failer.status(), RequestStatus::Failed);
     EXPECT_EQ(issue(f, 3, joiner).get(), failed.get());
     EXPECT_EQ(joiner.calls(), 0);
 
@@ -136,9 +136,9 @@ TEST_F(VideoQueue, FailedRequestIsJoinedWithoutACallbackAPendingOneStaysInProgre
     auto r = issue(f, 2, a);
     ASSERT_TRUE(eventually([&] { return f.reader->reads.load() == 2; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(r->getStatus(), InProgress);
+    EXPECT_EQ(r->getStatus(), RequestStatus::InProgress);
     EXPECT_EQ(a.calls(), 0);
-    r->requestHasCompleted(Complete); // the back-end's late completion
+    r->requestHasCompleted(RequestStatus::Complete); // the back-end's late completion
     EXPECT_EQ(a.calls(), 1);
     EXPECT_EQ(f.reader->takePendingRequests().size(), 1u);
 
@@ -147,7 +147,7 @@ TEST_F(VideoQueue, FailedRequestIsJoinedWithoutACallbackAPendingOneStaysInProgre
     RecordingIssuer b;
     auto thrown = issue(f, 4, b);
     ASSERT_TRUE(b.waitForCalls(1));
-    EXPECT_EQ(b.status(), Failed);
+    EXPECT_EQ(b.status(), RequestStatus::Failed);
     EXPECT_EQ(log.count("Exception reading frame 4 of \"" + f.path + "\": broken frame\n"), 1u);
 }
 
@@ -166,16 +166,16 @@ TEST_F(VideoQueue, AWaiterLearnsAJoinedFailureFromTheStatusAndEndsAtOnce) {
     RequestWaiter first, joiner;
     auto failed = ask(first, 3);
     ASSERT_TRUE(first.wait(std::chrono::seconds(5)));
-    EXPECT_EQ(first.status(), Failed);
+    EXPECT_EQ(first.status(), RequestStatus::Failed);
     EXPECT_EQ(ask(joiner, 3).get(), failed.get());
     EXPECT_TRUE(joiner.finished());
-    EXPECT_EQ(joiner.status(), Failed);
+    EXPECT_EQ(joiner.status(), RequestStatus::Failed);
 
     f.reader->mode = FrameFileReader::kRaw;
     joiner.reset();
     auto read = ask(joiner, 5);
     ASSERT_TRUE(joiner.wait(std::chrono::seconds(5)));
-    EXPECT_EQ(joiner.status(), Complete);
+    EXPECT_EQ(joiner.status(), RequestStatus::Complete);
     EXPECT_TRUE(Zn::dynamicPtrCast<FrameBufferRep>(joiner.result()));
 }
 

@@ -44,8 +44,8 @@ private:
     std::mutex m_;
     std::condition_variable cv_;
     int calls_ = 0;
-    RequestStatus status_ = Queued;
-    RequestStatus statusAtCall_ = Queued;
+    RequestStatus status_ = RequestStatus::Queued;
+    RequestStatus statusAtCall_ = RequestStatus::Queued;
     Zn::Ptr<iObject> result_;
     std::thread::id thread_;
     VideoReadRequest* watched_ = nullptr;
