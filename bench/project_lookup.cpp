@@ -7,6 +7,7 @@
 #include "host/project/EditManager.h"
 #include "host/project/ProjectImporter.h"
 #include "host/project/SystemCache.h"
+#include "LookupClips.h"
 
 #include <benchmark/benchmark.h>
 
@@ -37,15 +38,7 @@ public:
             std::abort();
         }
         auto start = std::chrono::steady_clock::now();
-        std::vector<ClipRecord> clips(kClips);
-        for (int i = 0; i < kClips; ++i) {
-            ClipRecord& c = clips[size_t(i)];
-            c.name = Zn::WStringFromInteger(i);
-            c.audioChannels = kSoundChannels;
-            c.file = MediaFileInfo(MaterialFilename(DriveId('A'), WString(L"video/clip") + c.name + L".mov"), 1u << 20,
-                                   i % 2 ? WString(L"/media/source/clip") + c.name + L".mov" : WString());
-            c.file.setStatus(MediaFileInfo::eStatusAvailable);
-        }
+        std::vector<ClipRecord> clips = lookupClips(kClips, kSoundChannels);
         std::vector<Cookie> made = ProjectImporter::registerClips(clips, &error);
         if (made.size() != size_t(kClips)) {
             std::fprintf(stderr, "cannot register the clips: %ls\n", error.c_str());

@@ -4,6 +4,7 @@
 #include "host/core/Strings.h"
 #include "host/project/EditManager.h"
 #include "host/project/ProjectCatalog.h"
+#include "host/project/ProjectDatabase.h"
 
 #include <filesystem>
 
@@ -13,9 +14,14 @@ ProjectScope::~ProjectScope() {
     if (open_) EditManager::closeProject();
 }
 
+std::string projectLocation(const std::string& given, std::error_code& ec) {
+    if (ProjectDatabase::isServerLocation(fromUTF8(given.c_str()))) return given;
+    return std::filesystem::absolute(given, ec).lexically_normal().string();
+}
+
 bool ProjectScope::open(const std::string& folder, bool create, std::string& error) {
     std::error_code ec;
-    std::string absolute = std::filesystem::absolute(folder, ec).lexically_normal().string();
+    std::string absolute = projectLocation(folder, ec);
     WString why;
     if (ec || !EditManager::openProject(fromUTF8(absolute.c_str()), create, &why)) {
         error = ec ? ec.message() : utf8(why);

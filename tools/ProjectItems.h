@@ -7,11 +7,12 @@
 #include "host/project/MaterialFilename.h"
 
 #include <string>
+#include <system_error>
 
 namespace tool {
 
-// The project in folder, open (and current) while this lives. With create, a project is
-// made when the folder holds none.
+// The project in folder (or on the server a postgresql:// URI names), open (and current)
+// while this lives. With create, a project is made when there is none.
 class ProjectScope {
 public:
     ProjectScope() = default;
@@ -24,6 +25,9 @@ public:
 private:
     bool open_ = false;
 };
+
+// Where --project points: a folder made absolute, or a server URI as given.
+std::string projectLocation(const std::string& given, std::error_code& ec);
 
 // The edit cookie of a clip or log given as its cookie text ("E0001e240_000003e8_ff") or
 // its name. False with a one-line reason in error when there is none or the name is

@@ -31,7 +31,7 @@ const char kClipsUsage[] =
     "exists now, is linked (left where it was found) and lies on a remote location\n"
     "(a network file system or a PLAYFILE_REMOTE_PREFIXES folder) or a local one.\n"
     "\n"
-    "  --project DIR   the project folder (required)\n"
+    "  --project DIR   the project folder, or a postgresql:// URI (required)\n"
     "  --json          one JSON array, one object per clip or log:\n"
     "                    cookie, name, logType, image (bool),\n"
     "                    channels {video, audio},\n"

@@ -25,7 +25,7 @@ const char kDownloadUsage[] =
     "or under one of the folders in PLAYFILE_REMOTE_PREFIXES. A file used by several clips\n"
     "is fetched once. Each file is written as NAME.partial and renamed once it is whole.\n"
     "\n"
-    "  --project DIR        the project folder (required)\n"
+    "  --project DIR        the project folder, or a postgresql:// URI (required)\n"
     "  --location DIR       the destination folder (required unless --settings gives it)\n"
     "  --naming clip|file   name each copy after its clip (made safe as a file name; the\n"
     "                       default) or keep the source file's name\n"

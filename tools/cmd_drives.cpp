@@ -29,7 +29,7 @@ const char kDrivesUsage[] =
     "folder and its video and sound folders are created; a project is made in DIR when it\n"
     "holds none), or moves an existing drive ID there.\n"
     "\n"
-    "  --project DIR   the project folder (required)\n"
+    "  --project DIR   the project folder, or a postgresql:// URI (required)\n"
     "  --tasks LIST    with add: the tasks the drive serves, comma-separated\n"
     "                  (\"import\", \"render\"; default import,render; \"\" for none)\n"
     "  --json          one JSON array, one object per drive:\n"

@@ -41,7 +41,7 @@ const char kExtractUsage[] =
     "holding the channels of all the source's audio streams in order, in their own sample\n"
     "format. Prints the new clip's cookie and its files.\n"
     "\n"
-    "  --project DIR     the project folder (required)\n"
+    "  --project DIR     the project folder, or a postgresql:// URI (required)\n"
     "  --start SECONDS   where the section starts, from the clip's start (required)\n"
     "  --end SECONDS     where it ends (required; after --start)\n"
     "  --to DRIVE        the media drive for the new files (default: the drive for\n"

@@ -3,6 +3,7 @@
 #include "tools/Command.h"
 #include "tools/MediaSession.h"
 #include "tools/Progress.h"
+#include "tools/ProjectItems.h"
 
 #include "host/core/Strings.h"
 #include "host/project/DiskManager.h"
@@ -25,7 +26,7 @@ const char kImportUsage[] =
     "audio channel. By default a file is linked in place: the project uses it where it is,\n"
     "through a link file on the media drive. With --copy it is copied onto the drive.\n"
     "\n"
-    "  --project DIR       the project folder (required)\n"
+    "  --project DIR       the project folder, or a postgresql:// URI (required)\n"
     "  --drive ID          the media drive (one letter) for the clips' material files;\n"
     "                      default: the drive that serves imports, else a new drive A\n"
     "                      in DIR/media\n"
@@ -160,7 +161,7 @@ int run(const std::vector<std::string>& args) {
 
     WString error;
     std::error_code ec;
-    std::string projectDir = std::filesystem::absolute(a.project, ec).lexically_normal().string();
+    std::string projectDir = tool::projectLocation(a.project, ec);
     if (!EditManager::openProject(fromUTF8(projectDir.c_str()), true, &error))
         return fail(kFailure, "import: " + toUTF8(error).str());
     struct Closer {

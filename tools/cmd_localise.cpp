@@ -23,7 +23,7 @@ const char kLocaliseUsage[] =
     "With --to: copies the media of the clips onto drive DRIVE, remote or not.\n"
     "Each file is written as NAME.partial and renamed once it is whole and on the disk.\n"
     "\n"
-    "  --project DIR   the project folder (required)\n"
+    "  --project DIR   the project folder, or a postgresql:// URI (required)\n"
     "  --to DRIVE      the destination drive's id\n"
     "  --high-res      the clips' own media (the default when neither kind is given)\n"
     "  --proxies       their proxy files\n"

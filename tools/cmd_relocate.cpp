@@ -32,7 +32,7 @@ const char kRelocateUsage[] =
     "travel with it. Nothing is copied unless the destination has more free space than\n"
     "the files need.\n"
     "\n"
-    "  --project DIR   the project folder (required)\n"
+    "  --project DIR   the project folder, or a postgresql:// URI (required)\n"
     "  --to DRIVE      the destination drive's id (required)\n"
     "  --from DRIVE    take the material on this drive instead of ITEMs\n"
     "  --move          also point the project's material directory at the copies (the\n"

@@ -26,7 +26,7 @@ const char kSpaceUsage[] =
     "points of a remote space in order (where the server's media appear on this machine)\n"
     "and, per log, the media and proxies the server holds. With options, sets it first:\n"
     "\n"
-    "  --project DIR           the project folder (required)\n"
+    "  --project DIR           the project folder, or a postgresql:// URI (required)\n"
     "  --local                 make the space local (the remote description is kept)\n"
     "  --remote MOUNT...       make the space remote with these mount points, in order,\n"
     "                          replacing the old ones ('' is an empty mount path, which\n"

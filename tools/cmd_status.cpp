@@ -37,7 +37,7 @@ const char kStatusUsage[] =
     "A log of type 2 (a sequence) has no location record of its own; its offline answer is\n"
     "that of the material under the cursor on the first selected video channel.\n"
     "\n"
-    "  --project DIR     the project folder (required)\n"
+    "  --project DIR     the project folder, or a postgresql:// URI (required)\n"
     "  --time SECONDS    the cursor for a sequence's offline answer (default 0)\n"
     "  --channel N       the selected channel (default: every channel)\n"
     "  --json            one JSON array, one object per ITEM:\n"

@@ -19,7 +19,7 @@ std::atomic<uint64_t> g_notices{0};
 const char kSelectDrives[] =
     "SELECT id, name, root, video_folder, sound_folder, tasks FROM drives ORDER BY seq";
 
-Zn::Ptr<MediaDrive> driveFromRow(sqlite::Query& q) {
+Zn::Ptr<MediaDrive> driveFromRow(sql::Query& q) {
     String id = q.text(0);
     return Zn::Ptr<MediaDrive>(new MediaDrive(DriveId(id.empty() ? DriveId::kNone : id[0]), q.wtext(1), q.wtext(2),
                                               q.wtext(3), q.wtext(4), q.text(5)));
@@ -39,7 +39,7 @@ std::vector<Zn::Ptr<MediaDrive>> DiskManager::getDrives() {
     auto db = EditManager::getProjdb();
     if (!db) return out;
     ProjectDatabase::Read r(*db);
-    sqlite::Query q(r.db(), kSelectDrives);
+    sql::Query q(r.db(), kSelectDrives);
     while (q.next()) out.push_back(driveFromRow(q));
     return out;
 }
@@ -48,7 +48,7 @@ Zn::Ptr<MediaDrive> DiskManager::getDriveWithUniqueId(const DriveId& id) {
     auto db = EditManager::getProjdb();
     if (!db || id.isNone()) return nullptr;
     ProjectDatabase::Read r(*db);
-    sqlite::Query q(r.db(), "SELECT id, name, root, video_folder, sound_folder, tasks FROM drives WHERE id = ?1");
+    sql::Query q(r.db(), "SELECT id, name, root, video_folder, sound_folder, tasks FROM drives WHERE id = ?1");
     q.bind(1, String(std::string(1, id.getUniqueId())));
     return q.next() ? driveFromRow(q) : nullptr;
 }
@@ -101,10 +101,10 @@ bool DiskManager::addDrive(const DriveId& id, const WString& root, const WString
     if (!projectfs::createDirectory(probe.getLocation('V')) || !projectfs::createDirectory(probe.getLocation('S')))
         return refuse(L"cannot create the drive's folders");
     ProjectDatabase::Write w(*db);
-    sqlite::Query q(w.db(), "INSERT INTO drives(id, seq, name, root, tasks) "
-                            "VALUES(?1, (SELECT coalesce(max(seq), 0) + 1 FROM drives), ?2, ?3, ?4) "
-                            "ON CONFLICT(id) DO UPDATE SET name = excluded.name, root = excluded.root, "
-                            "tasks = excluded.tasks");
+    sql::Query q(w.db(), "INSERT INTO drives(id, seq, name, root, tasks) "
+                         "VALUES(?1, (SELECT coalesce(max(seq), 0) + 1 FROM drives), ?2, ?3, ?4) "
+                         "ON CONFLICT(id) DO UPDATE SET name = excluded.name, root = excluded.root, "
+                         "tasks = excluded.tasks");
     q.bind(1, String(std::string(1, c))).bind(2, name).bind(3, r).bind(4, tasks);
     if (!q.run()) w.fail();
     if (!w.commit()) {
@@ -118,7 +118,7 @@ bool DiskManager::removeDrive(const DriveId& id) {
     auto db = EditManager::getProjdb();
     if (!db) return false;
     ProjectDatabase::Write w(*db);
-    sqlite::Query q(w.db(), "DELETE FROM drives WHERE id = ?1");
+    sql::Query q(w.db(), "DELETE FROM drives WHERE id = ?1");
     q.bind(1, String(std::string(1, id.getUniqueId())));
     if (!q.run()) w.fail();
     bool removed = w.db().changes() > 0;

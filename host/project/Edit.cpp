@@ -12,9 +12,9 @@
 
 namespace {
 
-void bindEdit(sqlite::Query& q, const Cookie& c) { q.bind(1, int64_t(c.id1())).bind(2, int64_t(c.id2())); }
+void bindEdit(sql::Query& q, const Cookie& c) { q.bind(1, int64_t(c.id1())).bind(2, int64_t(c.id2())); }
 
-Cookie cookieFrom(sqlite::Query& q, int first) {
+Cookie cookieFrom(sql::Query& q, int first) {
     return Cookie(char(q.int64(first)), uint32_t(q.int64(first + 1)), uint32_t(q.int64(first + 2)),
                   uint8_t(q.int64(first + 3)));
 }
@@ -39,8 +39,8 @@ std::shared_ptr<const StoredEdit> readStoredEdit(const ProjectDatabase& db, cons
     ProjectDatabase::Read r(db);
     auto e = std::make_shared<StoredEdit>();
     {
-        sqlite::Query q(r.db(), "SELECT name, log_type, flags, sample_rate, decode_options, audio_metadata "
-                                "FROM edits WHERE id1 = ?1 AND id2 = ?2");
+        sql::Query q(r.db(), "SELECT name, log_type, flags, sample_rate, decode_options, audio_metadata "
+                             "FROM edits WHERE id1 = ?1 AND id2 = ?2");
         bindEdit(q, cookie);
         if (!q.next()) return nullptr;
         e->name = q.wtext(0);
@@ -51,19 +51,19 @@ std::shared_ptr<const StoredEdit> readStoredEdit(const ProjectDatabase& db, cons
         e->audioMetadata = q.text(5);
     }
     {
-        sqlite::Query q(r.db(), "SELECT chan, kind, flags FROM channels WHERE id1 = ?1 AND id2 = ?2 ORDER BY chan");
+        sql::Query q(r.db(), "SELECT chan, kind, flags FROM channels WHERE id1 = ?1 AND id2 = ?2 ORDER BY chan");
         bindEdit(q, cookie);
         while (q.next()) e->channels.push_back({int(q.int64(0)), int(q.int64(1)), unsigned(q.int64(2))});
     }
     {
-        sqlite::Query q(r.db(), "SELECT selector, type, rid1, rid2, ridx FROM refs WHERE id1 = ?1 AND id2 = ?2 "
-                                "ORDER BY selector, seq");
+        sql::Query q(r.db(), "SELECT selector, type, rid1, rid2, ridx FROM refs WHERE id1 = ?1 AND id2 = ?2 "
+                             "ORDER BY selector, seq");
         bindEdit(q, cookie);
         while (q.next()) e->refs[unsigned(q.int64(0))].add(cookieFrom(q, 1));
     }
     {
-        sqlite::Query q(r.db(), "SELECT chan, start, finish, kind, type, rid1, rid2, ridx, effect FROM segments "
-                                "WHERE id1 = ?1 AND id2 = ?2 ORDER BY chan, start");
+        sql::Query q(r.db(), "SELECT chan, start, finish, kind, type, rid1, rid2, ridx, effect FROM segments "
+                             "WHERE id1 = ?1 AND id2 = ?2 ORDER BY chan, start");
         bindEdit(q, cookie);
         while (q.next())
             e->segments.push_back({int(q.int64(0)), q.real(1), q.real(2), int(q.int64(3)), cookieFrom(q, 4), q.wtext(8)});
@@ -201,9 +201,9 @@ bool Edit::addModification(const EditModifications& mods, bool notify) {
         }
         ProjectDatabase::Write w(*db_);
         for (const auto& m : mods) {
-            sqlite::Query q(w.db(), "INSERT INTO modifications(id1, id2, seq, mod_type, value) "
-                                    "VALUES(?1, ?2, (SELECT coalesce(max(seq), 0) + 1 FROM modifications "
-                                    "WHERE id1 = ?1 AND id2 = ?2), ?3, ?4)");
+            sql::Query q(w.db(), "INSERT INTO modifications(id1, id2, seq, mod_type, value) "
+                                 "VALUES(?1, ?2, (SELECT coalesce(max(seq), 0) + 1 FROM modifications "
+                                 "WHERE id1 = ?1 AND id2 = ?2), ?3, ?4)");
             bindEdit(q, cookie_);
             q.bind(3, unsigned(m.getType())).bind(4, m.getValue());
             if (!q.run()) w.fail();
@@ -217,7 +217,7 @@ bool Edit::addModification(const EditModifications& mods, bool notify) {
 EditModifications Edit::getModifications() const {
     EditModifications out;
     ProjectDatabase::Read r(*db_);
-    sqlite::Query q(r.db(), "SELECT mod_type, value FROM modifications WHERE id1 = ?1 AND id2 = ?2 ORDER BY seq");
+    sql::Query q(r.db(), "SELECT mod_type, value FROM modifications WHERE id1 = ?1 AND id2 = ?2 ORDER BY seq");
     bindEdit(q, cookie_);
     while (q.next()) out.add(EditModification(EditModificationType(q.int64(0)), unsigned(q.int64(1))));
     return out;
@@ -323,11 +323,11 @@ bool Edit::addEffect(int chan, double start, double finish, const WString& name)
 
 // Not analysed: the edit is new and out of other threads' reach, and its lock would be
 // taken inside the project's write lock, the reverse of the usual order.
-bool Edit::store(sqlite::Connection& db) NO_THREAD_SAFETY_ANALYSIS {
+bool Edit::store(sql::Connection& db) NO_THREAD_SAFETY_ANALYSIS {
     return storeLocked(db, false);
 }
 
-bool Edit::storeLocked(sqlite::Connection& db, bool withPending) {
+bool Edit::storeLocked(sql::Connection& db, bool withPending) {
     // Counted as stored from here on: a failed write rolls the transaction back, and the
     // caller drops the edit or tries again through a modifier.
     stored_ = true;
@@ -335,11 +335,11 @@ bool Edit::storeLocked(sqlite::Connection& db, bool withPending) {
     {
         // An upsert rather than a replace: replacing would delete the row and, with it,
         // everything that refers to it (the modifications among them).
-        sqlite::Query q(db, "INSERT INTO edits(id1, id2, name, log_type, flags, sample_rate, decode_options, "
-                            "audio_metadata) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8) "
-                            "ON CONFLICT(id1, id2) DO UPDATE SET name = excluded.name, log_type = excluded.log_type, "
-                            "flags = excluded.flags, sample_rate = excluded.sample_rate, "
-                            "decode_options = excluded.decode_options, audio_metadata = excluded.audio_metadata");
+        sql::Query q(db, "INSERT INTO edits(id1, id2, name, log_type, flags, sample_rate, decode_options, "
+                         "audio_metadata) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8) "
+                         "ON CONFLICT(id1, id2) DO UPDATE SET name = excluded.name, log_type = excluded.log_type, "
+                         "flags = excluded.flags, sample_rate = excluded.sample_rate, "
+                         "decode_options = excluded.decode_options, audio_metadata = excluded.audio_metadata");
         bindEdit(q, cookie_);
         q.bind(3, name_).bind(4, logType_).bind(5, flags_).bind(6, sampleRate_);
         q.bind(7, decodeOptions_.toText()).bind(8, audioMetadata_);
@@ -348,12 +348,12 @@ bool Edit::storeLocked(sqlite::Connection& db, bool withPending) {
     for (const char* sql : {"DELETE FROM channels WHERE id1 = ?1 AND id2 = ?2",
                             "DELETE FROM refs WHERE id1 = ?1 AND id2 = ?2",
                             "DELETE FROM segments WHERE id1 = ?1 AND id2 = ?2"}) {
-        sqlite::Query q(db, sql);
+        sql::Query q(db, sql);
         bindEdit(q, cookie_);
         ok = ok && q.run();
     }
     for (const auto& c : channels_) {
-        sqlite::Query q(db, "INSERT INTO channels(id1, id2, chan, kind, flags) VALUES(?1, ?2, ?3, ?4, ?5)");
+        sql::Query q(db, "INSERT INTO channels(id1, id2, chan, kind, flags) VALUES(?1, ?2, ?3, ?4, ?5)");
         bindEdit(q, cookie_);
         q.bind(3, c.chan).bind(4, c.kind).bind(5, c.flags);
         ok = ok && q.run();
@@ -361,8 +361,8 @@ bool Edit::storeLocked(sqlite::Connection& db, bool withPending) {
     for (const auto& [selector, list] : refs_) {
         int seq = 0;
         for (const Cookie& c : list) {
-            sqlite::Query q(db, "INSERT INTO refs(id1, id2, selector, seq, type, rid1, rid2, ridx) "
-                                "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)");
+            sql::Query q(db, "INSERT INTO refs(id1, id2, selector, seq, type, rid1, rid2, ridx) "
+                             "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)");
             bindEdit(q, cookie_);
             q.bind(3, selector).bind(4, seq++).bind(5, int64_t(uint8_t(c.type())));
             q.bind(6, int64_t(c.id1())).bind(7, int64_t(c.id2())).bind(8, int64_t(c.index()));
@@ -370,8 +370,8 @@ bool Edit::storeLocked(sqlite::Connection& db, bool withPending) {
         }
     }
     for (const auto& s : segments_) {
-        sqlite::Query q(db, "INSERT INTO segments(id1, id2, chan, start, finish, kind, type, rid1, rid2, ridx, effect) "
-                            "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)");
+        sql::Query q(db, "INSERT INTO segments(id1, id2, chan, start, finish, kind, type, rid1, rid2, ridx, effect) "
+                         "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)");
         bindEdit(q, cookie_);
         q.bind(3, s.chan).bind(4, s.start).bind(5, s.finish).bind(6, s.kind);
         q.bind(7, int64_t(uint8_t(s.cookie.type()))).bind(8, int64_t(s.cookie.id1()));
@@ -379,9 +379,9 @@ bool Edit::storeLocked(sqlite::Connection& db, bool withPending) {
         ok = ok && q.run();
     }
     for (const auto& m : withPending ? pending_ : EditModifications()) {
-        sqlite::Query q(db, "INSERT INTO modifications(id1, id2, seq, mod_type, value) "
-                            "VALUES(?1, ?2, (SELECT coalesce(max(seq), 0) + 1 FROM modifications "
-                            "WHERE id1 = ?1 AND id2 = ?2), ?3, ?4)");
+        sql::Query q(db, "INSERT INTO modifications(id1, id2, seq, mod_type, value) "
+                         "VALUES(?1, ?2, (SELECT coalesce(max(seq), 0) + 1 FROM modifications "
+                         "WHERE id1 = ?1 AND id2 = ?2), ?3, ?4)");
         bindEdit(q, cookie_);
         q.bind(3, unsigned(m.getType())).bind(4, m.getValue());
         ok = ok && q.run();

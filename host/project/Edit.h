@@ -130,7 +130,7 @@ public:
     // would come inside the project's write lock, the reverse of the usual order), so it
     // is only for a new edit that no other thread can reach yet (EditManager, the
     // importer).
-    bool store(sqlite::Connection& db);
+    bool store(sql::Connection& db);
 
 private:
     Edit(Zn::Ptr<ProjectDatabase> db, const Cookie& cookie, const WString& name, int logType, unsigned flags,
@@ -140,7 +140,7 @@ private:
     bool beginModify();
     // Ends one modifier; the last one writes the edit. False when the write failed.
     bool endModify(std::string* error);
-    bool storeLocked(sqlite::Connection& db, bool withPending) REQUIRES(mutex_);
+    bool storeLocked(sql::Connection& db, bool withPending) REQUIRES(mutex_);
     // Writes the edit now in a transaction of its own (edit lock first, then the
     // project's write lock).
     bool storeNow();

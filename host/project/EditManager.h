@@ -22,8 +22,9 @@ class EditPtr;
 
 class EditManager {
 public:
-    // Opens the project in folder and makes it current (with create, an empty project is
-    // made when the folder has none). On failure the current project stays as it was
+    // Opens the project in folder (or on the server a postgresql:// URI names, see
+    // ProjectDatabase::open) and makes it current (with create, an empty project is made
+    // when there is none). On failure the current project stays as it was
     // and error, when given, says why in one line.
     static bool openProject(const WString& folder, bool create, WString* error = nullptr);
     static void closeProject();

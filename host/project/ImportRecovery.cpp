@@ -38,30 +38,30 @@ struct Drive {
     std::vector<WString> folders;
 };
 
-std::vector<Drive> drivesOf(sqlite::Connection& db) {
+std::vector<Drive> drivesOf(sql::Connection& db) {
     std::vector<Drive> out;
-    sqlite::Query q(db, "SELECT id, root, video_folder, sound_folder FROM drives ORDER BY seq");
+    sql::Query q(db, "SELECT id, root, video_folder, sound_folder FROM drives ORDER BY seq");
     while (q.next()) out.push_back({q.text(0), q.wtext(1), {q.wtext(2), q.wtext(3)}});
     return out;
 }
 
-bool namesFile(sqlite::Connection& db, const String& drive, const WString& path) {
-    sqlite::Query q(db, "SELECT 1 FROM files WHERE drive = ?1 AND path = ?2 LIMIT 1");
+bool namesFile(sql::Connection& db, const String& drive, const WString& path) {
+    sql::Query q(db, "SELECT 1 FROM files WHERE drive = ?1 AND path = ?2 LIMIT 1");
     q.bind(1, drive).bind(2, path);
     return q.next();
 }
 
 // Whether the project knows the cookie's item at all: a clip, or material of it.
-bool knows(sqlite::Connection& db, const Cookie& c) {
-    sqlite::Query q(db, "SELECT 1 FROM edits WHERE id1 = ?1 AND id2 = ?2 "
-                        "UNION ALL SELECT 1 FROM material WHERE id1 = ?1 AND id2 = ?2 LIMIT 1");
+bool knows(sql::Connection& db, const Cookie& c) {
+    sql::Query q(db, "SELECT 1 FROM edits WHERE id1 = ?1 AND id2 = ?2 "
+                     "UNION ALL SELECT 1 FROM material WHERE id1 = ?1 AND id2 = ?2 LIMIT 1");
     q.bind(1, int64_t(c.id1())).bind(2, int64_t(c.id2()));
     return q.next();
 }
 
 class Tidier {
 public:
-    Tidier(sqlite::Connection& db, uint32_t word, uint32_t nextId) : db_(db), word_(word), nextId_(nextId) {}
+    Tidier(sql::Connection& db, uint32_t word, uint32_t nextId) : db_(db), word_(word), nextId_(nextId) {}
 
     void folder(const Drive& d, const WString& folderName, ImportRecoveryReport& report) {
         const WString dir = joinPaths(d.root, folderName);
@@ -121,14 +121,33 @@ private:
         ++report.removed;
     }
 
-    sqlite::Connection& db_;
+    sql::Connection& db_;
     const uint32_t word_;
     const uint32_t nextId_;
 };
 
 } // namespace
 
-ImportLock::ImportLock(const ProjectDatabase& db, bool exclusive) {
+namespace {
+
+// The key of the server's advisory lock that stands for the import lock.
+constexpr const char* kLockShared = "SELECT pg_advisory_lock_shared(1886152294)";
+constexpr const char* kTryExclusive = "SELECT pg_try_advisory_lock(1886152294)::int";
+constexpr const char* kUnlockShared = "SELECT pg_advisory_unlock_shared(1886152294)";
+constexpr const char* kUnlockExclusive = "SELECT pg_advisory_unlock(1886152294)";
+
+} // namespace
+
+ImportLock::ImportLock(const ProjectDatabase& db, bool exclusive) : exclusive_(exclusive) {
+    if (db.isShared()) {
+        // The seats share the media drives, so the lock is the server's, held by a
+        // session of this process for as long as this lives.
+        session_ = db.takeReader();
+        if (!session_) return;
+        db_ = &db;
+        held_ = exclusive ? session_->scalar(kTryExclusive, 0) == 1 : session_->exec(kLockShared);
+        return;
+    }
     const String path = toUTF8(db.path() + WString(L"-imports"));
     fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     if (fd_ < 0) return;
@@ -141,6 +160,10 @@ ImportLock::ImportLock(const ProjectDatabase& db, bool exclusive) {
 
 ImportLock::~ImportLock() {
     if (fd_ >= 0) ::close(fd_); // drops the lock
+    if (session_) {
+        if (held_) session_->exec(exclusive_ ? kUnlockExclusive : kUnlockShared);
+        db_->giveBackReader(std::move(session_));
+    }
 }
 
 WString pendingImportName(const WString& finalPath) {
@@ -157,7 +180,7 @@ ImportRecoveryReport recoverInterruptedImports(ProjectDatabase& db) {
     ProjectDatabase::Read r(db);
     if (!r.ok()) return report;
     const int64_t word = ProjectDatabase::setting(r.db(), "project_word", 2);
-    const int64_t next = ProjectDatabase::setting(r.db(), "next_id", 1000);
+    const int64_t next = ProjectDatabase::nextItemNumber(r.db());
     Tidier tidier(r.db(), uint32_t(word), uint32_t(std::min<int64_t>(next, UINT32_MAX)));
     for (const Drive& d : drivesOf(r.db()))
         for (const WString& folder : d.folders) tidier.folder(d, folder, report);

@@ -19,12 +19,19 @@
 // Locks: an import holds the project's import lock shared for its whole run; the recovery
 // takes it exclusively without waiting, and does nothing when an import is running in any
 // process (the next opening tidies up). The lock is an flock() on a file beside the
-// database; the kernel drops it when its process dies.
+// database, which the kernel drops when its process dies; for a project on a server,
+// an advisory lock of the server held by one of the process's sessions, which the
+// server drops when the session ends.
 #pragma once
 
 #include "host/core/LightweightString.h"
 
+#include <memory>
+
 class ProjectDatabase;
+namespace sql {
+class Connection;
+}
 
 class ImportLock {
 public:
@@ -38,6 +45,9 @@ public:
 private:
     int fd_ = -1;
     bool held_ = false;
+    const bool exclusive_;
+    const ProjectDatabase* db_ = nullptr;
+    std::unique_ptr<sql::Connection> session_;
 };
 
 // The pending name of a file that an import places at finalPath (an operating-system

@@ -9,7 +9,7 @@
 
 namespace {
 
-void bindKey(sqlite::Query& q, const Cookie& c) {
+void bindKey(sql::Query& q, const Cookie& c) {
     q.bind(1, int64_t(c.id1())).bind(2, int64_t(c.id2())).bind(3, int64_t(uint8_t(c.type()))).bind(4, int64_t(c.index()));
 }
 
@@ -19,7 +19,7 @@ int64_t MaterialInfo::get_start_offset(const Cookie& material) {
     auto db = EditManager::getProjdb();
     if (!db) return 0;
     ProjectDatabase::Read r(*db);
-    sqlite::Query q(r.db(), "SELECT start_offset FROM material WHERE id1 = ?1 AND id2 = ?2 AND type = ?3 AND idx = ?4");
+    sql::Query q(r.db(), "SELECT start_offset FROM material WHERE id1 = ?1 AND id2 = ?2 AND type = ?3 AND idx = ?4");
     bindKey(q, material);
     return q.next() ? q.int64(0) : 0;
 }
@@ -29,7 +29,7 @@ bool MaterialInfo::set_start_offset(const Cookie& material, int64_t offset) {
     if (!db || !material.valid()) return false;
     ProjectDatabase::Write w(*db);
     if (!records::ensureMaterial(w.db(), material, 1)) w.fail();
-    sqlite::Query q(w.db(), "UPDATE material SET start_offset = ?5 WHERE id1 = ?1 AND id2 = ?2 AND type = ?3 AND idx = ?4");
+    sql::Query q(w.db(), "UPDATE material SET start_offset = ?5 WHERE id1 = ?1 AND id2 = ?2 AND type = ?3 AND idx = ?4");
     bindKey(q, material);
     q.bind(5, offset);
     if (!q.run()) w.fail();
@@ -50,7 +50,7 @@ uint32_t MaterialInfo::write_header(const Cookie& material, const String& text) 
     if (!sidecar.empty() && !projectfs::writeTextFile(sidecar, text)) return kWriteFailed;
     ProjectDatabase::Write w(*db);
     if (!records::ensureMaterial(w.db(), material, 1)) w.fail();
-    sqlite::Query q(w.db(), "UPDATE material SET header = ?5 WHERE id1 = ?1 AND id2 = ?2 AND type = ?3 AND idx = ?4");
+    sql::Query q(w.db(), "UPDATE material SET header = ?5 WHERE id1 = ?1 AND id2 = ?2 AND type = ?3 AND idx = ?4");
     bindKey(q, material);
     q.bind(5, text);
     if (!q.run()) w.fail();
@@ -62,7 +62,7 @@ String MaterialInfo::read_header(const Cookie& material) {
     if (!db) return String();
     {
         ProjectDatabase::Read r(*db);
-        sqlite::Query q(r.db(), "SELECT header FROM material WHERE id1 = ?1 AND id2 = ?2 AND type = ?3 AND idx = ?4");
+        sql::Query q(r.db(), "SELECT header FROM material WHERE id1 = ?1 AND id2 = ?2 AND type = ?3 AND idx = ?4");
         bindKey(q, material);
         if (q.next()) {
             String text = q.text(0);

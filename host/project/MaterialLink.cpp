@@ -19,7 +19,7 @@ bool MaterialLink::createLink(const WString& from, const WString& to, bool repla
     std::vector<Linked> found;
     ProjectDatabase::Write w(*db);
     {
-        sqlite::Query q(w.db(), "SELECT id1, id2, type, idx, role, seq FROM files WHERE link_target = ?1");
+        sql::Query q(w.db(), "SELECT id1, id2, type, idx, role, seq FROM files WHERE link_target = ?1");
         q.bind(1, from);
         while (q.next())
             found.push_back({Cookie(char(q.int64(2)), uint32_t(q.int64(0)), uint32_t(q.int64(1)), uint8_t(q.int64(3))),

@@ -5,7 +5,7 @@
 
 #include "host/core/Cookie.h"
 #include "host/project/MediaFileInfo.h"
-#include "host/project/Sqlite.h"
+#include "host/project/SqlConnection.h"
 
 #include <cstdint>
 #include <functional>
@@ -29,22 +29,22 @@ struct EntryRow {
 
 // The entry of a material cookie with its files (their names carry the drive roots);
 // false when there is none.
-bool loadEntry(sqlite::Connection& db, const Cookie& material, EntryRow& out);
+bool loadEntry(sql::Connection& db, const Cookie& material, EntryRow& out);
 // Every file of the directory with its material cookie, clip by clip (see
 // ProjectCatalog::mediaFiles for the order).
-bool forEachFile(sqlite::Connection& db, const std::function<void(const Cookie&, FileRow&&)>& visit);
+bool forEachFile(sql::Connection& db, const std::function<void(const Cookie&, FileRow&&)>& visit);
 // Makes the entry when it is missing (kind 1 complete, 2 still being written).
-bool ensureMaterial(sqlite::Connection& db, const Cookie& material, int kind);
-bool insertFile(sqlite::Connection& db, const Cookie& material, int role, int seq, const MediaFileInfo& file);
-bool updateFile(sqlite::Connection& db, const Cookie& material, int role, int seq, const MediaFileInfo& file);
-bool deleteFile(sqlite::Connection& db, const Cookie& material, int role, int seq);
-bool deleteMaterial(sqlite::Connection& db, const Cookie& material);
+bool ensureMaterial(sql::Connection& db, const Cookie& material, int kind);
+bool insertFile(sql::Connection& db, const Cookie& material, int role, int seq, const MediaFileInfo& file);
+bool updateFile(sql::Connection& db, const Cookie& material, int role, int seq, const MediaFileInfo& file);
+bool deleteFile(sql::Connection& db, const Cookie& material, int role, int seq);
+bool deleteMaterial(sql::Connection& db, const Cookie& material);
 // The number after the highest proxy of the entry.
-int nextProxySeq(sqlite::Connection& db, const Cookie& material);
+int nextProxySeq(sql::Connection& db, const Cookie& material);
 // The material cookies of a clip (same identifier words): video, then sound, then any
 // other type, each by index.
-CookieVec materialsOf(sqlite::Connection& db, const Cookie& clip);
+CookieVec materialsOf(sql::Connection& db, const Cookie& clip);
 // The video material with the lowest variant of the item; invalid when it has none.
-Cookie firstVideoVariant(sqlite::Connection& db, const Cookie& item);
+Cookie firstVideoVariant(sql::Connection& db, const Cookie& item);
 
 } // namespace records

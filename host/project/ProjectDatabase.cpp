@@ -1,304 +1,46 @@
-// Opening, checking and creating a project's database file; its schema; the reader pool
-// and the write transaction.
+// What both kinds of project database share: choosing one by location, the reader pool,
+// the transactions, item numbers and settings.
 #include "host/project/ProjectDatabase.h"
 
 #include "host/core/Strings.h"
 #include "host/os/Log.h"
-#include "host/project/ProjectFiles.h"
-#include "host/threads/PlainMutex.h"
-
-#include <cerrno>
-#include <chrono>
-#include <cstdio>
-#include <cstring>
-#include <fcntl.h>
-#include <fstream>
-#include <random>
-#include <unistd.h>
+#include "host/project/ServerProject.h"
+#include "host/project/SqliteProject.h"
 
 namespace {
 
 std::atomic<uint64_t> g_instances{0};
 
-// Version 1 of the schema. Cookies are stored as their four parts (type letter as its
-// character code, both identifier words, index) so that everything of one clip (same
-// words) is one key range. Edits are keyed by their identifier words alone.
-const char kSchema[] = R"sql(
-CREATE TABLE settings(
-    key   TEXT PRIMARY KEY,
-    value ANY
-) WITHOUT ROWID;
-
--- Clips, logs and sequences. flags: Edit::eFlags (imported, image, empty).
-CREATE TABLE edits(
-    id1 INTEGER NOT NULL, id2 INTEGER NOT NULL,
-    name TEXT NOT NULL DEFAULT '',
-    log_type INTEGER NOT NULL,
-    flags INTEGER NOT NULL DEFAULT 0,
-    sample_rate INTEGER NOT NULL DEFAULT 48000,
-    decode_options TEXT NOT NULL DEFAULT '',
-    audio_metadata TEXT NOT NULL DEFAULT '',
-    PRIMARY KEY(id1, id2)
-) WITHOUT ROWID;
-
--- An edit's channels; chan is unique within the edit, kind 1 video, 2 audio.
-CREATE TABLE channels(
-    id1 INTEGER NOT NULL, id2 INTEGER NOT NULL,
-    chan INTEGER NOT NULL, kind INTEGER NOT NULL, flags INTEGER NOT NULL DEFAULT 1,
-    PRIMARY KEY(id1, id2, chan),
-    FOREIGN KEY(id1, id2) REFERENCES edits(id1, id2) ON DELETE CASCADE
-) WITHOUT ROWID;
-
--- What an edit refers to, by selector: 2 material files, 3 clips, 4 the material
--- references of the availability test (filler included).
-CREATE TABLE refs(
-    id1 INTEGER NOT NULL, id2 INTEGER NOT NULL,
-    selector INTEGER NOT NULL, seq INTEGER NOT NULL,
-    type INTEGER NOT NULL, rid1 INTEGER NOT NULL, rid2 INTEGER NOT NULL, ridx INTEGER NOT NULL,
-    PRIMARY KEY(id1, id2, selector, seq),
-    FOREIGN KEY(id1, id2) REFERENCES edits(id1, id2) ON DELETE CASCADE
-) WITHOUT ROWID;
-
--- The timeline: what lies on a channel in [start, finish) seconds. kind 0 material
--- (the cookie), 1 filler (the filler cookie), 2 effect (its name in effect).
-CREATE TABLE segments(
-    id1 INTEGER NOT NULL, id2 INTEGER NOT NULL,
-    chan INTEGER NOT NULL, start REAL NOT NULL, finish REAL NOT NULL,
-    kind INTEGER NOT NULL,
-    type INTEGER NOT NULL DEFAULT 0, rid1 INTEGER NOT NULL DEFAULT 0, rid2 INTEGER NOT NULL DEFAULT 0,
-    ridx INTEGER NOT NULL DEFAULT 255,
-    effect TEXT NOT NULL DEFAULT '',
-    PRIMARY KEY(id1, id2, chan, start),
-    FOREIGN KEY(id1, id2) REFERENCES edits(id1, id2) ON DELETE CASCADE
-) WITHOUT ROWID;
-
--- Modifications announced to an edit (type 23: its media changed), in order.
-CREATE TABLE modifications(
-    id1 INTEGER NOT NULL, id2 INTEGER NOT NULL, seq INTEGER NOT NULL,
-    mod_type INTEGER NOT NULL, value INTEGER NOT NULL,
-    PRIMARY KEY(id1, id2, seq),
-    FOREIGN KEY(id1, id2) REFERENCES edits(id1, id2) ON DELETE CASCADE
-) WITHOUT ROWID;
-
--- The material directory: one entry per material cookie. kind 1 complete, 2 still
--- being written; start_offset in fields (video) or samples (sound); header: the play
--- header text.
-CREATE TABLE material(
-    id1 INTEGER NOT NULL, id2 INTEGER NOT NULL, type INTEGER NOT NULL, idx INTEGER NOT NULL,
-    kind INTEGER NOT NULL DEFAULT 1,
-    start_offset INTEGER NOT NULL DEFAULT 0,
-    header TEXT NOT NULL DEFAULT '',
-    PRIMARY KEY(id1, id2, type, idx)
-) WITHOUT ROWID;
-
--- The files of an entry: role 0 the high-resolution file, 1 its proxies (in seq
--- order). drive + path is the material file name; link_target is where a linked file
--- (storage 512) really is. status: 0 unknown, 1 offline, 2 available.
-CREATE TABLE files(
-    id1 INTEGER NOT NULL, id2 INTEGER NOT NULL, type INTEGER NOT NULL, idx INTEGER NOT NULL,
-    role INTEGER NOT NULL, seq INTEGER NOT NULL,
-    drive TEXT NOT NULL, path TEXT NOT NULL,
-    link_target TEXT NOT NULL DEFAULT '',
-    storage INTEGER NOT NULL DEFAULT 0,
-    status INTEGER NOT NULL DEFAULT 0,
-    size INTEGER NOT NULL DEFAULT 0,
-    PRIMARY KEY(id1, id2, type, idx, role, seq),
-    FOREIGN KEY(id1, id2, type, idx) REFERENCES material(id1, id2, type, idx) ON DELETE CASCADE
-) WITHOUT ROWID;
-CREATE INDEX files_by_name ON files(drive, path);
-CREATE INDEX files_by_target ON files(link_target) WHERE link_target <> '';
-
--- Media drives, in the host's order (seq). Folders are relative to the root; tasks is
--- a comma-separated list of the task kinds ("import", "render") the drive serves.
-CREATE TABLE drives(
-    id TEXT PRIMARY KEY,
-    seq INTEGER NOT NULL UNIQUE,
-    name TEXT NOT NULL DEFAULT '',
-    root TEXT NOT NULL,
-    video_folder TEXT NOT NULL DEFAULT 'video',
-    sound_folder TEXT NOT NULL DEFAULT 'sound',
-    tasks TEXT NOT NULL DEFAULT ''
-) WITHOUT ROWID;
-
--- The remote project space: its mount points, and per log what the server holds.
-CREATE TABLE mount_points(
-    seq INTEGER PRIMARY KEY,
-    path TEXT NOT NULL DEFAULT '',
-    alt_path TEXT NOT NULL DEFAULT ''
-);
-CREATE TABLE server_logs(
-    id1 INTEGER NOT NULL, id2 INTEGER NOT NULL,
-    has_proxies INTEGER NOT NULL DEFAULT 0,
-    PRIMARY KEY(id1, id2)
-) WITHOUT ROWID;
-CREATE TABLE server_media(
-    id1 INTEGER NOT NULL, id2 INTEGER NOT NULL, seq INTEGER NOT NULL,
-    type INTEGER NOT NULL, mid1 INTEGER NOT NULL, mid2 INTEGER NOT NULL, midx INTEGER NOT NULL,
-    path TEXT NOT NULL DEFAULT '',
-    PRIMARY KEY(id1, id2, seq)
-) WITHOUT ROWID;
-)sql";
-
-std::string pathOf(const WString& folder) { return toUTF8(joinPaths(folder, WString(L"project.playfile"))).str(); }
-
-WString quoted(const std::string& file) { return fromUTF8(("\"" + file + "\"").c_str()); }
-
-// Refuses anything that is not a project database of this schema, without writing to it.
-bool checkExisting(const std::string& file, WString& error) {
-    auto refuse = [&](const std::string& why) {
-        error = fromUTF8(("project database \"" + file + "\" " + why).c_str());
-        return false;
-    };
-    char header[100] = {};
-    {
-        std::ifstream in(file, std::ios::binary);
-        if (!in) return refuse("cannot be read");
-        in.read(header, sizeof header);
-        if (in.gcount() == 0) return refuse("is empty");
-        if (in.gcount() < std::streamsize(sizeof header) || std::memcmp(header, "SQLite format 3", 16) != 0)
-            return refuse("is not a database file (damaged or of another kind)");
-    }
-    sqlite::Connection db;
-    if (!db.open(file, sqlite::Connection::eReadOnly)) return refuse("cannot be opened: " + db.lastError());
-    int64_t app = db.scalar("PRAGMA application_id", INT64_MIN);
-    if (app == INT64_MIN) return refuse("is damaged: " + db.lastError());
-    if (app != ProjectDatabase::kApplicationId) return refuse("is not a playfile project");
-    int64_t version = db.scalar("PRAGMA user_version", -1);
-    if (version > ProjectDatabase::kSchemaVersion)
-        return refuse("has schema version " + std::to_string(version) + ", newer than this program reads (" +
-                      std::to_string(ProjectDatabase::kSchemaVersion) + ")");
-    if (version != ProjectDatabase::kSchemaVersion)
-        return refuse("has an unknown schema version " + std::to_string(version));
-    sqlite::Query check(db, "PRAGMA quick_check");
-    if (!check.next()) return refuse("is damaged: " + db.lastError());
-    std::string verdict = check.text(0).str();
-    if (verdict != "ok") {
-        // The check's report is several lines under a heading; the first finding says enough.
-        if (verdict.rfind("***", 0) == 0 && verdict.find('\n') != std::string::npos)
-            verdict = verdict.substr(verdict.find('\n') + 1);
-        return refuse("is damaged: " + verdict.substr(0, verdict.find('\n')));
-    }
-    return true;
-}
-
-// A word that identifies this project's items: never 0, never the filler's first word.
-int64_t makeProjectWord() {
-    std::random_device rd;
-    uint64_t seed = (uint64_t(rd()) << 32) ^ uint64_t(std::chrono::steady_clock::now().time_since_epoch().count()) ^
-                    uint64_t(getpid());
-    std::mt19937_64 rng(seed);
-    uint32_t w = 0;
-    while (w < 2) w = uint32_t(rng());
-    return w;
-}
-
-// Makes a new project file under a temporary name and links it into place only when it
-// is complete, so that a crash while creating never leaves a half-made project behind.
-bool createNew(const std::string& file, WString& error) {
-    std::string tmp = file + ".new" + std::to_string(getpid());
-    ::unlink(tmp.c_str());
-    ::unlink((tmp + "-wal").c_str());
-    ::unlink((tmp + "-shm").c_str());
-    bool ok;
-    {
-        sqlite::Connection db;
-        ok = db.open(tmp, sqlite::Connection::eCreate) && db.exec("PRAGMA journal_mode=WAL") &&
-             db.exec("PRAGMA synchronous=FULL") && db.begin(true) && db.exec(kSchema);
-        if (ok) {
-            char pragmas[160];
-            std::snprintf(pragmas, sizeof pragmas, "PRAGMA application_id=%d; PRAGMA user_version=%d;",
-                          ProjectDatabase::kApplicationId, ProjectDatabase::kSchemaVersion);
-            ok = db.exec(pragmas) && ProjectDatabase::setSetting(db, "project_word", makeProjectWord()) &&
-                 ProjectDatabase::setSetting(db, "next_id", 1000) && db.commit();
-        }
-        if (!ok) error = fromUTF8(("cannot create project database \"" + file + "\": " + db.lastError()).c_str());
-        // Closing the last connection folds the write-ahead log into the file.
-    }
-    if (ok) {
-        int fd = ::open(tmp.c_str(), O_RDONLY);
-        if (fd >= 0) {
-            ::fsync(fd);
-            ::close(fd);
-        }
-        // link() rather than rename(): a project that another process created meanwhile
-        // is kept, and this one is dropped.
-        if (::link(tmp.c_str(), file.c_str()) != 0 && errno != EEXIST) {
-            ok = false;
-            error = fromUTF8(("cannot create project database \"" + file + "\": " + std::strerror(errno)).c_str());
-        }
-    }
-    ::unlink(tmp.c_str());
-    ::unlink((tmp + "-wal").c_str());
-    ::unlink((tmp + "-shm").c_str());
-    return ok;
-}
-
 } // namespace
 
-ProjectDatabase::ProjectDatabase(const WString& folder)
-    : folder_(folder), file_(pathOf(folder)), instanceId_(g_instances.fetch_add(1) + 1) {}
+ProjectDatabase::ProjectDatabase(const WString& folder) : folder_(folder), instanceId_(g_instances.fetch_add(1) + 1) {}
 
-uint64_t ProjectDatabase::stateGeneration() const {
-    const int64_t now = std::chrono::duration_cast<std::chrono::nanoseconds>(
-                            std::chrono::steady_clock::now().time_since_epoch())
-                            .count();
-    if (now - lastWatch_.load(std::memory_order_relaxed) >= 1000000) {
-        PlainMutex::Lock lock(watchMutex_);
-        if (!watch_.isOpen() && !watch_.open(file_, sqlite::Connection::eReadOnly)) {
-            outsideChanges_.fetch_add(1); // cannot tell: count it as changed
-        } else {
-            int64_t version = watch_.scalar("PRAGMA data_version", -1);
-            if (version != lastVersion_ || version < 0) outsideChanges_.fetch_add(1);
-            lastVersion_ = version;
-        }
-        lastWatch_.store(now, std::memory_order_relaxed);
+ProjectDatabase::~ProjectDatabase() { closeConnections(); }
+
+void ProjectDatabase::closeConnections() {
+    {
+        PlainMutex::Lock lock(poolMutex_);
+        idle_.clear();
     }
-    return localCommits_.load() + outsideChanges_.load();
+    PlainMutex::Lock lock(writeMutex_);
+    writer_.reset();
 }
 
-ProjectDatabase::~ProjectDatabase() {
-    watch_.close();
-    idle_.clear();
-    writer_.close();
+bool ProjectDatabase::isServerLocation(const WString& location) {
+    return location.startsWith(L"postgresql://") || location.startsWith(L"postgres://");
 }
 
-WString ProjectDatabase::path() const { return fromUTF8(file_.c_str()); }
-
-Zn::Ptr<ProjectDatabase> ProjectDatabase::open(const WString& folder, bool create, WString& error) {
+Zn::Ptr<ProjectDatabase> ProjectDatabase::open(const WString& location, bool create, WString& error) {
     error = WString();
-    if (folder.empty()) {
+    if (location.empty()) {
         error = WString(L"no project folder given");
         return nullptr;
     }
-    Zn::Ptr<ProjectDatabase> db(new ProjectDatabase(folder));
-    if (!projectfs::exists(fromUTF8(db->file_.c_str()))) {
-        if (!create) {
-            error = WString(L"no project in ") + quoted(toUTF8(folder).str()) + L" (project.playfile is missing)";
-            return nullptr;
-        }
-        if (!projectfs::createDirectory(folder)) {
-            error = WString(L"cannot create project folder ") + quoted(toUTF8(folder).str());
-            return nullptr;
-        }
-        if (!createNew(db->file_, error)) return nullptr;
-    }
-    if (!checkExisting(db->file_, error)) return nullptr;
-    if (!db->openWriter(error)) return nullptr;
-    return db;
+    if (isServerLocation(location)) return ServerProject::open(location, create, error);
+    return SqliteProject::open(location, create, error);
 }
 
-bool ProjectDatabase::openWriter(WString& error) {
-    PlainMutex::Lock lock(writeMutex_);
-    if (!writer_.open(file_, sqlite::Connection::eReadWrite) || !writer_.exec("PRAGMA journal_mode=WAL") ||
-        !writer_.exec("PRAGMA synchronous=FULL; PRAGMA foreign_keys=ON")) {
-        error = fromUTF8(("cannot open project database \"" + file_ + "\": " + writer_.lastError()).c_str());
-        writer_.close();
-        return false;
-    }
-    return true;
-}
-
-std::unique_ptr<sqlite::Connection> ProjectDatabase::takeReader() const {
+std::unique_ptr<sql::Connection> ProjectDatabase::takeReader() const {
     {
         PlainMutex::Lock lock(poolMutex_);
         if (!idle_.empty()) {
@@ -307,38 +49,49 @@ std::unique_ptr<sqlite::Connection> ProjectDatabase::takeReader() const {
             return conn;
         }
     }
-    auto conn = std::make_unique<sqlite::Connection>();
-    // Readers map the file and keep a large page cache: status queries of a big project
-    // visit rows all over it, and a page read through a copy costs more than the query.
-    if (!conn->open(file_, sqlite::Connection::eReadWrite) ||
-        !conn->exec("PRAGMA query_only=ON; PRAGMA mmap_size=1073741824; PRAGMA cache_size=-32768")) {
-        LogBoth("ProjectDatabase: cannot open a reader on %s: %s\n", file_.c_str(), conn->lastError().c_str());
-        return nullptr;
-    }
-    return conn;
+    return connect();
 }
 
-void ProjectDatabase::giveBackReader(std::unique_ptr<sqlite::Connection> conn) const {
+void ProjectDatabase::giveBackReader(std::unique_ptr<sql::Connection> conn) const {
     PlainMutex::Lock lock(poolMutex_);
     // Enough connections for the threads that read at once; a burst beyond that closes.
     if (idle_.size() < 16) idle_.push_back(std::move(conn));
 }
 
+namespace {
+
+// A connection that is not open: every query on it fails.
+class Closed final : public sql::Connection {
+public:
+    sql::Dialect dialect() const noexcept override { return sql::Dialect::eSqlite; }
+    bool isOpen() const noexcept override { return false; }
+    void close() override {}
+    bool exec(const char*) override { return false; }
+    int64_t scalar(const char*, int64_t fallback) override { return fallback; }
+    bool beginRead() override { return false; }
+    bool begin(bool) override { return false; }
+    bool commit() override { return false; }
+    void rollback() override {}
+    bool inTransaction() const override { return false; }
+    int64_t changes() const override { return 0; }
+
+private:
+    std::unique_ptr<sql::Statement> prepare(const char*) override { return nullptr; }
+};
+
+} // namespace
+
 ProjectDatabase::Read::Read(const ProjectDatabase& db) : owner_(db), conn_(db.takeReader()) {
     if (!conn_) {
-        conn_ = std::make_unique<sqlite::Connection>(); // not open: every query fails
+        conn_ = std::make_unique<Closed>();
         return;
     }
-    sqlite::Query begin(*conn_, "BEGIN");
-    ok_ = begin.run();
+    ok_ = conn_->beginRead();
 }
 
 ProjectDatabase::Read::~Read() {
     if (!conn_->isOpen()) return;
-    if (conn_->inTransaction()) {
-        sqlite::Query commit(*conn_, "COMMIT");
-        if (!commit.run()) conn_->rollback();
-    }
+    if (conn_->inTransaction() && !conn_->commit()) conn_->rollback();
     owner_.giveBackReader(std::move(conn_));
 }
 
@@ -357,7 +110,7 @@ bool ProjectDatabase::Write::commit() {
         owner_.localCommits_.fetch_add(1);
         return true;
     }
-    LogBoth("ProjectDatabase: write of %s failed: %s\n", owner_.file_.c_str(),
+    LogBoth("ProjectDatabase: write of %s failed: %s\n", toUTF8(owner_.path()).c_str(),
             writer().lastError().c_str());
     writer().rollback();
     ok_ = false;
@@ -366,34 +119,50 @@ bool ProjectDatabase::Write::commit() {
 
 CookieVec ProjectDatabase::search(int field, unsigned mask) const {
     CookieVec out;
+    if (field != 1 && field != 2) return out;
     Read r(*this);
     if (!r.ok()) return out;
     const char* sql = field == 2 ? "SELECT id1, id2 FROM edits WHERE (flags & ?1) <> 0 ORDER BY id2, id1"
                                  : "SELECT id1, id2 FROM edits WHERE (log_type & ?1) <> 0 ORDER BY id2, id1";
-    if (field != 1 && field != 2) return out;
-    sqlite::Query q(r.db(), sql);
+    sql::Query q(r.db(), sql);
     q.bind(1, int64_t(mask));
     while (q.next()) out.add(Cookie('E', uint32_t(q.int64(0)), uint32_t(q.int64(1))));
     return out;
 }
 
-Cookie ProjectDatabase::newCookie(sqlite::Connection& db, CookieType type) {
+Cookie ProjectDatabase::newCookie(sql::Connection& db, CookieType type) {
     int64_t word = setting(db, "project_word", 2);
-    int64_t next = setting(db, "next_id", 1000);
-    if (next == int64_t(Cookie::kFillerWord)) ++next;
-    if (!setSetting(db, "next_id", next + 1)) return Cookie();
+    int64_t next;
+    if (db.dialect() == sql::Dialect::ePostgres) {
+        // The sequence hands every seat numbers of its own, whatever their transactions do.
+        do {
+            sql::Query q(db, "SELECT nextval('item_numbers')");
+            if (!q.next()) return Cookie();
+            next = q.int64(0);
+        } while (next == int64_t(Cookie::kFillerWord));
+    } else {
+        next = setting(db, "next_id", 1000);
+        if (next == int64_t(Cookie::kFillerWord)) ++next;
+        if (!setSetting(db, "next_id", next + 1)) return Cookie();
+    }
     return Cookie(type, uint32_t(word), uint32_t(next));
 }
 
-int64_t ProjectDatabase::setting(sqlite::Connection& db, const char* key, int64_t fallback) {
-    sqlite::Query q(db, "SELECT value FROM settings WHERE key = ?1");
+int64_t ProjectDatabase::nextItemNumber(sql::Connection& db) {
+    if (db.dialect() != sql::Dialect::ePostgres) return setting(db, "next_id", 1000);
+    sql::Query q(db, "SELECT CASE WHEN is_called THEN last_value + 1 ELSE last_value END FROM item_numbers");
+    return q.next() ? q.int64(0) : 1000;
+}
+
+int64_t ProjectDatabase::setting(sql::Connection& db, const char* key, int64_t fallback) {
+    sql::Query q(db, "SELECT value FROM settings WHERE key = ?1");
     q.bind(1, key);
     return q.next() ? q.int64(0) : fallback;
 }
 
-bool ProjectDatabase::setSetting(sqlite::Connection& db, const char* key, int64_t value) {
-    sqlite::Query q(db, "INSERT INTO settings(key, value) VALUES(?1, ?2) "
-                        "ON CONFLICT(key) DO UPDATE SET value = excluded.value");
+bool ProjectDatabase::setSetting(sql::Connection& db, const char* key, int64_t value) {
+    sql::Query q(db, "INSERT INTO settings(key, value) VALUES(?1, ?2) "
+                     "ON CONFLICT(key) DO UPDATE SET value = excluded.value");
     q.bind(1, key).bind(2, value);
     return q.run();
 }

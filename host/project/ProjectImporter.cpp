@@ -42,7 +42,7 @@ std::vector<Cookie> materialsOf(const Cookie& clip, int video, int audio) {
 
 // Writes one clip (edit, channels, references, material entries, file records) within
 // the caller's transaction.
-bool writeClip(const Zn::Ptr<ProjectDatabase>& db, sqlite::Connection& conn, const Cookie& clip, const ClipRecord& r) {
+bool writeClip(const Zn::Ptr<ProjectDatabase>& db, sql::Connection& conn, const Cookie& clip, const ClipRecord& r) {
     Zn::Ptr<Edit> edit(new Edit(db, clip, r.name, Edit::eLogClip, r.flags | Edit::eImported));
     edit->setAudioInputSampleRate(r.sampleRate);
     for (int i = 0; i < r.videoChannels; ++i) edit->addChannel(Edit::eVideo);
@@ -115,6 +115,11 @@ DriveId ProjectImporter::importDrive(const DriveId& wanted, WString* error) {
     auto db = EditManager::getProjdb();
     if (!db) {
         if (error) *error = WString(L"no project is open");
+        return DriveId();
+    }
+    if (db->folder().empty()) {
+        // The seats of a server project share its drives: one is added on purpose.
+        if (error) *error = WString(L"the project has no media drive (add one with playfile drives add)");
         return DriveId();
     }
     WString why;

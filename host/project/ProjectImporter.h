@@ -36,7 +36,7 @@ struct ImportProgress {
 struct ImportOptions {
     // The drive for the clips' material files; '0' for the project's "import" drive
     // (any drive when none serves imports; a new drive 'A' at <project>/media when the
-    // project has no drive at all).
+    // project has no drive at all and is a folder).
     DriveId drive;
     bool copy = false;      // copy onto the drive rather than link in place
     int videoChannels = -1; // -1: from the file's kind

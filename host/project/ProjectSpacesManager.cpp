@@ -22,7 +22,7 @@ public:
     std::vector<MountPointInfo> getMountPoints() const override {
         std::vector<MountPointInfo> out;
         ProjectDatabase::Read r(*db_);
-        sqlite::Query q(r.db(), "SELECT path, alt_path FROM mount_points ORDER BY seq");
+        sql::Query q(r.db(), "SELECT path, alt_path FROM mount_points ORDER BY seq");
         while (q.next()) out.push_back({q.wtext(0), q.wtext(1)});
         return out;
     }
@@ -30,8 +30,8 @@ public:
     std::vector<ServerMediaEntry> getServerMediaEntries(const Cookie& log) const override {
         std::vector<ServerMediaEntry> out;
         ProjectDatabase::Read r(*db_);
-        sqlite::Query q(r.db(), "SELECT type, mid1, mid2, midx, path FROM server_media WHERE id1 = ?1 AND id2 = ?2 "
-                                "ORDER BY seq");
+        sql::Query q(r.db(), "SELECT type, mid1, mid2, midx, path FROM server_media WHERE id1 = ?1 AND id2 = ?2 "
+                             "ORDER BY seq");
         q.bind(1, int64_t(log.id1())).bind(2, int64_t(log.id2()));
         while (q.next())
             out.push_back({Cookie(char(q.int64(0)), uint32_t(q.int64(1)), uint32_t(q.int64(2)), uint8_t(q.int64(3))),
@@ -41,7 +41,7 @@ public:
 
     bool hasServerProxies(const Cookie& log) const override {
         ProjectDatabase::Read r(*db_);
-        sqlite::Query q(r.db(), "SELECT has_proxies FROM server_logs WHERE id1 = ?1 AND id2 = ?2");
+        sql::Query q(r.db(), "SELECT has_proxies FROM server_logs WHERE id1 = ?1 AND id2 = ?2");
         q.bind(1, int64_t(log.id1())).bind(2, int64_t(log.id2()));
         return q.next() && q.int64(0) != 0;
     }
@@ -93,8 +93,8 @@ bool ProjectSpacesManager::addMountPoint(const MountPointInfo& mount) {
     auto db = EditManager::getProjdb();
     if (!db) return false;
     ProjectDatabase::Write w(*db);
-    sqlite::Query q(w.db(), "INSERT INTO mount_points(seq, path, alt_path) "
-                            "VALUES((SELECT coalesce(max(seq), 0) + 1 FROM mount_points), ?1, ?2)");
+    sql::Query q(w.db(), "INSERT INTO mount_points(seq, path, alt_path) "
+                         "VALUES((SELECT coalesce(max(seq), 0) + 1 FROM mount_points), ?1, ?2)");
     q.bind(1, mount.path).bind(2, mount.altPath);
     if (!q.run()) w.fail();
     return w.commit();
@@ -104,9 +104,9 @@ bool ProjectSpacesManager::addServerMediaEntry(const Cookie& log, const ServerMe
     auto db = EditManager::getProjdb();
     if (!db) return false;
     ProjectDatabase::Write w(*db);
-    sqlite::Query q(w.db(), "INSERT INTO server_media(id1, id2, seq, type, mid1, mid2, midx, path) "
-                            "VALUES(?1, ?2, (SELECT coalesce(max(seq), 0) + 1 FROM server_media "
-                            "WHERE id1 = ?1 AND id2 = ?2), ?3, ?4, ?5, ?6, ?7)");
+    sql::Query q(w.db(), "INSERT INTO server_media(id1, id2, seq, type, mid1, mid2, midx, path) "
+                         "VALUES(?1, ?2, (SELECT coalesce(max(seq), 0) + 1 FROM server_media "
+                         "WHERE id1 = ?1 AND id2 = ?2), ?3, ?4, ?5, ?6, ?7)");
     q.bind(1, int64_t(log.id1())).bind(2, int64_t(log.id2())).bind(3, int64_t(uint8_t(entry.material.type())));
     q.bind(4, int64_t(entry.material.id1())).bind(5, int64_t(entry.material.id2()));
     q.bind(6, int64_t(entry.material.index())).bind(7, entry.path);
@@ -118,8 +118,8 @@ bool ProjectSpacesManager::setServerProxies(const Cookie& log, bool hasProxies) 
     auto db = EditManager::getProjdb();
     if (!db) return false;
     ProjectDatabase::Write w(*db);
-    sqlite::Query q(w.db(), "INSERT INTO server_logs(id1, id2, has_proxies) VALUES(?1, ?2, ?3) "
-                            "ON CONFLICT(id1, id2) DO UPDATE SET has_proxies = excluded.has_proxies");
+    sql::Query q(w.db(), "INSERT INTO server_logs(id1, id2, has_proxies) VALUES(?1, ?2, ?3) "
+                         "ON CONFLICT(id1, id2) DO UPDATE SET has_proxies = excluded.has_proxies");
     q.bind(1, int64_t(log.id1())).bind(2, int64_t(log.id2())).bind(3, hasProxies ? 1 : 0);
     if (!q.run()) w.fail();
     return w.commit();
@@ -146,8 +146,8 @@ CookieVec ProjectSpacesManager::getServerLogs() {
     auto db = EditManager::getProjdb();
     if (!db) return out;
     ProjectDatabase::Read r(*db);
-    sqlite::Query q(r.db(), "SELECT id1, id2 FROM server_logs WHERE has_proxies <> 0 "
-                            "UNION SELECT id1, id2 FROM server_media ORDER BY 2, 1");
+    sql::Query q(r.db(), "SELECT id1, id2 FROM server_logs WHERE has_proxies <> 0 "
+                         "UNION SELECT id1, id2 FROM server_media ORDER BY 2, 1");
     while (q.next()) out.add(Cookie('E', uint32_t(q.int64(0)), uint32_t(q.int64(1))));
     return out;
 }

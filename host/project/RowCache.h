@@ -1,8 +1,9 @@
 // RowCache: rows of the project database kept in memory between questions, so that the
-// frequent look-ups (an edit by cookie, a material's directory entry) do not go to SQLite
-// each time. A cache belongs to one open project and one state of it: every commit made
-// in this process, and every commit of another process (seen within a millisecond, see
-// ProjectDatabase::stateGeneration), empties it. A row read at one state is only kept
+// frequent look-ups (an edit by cookie, a material's directory entry) do not go to the
+// database each time. A cache belongs to one open project and one state of it: every
+// commit made in this process, and every commit of another process or seat (seen within
+// a millisecond on a project file, within milliseconds through the server's notifications
+// on a server project, see ProjectDatabase::stateGeneration), empties it. A row read at one state is only kept
 // if the state has not moved on meanwhile. Bounded: when full it starts again empty.
 //
 // Lock: mutex_ guards the map and the state it belongs to. It is held only for a look-up

@@ -1,71 +1,43 @@
-// The SQLite connection and query layer of the media database.
+// The SQLite connection and statements of the database layer.
 #include "host/project/Sqlite.h"
-
-#include "host/core/Strings.h"
 
 #include <sqlite3.h>
 
 namespace sqlite {
 
-Query::Query(Connection& db, const char* sql) : db_(db) {
-    stmt_ = db.statement(sql);
-    ok_ = stmt_ != nullptr;
-}
+class Statement final : public sql::Statement {
+public:
+    Statement(Connection& db, sqlite3_stmt* stmt) : db_(db), stmt_(stmt) {}
+    ~Statement() override { sqlite3_finalize(stmt_); }
 
-Query::~Query() {
-    if (stmt_) {
+    void bindInt(int i, int64_t v) override { sqlite3_bind_int64(stmt_, i, v); }
+    void bindReal(int i, double v) override { sqlite3_bind_double(stmt_, i, v); }
+    void bindText(int i, const String& v) override {
+        sqlite3_bind_text(stmt_, i, v.c_str(), int(v.size()), SQLITE_TRANSIENT);
+    }
+    int step() override {
+        int rc = sqlite3_step(stmt_);
+        if (rc == SQLITE_ROW) return 1;
+        if (rc == SQLITE_DONE) return 0;
+        db_.fail(rc);
+        return -1;
+    }
+    int64_t int64(int col) const override { return sqlite3_column_int64(stmt_, col); }
+    double real(int col) const override { return sqlite3_column_double(stmt_, col); }
+    String text(int col) const override {
+        const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, col));
+        return p ? String(p, size_t(sqlite3_column_bytes(stmt_, col))) : String("");
+    }
+    bool isNull(int col) const override { return sqlite3_column_type(stmt_, col) == SQLITE_NULL; }
+    void reset() override {
         sqlite3_reset(stmt_);
         sqlite3_clear_bindings(stmt_);
     }
-}
 
-Query& Query::bind(int i, int64_t v) {
-    if (stmt_) sqlite3_bind_int64(stmt_, i, v);
-    return *this;
-}
-
-Query& Query::bind(int i, double v) {
-    if (stmt_) sqlite3_bind_double(stmt_, i, v);
-    return *this;
-}
-
-Query& Query::bind(int i, const String& v) {
-    if (stmt_) sqlite3_bind_text(stmt_, i, v.c_str(), int(v.size()), SQLITE_TRANSIENT);
-    return *this;
-}
-
-Query& Query::bind(int i, const WString& v) { return bind(i, toUTF8(v)); }
-
-bool Query::next() {
-    if (!stmt_ || !ok_) return false;
-    int rc = sqlite3_step(stmt_);
-    if (rc == SQLITE_ROW) return true;
-    if (rc != SQLITE_DONE) {
-        ok_ = false;
-        db_.fail(rc);
-    }
-    return false;
-}
-
-bool Query::run() {
-    while (next()) {
-    }
-    return ok_;
-}
-
-int64_t Query::int64(int col) const { return sqlite3_column_int64(stmt_, col); }
-double Query::real(int col) const { return sqlite3_column_double(stmt_, col); }
-bool Query::isNull(int col) const { return sqlite3_column_type(stmt_, col) == SQLITE_NULL; }
-
-String Query::text(int col) const {
-    const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, col));
-    return p ? String(p, size_t(sqlite3_column_bytes(stmt_, col))) : String("");
-}
-
-WString Query::wtext(int col) const {
-    const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, col));
-    return p ? fromUTF8(p, sqlite3_column_bytes(stmt_, col)) : WString(L"");
-}
+private:
+    Connection& db_;
+    sqlite3_stmt* stmt_;
+};
 
 Connection::~Connection() { close(); }
 
@@ -79,8 +51,7 @@ bool Connection::open(const std::string& path, eMode mode) {
     }
     int rc = sqlite3_open_v2(path.c_str(), &db_, flags, nullptr);
     if (rc != SQLITE_OK) {
-        lastCode_ = rc;
-        lastError_ = db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(rc);
+        setError(rc, db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(rc));
         close();
         return false;
     }
@@ -91,42 +62,29 @@ bool Connection::open(const std::string& path, eMode mode) {
 }
 
 void Connection::close() {
-    for (auto& [sql, stmt] : cache_) sqlite3_finalize(stmt);
-    cache_.clear();
+    dropStatements();
     if (db_) sqlite3_close_v2(db_);
     db_ = nullptr;
 }
 
-sqlite3_stmt* Connection::statement(const char* sql) {
-    if (!db_) {
-        lastError_ = "the database is not open";
-        lastCode_ = SQLITE_MISUSE;
-        return nullptr;
-    }
-    auto it = cache_.find(sql);
-    if (it != cache_.end()) return it->second;
+std::unique_ptr<sql::Statement> Connection::prepare(const char* sql) {
     sqlite3_stmt* stmt = nullptr;
     int rc = sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, &stmt, nullptr);
     if (rc != SQLITE_OK) {
         fail(rc);
         return nullptr;
     }
-    cache_.emplace(sql, stmt);
-    return stmt;
+    return std::make_unique<Statement>(*this, stmt);
 }
 
-void Connection::fail(int code) {
-    lastCode_ = code;
-    lastError_ = db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(code);
-}
+void Connection::fail(int code) { setError(code, db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(code)); }
 
 bool Connection::exec(const char* sql) {
     if (!db_) return false;
     char* msg = nullptr;
     int rc = sqlite3_exec(db_, sql, nullptr, nullptr, &msg);
     if (rc != SQLITE_OK) {
-        lastCode_ = rc;
-        lastError_ = msg ? msg : sqlite3_errstr(rc);
+        setError(rc, msg ? msg : sqlite3_errstr(rc));
         sqlite3_free(msg);
         return false;
     }

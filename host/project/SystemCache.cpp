@@ -134,7 +134,7 @@ bool SystemCache::isEligible(const WString& fileName) {
     if (!db) return false;
     MaterialFilename name = MaterialFilename::fromOsPath(fileName);
     ProjectDatabase::Read r(*db);
-    sqlite::Query q(r.db(), "SELECT 1 FROM files WHERE (drive = ?1 AND path = ?2) OR link_target = ?3 LIMIT 1");
+    sql::Query q(r.db(), "SELECT 1 FROM files WHERE (drive = ?1 AND path = ?2) OR link_target = ?3 LIMIT 1");
     q.bind(1, String(std::string(1, name.getDriveChar()))).bind(2, name.getPath()).bind(3, fileName);
     return q.next();
 }

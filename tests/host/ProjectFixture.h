@@ -1,7 +1,8 @@
-// A real project for the media database tests: a project folder and a media drive 'A'
-// (with a space and a non-ASCII letter in its root) in a temporary folder, made current
-// for the test and closed after it, plus helpers to make source media and to check
-// that the project's records hang together.
+// A real project for the media database tests: a project folder (or a database of its
+// own on the tests' PostgreSQL server) and a media drive 'A' (with a space and a
+// non-ASCII letter in its root) in a temporary folder, made current for the test and
+// closed after it, plus helpers to make source media and to check that the project's
+// records hang together. OnBothDatabases runs a fixture's tests on both kinds of project.
 #pragma once
 
 #include "host/core/Strings.h"
@@ -11,11 +12,13 @@
 #include "host/project/ProjectDatabase.h"
 #include "host/project/ProjectImporter.h"
 #include "host/project/SystemCache.h"
+#include "support/PostgresServer.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -56,24 +59,44 @@ inline std::string inconsistencies(ProjectDatabase& db) {
     std::string out;
     ProjectDatabase::Read r(db);
     for (auto [broken, sql] : kRules) {
-        sqlite::Query q(r.db(), sql);
+        sql::Query q(r.db(), sql);
         if (!q.next() || q.int64(0) != 0) out += broken;
     }
     return out;
 }
 
+enum class ProjectKind { eFolder, eServer };
+
+inline std::string projectKindName(const ::testing::TestParamInfo<ProjectKind>& info) {
+    return info.param == ProjectKind::eServer ? "Postgres" : "Sqlite";
+}
+inline void PrintTo(ProjectKind kind, std::ostream* os) {
+    *os << (kind == ProjectKind::eServer ? "a project on the server" : "a project file");
+}
+
 class ProjectTest : public ::testing::Test {
 protected:
+    virtual ProjectKind projectKind() const { return ProjectKind::eFolder; }
+
     void SetUp() override {
         projectDir = tmp.path() / "project folder";
         driveRoot = tmp.path() / "drive Ä";
         sources = tmp.path() / "sources";
+        location = projectDir.string();
+        if (projectKind() == ProjectKind::eServer) {
+            server = std::make_unique<testing_support::PostgresDatabase>();
+            if (!server->ok()) GTEST_SKIP() << "no PostgreSQL server for the test: " << server->why();
+            location = server->uri();
+        }
         WString error;
-        ASSERT_TRUE(EditManager::openProject(W(projectDir.string()), true, &error)) << U(error);
+        ASSERT_TRUE(EditManager::openProject(W(location), true, &error)) << U(error);
         ASSERT_TRUE(DiskManager::addDrive(DriveId('A'), W(driveRoot.string()), W("Drive A"), "import,render", &error))
             << U(error);
     }
-    void TearDown() override { EditManager::closeProject(); }
+    void TearDown() override {
+        EditManager::closeProject();
+        server.reset();
+    }
 
     std::string source(const std::string& name, size_t n = 1000, char seed = 'a') {
         return makeFile(sources / name, n, seed);
@@ -95,11 +118,27 @@ protected:
     void reopen() {
         EditManager::closeProject();
         WString error;
-        ASSERT_TRUE(EditManager::openProject(W(projectDir.string()), false, &error)) << U(error);
+        ASSERT_TRUE(EditManager::openProject(W(location), false, &error)) << U(error);
     }
 
     testing_support::TempDir tmp{"playfile-project"};
     std::filesystem::path projectDir, driveRoot, sources;
+    std::string location; // the project folder, or the server database's URI
+    std::unique_ptr<testing_support::PostgresDatabase> server;
 };
+
+// Fixture's tests (TEST_P) on a project file and on a project on the server:
+// INSTANTIATE_TEST_SUITE_P(Databases, Suite, ::testing::Values(ProjectKind::eFolder,
+// ProjectKind::eServer), projectKindName).
+template <class Fixture>
+class OnBothDatabases : public Fixture, public ::testing::WithParamInterface<ProjectKind> {
+protected:
+    ProjectKind projectKind() const override { return this->GetParam(); }
+};
+
+#define PLAYFILE_ON_BOTH_DATABASES(Suite)                                                                      \
+    INSTANTIATE_TEST_SUITE_P(Databases, Suite,                                                                 \
+                             ::testing::Values(project_test::ProjectKind::eFolder, project_test::ProjectKind::eServer), \
+                             project_test::projectKindName)
 
 } // namespace project_test

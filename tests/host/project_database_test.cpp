@@ -4,6 +4,7 @@
 #include "host/project/EditInfo.h"
 #include "host/project/EditModifier.h"
 #include "host/project/ProjectImporter.h"
+#include "host/project/Sqlite.h"
 
 #include <chrono>
 #include <thread>

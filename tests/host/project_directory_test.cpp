@@ -22,9 +22,10 @@ Cookie importOne(const std::string& path, bool copy = false) {
 
 } // namespace
 
-using ProjectDirectory = ProjectTest;
+using ProjectDirectory = OnBothDatabases<ProjectTest>;
+PLAYFILE_ON_BOTH_DATABASES(ProjectDirectory);
 
-TEST_F(ProjectDirectory, LinkedImportReferencesTheFileInPlaceThroughALinkOnTheDrive) {
+TEST_P(ProjectDirectory, LinkedImportReferencesTheFileInPlaceThroughALinkOnTheDrive) {
     std::string src = source("interview.mov", 4000);
     Cookie clip = importOne(src);
     EditPtr edit;
@@ -60,7 +61,7 @@ TEST_F(ProjectDirectory, LinkedImportReferencesTheFileInPlaceThroughALinkOnTheDr
     EXPECT_EQ(inconsistencies(*db()), "");
 }
 
-TEST_F(ProjectDirectory, CopiedImportHoldsItsOwnCopyAndFileKindsDecideTheLayout) {
+TEST_P(ProjectDirectory, CopiedImportHoldsItsOwnCopyAndFileKindsDecideTheLayout) {
     std::string src = source("song.WAV", 3000, 'q');
     Cookie clip = importOne(src, true);
     auto entry = SystemCache::findEntryForCookie(convertCookie(clip, 'S', 1));
@@ -90,7 +91,7 @@ TEST_F(ProjectDirectory, CopiedImportHoldsItsOwnCopyAndFileKindsDecideTheLayout)
     EXPECT_EQ(db()->search(1, Edit::eLogClip).size(), 2u);
 }
 
-TEST_F(ProjectDirectory, StatusFollowsTheDiskAndIsStoredOnlyWhenItChanges) {
+TEST_P(ProjectDirectory, StatusFollowsTheDiskAndIsStoredOnlyWhenItChanges) {
     std::string src = source("a.mov");
     Cookie v0 = convertCookie(importOne(src), 'V', 0);
     fs::rename(src, src + ".away");
@@ -105,7 +106,7 @@ TEST_F(ProjectDirectory, StatusFollowsTheDiskAndIsStoredOnlyWhenItChanges) {
     EXPECT_EQ(SystemCache::getDriveForCookie(v0, 1), DriveId('A'));
 }
 
-TEST_F(ProjectDirectory, ProxiesAreAddedRenamedAndDroppedAsRecordsOnly) {
+TEST_P(ProjectDirectory, ProxiesAreAddedRenamedAndDroppedAsRecordsOnly) {
     Cookie clip = importOne(source("b.mov"));
     Cookie v0 = convertCookie(clip, 'V', 0);
     std::string remote = makeFile(tmp.path() / "server" / "b.proxy.mp4", 500);
@@ -137,7 +138,7 @@ TEST_F(ProjectDirectory, ProxiesAreAddedRenamedAndDroppedAsRecordsOnly) {
     EXPECT_EQ(SystemCache::getClipMediaFiles(clip).size(), 4u); // V0 + its proxy, S1, S2
 }
 
-TEST_F(ProjectDirectory, RemovingFilesDeletesDriveCopiesAndLinkFilesButNeverLinkedMedia) {
+TEST_P(ProjectDirectory, RemovingFilesDeletesDriveCopiesAndLinkFilesButNeverLinkedMedia) {
     std::string linkedSrc = source("linked.mov");
     Cookie linked = importOne(linkedSrc);
     Cookie copied = importOne(source("copied.mov"), true);
@@ -163,7 +164,7 @@ TEST_F(ProjectDirectory, RemovingFilesDeletesDriveCopiesAndLinkFilesButNeverLink
     EXPECT_TRUE(SystemCache::fileExists(convertCookie(linked, 'S', 1)));
 }
 
-TEST_F(ProjectDirectory, AddFileRegistersWriterOutputAndMovesReplaceTheHighResRecord) {
+TEST_P(ProjectDirectory, AddFileRegistersWriterOutputAndMovesReplaceTheHighResRecord) {
     Cookie m('V', 77, 88, 0);
     MaterialFilename name = getMaterialFilenameForCookie(m, DriveId('A'));
     EXPECT_EQ(U(name.getPath()), "video/" + U(m.asWString()));
@@ -198,7 +199,7 @@ TEST_F(ProjectDirectory, AddFileRegistersWriterOutputAndMovesReplaceTheHighResRe
     EXPECT_EQ(U(o.getOsPath()), outside);
 }
 
-TEST_F(ProjectDirectory, HeadersLiveInTheProjectAndBesideTheMediaAndStartOffsetsPersist) {
+TEST_P(ProjectDirectory, HeadersLiveInTheProjectAndBesideTheMediaAndStartOffsetsPersist) {
     Cookie v0 = convertCookie(importOne(source("h.mov"), true), 'V', 0);
     String text("vision\nrate 25\nname Ü\n");
     EXPECT_EQ(MaterialInfo::write_header(v0, text), text.size());
@@ -221,7 +222,7 @@ TEST_F(ProjectDirectory, HeadersLiveInTheProjectAndBesideTheMediaAndStartOffsets
     EXPECT_EQ(MaterialInfo::read_header(v0), String("from the sidecar"));
 }
 
-TEST_F(ProjectDirectory, CreateLinkRepointsEveryLinkToTheOldPlace) {
+TEST_P(ProjectDirectory, CreateLinkRepointsEveryLinkToTheOldPlace) {
     std::string remote = source("remote.mov");
     Cookie clip = importOne(remote);
     std::string local = makeFile(driveRoot / "video" / "remote.mov", 1000);
@@ -240,7 +241,7 @@ TEST_F(ProjectDirectory, CreateLinkRepointsEveryLinkToTheOldPlace) {
     EXPECT_EQ(fs::read_symlink(fresh).string(), remote);
 }
 
-TEST_F(ProjectDirectory, DrivesAnswerByIdTaskPathAndCharacter) {
+TEST_P(ProjectDirectory, DrivesAnswerByIdTaskPathAndCharacter) {
     WString error;
     EXPECT_FALSE(DiskManager::addDrive(DriveId('0'), W("/tmp/x"), W(""), "", &error));
     EXPECT_FALSE(DiskManager::addDrive(DriveId('C'), W("relative"), W(""), "", &error));
@@ -272,7 +273,7 @@ TEST_F(ProjectDirectory, DrivesAnswerByIdTaskPathAndCharacter) {
     EXPECT_EQ(DiskManager::mediaOnlineChangeCount(), before + 2);
 }
 
-TEST_F(ProjectDirectory, CompanionFilesAreNotEligibleButMediaAndRegisteredFilesAre) {
+TEST_P(ProjectDirectory, CompanionFilesAreNotEligibleButMediaAndRegisteredFilesAre) {
     std::string src = source("movie.mov");
     Cookie v0 = convertCookie(importOne(src), 'V', 0);
     EXPECT_TRUE(SystemCache::isEligible(W("/x/other.MXF")));
@@ -286,7 +287,7 @@ TEST_F(ProjectDirectory, CompanionFilesAreNotEligibleButMediaAndRegisteredFilesA
     EXPECT_TRUE(SystemCache::isEligible(W(odd)));
 }
 
-TEST_F(ProjectDirectory, UnusualNamesRoundTripThroughImportAndReopening) {
+TEST_P(ProjectDirectory, UnusualNamesRoundTripThroughImportAndReopening) {
     std::string longDir(200, 'd'), longName(240, 'n');
     std::vector<std::string> names = {
         "with spaces/clip one.mov",

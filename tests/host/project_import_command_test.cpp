@@ -67,7 +67,7 @@ std::vector<std::string> unnamedFiles(ProjectDatabase& db, const fs::path& root)
         if (it->is_directory(ec) && !it->is_symlink(ec)) continue;
         const std::string relative = it->path().lexically_relative(root).string();
         ProjectDatabase::Read r(db);
-        sqlite::Query q(r.db(), "SELECT 1 FROM files WHERE path = ?1");
+        sql::Query q(r.db(), "SELECT 1 FROM files WHERE path = ?1");
         q.bind(1, relative);
         if (!q.next()) out.push_back(relative);
     }
@@ -76,7 +76,7 @@ std::vector<std::string> unnamedFiles(ProjectDatabase& db, const fs::path& root)
 
 std::string integrity(ProjectDatabase& db) {
     ProjectDatabase::Read r(db);
-    sqlite::Query q(r.db(), "PRAGMA integrity_check");
+    sql::Query q(r.db(), "PRAGMA integrity_check");
     return q.next() ? q.text(0).str() : "no answer";
 }
 
@@ -142,12 +142,13 @@ TEST(ImportCommand, KilledImportsLeaveNothingTheProjectDoesNotNameOnceItIsOpened
     EditManager::closeProject();
 }
 
-using ImportRecovery = ProjectTest;
+using ImportRecovery = OnBothDatabases<ProjectTest>;
+PLAYFILE_ON_BOTH_DATABASES(ImportRecovery);
 
 // What a killed import can leave, one case each: the next opening puts a stored clip's
 // pending file in place and removes the rest of it, and touches nothing else; while an
 // import runs it waits for another opening.
-TEST_F(ImportRecovery, AKilledImportsLeftoversArePutInPlaceOrRemovedAndNothingElse) {
+TEST_P(ImportRecovery, AKilledImportsLeftoversArePutInPlaceOrRemovedAndNothingElse) {
     const fs::path video = driveRoot / "video";
     Cookie stored = importClip("stored", source("a.mov"), 0), handedOut;
     {

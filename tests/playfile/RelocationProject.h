@@ -22,6 +22,7 @@ class RelocationProject : public ProjectTest {
 protected:
     void SetUp() override {
         ProjectTest::SetUp();
+        if (IsSkipped()) return;
         driveB = tmp.path() / "drive B";
         driveC = tmp.path() / "drive C";
         addDrive('B', driveB);

@@ -28,7 +28,10 @@ timespec modified(const fs::path& p) {
 
 } // namespace
 
-TEST_F(DownloadProject, LocalisedClipsReadTheSameFramesAndSamplesFromTheLocalCopy) {
+using DownloadTasks = OnBothDatabases<DownloadProject>;
+PLAYFILE_ON_BOTH_DATABASES(DownloadTasks);
+
+TEST_P(DownloadTasks, LocalisedClipsReadTheSameFramesAndSamplesFromTheLocalCopy) {
     const Cookie a = remoteClip("a", "a.frames"), twin = remoteClip("twin", "a.frames"), b = remoteClip("b", "b.frames");
     const Cookie here = clip("here", layout(8)); // on no remote location: left alone
     const int before[] = {pixel(video(a), 5), sample(sound(a, 2), 77), pixel(video(twin), 2)};
@@ -67,7 +70,7 @@ TEST_F(DownloadProject, LocalisedClipsReadTheSameFramesAndSamplesFromTheLocalCop
     (void)here;
 }
 
-TEST_F(DownloadProject, DownloadsAreNamedByClipOrByFileWithProxiesMarkedAndSharedFilesFetchedOnce) {
+TEST_P(DownloadTasks, DownloadsAreNamedByClipOrByFileWithProxiesMarkedAndSharedFilesFetchedOnce) {
     const Cookie a = remoteClip("Interview", "a.frames"), twin = remoteClip("Interview again", "a.frames");
     const Cookie b = remoteClip("Interview", "b.frames"); // the same name as a
     writeFile(remote / "a small.mov", "proxy bytes");
@@ -106,7 +109,7 @@ TEST_F(DownloadProject, DownloadsAreNamedByClipOrByFileWithProxiesMarkedAndShare
     EXPECT_EQ(physical(video(a)), (remote / "a.frames").string()) << "a download does not touch the project";
 }
 
-TEST_F(DownloadProject, HostileClipNamesDownloadToAFileInsideTheLocation) {
+TEST_P(DownloadTasks, HostileClipNamesDownloadToAFileInsideTheLocation) {
     const std::vector<std::string> names = {"a/b", "..", "../../escape", "x\ny", "/etc/passwd", std::string(300, 'n'),
                                             std::string(100, '\xC3') /* broken UTF-8 */, "\t"};
     std::vector<Cookie> clips;
@@ -139,7 +142,7 @@ TEST_F(DownloadProject, HostileClipNamesDownloadToAFileInsideTheLocation) {
     EXPECT_FALSE(fs::exists("/etc/passwd.frames"));
 }
 
-TEST_F(DownloadProject, ImageSequencesAreCopiedFrameByFrameIntoAFolder) {
+TEST_P(DownloadTasks, ImageSequencesAreCopiedFrameByFrameIntoAFolder) {
     for (int n = 0; n < 5; ++n) writeFile(remote / ("shot_009" + std::to_string(5 + n) + ".dpx"), std::string(100 + n, 'p'));
     ClipRecord r;
     r.name = W("shot");
@@ -159,7 +162,7 @@ TEST_F(DownloadProject, ImageSequencesAreCopiedFrameByFrameIntoAFolder) {
     EXPECT_EQ(physical(video(shot)), (folder / "shot_0095.dpx").string());
 }
 
-TEST_F(DownloadProject, AFailedCopyLeavesNothingAndKeepsTheClipOnItsRemoteMedia) {
+TEST_P(DownloadTasks, AFailedCopyLeavesNothingAndKeepsTheClipOnItsRemoteMedia) {
     const Cookie a = remoteClip("a", "a.frames");
     fs::remove(remote / "a.frames"); // the share lost it
     testing_support::LogCapture log;
@@ -172,7 +175,7 @@ TEST_F(DownloadProject, AFailedCopyLeavesNothingAndKeepsTheClipOnItsRemoteMedia)
     EXPECT_EQ(log.count("cancel download for " + (remote / "a.frames").string() + "\n"), 1);
 }
 
-TEST_F(DownloadProject, CancellingMidCopyEndsWithResult3NoMessageAndNoPartial) {
+TEST_P(DownloadTasks, CancellingMidCopyEndsWithResult3NoMessageAndNoPartial) {
     const fs::path big = remote / "big.frames";
     {
         std::string chunk(1 << 20, 'b');
@@ -237,7 +240,7 @@ TEST(DownloadSettings, JsonRoundTripAndRefusals) {
     }
 }
 
-TEST_F(DownloadProject, TaskTitlesNameOneLogOrCountSeveral) {
+TEST_P(DownloadTasks, TaskTitlesNameOneLogOrCountSeveral) {
     const Cookie a = remoteClip("Beach take 2", "a.frames"), b = remoteClip("b", "b.frames");
     const WString prefix = resourceStrW(kMsgLocaliseMedia);
     struct Case {
@@ -258,7 +261,7 @@ TEST_F(DownloadProject, TaskTitlesNameOneLogOrCountSeveral) {
     EXPECT_EQ(task->getProgress(), 0.0) << "a total of 0 bytes";
 }
 
-TEST_F(DownloadProject, RevealShowsThePresentFilesAndLogsTheMissingOnes) {
+TEST_P(DownloadTasks, RevealShowsThePresentFilesAndLogsTheMissingOnes) {
     const Cookie a = remoteClip("a", "a.frames"), gone = remoteClip("gone", "gone.frames");
     fs::remove(remote / "gone.frames");
     const std::string script = tmp.file("reveal.sh"), out = tmp.file("revealed.txt");
@@ -276,7 +279,7 @@ TEST_F(DownloadProject, RevealShowsThePresentFilesAndLogsTheMissingOnes) {
     EXPECT_EQ(readFile(out), (remote / "a.frames").string() + "\n") << "the browser was not asked again";
 }
 
-TEST_F(DownloadProject, ASourceNameTooLongForItsPartialIsCutToFit) {
+TEST_P(DownloadTasks, ASourceNameTooLongForItsPartialIsCutToFit) {
     const std::string name = std::string(244, 'L') + ".frames"; // 251 bytes: with ".partial", 259
     const Cookie a = remoteClip("long", name);
     auto task = finished(MaterialManager::localiseRemoteMedia(items({a}), kMediaHighRes, kNormal));

@@ -27,9 +27,10 @@ void expectAll(const std::vector<Answer>& cases, const std::function<bool(const 
     for (const Answer& c : cases) EXPECT_EQ(ask(c.item, c.types), c.expected) << c.what << " (types " << c.types << ")";
 }
 
-using MaterialQueries = MaterialProject;
+using MaterialQueries = OnBothDatabases<MaterialProject>;
+PLAYFILE_ON_BOTH_DATABASES(MaterialQueries);
 
-TEST_F(MaterialQueries, RemoteInALocalSpaceMeansALinkedFileOnARemoteLocation) {
+TEST_P(MaterialQueries, RemoteInALocalSpaceMeansALinkedFileOnARemoteLocation) {
     Cookie local = importNew(this->local, "local.mov");
     Cookie linkedRemote = importNew(remote, "remote.mov");
     Cookie copiedFromRemote = importNew(remote, "copied.mov", true);
@@ -61,7 +62,7 @@ TEST_F(MaterialQueries, RemoteInALocalSpaceMeansALinkedFileOnARemoteLocation) {
     EXPECT_TRUE(MaterialManager::logsReferToRemoteMedia(CookieVec{local, linkedRemote}, kMediaHighRes));
 }
 
-TEST_F(MaterialQueries, RemoteInARemoteSpaceMeansUnderAMountPointOrAnAvailableLinkedProxy) {
+TEST_P(MaterialQueries, RemoteInARemoteSpaceMeansUnderAMountPointOrAnAvailableLinkedProxy) {
     const auto server = tmp.path() / "server";
     Cookie underMount = importNew(server, "on server.mov");
     Cookie elsewhere = importNew(local, "here.mov");
@@ -101,7 +102,7 @@ TEST_F(MaterialQueries, RemoteInARemoteSpaceMeansUnderAMountPointOrAnAvailableLi
     }
 }
 
-TEST_F(MaterialQueries, LocalIsOnlyDefinedInARemoteSpace) {
+TEST_P(MaterialQueries, LocalIsOnlyDefinedInARemoteSpace) {
     const auto server = tmp.path() / "server";
     Cookie here = importNew(local, "here.mov");
     Cookie onServer = importNew(server, "there.mov");
@@ -133,7 +134,7 @@ TEST_F(MaterialQueries, LocalIsOnlyDefinedInARemoteSpace) {
     EXPECT_TRUE(MaterialManager::isMediaLocal(video(missingProxy), kMediaProxy)); // the one-cookie form
 }
 
-TEST_F(MaterialQueries, AvailabilityLooksAtTheFirstReferenceWithAnEntry) {
+TEST_P(MaterialQueries, AvailabilityLooksAtTheFirstReferenceWithAnEntry) {
     Cookie present = importNew(local, "present.mov");
     Cookie gone = importNew(local, "gone.mov");
     std::filesystem::remove(local / "gone.mov");
@@ -155,7 +156,7 @@ TEST_F(MaterialQueries, AvailabilityLooksAtTheFirstReferenceWithAnEntry) {
     EXPECT_TRUE(MaterialManager::isProxyMediaAvailable(proxyOnly));
 }
 
-TEST_F(MaterialQueries, ReferencesAddToTheOutputWithoutClearingIt) {
+TEST_P(MaterialQueries, ReferencesAddToTheOutputWithoutClearingIt) {
     Cookie a = importNew(local, "a.mov");
     Cookie b = importNew(local, "b.mov", false, 0, 1);
     EditPtr seq = makeSequence({{0, 1, Piece::eClip, a}, {1, 2, Piece::eFiller, {}}});
@@ -169,7 +170,7 @@ TEST_F(MaterialQueries, ReferencesAddToTheOutputWithoutClearingIt) {
     EXPECT_EQ(media.size(), 3u);
 }
 
-TEST_F(MaterialQueries, DownloadsFetchRemoteHighResOrWhatTheServerHoldsAndIsNotLocal) {
+TEST_P(MaterialQueries, DownloadsFetchRemoteHighResOrWhatTheServerHoldsAndIsNotLocal) {
     const auto server = tmp.path() / "server";
     Cookie linkedRemote = importNew(remote, "remote.mov");
     Cookie here = importNew(local, "here.mov");
@@ -194,7 +195,7 @@ TEST_F(MaterialQueries, DownloadsFetchRemoteHighResOrWhatTheServerHoldsAndIsNotL
     EXPECT_TRUE(MaterialManager::canDownload(CookieVec{here, onServer}, kMediaHighRes));
 }
 
-TEST_F(MaterialQueries, ImageClipsAnswerTheirFile) {
+TEST_P(MaterialQueries, ImageClipsAnswerTheirFile) {
     std::string png = makeFile(local / "still.png", 64);
     Cookie image = importPath(png, false, 1, 0);
     Cookie movie = importNew(local, "movie.mov");

@@ -65,7 +65,10 @@ std::wstring toProcess(int n) { return std::to_wstring(n) + L" file(s) to proces
 
 } // namespace
 
-TEST_F(RelocationProject, ItemsFormCopiesOrMovesAndReportsExactly) {
+using RelocationTasks = OnBothDatabases<RelocationProject>;
+PLAYFILE_ON_BOTH_DATABASES(RelocationTasks);
+
+TEST_P(RelocationTasks, ItemsFormCopiesOrMovesAndReportsExactly) {
     for (auto type : {MaterialMove::eCopy, MaterialMove::eMove}) {
         SCOPED_TRACE(int(type));
         freshLog();
@@ -86,7 +89,7 @@ TEST_F(RelocationProject, ItemsFormCopiesOrMovesAndReportsExactly) {
     }
 }
 
-TEST_F(RelocationProject, ItemsFormCountsWhatItLeavesOut) {
+TEST_P(RelocationTasks, ItemsFormCountsWhatItLeavesOut) {
     Cookie gone = clipOnA("gone.mov", 100), there = clipOnA("there.mov", 100);
     relocate({there}, MaterialMove::eMove);
     ASSERT_EQ(driveOf(there), 'B');
@@ -103,7 +106,7 @@ TEST_F(RelocationProject, ItemsFormCountsWhatItLeavesOut) {
 
 // The records of a drive's shots hold their files that lie elsewhere, such as a proxy on
 // another drive; a drive whose shots have nothing elsewhere has nothing to relocate.
-TEST_F(RelocationProject, DriveToDriveTakesTheFilesOfTheDrivesShotsThatLieElsewhere) {
+TEST_P(RelocationTasks, DriveToDriveTakesTheFilesOfTheDrivesShotsThatLieElsewhere) {
     clipOnA("plain.mov", 100);
     Cookie proxied = clipOnA("proxied.mov", 100);
     const fs::path proxy = driveC / "video" / "proxied.proxy.mov";
@@ -131,7 +134,7 @@ TEST_F(RelocationProject, DriveToDriveTakesTheFilesOfTheDrivesShotsThatLieElsewh
     EXPECT_EQ(lines(), (Lines{kBuilding, text(10915)}));
 }
 
-TEST_F(RelocationProject, LogicalFilesHoldWhatMustTravelWithItsSize) {
+TEST_P(RelocationTasks, LogicalFilesHoldWhatMustTravelWithItsSize) {
     Cookie a = clipOnA("a.mov", 1234);
     const fs::path proxy = driveB / "video" / "a.proxy.mov";
     makeFile(proxy, 56, 'p');
@@ -161,7 +164,7 @@ TEST_F(RelocationProject, LogicalFilesHoldWhatMustTravelWithItsSize) {
     EXPECT_EQ(ToolsGetfilesize(nullptr), 0u);
 }
 
-TEST_F(RelocationProject, AFileAlreadyAtTheDestinationIsNeitherOverwrittenNorRegistered) {
+TEST_P(RelocationTasks, AFileAlreadyAtTheDestinationIsNeitherOverwrittenNorRegistered) {
     Cookie a = clipOnA("a.mov", 1000), b = clipOnA("b.mov", 1000);
     makeFile(on(driveB, a), 10, 'z');
     relocate({a, b}, MaterialMove::eMove);
@@ -173,7 +176,7 @@ TEST_F(RelocationProject, AFileAlreadyAtTheDestinationIsNeitherOverwrittenNorReg
 
 // A clip's video and sound materials share one file: it is copied once, and a move points
 // every one of them at the copy.
-TEST_F(RelocationProject, AMoveRepointsEveryMaterialSharingAFile) {
+TEST_P(RelocationTasks, AMoveRepointsEveryMaterialSharingAFile) {
     ImportOptions o;
     o.copy = true;
     o.drive = DriveId('A');
@@ -196,7 +199,7 @@ TEST_F(RelocationProject, AMoveRepointsEveryMaterialSharingAFile) {
 // Media linked from a drive's folder moves to the same place on the destination, and the
 // destination gets a link file naming it. A description beside it travels with it; a
 // second media file of the same name, which the directory would manage, does not.
-TEST_F(RelocationProject, LinkedMediaInADrivesFolderMovesWithItsCompanions) {
+TEST_P(RelocationTasks, LinkedMediaInADrivesFolderMovesWithItsCompanions) {
     const fs::path media = driveC / "video" / "interview.mov";
     makeFile(media, 4000, 'i');
     writeFile(driveC / "video" / "interview.xml", "<clip/>");
@@ -222,14 +225,14 @@ TEST_F(RelocationProject, LinkedMediaInADrivesFolderMovesWithItsCompanions) {
 }
 
 // A file held on a drive is named after its material; its header sidecar travels with it.
-TEST_F(RelocationProject, AHeldFilesHeaderTravelsWithIt) {
+TEST_P(RelocationTasks, AHeldFilesHeaderTravelsWithIt) {
     Cookie a = clipOnA("a.mov", 1000);
     writeFile(fs::path(osPath(a)).replace_extension(".hdr"), "header");
     relocate({a}, MaterialMove::eCopy);
     EXPECT_EQ(readFile(on(driveB, a).replace_extension(".hdr")), "header");
 }
 
-TEST_F(RelocationProject, AFileThatFailsToCopyIsLoggedAndSkipped) {
+TEST_P(RelocationTasks, AFileThatFailsToCopyIsLoggedAndSkipped) {
     Cookie a = clipOnA("a.mov", 100), b = clipOnA("b.mov", 200), c = clipOnA("c.mov", 300);
     FaultyCopies files;
     files.failing = {{U(stripPath(W(osPath(a)))), iFileManager::eCopyFailed},
@@ -248,7 +251,7 @@ TEST_F(RelocationProject, AFileThatFailsToCopyIsLoggedAndSkipped) {
     EXPECT_EQ(driveOf(c), 'B');
 }
 
-TEST_F(RelocationProject, EscapeStopsBetweenFilesAndTheClosingStepsStillRun) {
+TEST_P(RelocationTasks, EscapeStopsBetweenFilesAndTheClosingStepsStillRun) {
     Cookie a = clipOnA("a.mov", 100), b = clipOnA("b.mov", 200);
     FaultyCopies files;
     files.afterCopy = [] { g_esc_pressed = true; };
@@ -264,7 +267,7 @@ TEST_F(RelocationProject, EscapeStopsBetweenFilesAndTheClosingStepsStillRun) {
     EXPECT_EQ(SystemWatchdog::lifeSupportCount(), lifeSupport);
 }
 
-TEST_F(RelocationProject, ProgressFollowsBytes) {
+TEST_P(RelocationTasks, ProgressFollowsBytes) {
     Cookie a = clipOnA("a.mov", 1 << 20), b = clipOnA("b.mov", 3 << 20);
     auto recorder = Zn::makePtr<ProgressRecorder>();
     CookieVec items;
@@ -279,7 +282,7 @@ TEST_F(RelocationProject, ProgressFollowsBytes) {
 }
 
 // On a real 1 MiB volume where mounting is permitted, else with the free space replaced.
-TEST_F(RelocationProject, FreeSpaceEqualToTheTotalIsRefusedAndNothingIsCopied) {
+TEST_P(RelocationTasks, FreeSpaceEqualToTheTotalIsRefusedAndNothingIsCopied) {
     const fs::path small = tmp.path() / "small drive";
     fs::create_directories(small);
     const bool mounted = ::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=1m") == 0;

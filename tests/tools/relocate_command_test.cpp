@@ -152,7 +152,7 @@ TEST_F(RelocateCommand, KilledMidFileLeavesNothingHalfDoneAndARunAgainCompletes)
         ASSERT_TRUE(EditManager::openProject(fromUTF8(tmp.file("proj").c_str()), false, &error)) << toUTF8(error).c_str();
         {
             ProjectDatabase::Read r(*EditManager::getProjdb());
-            sqlite::Query q(r.db(), "PRAGMA integrity_check");
+            sql::Query q(r.db(), "PRAGMA integrity_check");
             ASSERT_TRUE(q.next());
             EXPECT_EQ(q.text(0).str(), "ok");
         }
