@@ -13,16 +13,17 @@ extern "C" const char* __asan_default_options() { return "alloc_dealloc_mismatch
 extern "C" const char* __asan_default_options() { return "alloc_dealloc_mismatch=0:detect_leaks=1"; }
 #endif
 
-// FFmpeg's libraries are not built with ThreadSanitizer: their frame and slice threads hand
-// pictures over through atomics it cannot see, so every buffer a decoder thread fills and
-// the caller frees looks like a race. Reports whose stacks pass through them are dropped;
-// races between the project's own threads still show.
+// FFmpeg's libraries and the x265 encoder they drive are not built with ThreadSanitizer:
+// their frame, slice and row threads hand pictures over through atomics it cannot see, so
+// every buffer a codec thread fills and the caller frees looks like a race. Reports whose
+// stacks pass through them are dropped; races between the project's own threads still show.
 extern "C" const char* __tsan_default_suppressions() {
     return "race:libavcodec.so\n"
            "race:libavutil.so\n"
            "race:libavformat.so\n"
            "race:libswscale.so\n"
-           "race:libswresample.so\n";
+           "race:libswresample.so\n"
+           "race:libx265.so\n";
 }
 
 // libx265 (3.5, as Debian ships it) keeps one allocation of every encoder it opens after
